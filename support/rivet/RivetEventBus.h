@@ -1,0 +1,112 @@
+// Event buses. A bus delivers every published event to each of its subscribers exactly once, in
+// publish order, on the bus's own delivery thread and never inside beginPublish.
+//
+// Thread safety: publish, subscribe and unsubscribe from any thread. A subscriber sees an event
+// when it was subscribed at the moment of publication and is still subscribed at delivery. After
+// unsubscribe returns (from any thread but the delivery thread) the subscriber is not running and
+// will not be called again. Destroying a bus delivers what was already published, then joins its
+// thread.
+#pragma once
+
+#include <concepts>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "support/rivet/RivetLogging.h"
+#include "support/rivet/RivetSerialQueue.h"
+#include "support/rivet/RivetVia.h"
+
+namespace rivet {
+
+// The type-level identifier of an event type. By default the event's static `identifier()`;
+// specialise it for types that cannot have one.
+template <class Event>
+struct RivetEventIdentifier {
+  static std::string_view identifier() { return Event::identifier(); }
+};
+
+// An event that can travel on a bus: a copyable value with a type-level identifier.
+template <class Event>
+concept RivetEventBusable = std::copy_constructible<Event> && requires {
+  { RivetEventIdentifier<Event>::identifier() } -> std::convertible_to<std::string_view>;
+};
+
+// A handle on one subscription, for unsubscribing.
+struct RivetSubscription {
+  std::uint64_t id = 0;
+  friend bool operator==(const RivetSubscription&, const RivetSubscription&) = default;
+};
+
+// The type-independent machinery behind RivetEventBus.
+class RivetEventBusCore {
+ public:
+  using Handler = std::function<void(const void* event, const RivetVia& via)>;
+
+  RivetEventBusCore(std::string identifier, std::shared_ptr<RivetLogging> logger);
+  ~RivetEventBusCore();
+
+  RivetSubscription subscribe(Handler handler);
+  void unsubscribe(RivetSubscription subscription);
+  void publish(std::shared_ptr<const void> event, const RivetVia& via);
+  void waitUntilDelivered();
+  bool isDeliveryThread() const { return queue_.isCurrent(); }
+  std::size_t subscriberCount() const;
+
+ private:
+  struct State {
+    std::string identifier;
+    std::shared_ptr<RivetLogging> logger;
+    std::mutex mutex;
+    std::condition_variable idle;
+    std::map<std::uint64_t, std::shared_ptr<Handler>> handlers;
+    std::uint64_t nextId = 1;
+    std::uint64_t delivering = 0;
+  };
+  static void deliver(const std::shared_ptr<State>& state, const std::vector<std::uint64_t>& recipients,
+                      const std::shared_ptr<const void>& event, const std::shared_ptr<const RivetVia>& via);
+
+  std::shared_ptr<State> state_;
+  RivetSerialQueue queue_;  // last: destroyed first, delivering what is still queued
+};
+
+template <RivetEventBusable Event>
+class RivetEventBus {
+ public:
+  using Subscriber = std::function<void(const Event& event, const RivetVia& via)>;
+
+  // The logger receives failures of subscribers (an exception escaping one is reported, and
+  // delivery goes on).
+  explicit RivetEventBus(std::shared_ptr<RivetLogging> logger)
+      : core_(std::string(RivetEventIdentifier<Event>::identifier()), std::move(logger)) {}
+
+  static std::string_view identifier() { return RivetEventIdentifier<Event>::identifier(); }
+
+  RivetSubscription subscribe(Subscriber subscriber) {
+    return core_.subscribe([subscriber = std::move(subscriber)](const void* event, const RivetVia& via) {
+      subscriber(*static_cast<const Event*>(event), via);
+    });
+  }
+  void unsubscribe(RivetSubscription subscription) { core_.unsubscribe(subscription); }
+
+  // Queues the event for delivery and returns at once; the subscribers receive `via`.
+  void beginPublish(Event event, const RivetVia& via) {
+    core_.publish(std::make_shared<const Event>(std::move(event)), via);
+  }
+
+  // Blocks until every event published before the call has been delivered. From the delivery
+  // thread itself it returns at once.
+  void waitUntilDelivered() { core_.waitUntilDelivered(); }
+  bool isDeliveryThread() const { return core_.isDeliveryThread(); }
+  std::size_t subscriberCount() const { return core_.subscriberCount(); }
+
+ private:
+  RivetEventBusCore core_;
+};
+
+}  // namespace rivet

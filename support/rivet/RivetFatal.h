@@ -1,0 +1,12 @@
+// Stopping the process on a broken invariant.
+#pragma once
+
+#include <string_view>
+
+namespace rivet {
+
+// Prints "Fatal error: <message>" to stderr and aborts. Used where the platform breaks a contract
+// that the library relies on; never returns, in every build mode.
+[[noreturn]] void fatalError(std::string_view message);
+
+}  // namespace rivet

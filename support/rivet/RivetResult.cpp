@@ -1,0 +1,11 @@
+#include "support/rivet/RivetResult.h"
+
+namespace rivet {
+
+struct RivetResultVoidSuccessMaker {
+  static RivetResult<void> make() { return RivetResult<void>(); }
+};
+
+const RivetResult<void> RivetResultVoidSuccess = RivetResultVoidSuccessMaker::make();
+
+}  // namespace rivet

@@ -1,0 +1,49 @@
+#include "support/keel/KeelManagerBase.h"
+
+#include <algorithm>
+#include <string>
+
+namespace keel {
+
+using rivet::RivetResult;
+using rivet::RivetResultVoidSuccess;
+using rivet::RivetVia;
+
+RivetResult<void> KeelManagerBase::setUp(const RivetVia&) { return RivetResultVoidSuccess; }
+RivetResult<void> KeelManagerBase::tearDown(const RivetVia&) { return RivetResultVoidSuccess; }
+RivetResult<void> KeelManagerBase::allManagersWillSetUp(const RivetVia&) { return RivetResultVoidSuccess; }
+RivetResult<void> KeelManagerBase::allManagersDidSetUp(const RivetVia&) { return RivetResultVoidSuccess; }
+RivetResult<void> KeelManagerBase::allManagersWillTearDown(const RivetVia&) { return RivetResultVoidSuccess; }
+RivetResult<void> KeelManagerBase::allManagersDidTearDown(const RivetVia&) { return RivetResultVoidSuccess; }
+RivetResult<void> KeelManagerBase::allManagersWillReceiveApplicationDidBecomeActive(const RivetVia&) {
+  return RivetResultVoidSuccess;
+}
+RivetResult<void> KeelManagerBase::allManagersDidReceiveApplicationDidBecomeActive(const RivetVia&) {
+  return RivetResultVoidSuccess;
+}
+RivetResult<void> KeelManagerBase::allManagersWillReceiveApplicationDidEnterBackground(const RivetVia&) {
+  return RivetResultVoidSuccess;
+}
+RivetResult<void> KeelManagerBase::allManagersDidReceiveApplicationDidEnterBackground(const RivetVia&) {
+  return RivetResultVoidSuccess;
+}
+RivetResult<void> KeelManagerBase::applicationDidBecomeActive(const RivetVia&) { return RivetResultVoidSuccess; }
+RivetResult<void> KeelManagerBase::applicationDidEnterBackground(const RivetVia&) { return RivetResultVoidSuccess; }
+
+RivetResult<void> KeelManagerBase::ensureDependencies(const std::vector<KeelManagerRunningState>& match) const {
+  for (const auto& dependency : managersDirectlyDependedUpon()) {
+    if (!dependency)
+      return RivetResult<void>("Manager depends upon a null manager", rivet::RivetArgs{{"manager", identifier()}},
+                               "KeelManagerBase", "ensureDependencies(match:)", __LINE__);
+    auto state = dependency->runningState();
+    if (std::find(match.begin(), match.end(), state) == match.end())
+      return RivetResult<void>("Dependency is not in a required running state",
+                               rivet::RivetArgs{{"manager", identifier()},
+                                                {"dependency", dependency->identifier()},
+                                                {"runningState", std::string(description(state))}},
+                               "KeelManagerBase", "ensureDependencies(match:)", __LINE__);
+  }
+  return RivetResultVoidSuccess;
+}
+
+}  // namespace keel

@@ -1,0 +1,41 @@
+#include "support/platform/Date.h"
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+
+namespace platform {
+
+Date Date::now() {
+  auto since1970 = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+  return fromTimeIntervalSince1970(since1970);
+}
+
+std::string Date::iso8601() const {
+  double since1970 = timeIntervalSince1970();
+  if (!std::isfinite(since1970)) return std::isnan(since1970) ? "nan" : (since1970 < 0 ? "-inf" : "inf");
+  double wholeSeconds = std::floor(since1970);
+  double fraction = since1970 - wholeSeconds;
+  // Days and seconds of the day, then the civil date of the day count (proleptic Gregorian).
+  double days = std::floor(wholeSeconds / 86400.0);
+  long long secondOfDay = static_cast<long long>(wholeSeconds - days * 86400.0);
+  std::chrono::sys_days day{std::chrono::days{static_cast<long long>(days)}};
+  std::chrono::year_month_day civil{day};
+  char buffer[96];
+  std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02uT%02lld:%02lld:%02lld", static_cast<int>(civil.year()),
+                static_cast<unsigned>(civil.month()), static_cast<unsigned>(civil.day()), secondOfDay / 3600,
+                secondOfDay / 60 % 60, secondOfDay % 60);
+  std::string text = buffer;
+  if (fraction > 0) {
+    char digits[32];
+    std::snprintf(digits, sizeof digits, "%.6f", fraction);
+    std::string decimals = digits + 1;  // ".xxxxxx"
+    while (decimals.size() > 2 && decimals.back() == '0') decimals.pop_back();
+    if (decimals != ".0" && decimals != ".000000") text += decimals;
+  }
+  return text + "Z";
+}
+
+std::ostream& operator<<(std::ostream& out, Date date) { return out << date.iso8601(); }
+
+}  // namespace platform

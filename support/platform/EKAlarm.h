@@ -1,0 +1,24 @@
+// An alarm of a calendar item: absolute, relative to the start, or on entering or leaving a place.
+#pragma once
+
+#include <memory>
+#include <optional>
+
+#include "support/platform/Date.h"
+#include "support/platform/EKStructuredLocation.h"
+#include "support/platform/EKTypes.h"
+#include "support/platform/NSObject.h"
+
+namespace platform {
+
+class EKAlarm : public NSObject {
+ public:
+  virtual std::optional<Date> absoluteDate() const = 0;
+  virtual EKAlarmProximity proximity() const = 0;
+  // Seconds from the item's start; negative before it.
+  virtual double relativeOffset() const = 0;
+  virtual std::shared_ptr<EKStructuredLocation> structuredLocation() const = 0;
+  virtual EKAlarmType type() const = 0;
+};
+
+}  // namespace platform

@@ -1,0 +1,38 @@
+// What events and reminders have in common. Attributes the platform may omit are optional (or
+// null pointers); an absent list is distinct from an empty one.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "support/platform/Date.h"
+#include "support/platform/EKAlarm.h"
+#include "support/platform/EKCalendar.h"
+#include "support/platform/EKParticipant.h"
+#include "support/platform/EKRecurrenceRule.h"
+#include "support/platform/NSObject.h"
+#include "support/platform/TimeZone.h"
+#include "support/platform/URL.h"
+
+namespace platform {
+
+class EKCalendarItem : public NSObject {
+ public:
+  virtual std::shared_ptr<EKCalendar> calendar() const = 0;
+  virtual std::string calendarItemIdentifier() const = 0;
+  virtual std::optional<std::string> calendarItemExternalIdentifier() const = 0;
+  virtual std::optional<Date> creationDate() const = 0;
+  virtual std::optional<Date> lastModifiedDate() const = 0;
+  virtual std::optional<std::string> location() const = 0;
+  virtual std::optional<std::string> notes() const = 0;
+  virtual std::optional<platform::URL> URL() const = 0;
+  virtual std::optional<TimeZone> timeZone() const = 0;
+  virtual std::optional<std::string> title() const = 0;
+  virtual std::optional<std::vector<std::shared_ptr<EKAlarm>>> alarms() const = 0;
+  virtual std::optional<std::vector<std::shared_ptr<EKParticipant>>> attendees() const = 0;
+  virtual std::optional<std::vector<std::shared_ptr<EKRecurrenceRule>>> recurrenceRules() const = 0;
+};
+
+}  // namespace platform

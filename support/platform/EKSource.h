@@ -1,0 +1,18 @@
+// An account that calendars belong to.
+#pragma once
+
+#include <string>
+
+#include "support/platform/EKTypes.h"
+#include "support/platform/NSObject.h"
+
+namespace platform {
+
+class EKSource : public NSObject {
+ public:
+  virtual std::string sourceIdentifier() const = 0;
+  virtual EKSourceType sourceType() const = 0;
+  virtual std::string title() const = 0;
+};
+
+}  // namespace platform

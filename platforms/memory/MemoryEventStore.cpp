@@ -1,0 +1,325 @@
+#include "platforms/memory/MemoryEventStore.h"
+
+#include <algorithm>
+#include <chrono>
+#include <limits>
+
+#include "platforms/memory/MemoryScreens.h"
+
+namespace vesp::memory {
+
+using platform::Date;
+using platform::EKEntityType;
+
+MemoryWorld::MemoryWorld()
+    : center_(std::make_shared<platform::NSNotificationCenter>()), screenLog_(std::make_shared<MemoryScreenLog>()) {}
+
+MemoryWorld::~MemoryWorld() = default;
+
+void MemoryWorld::addSource(std::shared_ptr<MemorySource> source) {
+  std::lock_guard lock(mutex_);
+  sources_.push_back(std::move(source));
+}
+void MemoryWorld::addCalendar(std::shared_ptr<MemoryCalendar> calendar) {
+  std::lock_guard lock(mutex_);
+  calendars_.push_back(std::move(calendar));
+}
+void MemoryWorld::addEvent(std::shared_ptr<MemoryEvent> event) {
+  std::lock_guard lock(mutex_);
+  if (std::find(events_.begin(), events_.end(), event) == events_.end()) events_.push_back(std::move(event));
+}
+void MemoryWorld::addReminder(std::shared_ptr<MemoryReminder> reminder) {
+  std::lock_guard lock(mutex_);
+  if (std::find(reminders_.begin(), reminders_.end(), reminder) == reminders_.end())
+    reminders_.push_back(std::move(reminder));
+}
+bool MemoryWorld::removeEvent(const platform::EKEvent* event) {
+  std::lock_guard lock(mutex_);
+  return std::erase_if(events_, [&](const auto& e) { return e.get() == event; }) > 0;
+}
+bool MemoryWorld::removeReminder(const platform::EKReminder* reminder) {
+  std::lock_guard lock(mutex_);
+  return std::erase_if(reminders_, [&](const auto& r) { return r.get() == reminder; }) > 0;
+}
+void MemoryWorld::removeCalendar(const std::string& calendarIdentifier) {
+  std::lock_guard lock(mutex_);
+  std::erase_if(calendars_, [&](const auto& c) { return c->fields().calendarIdentifier == calendarIdentifier; });
+}
+std::vector<std::shared_ptr<MemorySource>> MemoryWorld::sources() const {
+  std::lock_guard lock(mutex_);
+  return sources_;
+}
+std::vector<std::shared_ptr<MemoryCalendar>> MemoryWorld::calendars() const {
+  std::lock_guard lock(mutex_);
+  return calendars_;
+}
+std::vector<std::shared_ptr<MemoryEvent>> MemoryWorld::events() const {
+  std::lock_guard lock(mutex_);
+  return events_;
+}
+std::vector<std::shared_ptr<MemoryReminder>> MemoryWorld::reminders() const {
+  std::lock_guard lock(mutex_);
+  return reminders_;
+}
+
+void MemoryWorld::setAuthorizationStatus(EKEntityType entityType, platform::EKAuthorizationStatus status) {
+  std::lock_guard lock(mutex_);
+  statuses_[entityType] = status;
+}
+platform::EKAuthorizationStatus MemoryWorld::authorizationStatus(EKEntityType entityType) const {
+  std::lock_guard lock(mutex_);
+  auto found = statuses_.find(entityType);
+  return found == statuses_.end() ? platform::EKAuthorizationStatusNotDetermined : found->second;
+}
+
+void MemoryWorld::setAccessAnswer(EKEntityType entityType, MemoryAccessAnswer answer) {
+  std::lock_guard lock(mutex_);
+  accessAnswers_[entityType] = std::move(answer);
+}
+MemoryAccessAnswer MemoryWorld::accessAnswer(EKEntityType entityType) const {
+  std::lock_guard lock(mutex_);
+  auto found = accessAnswers_.find(entityType);
+  return found == accessAnswers_.end() ? MemoryAccessAnswer{} : found->second;
+}
+std::vector<MemoryAccessRequest> MemoryWorld::accessRequests() const {
+  std::lock_guard lock(mutex_);
+  return accessRequests_;
+}
+std::size_t MemoryWorld::recordAccessRequest(EKEntityType entityType) {
+  std::lock_guard lock(mutex_);
+  accessRequests_.push_back(MemoryAccessRequest{entityType, false});
+  return accessRequests_.size() - 1;
+}
+void MemoryWorld::markAccessRequestAnswered(std::size_t index) {
+  std::lock_guard lock(mutex_);
+  accessRequests_.at(index).answered = true;
+}
+
+void MemoryWorld::scriptReminderFetches(std::vector<MemoryFetchScript> scripts) {
+  std::lock_guard lock(mutex_);
+  fetchScripts_.assign(scripts.begin(), scripts.end());
+}
+void MemoryWorld::setDefaultFetchScript(MemoryFetchScript script) {
+  std::lock_guard lock(mutex_);
+  defaultFetchScript_ = script;
+}
+std::size_t MemoryWorld::reminderFetchCount() const {
+  std::lock_guard lock(mutex_);
+  return fetchCount_;
+}
+MemoryFetchScript MemoryWorld::takeFetchScript() {
+  std::lock_guard lock(mutex_);
+  ++fetchCount_;
+  if (fetchScripts_.empty()) return defaultFetchScript_;
+  MemoryFetchScript script = fetchScripts_.front();
+  fetchScripts_.pop_front();
+  return script;
+}
+
+void MemoryWorld::registerStore(const std::shared_ptr<MemoryEventStore>& store) {
+  std::lock_guard lock(mutex_);
+  std::erase_if(stores_, [](const auto& weak) { return weak.expired(); });
+  stores_.push_back(store);
+}
+std::vector<std::shared_ptr<MemoryEventStore>> MemoryWorld::stores() const {
+  std::lock_guard lock(mutex_);
+  std::vector<std::shared_ptr<MemoryEventStore>> alive;
+  for (const auto& weak : stores_)
+    if (auto store = weak.lock()) alive.push_back(std::move(store));
+  return alive;
+}
+void MemoryWorld::postStoreChanged() {
+  for (const auto& store : stores()) store->postChanged();
+}
+
+std::string MemoryWorld::nextIdentifier(const std::string& prefix) {
+  std::lock_guard lock(mutex_);
+  return prefix + "-" + std::to_string(++counters_[prefix]);
+}
+
+// The store.
+
+std::shared_ptr<MemoryEventStore> MemoryEventStore::make(std::shared_ptr<MemoryWorld> world) {
+  auto store = std::shared_ptr<MemoryEventStore>(new MemoryEventStore(world));
+  world->registerStore(store);
+  return store;
+}
+
+namespace {
+
+bool calendarSelected(const platform::EKEventStore::CalendarList& calendars,
+                      const std::shared_ptr<platform::EKCalendar>& calendar) {
+  if (!calendars) return true;
+  if (!calendar) return false;
+  std::string identifier = calendar->calendarIdentifier();
+  return std::any_of(calendars->begin(), calendars->end(),
+                     [&](const auto& wanted) { return wanted && wanted->calendarIdentifier() == identifier; });
+}
+
+bool withinBounds(const std::optional<Date>& date, const std::optional<Date>& starting,
+                  const std::optional<Date>& ending) {
+  if (!date) return !starting && !ending;
+  if (starting && *date < *starting) return false;
+  if (ending && !(*date < *ending)) return false;
+  return true;
+}
+
+}  // namespace
+
+std::optional<Date> memoryDueDate(const platform::DateComponents& c) {
+  if (!c.year) return std::nullopt;
+  using namespace std::chrono;
+  auto ymd = year{static_cast<int>(*c.year)} / month{static_cast<unsigned>(c.month.value_or(1))} /
+             day{static_cast<unsigned>(c.day.value_or(1))};
+  double days = static_cast<double>(sys_days{ymd}.time_since_epoch().count());
+  double seconds = days * 86400.0 + static_cast<double>(c.hour.value_or(0) * 3600 + c.minute.value_or(0) * 60 +
+                                                        c.second.value_or(0));
+  return Date::fromTimeIntervalSince1970(seconds);
+}
+
+std::vector<std::shared_ptr<platform::EKCalendar>> MemoryEventStore::calendarsForEntityType(EKEntityType entityType) {
+  std::vector<std::shared_ptr<platform::EKCalendar>> list;
+  if (entityType != platform::EKEntityTypeEvent && entityType != platform::EKEntityTypeReminder) return list;
+  platform::EKEntityMask bit = entityType == platform::EKEntityTypeEvent ? platform::EKEntityMaskEvent
+                                                                          : platform::EKEntityMaskReminder;
+  for (const auto& calendar : world_->calendars())
+    if (calendar->fields().allowedEntityTypes & bit) list.push_back(calendar);
+  return list;
+}
+
+std::shared_ptr<platform::EKPredicate> MemoryEventStore::predicateForEventsWithStartDate(Date startDate, Date endDate,
+                                                                                       const CalendarList& calendars) {
+  return std::make_shared<MemoryEventPredicate>(startDate, endDate, calendars);
+}
+
+std::vector<std::shared_ptr<platform::EKEvent>> MemoryEventStore::eventsMatchingPredicate(
+    const std::shared_ptr<platform::EKPredicate>& predicate) {
+  std::vector<std::shared_ptr<platform::EKEvent>> matches;
+  auto query = std::dynamic_pointer_cast<MemoryEventPredicate>(predicate);
+  if (!query) return matches;
+  std::vector<std::pair<std::optional<Date>, std::shared_ptr<platform::EKEvent>>> found;
+  for (const auto& event : world_->events()) {
+    auto f = event->fields();
+    if (!calendarSelected(query->calendars, f.item.calendar)) continue;
+    if (f.startDate && f.endDate) {
+      bool overlaps = *f.endDate == *f.startDate
+                          ? !(*f.startDate < query->start) && *f.startDate < query->end
+                          : *f.startDate < query->end && query->start < *f.endDate;
+      if (!overlaps) continue;
+    }
+    found.emplace_back(f.startDate, event);
+  }
+  std::stable_sort(found.begin(), found.end(), [](const auto& a, const auto& b) {
+    if (!a.first || !b.first) return !a.first && b.first;
+    return *a.first < *b.first;
+  });
+  for (auto& entry : found) matches.push_back(std::move(entry.second));
+  return matches;
+}
+
+std::shared_ptr<platform::EKEvent> MemoryEventStore::eventWithIdentifier(const std::string& identifier) {
+  std::shared_ptr<MemoryEvent> best;
+  std::optional<Date> bestDate;
+  for (const auto& event : world_->events()) {
+    auto f = event->fields();
+    if (f.eventIdentifier != identifier) continue;
+    bool better = !best || (f.occurrenceDate && (!bestDate || *f.occurrenceDate < *bestDate));
+    if (better) {
+      best = event;
+      bestDate = f.occurrenceDate;
+    }
+  }
+  return best;
+}
+
+std::shared_ptr<platform::EKPredicate> MemoryEventStore::predicateForIncompleteRemindersWithDueDateStarting(
+    std::optional<Date> starting, std::optional<Date> ending, const CalendarList& calendars) {
+  return std::make_shared<MemoryReminderPredicate>(MemoryReminderPredicate::Kind::incompleteByDueDate, starting,
+                                                   ending, calendars);
+}
+
+std::shared_ptr<platform::EKPredicate> MemoryEventStore::predicateForCompletedRemindersWithCompletionDateStarting(
+    std::optional<Date> starting, std::optional<Date> ending, const CalendarList& calendars) {
+  return std::make_shared<MemoryReminderPredicate>(MemoryReminderPredicate::Kind::completedByCompletionDate, starting,
+                                                   ending, calendars);
+}
+
+std::vector<std::shared_ptr<platform::EKReminder>> MemoryEventStore::remindersMatchingPredicate(
+    const std::shared_ptr<platform::EKPredicate>& predicate) const {
+  std::vector<std::shared_ptr<platform::EKReminder>> matches;
+  auto query = std::dynamic_pointer_cast<MemoryReminderPredicate>(predicate);
+  if (!query) return matches;
+  for (const auto& reminder : world_->reminders()) {
+    auto f = reminder->fields();
+    if (!calendarSelected(query->calendars, f.item.calendar)) continue;
+    bool selected = query->kind == MemoryReminderPredicate::Kind::incompleteByDueDate
+                        ? !f.isCompleted && withinBounds(f.dueDateComponents ? memoryDueDate(*f.dueDateComponents)
+                                                                             : std::nullopt,
+                                                         query->starting, query->ending)
+                        : f.isCompleted && withinBounds(f.completionDate, query->starting, query->ending);
+    if (selected) matches.push_back(reminder);
+  }
+  return matches;
+}
+
+std::string MemoryEventStore::fetchRemindersMatchingPredicate(const std::shared_ptr<platform::EKPredicate>& predicate,
+                                                              ReminderFetchCompletion completion) {
+  std::string identifier = world_->nextIdentifier("memory-fetch");
+  MemoryFetchScript script = world_->takeFetchScript();
+  std::optional<std::vector<std::shared_ptr<platform::EKReminder>>> answer;
+  if (!script.deliversNil && std::dynamic_pointer_cast<MemoryReminderPredicate>(predicate))
+    answer = remindersMatchingPredicate(predicate);
+  world_->deliveries().deliver(script.delivery, [completion = std::move(completion), answer = std::move(answer)] {
+    completion(answer);
+  });
+  return identifier;
+}
+
+std::shared_ptr<platform::EKCalendarItem> MemoryEventStore::calendarItemWithIdentifier(const std::string& identifier) {
+  for (const auto& event : world_->events())
+    if (event->fields().item.calendarItemIdentifier == identifier) return event;
+  for (const auto& reminder : world_->reminders())
+    if (reminder->fields().item.calendarItemIdentifier == identifier) return reminder;
+  return nullptr;
+}
+
+void MemoryEventStore::requestAccessToEntityType(EKEntityType entityType, AccessCompletion completion) {
+  std::size_t request = world_->recordAccessRequest(entityType);
+  MemoryAccessAnswer answer = world_->accessAnswer(entityType);
+  // The task holds the world weakly: a held answer must not keep the world alive.
+  std::weak_ptr<MemoryWorld> weakWorld = world_;
+  world_->deliveries().deliver(answer.delivery, [weakWorld, entityType, request, answer,
+                                                 completion = std::move(completion)] {
+    if (auto world = weakWorld.lock()) {
+      if (answer.updatesStatus)
+        world->setAuthorizationStatus(entityType, answer.granted ? platform::EKAuthorizationStatusAuthorized
+                                                                 : platform::EKAuthorizationStatusDenied);
+      world->markAccessRequestAnswered(request);
+    }
+    completion(answer.granted, answer.error);
+  });
+}
+
+void MemoryEventStore::saveEvent(const std::shared_ptr<MemoryEvent>& event) {
+  event->update([&](MemoryEventFields& f) {
+    if (!f.eventIdentifier) f.eventIdentifier = world_->nextIdentifier("event");
+    if (f.item.calendarItemIdentifier.empty()) f.item.calendarItemIdentifier = world_->nextIdentifier("item");
+    if (!f.item.calendarItemExternalIdentifier) f.item.calendarItemExternalIdentifier = *f.eventIdentifier;
+    if (!f.occurrenceDate) f.occurrenceDate = f.startDate;
+  });
+  world_->addEvent(event);
+  world_->postStoreChanged();
+}
+
+void MemoryEventStore::removeEvent(const std::shared_ptr<platform::EKEvent>& event) {
+  if (world_->removeEvent(event.get())) world_->postStoreChanged();
+}
+
+void MemoryEventStore::postChanged() {
+  world_->notificationCenter()->postNotificationName(platform::EKEventStoreChangedNotification,
+                                                     std::static_pointer_cast<platform::NSObject>(shared_from_this()));
+}
+
+std::string MemoryEventStore::description() const { return "<EKEventStore memory>"; }
+
+}  // namespace vesp::memory

@@ -1,0 +1,56 @@
+// The settable storage behind every memory platform object: one Fields aggregate under a mutex,
+// and a log of the attributes read, in order, so that tests can check what was read and when.
+#pragma once
+
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace vesp::memory {
+
+template <class Fields>
+class MemoryRecord {
+ public:
+  explicit MemoryRecord(Fields fields) : fields_(std::move(fields)) {}
+
+  // A copy of every field.
+  Fields fields() const {
+    std::lock_guard lock(mutex_);
+    return fields_;
+  }
+  void setFields(Fields fields) {
+    std::lock_guard lock(mutex_);
+    fields_ = std::move(fields);
+  }
+  // Changes fields in place, under the object's lock.
+  void update(const std::function<void(Fields&)>& change) {
+    std::lock_guard lock(mutex_);
+    change(fields_);
+  }
+
+  // The names of the attributes read through the platform interface, in order.
+  std::vector<std::string> reads() const {
+    std::lock_guard lock(mutex_);
+    return reads_;
+  }
+  void clearReads() {
+    std::lock_guard lock(mutex_);
+    reads_.clear();
+  }
+
+ protected:
+  template <class Read>
+  auto read(const char* name, Read&& reader) const {
+    std::lock_guard lock(mutex_);
+    reads_.emplace_back(name);
+    return reader(fields_);
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  Fields fields_;
+  mutable std::vector<std::string> reads_;
+};
+
+}  // namespace vesp::memory

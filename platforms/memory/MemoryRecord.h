@@ -2,12 +2,17 @@
 // and a log of the attributes read, in order, so that tests can check what was read and when.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
 
 namespace vesp::memory {
+
+// Whether memory objects log the attributes read from them; on unless a benchmark switches it off
+// for the whole process, so that the log neither grows without end nor is measured.
+inline std::atomic<bool> memoryReadLogging{true};
 
 template <class Fields>
 class MemoryRecord {
@@ -43,7 +48,7 @@ class MemoryRecord {
   template <class Read>
   auto read(const char* name, Read&& reader) const {
     std::lock_guard lock(mutex_);
-    reads_.emplace_back(name);
+    if (memoryReadLogging.load(std::memory_order_relaxed)) reads_.emplace_back(name);
     return reader(fields_);
   }
 

@@ -1,0 +1,27 @@
+#include "Vesp/VespEventStatus.h"
+
+namespace vesp {
+
+VespEventStatus vespEventStatus(platform::EKEventStatus value) {
+  switch (value) {
+    case 0: return VespEventStatus::none;
+    case 1: return VespEventStatus::confirmed;
+    case 2: return VespEventStatus::tentative;
+    case 3: return VespEventStatus::canceled;
+    default: return VespEventStatus::none;
+  }
+}
+
+std::string_view description(VespEventStatus value) {
+  switch (value) {
+    case VespEventStatus::none: return "none";
+    case VespEventStatus::confirmed: return "confirmed";
+    case VespEventStatus::tentative: return "tentative";
+    case VespEventStatus::canceled: return "canceled";
+  }
+  return "unknown";
+}
+
+std::ostream& operator<<(std::ostream& out, VespEventStatus value) { return out << description(value); }
+
+}  // namespace vesp

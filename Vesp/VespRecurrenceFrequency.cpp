@@ -1,0 +1,27 @@
+#include "Vesp/VespRecurrenceFrequency.h"
+
+namespace vesp {
+
+VespRecurrenceFrequency vespRecurrenceFrequency(platform::EKRecurrenceFrequency value) {
+  switch (value) {
+    case 0: return VespRecurrenceFrequency::daily;
+    case 1: return VespRecurrenceFrequency::weekly;
+    case 2: return VespRecurrenceFrequency::monthly;
+    case 3: return VespRecurrenceFrequency::yearly;
+    default: return VespRecurrenceFrequency::daily;
+  }
+}
+
+std::string_view description(VespRecurrenceFrequency value) {
+  switch (value) {
+    case VespRecurrenceFrequency::daily: return "daily";
+    case VespRecurrenceFrequency::weekly: return "weekly";
+    case VespRecurrenceFrequency::monthly: return "monthly";
+    case VespRecurrenceFrequency::yearly: return "yearly";
+  }
+  return "unknown";
+}
+
+std::ostream& operator<<(std::ostream& out, VespRecurrenceFrequency value) { return out << description(value); }
+
+}  // namespace vesp

@@ -118,6 +118,13 @@ TEST(VespCalendarDeathTest, ACalendarWithoutColourStopsTheProcess) {
   EXPECT_DEATH(VespCalendar{*calendar}, "VespCalendar requires the calendar's colour");
 }
 
+TEST(VespCalendarDeathTest, MemberwiseConstructionWithoutColourStopsTheProcess) {
+  EXPECT_DEATH(VespCalendar(true, VespEntityMask::event, "id", nullptr, false, false,
+                            VespSource("s", VespSourceType::local, "Local"), VespEventAvailabilityMask(), "T",
+                            VespCalendarType::local),
+               "VespCalendar requires a colour");
+}
+
 TEST(VespCalendarDeathTest, ACalendarWithoutSourceStopsTheProcess) {
   auto fields = fullCalendarFields();
   fields.source = nullptr;

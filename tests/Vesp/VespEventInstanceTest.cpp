@@ -5,6 +5,7 @@
 
 #include <cmath>
 
+#include "tests/support/ForwardingEvent.h"
 #include "tests/support/PlatformObjects.h"
 
 namespace vesp {
@@ -193,6 +194,46 @@ TEST_F(VespEventInstanceDeathTest, AbsentEndDate) {
 TEST_F(VespEventInstanceDeathTest, AbsentEventIdentifier) {
   expectDeath([](MemoryEventFields& f) { f.eventIdentifier.reset(); }, "requires the event's eventIdentifier");
 }
+// An event whose identifier is there at the first read and gone at the second.
+class IdentifierReadOnce : public ForwardingEvent {
+ public:
+  using ForwardingEvent::ForwardingEvent;
+  std::optional<std::string> eventIdentifier() const override {
+    if (reads_++ == 0) return ForwardingEvent::eventIdentifier();
+    return std::nullopt;
+  }
+
+ private:
+  mutable int reads_ = 0;
+};
+
+// An event whose occurrence date is there at the identifier's read and gone at its own.
+class OccurrenceDateReadOnce : public ForwardingEvent {
+ public:
+  using ForwardingEvent::ForwardingEvent;
+  std::optional<platform::Date> occurrenceDate() const override {
+    if (reads_++ == 0) return ForwardingEvent::occurrenceDate();
+    return std::nullopt;
+  }
+
+ private:
+  mutable int reads_ = 0;
+};
+
+TEST_F(VespEventInstanceDeathTest, EventIdentifierAbsentAtItsSecondRead) {
+  IdentifierReadOnce event(makeEvent());
+  EXPECT_DEATH(VespEventInstance{event}, "requires the event's eventIdentifier \\(read for its identifier\\)");
+}
+
+TEST_F(VespEventInstanceDeathTest, OccurrenceDateAbsentAtItsSecondReadOnly) {
+  OccurrenceDateReadOnce event(makeEvent());
+  EXPECT_DEATH(VespEventInstance{event}, "requires the event's occurrenceDate");
+}
+
+TEST_F(VespEventInstanceDeathTest, ANullElementInAnAlarmList) {
+  expectDeath([](MemoryEventFields& f) { f.item.alarms->push_back(nullptr); }, "a platform list requires its elements");
+}
+
 TEST_F(VespEventInstanceDeathTest, AbsentOccurrenceDateAtItsOwnStep) {
   expectDeath([](MemoryEventFields& f) { f.occurrenceDate.reset(); }, "requires the event's occurrenceDate");
 }

@@ -85,9 +85,7 @@ class VespKeyedDecodingContainer {
   double decodeDouble(const VespCodingKey& key) const;
   platform::Date decodeDate(const VespCodingKey& key) const;
   template <VespDecodable T>
-  T decode(const VespCodingKey& key) const {
-    return T::decode(nestedDecoder(key));
-  }
+  T decode(const VespCodingKey& key) const;
   // The decoder for a member; throws keyNotFound when it is missing.
   VespDecoder nestedDecoder(const VespCodingKey& key) const;
 
@@ -163,6 +161,11 @@ void VespEncoder::encodeArray(const std::vector<T>& values) {
     VespEncoder item = element(static_cast<int>(i));
     VespCoding<T>::encode(values[i], item);
   }
+}
+
+template <VespDecodable T>
+T VespKeyedDecodingContainer::decode(const VespCodingKey& key) const {
+  return T::decode(nestedDecoder(key));
 }
 
 template <class T>

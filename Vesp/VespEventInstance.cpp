@@ -7,15 +7,6 @@ namespace vesp {
 namespace {
 constexpr const char* kRecord = "VespEventInstance";
 
-// Step by step, since the order in which function arguments are evaluated is unspecified: the
-// event identifier is read before the occurrence date.
-VespEventInstanceIdentifier identifierOf(const platform::EKEvent& event) {
-  std::string eventIdentifier =
-      detail::required(event.eventIdentifier(), kRecord, "the event's eventIdentifier (read for its identifier)");
-  std::optional<platform::Date> occurrenceDate = event.occurrenceDate();
-  return VespEventInstanceIdentifier(std::move(eventIdentifier), occurrenceDate);
-}
-
 template <class Record, class Element>
 std::optional<Record> convertOptional(const std::shared_ptr<Element>& element) {
   if (!element) return std::nullopt;
@@ -82,7 +73,10 @@ VespEventInstance::VespEventInstance(const platform::EKEvent& event)
       creationDate_(event.creationDate()),
       endDate_(detail::required(event.endDate(), kRecord, "the event's endDate")),
       eventIdentifier_(detail::required(event.eventIdentifier(), kRecord, "the event's eventIdentifier")),
-      eventInstanceIdentifier_(identifierOf(event)),
+      // Braced, so that the identifier is read before the occurrence date.
+      eventInstanceIdentifier_{
+          detail::required(event.eventIdentifier(), kRecord, "the event's eventIdentifier (read for its identifier)"),
+          event.occurrenceDate()},
       isAllDay_(event.isAllDay()),
       isDetached_(event.isDetached()),
       lastModifiedDate_(event.lastModifiedDate()),

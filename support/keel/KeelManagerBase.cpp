@@ -27,8 +27,25 @@ RivetResult<void> KeelManagerBase::allManagersWillReceiveApplicationDidEnterBack
 RivetResult<void> KeelManagerBase::allManagersDidReceiveApplicationDidEnterBackground(const RivetVia&) {
   return RivetResultVoidSuccess;
 }
-RivetResult<void> KeelManagerBase::applicationDidBecomeActive(const RivetVia&) { return RivetResultVoidSuccess; }
-RivetResult<void> KeelManagerBase::applicationDidEnterBackground(const RivetVia&) { return RivetResultVoidSuccess; }
+namespace {
+// A manager that was torn down, or failed, does not take part in the application's life any more.
+RivetResult<void> requireRunning(const KeelManagerBase& manager, const char* function) {
+  auto state = manager.runningState();
+  if (state == KeelManagerRunningState::tornDown || state == KeelManagerRunningState::failed)
+    return RivetResult<void>("Manager is not running",
+                             rivet::RivetArgs{{"manager", manager.identifier()},
+                                              {"runningState", std::string(description(state))}},
+                             "KeelManagerBase", function, __LINE__);
+  return RivetResultVoidSuccess;
+}
+}  // namespace
+
+RivetResult<void> KeelManagerBase::applicationDidBecomeActive(const RivetVia&) {
+  return requireRunning(*this, "applicationDidBecomeActive(via:)");
+}
+RivetResult<void> KeelManagerBase::applicationDidEnterBackground(const RivetVia&) {
+  return requireRunning(*this, "applicationDidEnterBackground(via:)");
+}
 
 RivetResult<void> KeelManagerBase::ensureDependencies(const std::vector<KeelManagerRunningState>& match) const {
   for (const auto& dependency : managersDirectlyDependedUpon()) {

@@ -1,6 +1,7 @@
 // The base class of application-wide managers. The manager framework calls the life-cycle
-// operations; each returns success here, and a derived manager overrides what it needs, calling
-// the base's version first.
+// operations; each returns success here, except that a manager torn down or failed refuses to
+// become active or enter the background ("Manager is not running"). A derived manager overrides
+// what it needs, calling the base's version first.
 //
 // Thread safety: runningState may be read and written from any thread. The life-cycle operations
 // run on the thread the framework calls them on.

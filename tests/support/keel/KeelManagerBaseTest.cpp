@@ -43,6 +43,16 @@ TEST(KeelManagerBaseTest, EveryLifeCycleOperationSucceeds) {
   EXPECT_THAT(manager.applicationDidEnterBackground(via), IsRivetSuccess());
 }
 
+TEST(KeelManagerBaseTest, ATornDownOrFailedManagerRefusesActivationAndBackground) {
+  PlainManager manager("com.ambrel.test.plain");
+  for (auto state : {KeelManagerRunningState::tornDown, KeelManagerRunningState::failed}) {
+    manager.setRunningState(state);
+    EXPECT_THAT(manager.applicationDidBecomeActive(impetus()), IsRivetFailure(Eq("Manager is not running")));
+    EXPECT_THAT(manager.applicationDidEnterBackground(impetus()), IsRivetFailure(Eq("Manager is not running")));
+    EXPECT_THAT(manager.setUp(impetus()), IsRivetSuccess());
+  }
+}
+
 TEST(KeelManagerBaseTest, RunningStateStartsNotSetUpAndIsWritable) {
   PlainManager manager("com.ambrel.test.plain");
   EXPECT_EQ(manager.runningState(), KeelManagerRunningState::notSetUp);

@@ -49,7 +49,8 @@ class [[nodiscard]] RivetResult {
     requireValue();
     return std::get<0>(storage_);
   }
-  T&& value() && {
+  // By value, so that `for (auto& x : query().value())` does not outlive the temporary result.
+  T value() && {
     requireValue();
     return std::get<0>(std::move(storage_));
   }

@@ -13,7 +13,7 @@ using namespace vesp::testing;
 class VespCalendarManagerConcurrencyTest : public ManagerFixture {};
 
 TEST_F(VespCalendarManagerConcurrencyTest, EverythingAtOnceRacesNothingAndDeliversEveryEvent) {
-  constexpr int iterations = 400;
+  constexpr int iterations = 1500;
   declareUsage(true, true, true);
   authoriseAll();
   auto source = platform->addSource("Local");

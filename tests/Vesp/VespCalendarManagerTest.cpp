@@ -121,6 +121,44 @@ TEST_F(VespCalendarManagerTest, BecomingActiveAgainWhileAuthorisedDoesNotResumeE
   EXPECT_EQ(events.delivered(), 1);
 }
 
+TEST_F(VespCalendarManagerTest, TransitionsCarryTheForksOfEveryStepBackToTheCaller) {
+  setStatus(platform::EKAuthorizationStatusAuthorized, platform::EKAuthorizationStatusDenied);
+  std::vector<rivet::RivetViaLink> events, reminders;
+  manager->authorisationStateMachineEvents().transitions().subscribe(
+      [&](const auto&, const rivet::RivetVia& via) { events = via.provenance(); });
+  manager->authorisationStateMachineReminders().transitions().subscribe(
+      [&](const auto&, const rivet::RivetVia& via) { reminders = via.provenance(); });
+  activate();
+  manager->authorisationStateMachineEvents().transitions().waitUntilDelivered();
+  manager->authorisationStateMachineReminders().transitions().waitUntilDelivered();
+  auto lines = [](const std::vector<rivet::RivetViaLink>& links) {
+    std::vector<std::pair<std::string, std::uint64_t>> list;
+    for (const auto& link : links)
+      if (link.fileName == "VespCalendarManager") list.emplace_back(link.functionName, link.lineNumber);
+    return list;
+  };
+  EXPECT_THAT(lines(events),
+              ElementsAre(std::make_pair("received(eventAuthorisationStatus:requestIfNotDetermined:via:)", 228),
+                          std::make_pair("received(eventAuthorisationStatus:requestIfNotDetermined:via:)", 216),
+                          std::make_pair("queryEventAuthorisation(requestIfNotDetermined:via:)", 820),
+                          std::make_pair("applicationDidBecomeActive(via:)", 71)));
+  EXPECT_THAT(lines(reminders),
+              ElementsAre(std::make_pair("received(reminderAuthorisationStatus:requestIfNotDetermined:via:)", 390),
+                          std::make_pair("received(reminderAuthorisationStatus:requestIfNotDetermined:via:)", 378),
+                          std::make_pair("queryReminderAuthorisation(requestIfNotDetermined:via:)", 843),
+                          std::make_pair("applicationDidBecomeActive(via:)", 71)));
+  EXPECT_EQ(events.back().name, "test");
+  // The query's fork carries the manager and the flag; the activation's none.
+  for (const auto& link : events) {
+    if (link.functionName == "queryEventAuthorisation(requestIfNotDetermined:via:)") {
+      EXPECT_EQ(link.args->keys(), (std::vector<std::string>{"self", "requestIfNotDetermined"}));
+    }
+    if (link.functionName == "applicationDidBecomeActive(via:)") {
+      EXPECT_FALSE(link.args);
+    }
+  }
+}
+
 TEST_F(VespCalendarManagerTest, RestrictedMovesToDeniedNeverToRestricted) {
   setStatus(platform::EKAuthorizationStatusRestricted, platform::EKAuthorizationStatusRestricted);
   activate();

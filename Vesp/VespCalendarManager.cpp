@@ -540,16 +540,26 @@ RivetResult<void> VespCalendarManager::createCalendarEvent(
   return RivetResultVoidSuccess;
 }
 
+RivetResult<std::shared_ptr<platform::EKEvent>> VespCalendarManager::eventForScreen(
+    const VespEventInstanceIdentifier& eventInstanceIdentifier,
+    const std::shared_ptr<platform::UIViewController>& presentingViewController, const char* function,
+    std::uint64_t line) {
+  auto found = getEventStoreEventInstance(eventInstanceIdentifier);
+  if (found) return found;
+  return RivetResult<std::shared_ptr<platform::EKEvent>>(
+      found.error(),
+      RivetArgs{{"self", selfValue()},
+                {"eventInstanceIdentifier", describing(eventInstanceIdentifier)},
+                {"presentingViewController", objectValue(presentingViewController)}},
+      kFile, function, line);
+}
+
 RivetResult<void> VespCalendarManager::viewCalendarEvent(
     const VespEventInstanceIdentifier& eventInstanceIdentifier,
     const std::shared_ptr<platform::UIViewController>& presentingViewController) {
-  auto found = getEventStoreEventInstance(eventInstanceIdentifier);
-  if (!found)
-    return RivetResult<void>(found.error(),
-                             RivetArgs{{"self", selfValue()},
-                                       {"eventInstanceIdentifier", describing(eventInstanceIdentifier)},
-                                       {"presentingViewController", objectValue(presentingViewController)}},
-                             kFile, "viewCalendarEvent(eventInstanceIdentifier:presentingViewController:)", 898);
+  auto found = eventForScreen(eventInstanceIdentifier, presentingViewController,
+                              "viewCalendarEvent(eventInstanceIdentifier:presentingViewController:)", 898);
+  if (!found) return found.error();
   auto viewer = platform_->makeEventViewController();
   viewer->setEvent(found.value());
   viewer->setDelegate(eventViewDelegate_);
@@ -560,13 +570,9 @@ RivetResult<void> VespCalendarManager::viewCalendarEvent(
 RivetResult<void> VespCalendarManager::editCalendarEvent(
     const VespEventInstanceIdentifier& eventInstanceIdentifier,
     const std::shared_ptr<platform::UIViewController>& presentingViewController) {
-  auto found = getEventStoreEventInstance(eventInstanceIdentifier);
-  if (!found)
-    return RivetResult<void>(found.error(),
-                             RivetArgs{{"self", selfValue()},
-                                       {"eventInstanceIdentifier", describing(eventInstanceIdentifier)},
-                                       {"presentingViewController", objectValue(presentingViewController)}},
-                             kFile, "editCalendarEvent(eventInstanceIdentifier:presentingViewController:)", 933);
+  auto found = eventForScreen(eventInstanceIdentifier, presentingViewController,
+                              "editCalendarEvent(eventInstanceIdentifier:presentingViewController:)", 933);
+  if (!found) return found.error();
   auto editor = platform_->makeEventEditViewController();
   editor->setEvent(found.value());
   editor->setEventStore(eventStore_);

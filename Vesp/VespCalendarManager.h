@@ -107,6 +107,11 @@ class VespCalendarManager final : public keel::KeelManagerBase,
   platform::EKEventStore::CalendarList calendarList(const VespCalendarQuery& query);
   rivet::RivetResult<std::shared_ptr<platform::EKEvent>> getEventStoreEventInstance(
       const VespEventInstanceIdentifier& eventInstanceIdentifier);
+  // The lookup of the view and edit screens, its failure wrapped with the screen's context.
+  rivet::RivetResult<std::shared_ptr<platform::EKEvent>> eventForScreen(
+      const VespEventInstanceIdentifier& eventInstanceIdentifier,
+      const std::shared_ptr<platform::UIViewController>& presentingViewController, const char* function,
+      std::uint64_t line);
   rivet::RivetResult<std::shared_ptr<platform::EKReminder>> getEventStoreReminder(
       const std::string& calendarItemIdentifier);
   const EntityTwin& twin(platform::EKEntityType entityType) const;

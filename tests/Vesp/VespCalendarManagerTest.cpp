@@ -76,6 +76,72 @@ TEST_F(VespCalendarManagerTest, ActivationWhoseEventQueryFailsDoesNotQueryRemind
   EXPECT_EQ(manager->authorisationStateMachineReminders().state(), VespAuthorisationStatus::unknown);
 }
 
+TEST_F(VespCalendarManagerTest, ActivationWhoseReminderQueryFailsKeepsTheEventSideAndFailsAtLine89) {
+  authoriseAll();
+  std::optional<rivet::RivetResult<void>> activation;
+  auto outer = manager->authorisationStateMachineReminders().begin(
+      impetus, [&](const VespAuthorisationStatus&, const auto&, const rivet::RivetVia&) {
+        activation.emplace(manager->applicationDidBecomeActive(impetus));
+        return rivet::RivetResultVoidSuccess;
+      });
+  ASSERT_THAT(outer, IsRivetSuccess());
+  ASSERT_TRUE(activation);
+  ASSERT_FALSE(activation->has_value());
+  const auto& error = activation->error();
+  expectLink(error, "State machine step began from inside a step", {"self"}, "applicationDidBecomeActive(via:)", 89);
+  expectLink(*error.cause(), "State machine step began from inside a step", {"self", "requestIfNotDetermined"},
+             "queryReminderAuthorisation(requestIfNotDetermined:via:)", 851);
+  expectLink(*error.cause()->cause(), "State machine step began from inside a step",
+             {"self", "reminderAuthorisationStatus", "requestIfNotDetermined"},
+             "received(reminderAuthorisationStatus:requestIfNotDetermined:via:)", 522);
+  // The event side already moved on; it is not undone.
+  EXPECT_EQ(manager->authorisationStateMachineEvents().state(), VespAuthorisationStatus::authorised);
+  EXPECT_TRUE(manager->isObservingEventStore());
+}
+
+TEST_F(VespCalendarManagerTest, EventStoreChangesCarryTheirNotificationImpetus) {
+  authoriseAll();
+  activate();
+  std::vector<rivet::RivetViaLink> provenance;
+  manager->eventStoreChangedEventBus().subscribe(
+      [&](const VespEventStoreChangedEvent&, const rivet::RivetVia& via) { provenance = via.provenance(); });
+  eventStore()->postChanged();
+  manager->eventStoreChangedEventBus().waitUntilDelivered();
+  ASSERT_EQ(provenance.size(), 2u);
+  EXPECT_EQ(provenance[0].functionName, "eventStoreChangedInternal(via:)");
+  EXPECT_EQ(provenance[0].lineNumber, 162u);
+  EXPECT_FALSE(provenance[0].args);
+  EXPECT_EQ(provenance[1].name, "calendar manager received 'event store changed' notification");
+  EXPECT_EQ(provenance[1].functionName, "eventStoreChanged(notification:)");
+  EXPECT_EQ(provenance[1].lineNumber, 151u);
+}
+
+TEST_F(VespCalendarManagerTest, AnAccessCompletionCarriesItsAnswerInItsImpetus) {
+  declareUsage(true, true, true);
+  platform->setAccessAnswer(platform::EKEntityTypeReminder,
+                            memory::MemoryAccessAnswer{false, platform::NSError("EKErrorDomain", 29, "denied"),
+                                                       memory::MemoryDelivery::immediately(), true});
+  std::vector<rivet::RivetViaLink> provenance;
+  std::mutex mutex;
+  manager->authorisationStateMachineReminders().transitions().subscribe(
+      [&](const rivet::RivetStateTransition<VespAuthorisationStatus>& transition, const rivet::RivetVia& via) {
+        std::lock_guard lock(mutex);
+        if (transition.newState == VespAuthorisationStatus::denied) provenance = via.provenance();
+      });
+  ASSERT_THAT(manager->queryReminderAuthorisation(true, impetus), IsRivetSuccess());
+  platform->waitForDeliveries();
+  manager->authorisationStateMachineReminders().transitions().waitUntilDelivered();
+  EXPECT_EQ(manager->authorisationStateMachineReminders().state(), VespAuthorisationStatus::denied);
+  std::lock_guard lock(mutex);
+  ASSERT_FALSE(provenance.empty());
+  const auto& origin = provenance.back();
+  EXPECT_EQ(origin.name, "Calendar manager reminder access request completion handler");
+  EXPECT_EQ(origin.functionName, "requestReminderAccessCompletionHandler(granted:error:)");
+  EXPECT_EQ(origin.lineNumber, 552u);
+  EXPECT_EQ(origin.args->keys(), (std::vector<std::string>{"granted", "error"}));
+  EXPECT_EQ(*origin.args->find("granted"), rivet::RivetValue(false));
+}
+
 TEST_F(VespCalendarManagerTest, BackgroundStopsOnlyTheEventObserver) {
   authoriseAll();
   activate();

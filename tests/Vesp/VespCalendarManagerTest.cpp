@@ -15,7 +15,21 @@ using ::testing::Eq;
 using rivet::testing::IsRivetFailure;
 using rivet::testing::IsRivetSuccess;
 
-class VespCalendarManagerTest : public ManagerFixture {};
+class VespCalendarManagerTest : public ManagerFixture {
+ protected:
+  // Activates from inside a step of `machine`: that machine's query then fails, since a machine
+  // cannot wait on itself.
+  std::optional<rivet::RivetResult<void>> activateFromInsideAStepOf(
+      VespCalendarManaging::AuthorisationStateMachine& machine) {
+    std::optional<rivet::RivetResult<void>> activation;
+    auto outer = machine.begin(impetus, [&](const VespAuthorisationStatus&, const auto&, const rivet::RivetVia&) {
+      activation.emplace(manager->applicationDidBecomeActive(impetus));
+      return rivet::RivetResultVoidSuccess;
+    });
+    EXPECT_THAT(outer, IsRivetSuccess());
+    return activation;
+  }
+};
 
 TEST_F(VespCalendarManagerTest, ANewManagerIsUnknownOnBothMachinesAndObservesNothing) {
   EXPECT_EQ(manager->authorisationStateMachineEvents().state(), VespAuthorisationStatus::unknown);
@@ -56,14 +70,7 @@ TEST_F(VespCalendarManagerTest, ActivationWithABaseFailureQueriesNothingAndFails
 
 TEST_F(VespCalendarManagerTest, ActivationWhoseEventQueryFailsDoesNotQueryReminders) {
   authoriseAll();
-  std::optional<rivet::RivetResult<void>> activation;
-  // Activating from inside an event step makes the event query fail (a machine cannot wait on itself).
-  auto outer = manager->authorisationStateMachineEvents().begin(
-      impetus, [&](const VespAuthorisationStatus&, const auto&, const rivet::RivetVia&) {
-        activation.emplace(manager->applicationDidBecomeActive(impetus));
-        return rivet::RivetResultVoidSuccess;
-      });
-  ASSERT_THAT(outer, IsRivetSuccess());
+  auto activation = activateFromInsideAStepOf(manager->authorisationStateMachineEvents());
   ASSERT_TRUE(activation);
   ASSERT_FALSE(activation->has_value());
   const auto& error = activation->error();
@@ -78,13 +85,7 @@ TEST_F(VespCalendarManagerTest, ActivationWhoseEventQueryFailsDoesNotQueryRemind
 
 TEST_F(VespCalendarManagerTest, ActivationWhoseReminderQueryFailsKeepsTheEventSideAndFailsAtLine89) {
   authoriseAll();
-  std::optional<rivet::RivetResult<void>> activation;
-  auto outer = manager->authorisationStateMachineReminders().begin(
-      impetus, [&](const VespAuthorisationStatus&, const auto&, const rivet::RivetVia&) {
-        activation.emplace(manager->applicationDidBecomeActive(impetus));
-        return rivet::RivetResultVoidSuccess;
-      });
-  ASSERT_THAT(outer, IsRivetSuccess());
+  auto activation = activateFromInsideAStepOf(manager->authorisationStateMachineReminders());
   ASSERT_TRUE(activation);
   ASSERT_FALSE(activation->has_value());
   const auto& error = activation->error();

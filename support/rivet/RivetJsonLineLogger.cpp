@@ -78,7 +78,7 @@ RivetResult<std::shared_ptr<RivetJsonLineLogger>> RivetJsonLineLogger::toFile(co
   if (!*file) {
     int code = errno;
     return RivetResult<std::shared_ptr<RivetJsonLineLogger>>(
-        "Cannot open log file", RivetArgs{{"path", path.string()}}, "RivetJsonLineLogger", "toFile(path:clock:)", 0,
+        "Cannot open log file", RivetArgs{{"path", path.string()}}, "RivetJsonLineLogger", "toFile(path:clock:)", __LINE__,
         platform::NSError("NSPOSIXErrorDomain", code, std::strerror(code)));
   }
   return std::shared_ptr<RivetJsonLineLogger>(new RivetJsonLineLogger(nullptr, std::move(file), std::move(clock)));

@@ -72,10 +72,9 @@ class RivetStateMachine {
   RivetStateMachine(State initialState, std::shared_ptr<RivetLogging> logger,
                     RequestProductionHandler requestProductionHandler, double requestProductionTimeout)
       : state_(std::move(initialState)),
-        logger_(logger),
         requestProductionHandler_(std::move(requestProductionHandler)),
         requestProductionTimeout_(requestProductionTimeout),
-        transitions_(logger),
+        transitions_(std::move(logger)),
         queue_("state machine " + std::string(identifier())) {}
 
   RivetStateMachine(const RivetStateMachine&) = delete;
@@ -195,7 +194,6 @@ class RivetStateMachine {
 
   mutable std::mutex stateMutex_;
   State state_;
-  std::shared_ptr<RivetLogging> logger_;
   RequestProductionHandler requestProductionHandler_;  // empty: none
   double requestProductionTimeout_;
   RivetEventBus<RivetStateTransition<State>> transitions_;

@@ -131,6 +131,15 @@ TEST_F(VespCalendarManagerQueriesTest, OccurrenceDatesMustMatchExactly) {
   EXPECT_THAT(result, IsRivetFailure(Eq("Cannot find specified recurrence instance")));
 }
 
+TEST_F(VespCalendarManagerQueriesTest, AnEventWithoutCalendarStopsTheRecurrenceSearch) {
+  memory::MemoryEventFields fields;
+  fields.eventIdentifier = "orphan";
+  fields.occurrenceDate = origin;
+  platform->addEvent(fields);
+  EXPECT_DEATH((void)manager->getEventInstance(Identifier::withOccurrenceDate("orphan", origin)),
+               "the event being searched for has no calendar");
+}
+
 TEST_F(VespCalendarManagerQueriesTest, AnUnknownEventIsNoSuchEvent) {
   auto result = manager->getEventInstance(Identifier::noOccurrenceDate("nothing"));
   ASSERT_FALSE(result.has_value());

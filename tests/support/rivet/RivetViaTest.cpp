@@ -65,3 +65,14 @@ TEST(RivetViaTest, RetainingAJunctionSharesIt) {
 
 }  // namespace
 }  // namespace rivet
+
+namespace rivet {
+namespace {
+
+TEST(RivetViaDeathTest, AJunctionWithoutAParentStopsTheProcess) {
+  EXPECT_DEATH(RivetJunction(nullptr, std::nullopt, std::nullopt, "F", "f()", 1),
+               "RivetJunction made without a parent via");
+}
+
+}  // namespace
+}  // namespace rivet

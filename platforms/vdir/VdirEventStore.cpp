@@ -1,0 +1,168 @@
+#include "platforms/vdir/VdirEventStore.h"
+
+#include <unistd.h>
+
+namespace vesp::vdir {
+
+namespace {
+
+using CalendarSet = std::optional<std::set<std::string>>;
+
+CalendarSet identifiersOf(const platform::EKEventStore::CalendarList& calendars) {
+  if (!calendars) return std::nullopt;
+  std::set<std::string> identifiers;
+  for (const auto& calendar : *calendars)
+    if (calendar) identifiers.insert(calendar->calendarIdentifier());
+  return identifiers;
+}
+
+class VdirEventPredicate : public platform::EKPredicate {
+ public:
+  VdirEventPredicate(platform::Date start, platform::Date end, CalendarSet calendars)
+      : start(start), end(end), calendars(std::move(calendars)) {}
+  std::string description() const override {
+    return "<EKPredicate events " + start.iso8601() + " to " + end.iso8601() + ">";
+  }
+  platform::Date start, end;
+  CalendarSet calendars;
+};
+
+class VdirReminderPredicate : public platform::EKPredicate {
+ public:
+  VdirReminderPredicate(bool completed, std::optional<platform::Date> start, std::optional<platform::Date> end,
+                        CalendarSet calendars)
+      : completed(completed), start(start), end(end), calendars(std::move(calendars)) {}
+  std::string description() const override {
+    return std::string("<EKPredicate ") + (completed ? "completed" : "incomplete") + " reminders>";
+  }
+  bool accepts(const VdirComponentData& todo) const {
+    if (todo.isCompleted != completed) return false;
+    if (!start && !end) return true;
+    const auto& date = completed ? todo.completed : todo.dueInstant;
+    if (!date) return false;
+    return (!start || *date >= *start) && (!end || *date < *end);
+  }
+  bool completed;
+  std::optional<platform::Date> start, end;
+  CalendarSet calendars;
+};
+
+}  // namespace
+
+platform::EKAuthorizationStatus VdirServices::authorizationStatus(platform::EKEntityType entityType) const {
+  const auto& root = store->options().root;
+  if (::access(root.c_str(), F_OK) == 0 && ::access(root.c_str(), R_OK | X_OK) != 0)
+    return platform::EKAuthorizationStatusRestricted;
+  return access->status(entityType);
+}
+
+std::shared_ptr<VdirEventStore> VdirEventStore::make(std::shared_ptr<VdirServices> services) {
+  std::shared_ptr<VdirEventStore> connection(new VdirEventStore(std::move(services)));
+  std::weak_ptr<VdirEventStore> weak = connection;
+  auto center = connection->services_->center;
+  connection->listenerToken_ = connection->services_->store->addChangeListener([weak, center] {
+    if (auto self = weak.lock()) center->postNotificationName(platform::EKEventStoreChangedNotification, self);
+  });
+  return connection;
+}
+
+VdirEventStore::VdirEventStore(std::shared_ptr<VdirServices> services)
+    : services_(std::move(services)), queue_(std::make_unique<rivet::RivetSerialQueue>("vesp.vdir.store")) {}
+
+VdirEventStore::~VdirEventStore() { services_->store->removeChangeListener(listenerToken_); }
+
+std::vector<std::shared_ptr<platform::EKCalendar>> VdirEventStore::calendarsForEntityType(
+    platform::EKEntityType entityType) {
+  platform::EKEntityMask wanted =
+      entityType == platform::EKEntityTypeReminder ? platform::EKEntityMaskReminder : platform::EKEntityMaskEvent;
+  if (entityType != platform::EKEntityTypeEvent && entityType != platform::EKEntityTypeReminder) return {};
+  std::vector<std::shared_ptr<platform::EKCalendar>> calendars;
+  for (const auto& collection : services_->store->snapshot()->collections)
+    if (collection.calendar->allowedEntityTypes() & wanted) calendars.push_back(collection.calendar);
+  return calendars;
+}
+
+std::shared_ptr<platform::EKPredicate> VdirEventStore::predicateForEventsWithStartDate(platform::Date startDate,
+                                                                                       platform::Date endDate,
+                                                                                       const CalendarList& calendars) {
+  return std::make_shared<VdirEventPredicate>(startDate, endDate, identifiersOf(calendars));
+}
+
+std::vector<std::shared_ptr<platform::EKEvent>> VdirEventStore::eventsMatchingPredicate(
+    const std::shared_ptr<platform::EKPredicate>& predicate) {
+  auto events = std::dynamic_pointer_cast<VdirEventPredicate>(predicate);
+  if (!events) return {};
+  return services_->store->events(events->start, events->end, events->calendars);
+}
+
+std::shared_ptr<platform::EKEvent> VdirEventStore::eventWithIdentifier(const std::string& identifier) {
+  return services_->store->firstOccurrence(identifier);
+}
+
+std::shared_ptr<platform::EKPredicate> VdirEventStore::predicateForIncompleteRemindersWithDueDateStarting(
+    std::optional<platform::Date> starting, std::optional<platform::Date> ending, const CalendarList& calendars) {
+  return std::make_shared<VdirReminderPredicate>(false, starting, ending, identifiersOf(calendars));
+}
+
+std::shared_ptr<platform::EKPredicate> VdirEventStore::predicateForCompletedRemindersWithCompletionDateStarting(
+    std::optional<platform::Date> starting, std::optional<platform::Date> ending, const CalendarList& calendars) {
+  return std::make_shared<VdirReminderPredicate>(true, starting, ending, identifiersOf(calendars));
+}
+
+std::string VdirEventStore::fetchRemindersMatchingPredicate(const std::shared_ptr<platform::EKPredicate>& predicate,
+                                                            ReminderFetchCompletion completion) {
+  std::string identifier;
+  {
+    std::lock_guard lock(mutex_);
+    identifier = "fetch-" + std::to_string(nextFetch_++);
+  }
+  auto reminders = std::dynamic_pointer_cast<VdirReminderPredicate>(predicate);
+  auto store = services_->store;
+  queue_->async([reminders, store, completion = std::move(completion)] {
+    if (!reminders) return completion(std::nullopt);
+    completion(store->reminders(reminders->calendars,
+                                [&](const VdirComponentData& todo) { return reminders->accepts(todo); }));
+  });
+  return identifier;
+}
+
+std::shared_ptr<platform::EKCalendarItem> VdirEventStore::calendarItemWithIdentifier(const std::string& identifier) {
+  if (auto reminder = services_->store->reminder(identifier)) return reminder;
+  return services_->store->firstOccurrence(identifier);
+}
+
+void VdirEventStore::requestAccessToEntityType(platform::EKEntityType entityType, AccessCompletion completion) {
+  auto services = services_;
+  queue_->async([services, entityType, completion = std::move(completion)] {
+    auto status = services->authorizationStatus(entityType);
+    if (status == platform::EKAuthorizationStatusRestricted)
+      return completion(false, platform::NSError(VdirErrorDomain, 1, "The calendar store cannot be read"));
+    if (status == platform::EKAuthorizationStatusAuthorized) return completion(true, std::nullopt);
+    if (status == platform::EKAuthorizationStatusDenied) return completion(false, std::nullopt);
+    if (!services->consentHandler)
+      return completion(false, platform::NSError(VdirErrorDomain, 2, "No consent handler: the user cannot be asked"));
+    bool granted = false;
+    {
+      std::lock_guard lock(services->consentMutex);
+      // Another connection may have asked while this one waited.
+      status = services->access->status(entityType);
+      if (status != platform::EKAuthorizationStatusNotDetermined)
+        return completion(status == platform::EKAuthorizationStatusAuthorized, std::nullopt);
+      const char* key = entityType == platform::EKEntityTypeReminder ? "NSRemindersUsageDescription"
+                                                                      : "NSCalendarsUsageDescription";
+      std::optional<std::string> usage;
+      if (auto value = services->bundle->objectForInfoDictionaryKey(key); value && value->string())
+        usage = *value->string();
+      granted = services->consentHandler(entityType, usage);
+      if (auto failure = services->access->record(entityType, granted))
+        return completion(granted, platform::NSError(VdirErrorDomain, 3, *failure));
+    }
+    completion(granted, std::nullopt);
+  });
+}
+
+std::string VdirEventStore::description() const {
+  return "<EKEventStore vdir " + services_->store->options().root + ">";
+}
+
+}  // namespace vesp::vdir

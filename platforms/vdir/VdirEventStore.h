@@ -1,0 +1,79 @@
+// A connection to a vdir store (the platform's EKEventStore). Connections of one platform share
+// the store's data; each posts its own store-changed notification, with itself as object, after
+// each burst of changes. Access-request and reminder-fetch completions run on the connection's
+// own thread.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+
+#include "platforms/vdir/VdirAccess.h"
+#include "platforms/vdir/VdirStore.h"
+#include "support/platform/EKEventStore.h"
+#include "support/platform/NSBundle.h"
+#include "support/platform/NSNotificationCenter.h"
+#include "support/rivet/RivetSerialQueue.h"
+
+namespace vesp::vdir {
+
+// Asks the user whether the host may read events (0) or reminders (1), showing the host's usage
+// description; true means yes. Called on a platform thread, one question at a time.
+using VdirConsentHandler =
+    std::function<bool(platform::EKEntityType entityType, const std::optional<std::string>& usageDescription)>;
+
+// The error domain of the platform's own errors.
+inline const std::string VdirErrorDomain = "VespVdirErrorDomain";
+
+// What the connections of one platform share.
+struct VdirServices {
+  std::shared_ptr<VdirStore> store;
+  std::shared_ptr<VdirAccess> access;
+  std::shared_ptr<platform::NSNotificationCenter> center;
+  std::shared_ptr<platform::NSBundle> bundle;
+  VdirConsentHandler consentHandler;
+  std::mutex consentMutex;  // one question at a time
+
+  // The authorisation status: restricted when the store root exists but cannot be read.
+  platform::EKAuthorizationStatus authorizationStatus(platform::EKEntityType entityType) const;
+};
+
+class VdirEventStore : public platform::EKEventStore {
+ public:
+  static std::shared_ptr<VdirEventStore> make(std::shared_ptr<VdirServices> services);
+  ~VdirEventStore() override;
+
+  std::vector<std::shared_ptr<platform::EKCalendar>> calendarsForEntityType(platform::EKEntityType entityType) override;
+  std::shared_ptr<platform::EKPredicate> predicateForEventsWithStartDate(platform::Date startDate,
+                                                                         platform::Date endDate,
+                                                                         const CalendarList& calendars) override;
+  std::vector<std::shared_ptr<platform::EKEvent>> eventsMatchingPredicate(
+      const std::shared_ptr<platform::EKPredicate>& predicate) override;
+  std::shared_ptr<platform::EKEvent> eventWithIdentifier(const std::string& identifier) override;
+  std::shared_ptr<platform::EKPredicate> predicateForIncompleteRemindersWithDueDateStarting(
+      std::optional<platform::Date> starting, std::optional<platform::Date> ending,
+      const CalendarList& calendars) override;
+  std::shared_ptr<platform::EKPredicate> predicateForCompletedRemindersWithCompletionDateStarting(
+      std::optional<platform::Date> starting, std::optional<platform::Date> ending,
+      const CalendarList& calendars) override;
+  std::string fetchRemindersMatchingPredicate(const std::shared_ptr<platform::EKPredicate>& predicate,
+                                              ReminderFetchCompletion completion) override;
+  std::shared_ptr<platform::EKCalendarItem> calendarItemWithIdentifier(const std::string& identifier) override;
+  void requestAccessToEntityType(platform::EKEntityType entityType, AccessCompletion completion) override;
+  std::string description() const override;
+
+  const std::shared_ptr<VdirStore>& store() const { return services_->store; }
+
+ private:
+  explicit VdirEventStore(std::shared_ptr<VdirServices> services);
+  std::shared_ptr<VdirServices> services_;
+  std::uint64_t listenerToken_ = 0;
+  std::unique_ptr<rivet::RivetSerialQueue> queue_;
+  std::mutex mutex_;
+  std::uint64_t nextFetch_ = 1;
+};
+
+}  // namespace vesp::vdir

@@ -1,0 +1,37 @@
+// The occurrences of an event series that overlap a window, computed with libical's recurrence
+// iterator. The iterator jumps to the window (never walking a long series from its start); rules
+// bounded by COUNT use the occurrences expanded once when the file was read.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "platforms/vdir/VdirItem.h"
+
+namespace vesp::vdir {
+
+struct VdirOccurrence {
+  const VdirComponentData* component = nullptr;  // the master, or the override that replaces it
+  double start = 0.0;                            // seconds since 1970
+  double end = 0.0;
+  double occurrence = 0.0;  // the original occurrence date (RECURRENCE-ID for an override)
+  bool detached = false;
+};
+
+struct VdirExpansionLimits {
+  std::size_t maximumOccurrencesPerSeries = 100000;
+  std::size_t maximumIteratorStepsPerSeries = 1000000;
+};
+
+// Appends the occurrences of `series` that overlap [windowStart, windowEnd) (seconds since 1970);
+// an occurrence of no length overlaps when it starts inside the window. Returns false when a limit
+// cut the expansion short (`problem` then says which).
+// REQUIRES: libicalMutex() is held.
+bool expandSeries(const VdirSeriesData& series, const VdirClock& clock, double windowStart, double windowEnd,
+                  const VdirExpansionLimits& limits, std::vector<VdirOccurrence>& out, std::string& problem);
+
+// The end of an occurrence of `component` that starts at `start`.
+double occurrenceEnd(const VdirComponentData& component, const VdirClock& clock, double start);
+
+}  // namespace vesp::vdir

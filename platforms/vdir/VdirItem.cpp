@@ -1,0 +1,658 @@
+#include "platforms/vdir/VdirItem.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cmath>
+#include <cstdlib>
+#include <map>
+
+#include "platforms/vdir/VdirZones.h"
+
+namespace vesp::vdir {
+
+const char* description(VdirDiagnostic::Action action) {
+  switch (action) {
+    case VdirDiagnostic::Action::skipped: return "skipped";
+    case VdirDiagnostic::Action::repaired: return "repaired";
+    case VdirDiagnostic::Action::truncated: return "truncated";
+  }
+  return "unknown";
+}
+
+namespace {
+
+// Owns a parsed component tree.
+struct ComponentHolder {
+  icalcomponent* component = nullptr;
+  ~ComponentHolder() {
+    if (component) icalcomponent_free(component);
+  }
+};
+
+std::string takeString(char* text) {
+  std::string result = text ? text : "";
+  std::free(text);
+  return result;
+}
+
+std::optional<std::string> parameter(icalproperty* property, const char* name) {
+  char* text = icalproperty_get_parameter_as_string_r(property, name);
+  if (!text) return std::nullopt;
+  return takeString(text);
+}
+
+std::optional<std::string> textOf(icalcomponent* component, icalproperty_kind kind) {
+  icalproperty* property = icalcomponent_get_first_property(component, kind);
+  if (!property) return std::nullopt;
+  const char* text = icalproperty_get_value_as_string(property);
+  if (!text) return std::nullopt;
+  return std::string(text);
+}
+
+std::string lower(std::string text) {
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
+
+// Reads files one at a time; collects what it had to skip or repair.
+class Reader {
+ public:
+  Reader(const std::string& relativePath, const VdirParseContext& context, std::vector<VdirDiagnostic>& diagnostics)
+      : path_(relativePath), context_(context), diagnostics_(diagnostics) {}
+
+  void report(VdirDiagnostic::Action action, std::string problem) {
+    VdirDiagnostic diagnostic{path_, action, std::move(problem)};
+    if (std::find(diagnostics_.begin(), diagnostics_.end(), diagnostic) == diagnostics_.end())
+      diagnostics_.push_back(std::move(diagnostic));
+  }
+
+  void collectZones(icalcomponent* calendar) {
+    for (icalcomponent* zone = icalcomponent_get_first_component(calendar, ICAL_VTIMEZONE_COMPONENT); zone;
+         zone = icalcomponent_get_next_component(calendar, ICAL_VTIMEZONE_COMPONENT)) {
+      icalproperty* tzid = icalcomponent_get_first_property(zone, ICAL_TZID_PROPERTY);
+      if (tzid && icalproperty_get_tzid(tzid)) definitions_[icalproperty_get_tzid(tzid)] = zone;
+    }
+  }
+
+  // A DATE or DATE-TIME property with its TZID; absent when the value is missing or invalid.
+  std::optional<VdirTime> timeOf(icalproperty* property, icaltimetype value, const char* what) {
+    if (icaltime_is_null_time(value) || !icaltime_is_valid_time(value) || value.year < 1 || value.year > 9999 ||
+        value.month < 1 || value.month > 12 || value.day < 1 || value.day > 31 ||
+        (!value.is_date && (value.hour > 23 || value.minute > 59 || value.second > 60))) {
+      report(VdirDiagnostic::Action::repaired, std::string("invalid ") + what + " value ignored");
+      return std::nullopt;
+    }
+    VdirTime time;
+    time.local = value;
+    time.local.zone = nullptr;
+    if (value.is_date) {
+      time.kind = VdirTime::Kind::date;
+      return time;
+    }
+    if (icaltime_is_utc(value)) {
+      time.kind = VdirTime::Kind::utc;
+      return time;
+    }
+    auto tzid = parameter(property, "TZID");
+    if (!tzid) {
+      time.kind = VdirTime::Kind::floating;
+      return time;
+    }
+    auto found = definitions_.find(*tzid);
+    auto [zone, name] = context_.zones->zoneFor(*tzid, found == definitions_.end() ? nullptr : found->second);
+    if (!zone) {
+      report(VdirDiagnostic::Action::repaired,
+             "unknown time zone \"" + *tzid + "\": its times are read as floating (local) times");
+      time.kind = VdirTime::Kind::floating;
+      return time;
+    }
+    if (zone == icaltimezone_get_utc_timezone()) {
+      time.kind = VdirTime::Kind::utc;
+      return time;
+    }
+    time.kind = VdirTime::Kind::zoned;
+    time.zone = zone;
+    time.tzid = name;
+    return time;
+  }
+
+  std::optional<platform::Date> utcDateOf(icalcomponent* component, icalproperty_kind kind,
+                                          icaltimetype (*get)(const icalproperty*), const char* what) {
+    icalproperty* property = icalcomponent_get_first_property(component, kind);
+    if (!property) return std::nullopt;
+    auto time = timeOf(property, get(property), what);
+    if (!time) return std::nullopt;
+    return context_.clock->instant(*time);
+  }
+
+  VdirParticipantData participant(icalproperty* property, const char* address, bool organizer) {
+    VdirParticipantData data;
+    data.address = address ? address : "";
+    if (icalparameter* cn = icalproperty_get_first_parameter(property, ICAL_CN_PARAMETER); cn && icalparameter_get_cn(cn))
+      data.name = icalparameter_get_cn(cn);
+    data.role = organizer ? 0 : 1;  // ROLE defaults to REQ-PARTICIPANT
+    if (icalparameter* role = icalproperty_get_first_parameter(property, ICAL_ROLE_PARAMETER)) {
+      switch (icalparameter_get_role(role)) {
+        case ICAL_ROLE_CHAIR: data.role = 3; break;
+        case ICAL_ROLE_REQPARTICIPANT: data.role = 1; break;
+        case ICAL_ROLE_OPTPARTICIPANT: data.role = 2; break;
+        case ICAL_ROLE_NONPARTICIPANT: data.role = 4; break;
+        default: data.role = 0; break;
+      }
+    }
+    data.status = organizer ? 0 : 1;  // PARTSTAT defaults to NEEDS-ACTION
+    if (icalparameter* status = icalproperty_get_first_parameter(property, ICAL_PARTSTAT_PARAMETER)) {
+      switch (icalparameter_get_partstat(status)) {
+        case ICAL_PARTSTAT_NEEDSACTION: data.status = 1; break;
+        case ICAL_PARTSTAT_ACCEPTED: data.status = 2; break;
+        case ICAL_PARTSTAT_DECLINED: data.status = 3; break;
+        case ICAL_PARTSTAT_TENTATIVE: data.status = 4; break;
+        case ICAL_PARTSTAT_DELEGATED: data.status = 5; break;
+        case ICAL_PARTSTAT_COMPLETED: data.status = 6; break;
+        case ICAL_PARTSTAT_INPROCESS: data.status = 7; break;
+        default: data.status = 0; break;
+      }
+    }
+    data.type = 1;  // CUTYPE defaults to INDIVIDUAL
+    if (icalparameter* type = icalproperty_get_first_parameter(property, ICAL_CUTYPE_PARAMETER)) {
+      switch (icalparameter_get_cutype(type)) {
+        case ICAL_CUTYPE_INDIVIDUAL: data.type = 1; break;
+        case ICAL_CUTYPE_ROOM: data.type = 2; break;
+        case ICAL_CUTYPE_RESOURCE: data.type = 3; break;
+        case ICAL_CUTYPE_GROUP: data.type = 4; break;
+        default: data.type = 0; break;
+      }
+    }
+    if (context_.userAddresses) {
+      std::string mine = lower(data.address);
+      for (const auto& address : *context_.userAddresses)
+        if (mine == address || mine == "mailto:" + address) data.isCurrentUser = true;
+    }
+    return data;
+  }
+
+  // X-APPLE-STRUCTURED-LOCATION;X-TITLE=...;X-APPLE-RADIUS=...:geo:lat,lon
+  std::shared_ptr<const VdirLocationData> structuredLocation(icalcomponent* component) {
+    for (icalproperty* property = icalcomponent_get_first_property(component, ICAL_X_PROPERTY); property;
+         property = icalcomponent_get_next_property(component, ICAL_X_PROPERTY)) {
+      const char* name = icalproperty_get_x_name(property);
+      if (!name || std::string(name) != "X-APPLE-STRUCTURED-LOCATION") continue;
+      auto location = std::make_shared<VdirLocationData>();
+      location->title = parameter(property, "X-TITLE");
+      if (auto radius = parameter(property, "X-APPLE-RADIUS")) location->radius = std::strtod(radius->c_str(), nullptr);
+      const char* value = icalproperty_get_value_as_string(property);
+      std::string uri = value ? value : "";
+      if (uri.rfind("geo:", 0) == 0) {
+        double latitude = 0, longitude = 0;
+        if (std::sscanf(uri.c_str() + 4, "%lf,%lf", &latitude, &longitude) == 2 && std::isfinite(latitude) &&
+            std::isfinite(longitude)) {
+          location->latitude = latitude;
+          location->longitude = longitude;
+        }
+      }
+      if (!std::isfinite(location->radius)) location->radius = 0.0;
+      return location;
+    }
+    return nullptr;
+  }
+
+  std::optional<std::string> xText(icalcomponent* component, const char* wanted) {
+    for (icalproperty* property = icalcomponent_get_first_property(component, ICAL_X_PROPERTY); property;
+         property = icalcomponent_get_next_property(component, ICAL_X_PROPERTY)) {
+      const char* name = icalproperty_get_x_name(property);
+      if (name && std::string(name) == wanted) {
+        const char* value = icalproperty_get_value_as_string(property);
+        return std::string(value ? value : "");
+      }
+    }
+    return std::nullopt;
+  }
+
+  void readCommon(icalcomponent* component, VdirComponentData& data) {
+    if (auto uid = textOf(component, ICAL_UID_PROPERTY)) data.uid = *uid;
+    if (icalproperty* p = icalcomponent_get_first_property(component, ICAL_SUMMARY_PROPERTY); p && icalproperty_get_summary(p))
+      data.summary = icalproperty_get_summary(p);
+    if (icalproperty* p = icalcomponent_get_first_property(component, ICAL_DESCRIPTION_PROPERTY);
+        p && icalproperty_get_description(p))
+      data.description = icalproperty_get_description(p);
+    if (icalproperty* p = icalcomponent_get_first_property(component, ICAL_LOCATION_PROPERTY); p && icalproperty_get_location(p))
+      data.location = icalproperty_get_location(p);
+    if (icalproperty* p = icalcomponent_get_first_property(component, ICAL_URL_PROPERTY); p && icalproperty_get_url(p))
+      data.url = icalproperty_get_url(p);
+    data.created = utcDateOf(component, ICAL_CREATED_PROPERTY, icalproperty_get_created, "CREATED");
+    data.lastModified = utcDateOf(component, ICAL_LASTMODIFIED_PROPERTY, icalproperty_get_lastmodified, "LAST-MODIFIED");
+
+    for (icalproperty* p = icalcomponent_get_first_property(component, ICAL_ATTENDEE_PROPERTY); p;
+         p = icalcomponent_get_next_property(component, ICAL_ATTENDEE_PROPERTY))
+      data.attendees.push_back(participant(p, icalproperty_get_attendee(p), false));
+    if (icalproperty* p = icalcomponent_get_first_property(component, ICAL_ORGANIZER_PROPERTY))
+      data.organizer = participant(p, icalproperty_get_organizer(p), true);
+
+    data.structuredLocation = structuredLocation(component);
+    if (icalproperty* geo = icalcomponent_get_first_property(component, ICAL_GEO_PROPERTY)) {
+      icalgeotype value = icalproperty_get_geo(geo);
+      if (std::isfinite(value.lat) && std::isfinite(value.lon) && std::fabs(value.lat) <= 90 && std::fabs(value.lon) <= 180) {
+        auto location = std::make_shared<VdirLocationData>(data.structuredLocation ? *data.structuredLocation
+                                                                                     : VdirLocationData{});
+        if (!location->title) location->title = data.location;
+        if (!location->latitude) {
+          location->latitude = value.lat;
+          location->longitude = value.lon;
+        }
+        data.structuredLocation = location;
+      } else {
+        report(VdirDiagnostic::Action::repaired, "GEO outside the globe ignored");
+      }
+    }
+    if (auto travel = xText(component, "X-APPLE-TRAVEL-DURATION")) {
+      icaldurationtype duration = icaldurationtype_from_string(travel->c_str());
+      if (icaldurationtype_is_bad_duration(duration))
+        report(VdirDiagnostic::Action::repaired, "X-APPLE-TRAVEL-DURATION \"" + *travel + "\" is not a duration");
+      else
+        data.travelTime = static_cast<double>(icaldurationtype_as_int(duration));
+    }
+  }
+
+  void readAlarms(icalcomponent* component, VdirComponentData& data, double eventSeconds) {
+    for (icalcomponent* alarm = icalcomponent_get_first_component(component, ICAL_VALARM_COMPONENT); alarm;
+         alarm = icalcomponent_get_next_component(component, ICAL_VALARM_COMPONENT)) {
+      icalproperty* trigger = icalcomponent_get_first_property(alarm, ICAL_TRIGGER_PROPERTY);
+      if (!trigger) {
+        report(VdirDiagnostic::Action::repaired, "VALARM without TRIGGER ignored");
+        continue;
+      }
+      VdirAlarmData data2;
+      icaltriggertype value = icalproperty_get_trigger(trigger);
+      if (!icaltime_is_null_time(value.time)) {
+        auto time = timeOf(trigger, value.time, "TRIGGER");
+        if (!time) continue;
+        data2.absoluteDate = context_.clock->instant(*time);
+      } else {
+        if (icaldurationtype_is_bad_duration(value.duration)) {
+          report(VdirDiagnostic::Action::repaired, "VALARM with an unreadable TRIGGER ignored");
+          continue;
+        }
+        data2.relativeOffset = static_cast<double>(icaldurationtype_as_int(value.duration));
+        icalparameter* related = icalproperty_get_first_parameter(trigger, ICAL_RELATED_PARAMETER);
+        if (related && icalparameter_get_related(related) == ICAL_RELATED_END) data2.relativeOffset += eventSeconds;
+      }
+      if (icalproperty* action = icalcomponent_get_first_property(alarm, ICAL_ACTION_PROPERTY)) {
+        switch (icalproperty_get_action(action)) {
+          case ICAL_ACTION_AUDIO: data2.type = 1; break;
+          case ICAL_ACTION_PROCEDURE: data2.type = 2; break;
+          case ICAL_ACTION_EMAIL: data2.type = 3; break;
+          default: data2.type = 0; break;
+        }
+      }
+      if (auto proximity = xText(alarm, "X-APPLE-PROXIMITY")) {
+        if (*proximity == "ARRIVE") data2.proximity = 1;
+        if (*proximity == "DEPART") data2.proximity = 2;
+      }
+      data2.location = structuredLocation(alarm);
+      data.alarms.push_back(std::move(data2));
+    }
+  }
+
+  // Reads a VEVENT; false when it cannot be served (no usable DTSTART).
+  bool readEvent(icalcomponent* component, VdirComponentData& data) {
+    readCommon(component, data);
+    icalproperty* start = icalcomponent_get_first_property(component, ICAL_DTSTART_PROPERTY);
+    if (!start) {
+      report(VdirDiagnostic::Action::skipped, "VEVENT \"" + data.uid + "\" has no DTSTART");
+      return false;
+    }
+    auto startTime = timeOf(start, icalproperty_get_dtstart(start), "DTSTART");
+    if (!startTime) {
+      report(VdirDiagnostic::Action::skipped, "VEVENT \"" + data.uid + "\" has no valid DTSTART");
+      return false;
+    }
+    data.start = *startTime;
+    data.hasStart = true;
+    data.timeZoneName = startTime->kind == VdirTime::Kind::zoned ? std::optional(startTime->tzid)
+                        : startTime->kind == VdirTime::Kind::utc ? std::optional<std::string>("UTC")
+                                                                  : std::nullopt;
+    const platform::Date startInstant = context_.clock->instant(data.start);
+    if (data.start.isDate()) data.durationDays = 1;
+    if (icalproperty* end = icalcomponent_get_first_property(component, ICAL_DTEND_PROPERTY)) {
+      if (auto endTime = timeOf(end, icalproperty_get_dtend(end), "DTEND")) {
+        if (data.start.isDate()) {
+          double days = std::round((civilSecondsSince1970(endTime->local.year, endTime->local.month, endTime->local.day, 0, 0, 0) -
+                                    civilSecondsSince1970(data.start.local.year, data.start.local.month, data.start.local.day, 0, 0, 0)) /
+                                   86400.0);
+          data.durationDays = static_cast<int>(std::clamp(days, 0.0, 36600.0));
+        } else {
+          data.durationSeconds = context_.clock->instant(*endTime).timeIntervalSince(startInstant);
+        }
+      }
+    } else if (icalproperty* duration = icalcomponent_get_first_property(component, ICAL_DURATION_PROPERTY)) {
+      icaldurationtype value = icalproperty_get_duration(duration);
+      if (!icaldurationtype_is_bad_duration(value)) {
+        if (data.start.isDate())
+          data.durationDays = std::max(0, static_cast<int>(icaldurationtype_as_int(value) / 86400));
+        else
+          data.durationSeconds = icaldurationtype_as_int(value);
+      }
+    }
+    if (data.durationSeconds < 0 || data.durationDays < 0) {
+      report(VdirDiagnostic::Action::repaired, "VEVENT \"" + data.uid + "\" ends before it starts: shown with no duration");
+      data.durationSeconds = 0;
+      data.durationDays = 0;
+    }
+    if (icalproperty* status = icalcomponent_get_first_property(component, ICAL_STATUS_PROPERTY)) {
+      switch (icalproperty_get_status(status)) {
+        case ICAL_STATUS_CONFIRMED: data.status = 1; break;
+        case ICAL_STATUS_TENTATIVE: data.status = 2; break;
+        case ICAL_STATUS_CANCELLED: data.status = 3; break;
+        default: data.status = 0; break;
+      }
+    }
+    data.availability = 0;
+    if (icalproperty* transp = icalcomponent_get_first_property(component, ICAL_TRANSP_PROPERTY))
+      if (icalproperty_get_transp(transp) == ICAL_TRANSP_TRANSPARENT) data.availability = 1;
+    if (auto busy = xText(component, "X-MICROSOFT-CDO-BUSYSTATUS")) {
+      if (*busy == "TENTATIVE") data.availability = 2;
+      if (*busy == "OOF") data.availability = 3;
+      if (*busy == "FREE") data.availability = 1;
+    }
+    if (icalproperty* recurrence = icalcomponent_get_first_property(component, ICAL_RECURRENCEID_PROPERTY)) {
+      // Read through the property so that its TZID is kept.
+      auto time = timeOf(recurrence, icalproperty_get_recurrenceid(recurrence), "RECURRENCE-ID");
+      if (!time) {
+        report(VdirDiagnostic::Action::skipped, "override of \"" + data.uid + "\" has no valid RECURRENCE-ID");
+        return false;
+      }
+      data.recurrenceId = *time;
+      data.recurrenceInstant = context_.clock->instant(*time);
+    }
+    readAlarms(component, data, data.start.isDate() ? data.durationDays * 86400.0 : data.durationSeconds);
+    if (!data.summary) report(VdirDiagnostic::Action::repaired, "VEVENT \"" + data.uid + "\" has no SUMMARY: shown untitled");
+    return true;
+  }
+
+  void readTodo(icalcomponent* component, VdirComponentData& data) {
+    readCommon(component, data);
+    if (icalproperty* due = icalcomponent_get_first_property(component, ICAL_DUE_PROPERTY)) {
+      data.due = timeOf(due, icalproperty_get_due(due), "DUE");
+      if (data.due) data.dueInstant = context_.clock->instant(*data.due);
+    }
+    if (icalproperty* start = icalcomponent_get_first_property(component, ICAL_DTSTART_PROPERTY))
+      data.todoStart = timeOf(start, icalproperty_get_dtstart(start), "DTSTART");
+    if (data.todoStart && data.todoStart->kind == VdirTime::Kind::zoned) data.timeZoneName = data.todoStart->tzid;
+    if (data.due && data.due->kind == VdirTime::Kind::zoned) data.timeZoneName = data.due->tzid;
+    data.completed = utcDateOf(component, ICAL_COMPLETED_PROPERTY, icalproperty_get_completed, "COMPLETED");
+    data.isCompleted = data.completed.has_value();
+    if (icalproperty* status = icalcomponent_get_first_property(component, ICAL_STATUS_PROPERTY))
+      if (icalproperty_get_status(status) == ICAL_STATUS_COMPLETED) data.isCompleted = true;
+    if (icalproperty* priority = icalcomponent_get_first_property(component, ICAL_PRIORITY_PROPERTY)) {
+      int value = icalproperty_get_priority(priority);
+      if (value < 0 || value > 9)
+        report(VdirDiagnostic::Action::repaired, "PRIORITY " + std::to_string(value) + " outside 0-9: read as none");
+      else
+        data.priority = value;
+    }
+    readAlarms(component, data, 0.0);
+    if (!data.summary) report(VdirDiagnostic::Action::repaired, "VTODO \"" + data.uid + "\" has no SUMMARY: shown untitled");
+  }
+
+  // Rules, extra and excluded dates of a master event.
+  void readRecurrence(icalcomponent* component, VdirSeriesData& series) {
+    const VdirTime& start = series.master->start;
+    for (icalproperty* p = icalcomponent_get_first_property(component, ICAL_RRULE_PROPERTY); p;
+         p = icalcomponent_get_next_property(component, ICAL_RRULE_PROPERTY)) {
+      icalrecurrencetype rule = icalproperty_get_rrule(p);
+      std::string text = takeString(icalproperty_get_value_as_string_r(p));
+      if (rule.freq == ICAL_NO_RECURRENCE || rule.interval < 1) {
+        report(VdirDiagnostic::Action::repaired, "RRULE \"" + text + "\" cannot be read: ignored");
+        continue;
+      }
+      VdirRuleData data;
+      data.rule = rule;
+      if (rule.rscale) data.rscaleName = lower(rule.rscale);
+      data.rule.rscale = nullptr;
+      if (data.rscaleName != "gregorian") {
+        report(VdirDiagnostic::Action::repaired, "RRULE with RSCALE=" + data.rscaleName + " expanded as Gregorian");
+      }
+      data.statesWeekStart = text.find("WKST=") != std::string::npos;
+      if (!icaltime_is_null_time(rule.until)) {
+        VdirTime until;
+        until.local = rule.until;
+        until.local.zone = nullptr;
+        until.kind = rule.until.is_date ? VdirTime::Kind::date
+                     : icaltime_is_utc(rule.until) ? VdirTime::Kind::utc
+                                                   : start.kind;
+        if (until.kind == VdirTime::Kind::zoned) {
+          until.zone = start.zone;
+          until.tzid = start.tzid;
+        }
+        data.until = context_.clock->instant(until);
+        if (rule.until.is_date) data.until = data.until->addingTimeInterval(86400.0 - 1);
+      }
+      // Sub-daily rules and BYxxx parts are kept; validate the weekdays the data model reads.
+      for (int i = 0; i < ICAL_BY_DAY_SIZE && data.rule.by_day[i] != ICAL_RECURRENCE_ARRAY_MAX; ++i) {
+        int weekday = icalrecurrencetype_day_day_of_week(data.rule.by_day[i]);
+        if (weekday < 1 || weekday > 7) {
+          report(VdirDiagnostic::Action::repaired, "RRULE \"" + text + "\" names a weekday outside the week: ignored");
+          data.rule.freq = ICAL_NO_RECURRENCE;
+          break;
+        }
+      }
+      if (data.rule.freq == ICAL_NO_RECURRENCE) continue;
+      if (data.rule.count > 0) expandCounted(data, start, text);
+      series.rules.push_back(std::move(data));
+    }
+    for (icalproperty* p = icalcomponent_get_first_property(component, ICAL_RDATE_PROPERTY); p;
+         p = icalcomponent_get_next_property(component, ICAL_RDATE_PROPERTY)) {
+      icaldatetimeperiodtype value = icalproperty_get_rdate(p);
+      icaltimetype time = icaltime_is_null_time(value.time) ? value.period.start : value.time;
+      if (auto rdate = timeOf(p, time, "RDATE")) series.rdates.push_back(*rdate);
+    }
+    for (icalproperty* p = icalcomponent_get_first_property(component, ICAL_EXDATE_PROPERTY); p;
+         p = icalcomponent_get_next_property(component, ICAL_EXDATE_PROPERTY)) {
+      if (auto exdate = timeOf(p, icalproperty_get_exdate(p), "EXDATE")) {
+        VdirTime like = *exdate;
+        // A DATE exclusion of a timed series excludes that day's occurrence at the series' time.
+        if (exdate->isDate() && !start.isDate()) {
+          like = start;
+          like.local.year = exdate->local.year;
+          like.local.month = exdate->local.month;
+          like.local.day = exdate->local.day;
+        }
+        series.exdates.push_back(context_.clock->instant(like).timeIntervalSince1970());
+      }
+    }
+    std::sort(series.exdates.begin(), series.exdates.end());
+  }
+
+  void expandCounted(VdirRuleData& data, const VdirTime& start, const std::string& text) {
+    std::vector<double> starts;
+    icaltimetype first = start.local;
+    first.zone = start.kind == VdirTime::Kind::zoned ? start.zone
+                 : start.kind == VdirTime::Kind::utc ? icaltimezone_get_utc_timezone()
+                                                     : nullptr;
+    icalrecur_iterator* iterator = icalrecur_iterator_new(data.rule, first);
+    if (!iterator) {
+      report(VdirDiagnostic::Action::repaired, "RRULE \"" + text + "\" cannot be expanded: ignored");
+      data.countedStarts = std::vector<double>{};
+      return;
+    }
+    const std::size_t limit = std::min<std::size_t>(context_.maximumCountedOccurrences, static_cast<std::size_t>(data.rule.count));
+    for (icaltimetype next = icalrecur_iterator_next(iterator); !icaltime_is_null_time(next);
+         next = icalrecur_iterator_next(iterator)) {
+      if (starts.size() >= limit) {
+        report(VdirDiagnostic::Action::truncated, "RRULE \"" + text + "\" served for its first " + std::to_string(limit) +
+                                                      " occurrences only");
+        break;
+      }
+      starts.push_back(context_.clock->instantLike(next, start).timeIntervalSince1970());
+    }
+    icalrecur_iterator_free(iterator);
+    data.countedStarts = std::move(starts);
+  }
+
+  void collectErrors(icalcomponent* component) {
+    for (icalproperty* p = icalcomponent_get_first_property(component, ICAL_XLICERROR_PROPERTY); p;
+         p = icalcomponent_get_next_property(component, ICAL_XLICERROR_PROPERTY)) {
+      const char* message = icalproperty_get_xlicerror(p);
+      report(VdirDiagnostic::Action::repaired, std::string("unreadable content ignored: ") + (message ? message : "?"));
+    }
+    for (icalcomponent* child = icalcomponent_get_first_component(component, ICAL_ANY_COMPONENT); child;
+         child = icalcomponent_get_next_component(component, ICAL_ANY_COMPONENT))
+      collectErrors(child);
+  }
+
+ private:
+  std::string path_;
+  const VdirParseContext& context_;
+  std::vector<VdirDiagnostic>& diagnostics_;
+  std::map<std::string, icalcomponent*> definitions_;
+};
+
+double endOf(const VdirComponentData& data, double start) {
+  return start + (data.start.isDate() ? data.durationDays * 86400.0 + 7200.0 : data.durationSeconds);
+}
+
+void computeBounds(VdirSeriesData& series, const VdirClock& clock) {
+  const double slack = 2 * 86400.0;
+  double first = std::numeric_limits<double>::infinity();
+  double last = -std::numeric_limits<double>::infinity();
+  bool endless = false;
+  auto consider = [&](const VdirComponentData& data, double start) {
+    first = std::min(first, start);
+    last = std::max(last, endOf(data, start));
+  };
+  if (series.master) {
+    const auto& master = *series.master;
+    double start = clock.instant(master.start).timeIntervalSince1970();
+    consider(master, start);
+    for (const auto& rule : series.rules) {
+      if (rule.countedStarts) {
+        if (!rule.countedStarts->empty()) consider(master, rule.countedStarts->back());
+      } else if (rule.until) {
+        consider(master, rule.until->timeIntervalSince1970());
+      } else {
+        endless = true;
+      }
+    }
+    for (const auto& rdate : series.rdates) consider(master, clock.instant(rdate).timeIntervalSince1970());
+  }
+  for (const auto& override : series.overrides) {
+    consider(override, clock.instant(override.start).timeIntervalSince1970());
+  }
+  series.firstStart = first - slack;
+  if (!endless) series.lastEnd = last + slack;
+}
+
+}  // namespace
+
+VdirParseResult parseItem(const std::string& relativePath, const std::string& fileName, const std::string& text,
+                          const VdirParseContext& context) {
+  VdirParseResult result;
+  Reader reader(relativePath, context, result.diagnostics);
+  if (text.find('\0') != std::string::npos) {
+    reader.report(VdirDiagnostic::Action::skipped, "not an iCalendar file (binary content)");
+    return result;
+  }
+  ComponentHolder root;
+  root.component = icalparser_parse_string(text.c_str());
+  if (!root.component) {
+    reader.report(VdirDiagnostic::Action::skipped, "not an iCalendar file (does not parse)");
+    return result;
+  }
+  // The parser hands back a VCALENDAR, or an XROOT holding several.
+  std::vector<icalcomponent*> calendars;
+  if (icalcomponent_isa(root.component) == ICAL_VCALENDAR_COMPONENT) {
+    calendars.push_back(root.component);
+  } else if (icalcomponent_isa(root.component) == ICAL_XROOT_COMPONENT) {
+    for (icalcomponent* c = icalcomponent_get_first_component(root.component, ICAL_VCALENDAR_COMPONENT); c;
+         c = icalcomponent_get_next_component(root.component, ICAL_VCALENDAR_COMPONENT))
+      calendars.push_back(c);
+  } else if (icalcomponent_isa(root.component) == ICAL_VEVENT_COMPONENT ||
+             icalcomponent_isa(root.component) == ICAL_VTODO_COMPONENT) {
+    reader.report(VdirDiagnostic::Action::repaired, "item not wrapped in a VCALENDAR");
+    calendars.push_back(root.component);
+  }
+  if (calendars.empty()) {
+    reader.report(VdirDiagnostic::Action::skipped, "no VCALENDAR in the file");
+    return result;
+  }
+  reader.collectErrors(root.component);
+
+  auto item = std::make_shared<VdirItem>();
+  item->fileName = fileName;
+  item->relativePath = relativePath;
+  std::vector<VdirComponentData> masters, overrides;
+  std::vector<icalcomponent*> masterComponents;
+  bool sawTodo = false, sawEvent = false;
+  for (icalcomponent* calendar : calendars) {
+    reader.collectZones(calendar);
+    auto visit = [&](icalcomponent* component) {
+      auto kind = icalcomponent_isa(component);
+      if (kind == ICAL_VEVENT_COMPONENT) {
+        sawEvent = true;
+        VdirComponentData data;
+        if (!reader.readEvent(component, data)) return;
+        if (data.recurrenceId) {
+          overrides.push_back(std::move(data));
+        } else {
+          masters.push_back(std::move(data));
+          masterComponents.push_back(component);
+        }
+      } else if (kind == ICAL_VTODO_COMPONENT) {
+        if (sawTodo) {
+          reader.report(VdirDiagnostic::Action::skipped, "a second VTODO in one file is not served");
+          return;
+        }
+        sawTodo = true;
+        item->kind = VdirItem::Kind::todo;
+        reader.readTodo(component, item->todo);
+      }
+    };
+    if (calendar == root.component && icalcomponent_isa(calendar) != ICAL_VCALENDAR_COMPONENT) {
+      visit(calendar);
+    } else {
+      for (icalcomponent* c = icalcomponent_get_first_component(calendar, ICAL_ANY_COMPONENT); c;
+           c = icalcomponent_get_next_component(calendar, ICAL_ANY_COMPONENT))
+        visit(c);
+    }
+  }
+  if (sawTodo) {
+    if (sawEvent) reader.report(VdirDiagnostic::Action::skipped, "VEVENTs beside a VTODO in one file are not served");
+    if (item->todo.uid.empty()) {
+      reader.report(VdirDiagnostic::Action::repaired, "VTODO has no UID: the file name stands in");
+      item->todo.uid = fileName;
+    }
+    result.item = item;
+    return result;
+  }
+  if (masters.empty() && overrides.empty()) {
+    if (!sawEvent) reader.report(VdirDiagnostic::Action::skipped, "no VEVENT or VTODO in the file");
+    return result;
+  }
+  if (masters.size() > 1)
+    reader.report(VdirDiagnostic::Action::skipped, "more than one master VEVENT: only the first is served");
+  auto& series = item->series;
+  if (!masters.empty()) {
+    series.master = std::move(masters.front());
+    reader.readRecurrence(masterComponents.front(), series);
+  }
+  const std::string uid = series.master ? series.master->uid : overrides.front().uid;
+  for (auto& override : overrides) {
+    if (override.uid != uid) {
+      reader.report(VdirDiagnostic::Action::skipped, "override with another UID (\"" + override.uid + "\") not served");
+      continue;
+    }
+    series.overrides.push_back(std::move(override));
+  }
+  std::sort(series.overrides.begin(), series.overrides.end(),
+            [](const auto& a, const auto& b) { return *a.recurrenceInstant < *b.recurrenceInstant; });
+  if (series.master && series.master->uid.empty()) {
+    reader.report(VdirDiagnostic::Action::repaired, "VEVENT has no UID: the file name stands in");
+    series.master->uid = fileName;
+    for (auto& override : series.overrides) override.uid = fileName;
+  }
+  computeBounds(series, *context.clock);
+  result.item = item;
+  return result;
+}
+
+}  // namespace vesp::vdir

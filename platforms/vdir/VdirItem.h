@@ -1,0 +1,131 @@
+// The compact data of one iCalendar file of a collection: an event series (its master VEVENT,
+// rules, extra and excluded dates, and RECURRENCE-ID overrides) or a to-do. Built once per file
+// version by parseItem; immutable afterwards and shared by every occurrence handed out.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platforms/vdir/VdirTime.h"
+#include "support/platform/Date.h"
+
+namespace vesp::vdir {
+
+class VdirZones;
+
+// One problem found in the store: what was skipped or repaired, where, and why.
+struct VdirDiagnostic {
+  enum class Action { skipped, repaired, truncated };
+  std::string path;  // relative to the store root
+  Action action = Action::skipped;
+  std::string problem;
+  friend bool operator==(const VdirDiagnostic&, const VdirDiagnostic&) = default;
+};
+const char* description(VdirDiagnostic::Action action);
+
+struct VdirParticipantData {
+  std::optional<std::string> name;  // CN
+  std::string address;              // the calendar user address (mailto:...)
+  std::int64_t role = 0;            // platform EKParticipantRole
+  std::int64_t status = 0;          // platform EKParticipantStatus
+  std::int64_t type = 0;            // platform EKParticipantType
+  bool isCurrentUser = false;
+};
+
+struct VdirLocationData {
+  std::optional<std::string> title;
+  std::optional<double> latitude, longitude;
+  double radius = 0.0;
+};
+
+struct VdirAlarmData {
+  std::optional<platform::Date> absoluteDate;
+  double relativeOffset = 0.0;  // seconds from the start (a trigger related to the end is moved here)
+  std::int64_t type = 0;        // platform EKAlarmType
+  std::int64_t proximity = 0;   // platform EKAlarmProximity
+  std::shared_ptr<const VdirLocationData> location;
+};
+
+struct VdirRuleData {
+  icalrecurrencetype rule{};  // rscale cleared; see rscaleName
+  std::string rscaleName = "gregorian";
+  bool statesWeekStart = false;
+  std::optional<platform::Date> until;
+  // The starts of every occurrence of a rule bounded by COUNT, expanded once when the file is
+  // read (the iterator cannot jump into a counted rule).
+  std::optional<std::vector<double>> countedStarts;
+};
+
+// What one VEVENT or VTODO says.
+struct VdirComponentData {
+  std::string uid;
+  std::optional<std::string> summary, description, location, url;
+  std::optional<platform::Date> created, lastModified;
+  std::int64_t status = 0;        // platform EKEventStatus (events)
+  std::int64_t availability = 0;  // platform EKEventAvailability (events)
+  std::vector<VdirParticipantData> attendees;
+  std::optional<VdirParticipantData> organizer;
+  std::vector<VdirAlarmData> alarms;
+  std::shared_ptr<const VdirLocationData> structuredLocation;
+  std::optional<double> travelTime;  // seconds
+  std::optional<std::string> timeZoneName;
+
+  // Events: start, end (exclusive) and the occurrence this one replaces.
+  VdirTime start;
+  double durationSeconds = 0.0;  // timed events
+  int durationDays = 0;          // all-day events (DTEND - DTSTART in days)
+  bool hasStart = false;
+  std::optional<VdirTime> recurrenceId;
+  std::optional<platform::Date> recurrenceInstant;
+
+  // To-dos.
+  std::optional<VdirTime> due, todoStart;
+  std::optional<platform::Date> dueInstant;
+  std::optional<platform::Date> completed;
+  bool isCompleted = false;
+  std::int64_t priority = 0;
+};
+
+struct VdirSeriesData {
+  std::optional<VdirComponentData> master;  // absent: a file of overrides only
+  std::vector<VdirRuleData> rules;
+  std::vector<VdirTime> rdates;
+  std::vector<double> exdates;           // instants (seconds since 1970) excluded
+  std::vector<VdirComponentData> overrides;  // sorted by recurrenceInstant
+  // The earliest start and the latest end any occurrence can have; absent end: no end.
+  double firstStart = 0.0;
+  std::optional<double> lastEnd;
+  bool isRecurring() const { return master && (!rules.empty() || !rdates.empty()); }
+};
+
+struct VdirItem {
+  enum class Kind { event, todo };
+  Kind kind = Kind::event;
+  std::string fileName;      // within its collection
+  std::string relativePath;  // within the store
+  VdirSeriesData series;     // events
+  VdirComponentData todo;    // to-dos
+};
+
+// What reading one file produced: the item (absent when the file was skipped) and its problems.
+struct VdirParseResult {
+  std::shared_ptr<const VdirItem> item;
+  std::vector<VdirDiagnostic> diagnostics;
+};
+
+struct VdirParseContext {
+  VdirZones* zones = nullptr;
+  const VdirClock* clock = nullptr;
+  const std::vector<std::string>* userAddresses = nullptr;  // lower-case mailto: addresses
+  std::size_t maximumCountedOccurrences = 100000;
+};
+
+// Reads the text of one .ics file. Never fails: a file that cannot be served gives no item and a
+// diagnostic saying why. REQUIRES: libicalMutex() is held.
+VdirParseResult parseItem(const std::string& relativePath, const std::string& fileName, const std::string& text,
+                          const VdirParseContext& context);
+
+}  // namespace vesp::vdir

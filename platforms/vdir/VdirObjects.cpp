@@ -1,0 +1,242 @@
+#include "platforms/vdir/VdirObjects.h"
+
+#include "support/platform/NSNumber.h"
+
+namespace vesp::vdir {
+
+namespace {
+
+class VdirStructuredLocation : public platform::EKStructuredLocation {
+ public:
+  explicit VdirStructuredLocation(std::shared_ptr<const VdirLocationData> data) : data_(std::move(data)) {}
+  std::optional<platform::CLLocation> geoLocation() const override {
+    if (!data_->latitude || !data_->longitude) return std::nullopt;
+    return platform::CLLocation(*data_->latitude, *data_->longitude);
+  }
+  double radius() const override { return data_->radius; }
+  std::optional<std::string> title() const override { return data_->title; }
+
+ private:
+  std::shared_ptr<const VdirLocationData> data_;
+};
+
+class VdirParticipant : public platform::EKParticipant {
+ public:
+  explicit VdirParticipant(VdirParticipantData data) : data_(std::move(data)) {}
+  bool isCurrentUser() const override { return data_.isCurrentUser; }
+  std::optional<std::string> name() const override { return data_.name; }
+  platform::EKParticipantRole participantRole() const override { return data_.role; }
+  platform::EKParticipantStatus participantStatus() const override { return data_.status; }
+  platform::EKParticipantType participantType() const override { return data_.type; }
+  platform::URL URL() const override { return platform::URL(data_.address); }
+  std::string description() const override { return "<EKParticipant " + data_.address + ">"; }
+
+ private:
+  VdirParticipantData data_;
+};
+
+class VdirAlarm : public platform::EKAlarm {
+ public:
+  explicit VdirAlarm(VdirAlarmData data) : data_(std::move(data)) {}
+  std::optional<platform::Date> absoluteDate() const override { return data_.absoluteDate; }
+  platform::EKAlarmProximity proximity() const override { return data_.proximity; }
+  double relativeOffset() const override { return data_.relativeOffset; }
+  std::shared_ptr<platform::EKStructuredLocation> structuredLocation() const override {
+    return data_.location ? std::make_shared<VdirStructuredLocation>(data_.location) : nullptr;
+  }
+  platform::EKAlarmType type() const override { return data_.type; }
+
+ private:
+  VdirAlarmData data_;
+};
+
+class VdirRecurrenceEnd : public platform::EKRecurrenceEnd {
+ public:
+  VdirRecurrenceEnd(std::optional<platform::Date> endDate, std::int64_t count) : endDate_(endDate), count_(count) {}
+  std::optional<platform::Date> endDate() const override { return endDate_; }
+  std::int64_t occurrenceCount() const override { return count_; }
+
+ private:
+  std::optional<platform::Date> endDate_;
+  std::int64_t count_;
+};
+
+class VdirRecurrenceDayOfWeek : public platform::EKRecurrenceDayOfWeek {
+ public:
+  VdirRecurrenceDayOfWeek(platform::EKWeekday day, std::int64_t week) : day_(day), week_(week) {}
+  platform::EKWeekday dayOfTheWeek() const override { return day_; }
+  std::int64_t weekNumber() const override { return week_; }
+
+ private:
+  platform::EKWeekday day_;
+  std::int64_t week_;
+};
+
+template <std::size_t N>
+platform::EKRecurrenceRule::NumberList numbers(const short (&values)[N]) {
+  if (values[0] == ICAL_RECURRENCE_ARRAY_MAX) return std::nullopt;
+  std::vector<platform::AnyObject> list;
+  for (std::size_t i = 0; i < N && values[i] != ICAL_RECURRENCE_ARRAY_MAX; ++i)
+    list.emplace_back(platform::NSNumber(static_cast<long long>(values[i])));
+  return list;
+}
+
+class VdirRecurrenceRule : public platform::EKRecurrenceRule {
+ public:
+  VdirRecurrenceRule(std::shared_ptr<const VdirItem> item, const VdirRuleData* rule)
+      : item_(std::move(item)), rule_(rule) {}
+  std::string calendarIdentifier() const override { return rule_->rscaleName; }
+  NumberList daysOfTheMonth() const override { return numbers(rule_->rule.by_month_day); }
+  std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceDayOfWeek>>> daysOfTheWeek() const override {
+    if (rule_->rule.by_day[0] == ICAL_RECURRENCE_ARRAY_MAX) return std::nullopt;
+    std::vector<std::shared_ptr<platform::EKRecurrenceDayOfWeek>> days;
+    for (int i = 0; i < ICAL_BY_DAY_SIZE && rule_->rule.by_day[i] != ICAL_RECURRENCE_ARRAY_MAX; ++i)
+      days.push_back(std::make_shared<VdirRecurrenceDayOfWeek>(
+          static_cast<platform::EKWeekday>(icalrecurrencetype_day_day_of_week(rule_->rule.by_day[i])),
+          icalrecurrencetype_day_position(rule_->rule.by_day[i])));
+    return days;
+  }
+  NumberList daysOfTheYear() const override { return numbers(rule_->rule.by_year_day); }
+  std::int64_t firstDayOfTheWeek() const override {
+    return rule_->statesWeekStart ? static_cast<std::int64_t>(rule_->rule.week_start) : 0;
+  }
+  // Daily 0, weekly 1, monthly 2, yearly 3; sub-daily rules as 4 hourly, 5 minutely, 6 secondly.
+  platform::EKRecurrenceFrequency frequency() const override {
+    switch (rule_->rule.freq) {
+      case ICAL_DAILY_RECURRENCE: return 0;
+      case ICAL_WEEKLY_RECURRENCE: return 1;
+      case ICAL_MONTHLY_RECURRENCE: return 2;
+      case ICAL_YEARLY_RECURRENCE: return 3;
+      case ICAL_HOURLY_RECURRENCE: return 4;
+      case ICAL_MINUTELY_RECURRENCE: return 5;
+      case ICAL_SECONDLY_RECURRENCE: return 6;
+      default: return 0;
+    }
+  }
+  std::int64_t interval() const override { return rule_->rule.interval; }
+  NumberList monthsOfTheYear() const override { return numbers(rule_->rule.by_month); }
+  std::shared_ptr<platform::EKRecurrenceEnd> recurrenceEnd() const override {
+    if (rule_->rule.count > 0) return std::make_shared<VdirRecurrenceEnd>(std::nullopt, rule_->rule.count);
+    if (rule_->until) return std::make_shared<VdirRecurrenceEnd>(rule_->until, 0);
+    return nullptr;
+  }
+  NumberList setPositions() const override { return numbers(rule_->rule.by_set_pos); }
+  NumberList weeksOfTheYear() const override { return numbers(rule_->rule.by_week_no); }
+
+ private:
+  std::shared_ptr<const VdirItem> item_;  // keeps rule_ alive
+  const VdirRuleData* rule_;
+};
+
+std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> alarmsOf(const VdirComponentData& data) {
+  if (data.alarms.empty()) return std::nullopt;
+  std::vector<std::shared_ptr<platform::EKAlarm>> alarms;
+  for (const auto& alarm : data.alarms) alarms.push_back(std::make_shared<VdirAlarm>(alarm));
+  return alarms;
+}
+
+std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> attendeesOf(const VdirComponentData& data) {
+  if (data.attendees.empty()) return std::nullopt;
+  std::vector<std::shared_ptr<platform::EKParticipant>> attendees;
+  for (const auto& attendee : data.attendees) attendees.push_back(std::make_shared<VdirParticipant>(attendee));
+  return attendees;
+}
+
+std::optional<platform::URL> urlOf(const VdirComponentData& data) {
+  if (!data.url) return std::nullopt;
+  return platform::URL(*data.url);
+}
+
+std::optional<platform::TimeZone> zoneOf(const VdirComponentData& data) {
+  if (!data.timeZoneName) return std::nullopt;
+  return platform::TimeZone(*data.timeZoneName);
+}
+
+}  // namespace
+
+std::string VdirSource::description() const { return "<EKSource '" + title_ + "' " + identifier_ + ">"; }
+std::string VdirCalendar::description() const {
+  return "<EKCalendar '" + fields_.title + "' " + fields_.identifier + ">";
+}
+
+std::optional<platform::URL> VdirEvent::URL() const { return urlOf(data()); }
+std::optional<platform::TimeZone> VdirEvent::timeZone() const { return zoneOf(data()); }
+std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> VdirEvent::alarms() const { return alarmsOf(data()); }
+std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> VdirEvent::attendees() const {
+  return attendeesOf(data());
+}
+std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>> VdirEvent::recurrenceRules() const {
+  const auto& rules = fields_.item->series.rules;
+  if (rules.empty()) return std::nullopt;
+  std::vector<std::shared_ptr<platform::EKRecurrenceRule>> result;
+  for (const auto& rule : rules) result.push_back(std::make_shared<VdirRecurrenceRule>(fields_.item, &rule));
+  return result;
+}
+std::shared_ptr<platform::EKParticipant> VdirEvent::organizer() const {
+  return data().organizer ? std::make_shared<VdirParticipant>(*data().organizer) : nullptr;
+}
+std::shared_ptr<platform::EKStructuredLocation> VdirEvent::structuredLocation() const {
+  return data().structuredLocation ? std::make_shared<VdirStructuredLocation>(data().structuredLocation) : nullptr;
+}
+std::optional<platform::AnyObject> VdirEvent::valueForKey(const std::string& key) const {
+  if (key == "travelTime" && data().travelTime) return platform::AnyObject(platform::NSNumber(*data().travelTime));
+  return std::nullopt;
+}
+std::string VdirEvent::description() const {
+  return "<EKEvent '" + data().summary.value_or("") + "' " + fields_.eventIdentifier + " " + fields_.start.iso8601() + ">";
+}
+
+std::optional<platform::URL> VdirReminder::URL() const { return urlOf(data()); }
+std::optional<platform::TimeZone> VdirReminder::timeZone() const { return zoneOf(data()); }
+std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> VdirReminder::alarms() const {
+  return alarmsOf(data());
+}
+std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> VdirReminder::attendees() const {
+  return attendeesOf(data());
+}
+std::optional<platform::DateComponents> VdirReminder::dueDateComponents() const {
+  if (!data().due) return std::nullopt;
+  return dateComponents(*data().due);
+}
+std::optional<platform::DateComponents> VdirReminder::startDateComponents() const {
+  if (!data().todoStart) return std::nullopt;
+  return dateComponents(*data().todoStart);
+}
+std::string VdirReminder::description() const {
+  return "<EKReminder '" + data().summary.value_or("") + "' " + identifier_ + ">";
+}
+
+std::shared_ptr<platform::EKCalendar> VdirNewEvent::calendar() const {
+  std::lock_guard lock(mutex_);
+  return calendar_;
+}
+std::optional<platform::Date> VdirNewEvent::endDate() const {
+  std::lock_guard lock(mutex_);
+  return end_;
+}
+bool VdirNewEvent::isAllDay() const {
+  std::lock_guard lock(mutex_);
+  return allDay_;
+}
+std::optional<platform::Date> VdirNewEvent::startDate() const {
+  std::lock_guard lock(mutex_);
+  return start_;
+}
+void VdirNewEvent::setStartDate(platform::Date startDate) {
+  std::lock_guard lock(mutex_);
+  start_ = startDate;
+}
+void VdirNewEvent::setEndDate(platform::Date endDate) {
+  std::lock_guard lock(mutex_);
+  end_ = endDate;
+}
+void VdirNewEvent::setAllDay(bool allDay) {
+  std::lock_guard lock(mutex_);
+  allDay_ = allDay;
+}
+void VdirNewEvent::setCalendar(std::shared_ptr<platform::EKCalendar> calendar) {
+  std::lock_guard lock(mutex_);
+  calendar_ = std::move(calendar);
+}
+
+}  // namespace vesp::vdir

@@ -1,0 +1,205 @@
+// The platform objects the vdir store hands out. Each is an immutable view of the compact data of
+// one file version (kept alive by the object), so an answer stays whole while files change.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platforms/vdir/VdirItem.h"
+#include "support/platform/EKAlarm.h"
+#include "support/platform/EKCalendar.h"
+#include "support/platform/EKEvent.h"
+#include "support/platform/EKParticipant.h"
+#include "support/platform/EKRecurrenceRule.h"
+#include "support/platform/EKReminder.h"
+#include "support/platform/EKSource.h"
+#include "support/platform/EKStructuredLocation.h"
+
+namespace vesp::vdir {
+
+class VdirSource : public platform::EKSource {
+ public:
+  VdirSource(std::string identifier, platform::EKSourceType type, std::string title)
+      : identifier_(std::move(identifier)), type_(type), title_(std::move(title)) {}
+  std::string sourceIdentifier() const override { return identifier_; }
+  platform::EKSourceType sourceType() const override { return type_; }
+  std::string title() const override { return title_; }
+  std::string description() const override;
+
+ private:
+  std::string identifier_;
+  platform::EKSourceType type_;
+  std::string title_;
+};
+
+struct VdirCalendarFields {
+  std::string identifier;  // the collection's path within the store
+  std::string title;
+  platform::CGColorRef color;
+  platform::EKEntityMask entityTypes = platform::EKEntityMaskEvent;
+  platform::EKCalendarType type = 0;
+  std::shared_ptr<VdirSource> source;
+};
+
+class VdirCalendar : public platform::EKCalendar {
+ public:
+  explicit VdirCalendar(VdirCalendarFields fields) : fields_(std::move(fields)) {}
+  const VdirCalendarFields& fields() const { return fields_; }
+
+  bool allowsContentModifications() const override { return false; }
+  platform::EKEntityMask allowedEntityTypes() const override { return fields_.entityTypes; }
+  std::string calendarIdentifier() const override { return fields_.identifier; }
+  platform::CGColorRef CGColor() const override { return fields_.color; }
+  bool isImmutable() const override { return true; }
+  bool isSubscribed() const override { return false; }
+  std::shared_ptr<platform::EKSource> source() const override { return fields_.source; }
+  platform::EKCalendarEventAvailabilityMask supportedEventAvailabilities() const override {
+    return platform::EKCalendarEventAvailabilityBusy | platform::EKCalendarEventAvailabilityFree |
+           platform::EKCalendarEventAvailabilityTentative | platform::EKCalendarEventAvailabilityUnavailable;
+  }
+  std::string title() const override { return fields_.title; }
+  platform::EKCalendarType type() const override { return fields_.type; }
+  std::string description() const override;
+
+ private:
+  VdirCalendarFields fields_;
+};
+
+// One occurrence of an event series.
+struct VdirOccurrenceFields {
+  std::shared_ptr<const VdirItem> item;          // keeps `component` alive
+  const VdirComponentData* component = nullptr;  // the master or the override
+  std::shared_ptr<platform::EKCalendar> calendar;
+  std::string eventIdentifier;
+  platform::Date start, end, occurrence;
+  bool detached = false;
+};
+
+class VdirEvent : public platform::EKEvent {
+ public:
+  explicit VdirEvent(VdirOccurrenceFields fields) : fields_(std::move(fields)) {}
+  const VdirOccurrenceFields& fields() const { return fields_; }
+
+  std::shared_ptr<platform::EKCalendar> calendar() const override { return fields_.calendar; }
+  std::string calendarItemIdentifier() const override { return fields_.eventIdentifier; }
+  std::optional<std::string> calendarItemExternalIdentifier() const override { return data().uid; }
+  std::optional<platform::Date> creationDate() const override { return data().created; }
+  std::optional<platform::Date> lastModifiedDate() const override { return data().lastModified; }
+  std::optional<std::string> location() const override { return data().location; }
+  std::optional<std::string> notes() const override { return data().description; }
+  std::optional<platform::URL> URL() const override;
+  std::optional<platform::TimeZone> timeZone() const override;
+  std::optional<std::string> title() const override { return data().summary.value_or(""); }
+  std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> alarms() const override;
+  std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> attendees() const override;
+  std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>> recurrenceRules() const override;
+
+  platform::EKEventAvailability availability() const override { return data().availability; }
+  std::optional<std::string> birthdayContactIdentifier() const override { return std::nullopt; }
+  std::optional<platform::Date> endDate() const override { return fields_.end; }
+  std::optional<std::string> eventIdentifier() const override { return fields_.eventIdentifier; }
+  std::optional<platform::Date> occurrenceDate() const override { return fields_.occurrence; }
+  bool isAllDay() const override { return data().start.isDate(); }
+  bool isDetached() const override { return fields_.detached; }
+  std::shared_ptr<platform::EKParticipant> organizer() const override;
+  std::optional<platform::Date> startDate() const override { return fields_.start; }
+  platform::EKEventStatus status() const override { return data().status; }
+  std::shared_ptr<platform::EKStructuredLocation> structuredLocation() const override;
+  std::optional<platform::AnyObject> valueForKey(const std::string& key) const override;
+  // A stored occurrence cannot be changed: the store is only read.
+  void setStartDate(platform::Date) override {}
+  void setEndDate(platform::Date) override {}
+  void setAllDay(bool) override {}
+  void setCalendar(std::shared_ptr<platform::EKCalendar>) override {}
+  std::string description() const override;
+
+ private:
+  const VdirComponentData& data() const { return *fields_.component; }
+  VdirOccurrenceFields fields_;
+};
+
+class VdirReminder : public platform::EKReminder {
+ public:
+  VdirReminder(std::shared_ptr<const VdirItem> item, std::shared_ptr<platform::EKCalendar> calendar,
+               std::string identifier)
+      : item_(std::move(item)), calendar_(std::move(calendar)), identifier_(std::move(identifier)) {}
+  const VdirItem& item() const { return *item_; }
+
+  std::shared_ptr<platform::EKCalendar> calendar() const override { return calendar_; }
+  std::string calendarItemIdentifier() const override { return identifier_; }
+  std::optional<std::string> calendarItemExternalIdentifier() const override { return data().uid; }
+  std::optional<platform::Date> creationDate() const override { return data().created; }
+  std::optional<platform::Date> lastModifiedDate() const override { return data().lastModified; }
+  std::optional<std::string> location() const override { return data().location; }
+  std::optional<std::string> notes() const override { return data().description; }
+  std::optional<platform::URL> URL() const override;
+  std::optional<platform::TimeZone> timeZone() const override;
+  std::optional<std::string> title() const override { return data().summary.value_or(""); }
+  std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> alarms() const override;
+  std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> attendees() const override;
+  std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>> recurrenceRules() const override {
+    return std::nullopt;
+  }
+
+  std::optional<platform::Date> completionDate() const override { return data().completed; }
+  std::optional<platform::DateComponents> dueDateComponents() const override;
+  bool isCompleted() const override { return data().isCompleted; }
+  std::int64_t priority() const override { return data().priority; }
+  std::optional<platform::DateComponents> startDateComponents() const override;
+  std::string description() const override;
+
+ private:
+  const VdirComponentData& data() const { return item_->todo; }
+  std::shared_ptr<const VdirItem> item_;
+  std::shared_ptr<platform::EKCalendar> calendar_;
+  std::string identifier_;
+};
+
+// A new, unsaved event (eventWithEventStore): holds what the host sets.
+class VdirNewEvent : public platform::EKEvent {
+ public:
+  VdirNewEvent() = default;
+  std::shared_ptr<platform::EKCalendar> calendar() const override;
+  std::string calendarItemIdentifier() const override { return ""; }
+  std::optional<std::string> calendarItemExternalIdentifier() const override { return std::nullopt; }
+  std::optional<platform::Date> creationDate() const override { return std::nullopt; }
+  std::optional<platform::Date> lastModifiedDate() const override { return std::nullopt; }
+  std::optional<std::string> location() const override { return std::nullopt; }
+  std::optional<std::string> notes() const override { return std::nullopt; }
+  std::optional<platform::URL> URL() const override { return std::nullopt; }
+  std::optional<platform::TimeZone> timeZone() const override { return std::nullopt; }
+  std::optional<std::string> title() const override { return std::nullopt; }
+  std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> alarms() const override { return std::nullopt; }
+  std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> attendees() const override {
+    return std::nullopt;
+  }
+  std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>> recurrenceRules() const override {
+    return std::nullopt;
+  }
+  platform::EKEventAvailability availability() const override { return 0; }
+  std::optional<std::string> birthdayContactIdentifier() const override { return std::nullopt; }
+  std::optional<platform::Date> endDate() const override;
+  std::optional<std::string> eventIdentifier() const override { return std::nullopt; }
+  std::optional<platform::Date> occurrenceDate() const override { return std::nullopt; }
+  bool isAllDay() const override;
+  bool isDetached() const override { return false; }
+  std::shared_ptr<platform::EKParticipant> organizer() const override { return nullptr; }
+  std::optional<platform::Date> startDate() const override;
+  platform::EKEventStatus status() const override { return 0; }
+  std::shared_ptr<platform::EKStructuredLocation> structuredLocation() const override { return nullptr; }
+  std::optional<platform::AnyObject> valueForKey(const std::string&) const override { return std::nullopt; }
+  void setStartDate(platform::Date startDate) override;
+  void setEndDate(platform::Date endDate) override;
+  void setAllDay(bool allDay) override;
+  void setCalendar(std::shared_ptr<platform::EKCalendar> calendar) override;
+
+ private:
+  mutable std::mutex mutex_;
+  std::optional<platform::Date> start_, end_;
+  bool allDay_ = false;
+  std::shared_ptr<platform::EKCalendar> calendar_;
+};
+
+}  // namespace vesp::vdir

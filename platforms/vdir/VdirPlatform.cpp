@@ -1,0 +1,54 @@
+#include "platforms/vdir/VdirPlatform.h"
+
+#include "platforms/memory/MemoryPlatform.h"
+
+namespace vesp::vdir {
+
+std::shared_ptr<VdirPlatform> VdirPlatform::make(VdirPlatformOptions options) {
+  return std::shared_ptr<VdirPlatform>(new VdirPlatform(std::move(options)));
+}
+
+VdirPlatform::VdirPlatform(VdirPlatformOptions options) : services_(std::make_shared<VdirServices>()) {
+  services_->store = VdirStore::make(std::move(options.store));
+  services_->access = std::make_shared<VdirAccess>(
+      options.accessFile.empty() ? VdirAccess::defaultFile() : options.accessFile, options.applicationIdentifier);
+  services_->center = std::make_shared<platform::NSNotificationCenter>();
+  services_->bundle = std::make_shared<platform::NSBundle>();
+  services_->consentHandler = std::move(options.consentHandler);
+  screens_ = options.screens ? std::move(options.screens) : memory::MemoryPlatform::make();
+}
+
+std::shared_ptr<platform::EKEventStore> VdirPlatform::makeEventStore() { return VdirEventStore::make(services_); }
+
+platform::EKAuthorizationStatus VdirPlatform::authorizationStatusForEntityType(platform::EKEntityType entityType) {
+  return services_->authorizationStatus(entityType);
+}
+
+std::shared_ptr<platform::EKEvent> VdirPlatform::eventWithEventStore(const std::shared_ptr<platform::EKEventStore>&) {
+  return std::make_shared<VdirNewEvent>();
+}
+
+std::shared_ptr<platform::EKEventViewController> VdirPlatform::makeEventViewController() {
+  return screens_->makeEventViewController();
+}
+
+std::shared_ptr<platform::EKEventEditViewController> VdirPlatform::makeEventEditViewController() {
+  return screens_->makeEventEditViewController();
+}
+
+std::shared_ptr<platform::UINavigationController> VdirPlatform::makeNavigationController(
+    std::shared_ptr<platform::UIViewController> rootViewController) {
+  return screens_->makeNavigationController(std::move(rootViewController));
+}
+
+std::shared_ptr<platform::EKCalendarChooser> VdirPlatform::makeCalendarChooser(
+    platform::EKCalendarChooserSelectionStyle selectionStyle, platform::EKCalendarChooserDisplayStyle displayStyle,
+    platform::EKEntityType entityType, std::shared_ptr<platform::EKEventStore> eventStore) {
+  return screens_->makeCalendarChooser(selectionStyle, displayStyle, entityType, std::move(eventStore));
+}
+
+void VdirPlatform::setInfoDictionaryValue(const std::string& key, std::optional<platform::AnyObject> value) {
+  services_->bundle->setObjectForInfoDictionaryKey(key, std::move(value));
+}
+
+}  // namespace vesp::vdir

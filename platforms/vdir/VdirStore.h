@@ -1,0 +1,157 @@
+// The calendar data of one vdir tree, shared by every store connection of a platform.
+//
+// Layout: ROOT/<collection>/ or ROOT/<account>/<collection>/, each collection a directory of .ics
+// files (one item each) with optional "displayname" and "color" files. A directory directly under
+// the root is a collection when it holds .ics files or a displayname or color file, and an account
+// otherwise. Hidden entries (".name") are skipped.
+//
+// The tree is read into snapshots: immutable, and replaced whole, so every answer sees each file
+// wholly in its old or wholly in its new version. Files are re-read only when their size,
+// modification time, change time or inode differ from what was read. With watching on, an inotify
+// thread turns a burst of changes into one rescan and one call of each change listener (on that
+// thread); an overflowed event queue costs a full rescan, never a missed change.
+//
+// The store only ever reads: files are opened read-only and nothing under the root is written.
+//
+// Thread safety: every member function may be called from any thread.
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platforms/vdir/VdirExpansion.h"
+#include "platforms/vdir/VdirItem.h"
+#include "platforms/vdir/VdirObjects.h"
+
+namespace vesp::vdir {
+
+class VdirZones;
+
+struct VdirStoreOptions {
+  std::string root;
+  // The IANA zone that holds floating times and all-day events; empty: the system's local zone.
+  std::string localTimeZone;
+  // The user's own calendar addresses (e.g. "ann@example.org"): attendees with one of them are
+  // the current user.
+  std::vector<std::string> userAddresses;
+  bool watch = true;
+  // A burst of changes ends after this much quiet, or at the latest this long after it began.
+  std::chrono::milliseconds quietPeriod{150};
+  std::chrono::milliseconds maximumDelay{1000};
+  // Files larger than this are skipped with a diagnostic.
+  std::uintmax_t maximumFileSize = 16u * 1024u * 1024u;
+  VdirExpansionLimits limits;
+  std::size_t maximumCountedOccurrences = 100000;
+};
+
+struct VdirCollection {
+  std::string identifier;  // its path within the store: "work/meetings"
+  std::shared_ptr<VdirCalendar> calendar;
+  std::vector<std::shared_ptr<const VdirItem>> items;  // by file name
+};
+
+struct VdirSnapshot {
+  std::vector<VdirCollection> collections;  // by identifier
+  std::map<std::string, std::pair<std::size_t, std::size_t>> itemsByPath;  // path -> (collection, item)
+  std::vector<VdirDiagnostic> diagnostics;
+  bool rootExists = false;
+  bool rootReadable = false;
+  std::uint64_t generation = 0;
+};
+
+class VdirStore : public std::enable_shared_from_this<VdirStore> {
+ public:
+  // Reads the tree once and, when asked, starts watching it.
+  static std::shared_ptr<VdirStore> make(VdirStoreOptions options);
+  ~VdirStore();
+  VdirStore(const VdirStore&) = delete;
+  VdirStore& operator=(const VdirStore&) = delete;
+
+  const VdirStoreOptions& options() const { return options_; }
+  std::shared_ptr<const VdirSnapshot> snapshot() const;
+
+  // Rescans now; calls the change listeners when anything changed. Returns whether it did.
+  bool refresh();
+
+  // Calls `listener` (on the watcher's thread, or the thread of refresh) after each rescan that
+  // changed something. Returns a token for removeChangeListener.
+  std::uint64_t addChangeListener(std::function<void()> listener);
+  void removeChangeListener(std::uint64_t token);
+
+  // What was skipped, repaired or cut short, for the whole store.
+  std::vector<VdirDiagnostic> diagnostics() const;
+
+  // Occurrences overlapping [start, end) in the given collections (absent: all), by start date.
+  std::vector<std::shared_ptr<platform::EKEvent>> events(platform::Date start, platform::Date end,
+                                                         const std::optional<std::set<std::string>>& calendars);
+  // The first occurrence of the event series with this identifier, or null.
+  std::shared_ptr<platform::EKEvent> firstOccurrence(const std::string& eventIdentifier);
+  // The to-do with this identifier, or null.
+  std::shared_ptr<platform::EKReminder> reminder(const std::string& identifier);
+  // To-dos of the given lists (absent: all), selected by `accept`.
+  std::vector<std::shared_ptr<platform::EKReminder>> reminders(
+      const std::optional<std::set<std::string>>& calendars,
+      const std::function<bool(const VdirComponentData&)>& accept);
+
+  // The clock of this store (for converting due dates). REQUIRES: libicalMutex() held.
+  const VdirClock& clock() const { return *clock_; }
+
+  // Counts, for tests and benchmarks: rescans done and files parsed since the store was made.
+  std::uint64_t rescanCount() const { return rescans_.load(); }
+  std::uint64_t parseCount() const { return parses_.load(); }
+  // True once the watcher is running (always false without watching).
+  bool isWatching() const { return watching_.load(); }
+
+ private:
+  explicit VdirStore(VdirStoreOptions options);
+  bool rescan();
+  void watch();
+  void notifyListeners();
+  void reportRuntime(VdirDiagnostic diagnostic);
+  std::shared_ptr<platform::EKEvent> makeEvent(const std::shared_ptr<const VdirItem>& item,
+                                               const std::shared_ptr<VdirCalendar>& calendar,
+                                               const VdirOccurrence& occurrence) const;
+
+  struct CachedFile {
+    dev_t device = 0;
+    ino_t inode = 0;
+    off_t size = 0;
+    std::int64_t modified = 0, changed = 0;
+    std::shared_ptr<const VdirItem> item;
+    std::vector<VdirDiagnostic> diagnostics;
+  };
+
+  VdirStoreOptions options_;
+  std::shared_ptr<VdirZones> zones_;
+  std::unique_ptr<VdirClock> clock_;
+
+  mutable std::mutex mutex_;  // guards snapshot_, listeners_, runtime_
+  std::shared_ptr<const VdirSnapshot> snapshot_;
+  std::map<std::uint64_t, std::function<void()>> listeners_;
+  std::uint64_t nextToken_ = 1;
+  std::vector<VdirDiagnostic> runtime_;
+
+  std::mutex rescanMutex_;  // one rescan at a time; guards files_ and calendars_
+  std::map<std::string, CachedFile> files_;
+  std::map<std::string, std::shared_ptr<VdirCalendar>> calendars_;
+  std::map<std::string, std::shared_ptr<VdirSource>> sources_;
+
+  std::atomic<std::uint64_t> rescans_{0}, parses_{0};
+  std::atomic<bool> watching_{false};
+  int stopPipe_[2] = {-1, -1};
+  std::thread watcher_;
+};
+
+}  // namespace vesp::vdir

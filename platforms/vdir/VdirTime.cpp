@@ -1,0 +1,118 @@
+#include "platforms/vdir/VdirTime.h"
+
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <fstream>
+
+namespace vesp::vdir {
+
+std::mutex& libicalMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+
+namespace {
+
+// Days from 1970-01-01 to a proleptic Gregorian date (Howard Hinnant's algorithm).
+long long daysFromCivil(long long year, long long month, long long day) {
+  year -= month <= 2;
+  const long long era = (year >= 0 ? year : year - 399) / 400;
+  const long long yearOfEra = year - era * 400;
+  const long long dayOfYear = (153 * (month + (month > 2 ? -3 : 9)) + 2) / 5 + day - 1;
+  const long long dayOfEra = yearOfEra * 365 + yearOfEra / 4 - yearOfEra / 100 + dayOfYear;
+  return era * 146097 + dayOfEra - 719468;
+}
+
+// The offset from UTC, in seconds, of wall-clock `fields` in `zone` (null: UTC).
+int utcOffset(const icaltimezone* zone, icaltimetype fields) {
+  if (!zone) return 0;
+  int isDaylight = 0;
+  fields.zone = nullptr;
+  return icaltimezone_get_utc_offset(const_cast<icaltimezone*>(zone), &fields, &isDaylight);
+}
+
+double secondsOf(const icaltimetype& fields) {
+  return civilSecondsSince1970(fields.year, fields.month, fields.day, fields.is_date ? 0 : fields.hour,
+                               fields.is_date ? 0 : fields.minute, fields.is_date ? 0 : fields.second);
+}
+
+}  // namespace
+
+double civilSecondsSince1970(int year, int month, int day, int hour, int minute, int second) {
+  return static_cast<double>(daysFromCivil(year, month, day)) * 86400.0 + hour * 3600.0 + minute * 60.0 + second;
+}
+
+VdirClock::VdirClock(const std::string& localZone) : localZoneName_(localZone.empty() ? "UTC" : localZone) {
+  if (localZoneName_ != "UTC") localZone_ = icaltimezone_get_builtin_timezone(localZoneName_.c_str());
+  if (!localZone_) localZoneName_ = "UTC";
+}
+
+platform::Date VdirClock::instant(const VdirTime& time) const { return instantLike(time.local, time); }
+
+platform::Date VdirClock::instantLike(const icaltimetype& fields, const VdirTime& like) const {
+  const icaltimezone* zone = nullptr;
+  switch (like.kind) {
+    case VdirTime::Kind::utc: zone = nullptr; break;
+    case VdirTime::Kind::zoned: zone = like.zone; break;
+    case VdirTime::Kind::date:
+    case VdirTime::Kind::floating: zone = localZone_; break;
+  }
+  icaltimetype wall = fields;
+  if (like.kind == VdirTime::Kind::date || wall.is_date) {
+    wall.hour = wall.minute = wall.second = 0;
+    wall.is_date = 0;
+  }
+  return platform::Date::fromTimeIntervalSince1970(secondsOf(wall) - utcOffset(zone, wall));
+}
+
+icaltimetype VdirClock::wallClockLike(platform::Date instant, const VdirTime& like) const {
+  const icaltimezone* zone = nullptr;
+  switch (like.kind) {
+    case VdirTime::Kind::utc: zone = icaltimezone_get_utc_timezone(); break;
+    case VdirTime::Kind::zoned: zone = like.zone; break;
+    case VdirTime::Kind::date:
+    case VdirTime::Kind::floating: zone = localZone_ ? localZone_ : icaltimezone_get_utc_timezone(); break;
+  }
+  auto seconds = static_cast<time_t>(std::floor(instant.timeIntervalSince1970()));
+  icaltimetype wall = icaltime_from_timet_with_zone(seconds, like.isDate() ? 1 : 0, zone);
+  wall.zone = nullptr;
+  return wall;
+}
+
+std::string systemLocalZoneName() {
+  if (const char* tz = std::getenv("TZ"); tz && *tz) {
+    std::string name = tz[0] == ':' ? tz + 1 : tz;
+    auto marker = name.find("zoneinfo/");
+    if (marker != std::string::npos) name = name.substr(marker + 9);
+    if (!name.empty()) return name;
+  }
+  char target[4096];
+  ssize_t length = readlink("/etc/localtime", target, sizeof target - 1);
+  if (length > 0) {
+    std::string path(target, static_cast<std::size_t>(length));
+    auto marker = path.find("zoneinfo/");
+    if (marker != std::string::npos) return path.substr(marker + 9);
+  }
+  std::ifstream file("/etc/timezone");
+  std::string name;
+  if (file && std::getline(file, name) && !name.empty()) return name;
+  return "UTC";
+}
+
+platform::DateComponents dateComponents(const VdirTime& time) {
+  platform::DateComponents components;
+  components.year = time.local.year;
+  components.month = time.local.month;
+  components.day = time.local.day;
+  if (time.isDate()) return components;
+  components.hour = time.local.hour;
+  components.minute = time.local.minute;
+  components.second = time.local.second;
+  if (time.kind == VdirTime::Kind::utc) components.timeZone = platform::TimeZone("UTC");
+  if (time.kind == VdirTime::Kind::zoned) components.timeZone = platform::TimeZone(time.tzid);
+  return components;
+}
+
+}  // namespace vesp::vdir

@@ -1,0 +1,65 @@
+// Times as the iCalendar files state them, and their conversion to instants.
+//
+// libical is not safe to call from two threads at once (zone data is expanded lazily and shared),
+// so every call into it from this platform happens under libicalMutex().
+#pragma once
+
+#include <libical/ical.h>
+
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "support/platform/Date.h"
+#include "support/platform/DateComponents.h"
+
+namespace vesp::vdir {
+
+// The one lock around every libical call of this platform.
+std::mutex& libicalMutex();
+
+// A time as a file states it: a DATE, a floating DATE-TIME, a UTC DATE-TIME or a DATE-TIME in a
+// zone (TZID). Floating times and dates are placed in the store's local zone.
+struct VdirTime {
+  enum class Kind { date, floating, utc, zoned };
+  Kind kind = Kind::floating;
+  icaltimetype local = icaltime_null_time();  // the wall-clock fields, zone not attached
+  const icaltimezone* zone = nullptr;         // for zoned times only
+  std::string tzid;                           // the zone's name as written (zoned times only)
+
+  bool isDate() const { return kind == Kind::date; }
+};
+
+// Seconds since 1970 of a proleptic Gregorian civil date and time read as UTC (any year).
+double civilSecondsSince1970(int year, int month, int day, int hour, int minute, int second);
+
+// Converts between instants and wall-clock times. The local zone serves floating times and dates.
+// REQUIRES: libicalMutex() is held by the caller for every member function.
+class VdirClock {
+ public:
+  // `localZone` is an IANA name; an unknown or empty name means UTC.
+  explicit VdirClock(const std::string& localZone);
+  const std::string& localZoneName() const { return localZoneName_; }
+  icaltimezone* localZone() const { return localZone_; }
+
+  // The instant at which `time` falls.
+  platform::Date instant(const VdirTime& time) const;
+  // The instant at which wall-clock `fields` fall in the zone of `like` (its kind and zone).
+  platform::Date instantLike(const icaltimetype& fields, const VdirTime& like) const;
+  // The wall-clock time of `instant` in the zone of `like`, as a date when `like` is a date.
+  icaltimetype wallClockLike(platform::Date instant, const VdirTime& like) const;
+
+ private:
+  std::string localZoneName_;
+  icaltimezone* localZone_ = nullptr;  // null: UTC
+};
+
+// The local zone's IANA name from TZ, /etc/localtime or /etc/timezone; "UTC" when none is found.
+std::string systemLocalZoneName();
+
+// Date components of a time as the file states it: a DATE gives year, month and day only; a
+// DATE-TIME adds hour, minute and second, and its zone when it has one.
+platform::DateComponents dateComponents(const VdirTime& time);
+
+}  // namespace vesp::vdir

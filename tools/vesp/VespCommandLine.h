@@ -1,0 +1,19 @@
+// The vesp program: the calendar manager over a vdir store, from the command line.
+#pragma once
+
+#include <ostream>
+
+namespace vesp::tool {
+
+// Exit statuses.
+inline constexpr int kExitSuccess = 0;
+inline constexpr int kExitFailure = 1;       // the store or the library failed
+inline constexpr int kExitUsage = 2;         // bad arguments: options, dates, identifiers
+inline constexpr int kExitNoAccess = 3;      // access not granted
+inline constexpr int kExitNoStore = 4;       // no store at the given path
+inline constexpr int kExitNotFound = 5;      // no such event, occurrence or reminder
+
+// Runs the program with its arguments; prints results on `out` and messages on `err`.
+int runVesp(int argc, const char* const* argv, std::ostream& out, std::ostream& err);
+
+}  // namespace vesp::tool

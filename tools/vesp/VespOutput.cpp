@@ -1,0 +1,304 @@
+#include "tools/vesp/VespOutput.h"
+
+#include <algorithm>
+#include <cmath>
+#include <ctime>
+#include <iomanip>
+#include <sstream>
+
+#include "Vesp/VespJSONCoder.h"
+
+namespace vesp::tool {
+
+namespace {
+
+using nlohmann::json;
+
+json optionalText(const std::optional<std::string>& text) { return text ? json(*text) : json(nullptr); }
+json optionalDate(const std::optional<platform::Date>& date) { return date ? json(date->iso8601()) : json(nullptr); }
+template <class E>
+json named(E value) {
+  return std::string(description(value));
+}
+
+json toJSON(const VespSource& source) {
+  return {{"sourceIdentifier", source.sourceIdentifier()}, {"sourceType", named(source.sourceType())}, {"title", source.title()}};
+}
+
+json toJSON(const VespStructuredLocation& location) {
+  return {{"radius", location.radius()}, {"title", optionalText(location.title())}};
+}
+
+json toJSON(const VespEventParticipant& participant) {
+  return {{"isCurrentUser", participant.isCurrentUser()}, {"name", optionalText(participant.name())},
+          {"role", named(participant.role())},           {"status", named(participant.status())},
+          {"type", named(participant.type())},           {"url", participant.url().absoluteString()}};
+}
+
+json toJSON(const VespAlarm& alarm) {
+  return {{"absoluteDate", optionalDate(alarm.absoluteDate())},
+          {"proximity", named(alarm.proximity())},
+          {"relativeOffset", alarm.relativeOffset()},
+          {"structuredLocation", alarm.structuredLocation() ? toJSON(*alarm.structuredLocation()) : json(nullptr)}};
+}
+
+json numbers(const VespRecurrenceRule::NumberList& list) { return list ? json(*list) : json(nullptr); }
+
+json toJSON(const VespRecurrenceRule& rule) {
+  json days = nullptr;
+  if (rule.daysOfTheWeek()) {
+    days = json::array();
+    for (const auto& day : *rule.daysOfTheWeek())
+      days.push_back({{"dayOfTheWeek", named(day.dayOfTheWeek())}, {"weekNumber", day.weekNumber()}});
+  }
+  json end = nullptr;
+  if (rule.recurrenceEnd())
+    end = {{"endDate", optionalDate(rule.recurrenceEnd()->endDate())},
+           {"occurrenceCount", rule.recurrenceEnd()->occurrenceCount()}};
+  return {{"calendarIdentifier", rule.calendarIdentifier()},
+          {"daysOfTheMonth", numbers(rule.daysOfTheMonth())},
+          {"daysOfTheWeek", days},
+          {"daysOfTheYear", numbers(rule.daysOfTheYear())},
+          {"firstDayOfTheWeek", rule.firstDayOfTheWeek()},
+          {"frequency", named(rule.frequency())},
+          {"interval", rule.interval()},
+          {"monthsOfTheYear", numbers(rule.monthsOfTheYear())},
+          {"recurrenceEnd", end},
+          {"setPositions", numbers(rule.setPositions())},
+          {"weeksOfTheYear", numbers(rule.weeksOfTheYear())}};
+}
+
+json toJSON(const platform::DateComponents& components) {
+  json result = json::object();
+  auto put = [&](const char* name, const std::optional<std::int64_t>& value) {
+    if (value) result[name] = *value;
+  };
+  if (components.calendar) result["calendar"] = *components.calendar;
+  if (components.timeZone) result["timeZone"] = components.timeZone->identifier();
+  put("era", components.era);
+  put("year", components.year);
+  put("month", components.month);
+  put("day", components.day);
+  put("hour", components.hour);
+  put("minute", components.minute);
+  put("second", components.second);
+  return result;
+}
+
+template <class T>
+json list(const std::optional<std::vector<T>>& values) {
+  if (!values) return nullptr;
+  json array = json::array();
+  for (const auto& value : *values) array.push_back(toJSON(value));
+  return array;
+}
+
+std::string localTime(platform::Date date, const char* format) {
+  auto seconds = static_cast<std::time_t>(std::floor(date.timeIntervalSince1970()));
+  std::tm local{};
+  localtime_r(&seconds, &local);
+  char text[64];
+  std::strftime(text, sizeof text, format, &local);
+  return text;
+}
+
+std::string swatch(const platform::CGColorRef& colour, const HumanStyle& style) {
+  if (!style.colour || !colour) return "";
+  auto channel = [](double value) { return static_cast<int>(std::lround(std::clamp(value, 0.0, 1.0) * 255)); };
+  std::ostringstream out;
+  out << "\x1b[38;2;" << channel(colour->red()) << ';' << channel(colour->green()) << ';' << channel(colour->blue())
+      << "m\u25CF\x1b[0m ";
+  return out.str();
+}
+
+std::string components(const std::optional<platform::DateComponents>& value) {
+  if (!value || !value->year || !value->month || !value->day) return "";
+  std::ostringstream out;
+  out << std::setfill('0') << std::setw(4) << *value->year << '-' << std::setw(2) << *value->month << '-'
+      << std::setw(2) << *value->day;
+  if (value->hour && value->minute) out << ' ' << std::setw(2) << *value->hour << ':' << std::setw(2) << *value->minute;
+  if (value->timeZone) out << ' ' << value->timeZone->identifier();
+  return out.str();
+}
+
+}  // namespace
+
+std::string hexColour(const platform::CGColorRef& colour) {
+  if (!colour) return "";
+  auto channel = [](double value) { return static_cast<int>(std::lround(std::clamp(value, 0.0, 1.0) * 255)); };
+  char text[8];
+  std::snprintf(text, sizeof text, "#%02X%02X%02X", channel(colour->red()), channel(colour->green()),
+                channel(colour->blue()));
+  return text;
+}
+
+std::string neutralised(const std::string& text) {
+  std::string out;
+  out.reserve(text.size());
+  for (unsigned char c : text) {
+    if (c < 0x20 || c == 0x7F) {
+      char escaped[8];
+      std::snprintf(escaped, sizeof escaped, "\\x%02X", c);
+      out += escaped;
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out;
+}
+
+json toJSON(const VespCalendar& calendar) {
+  json kinds = json::array();
+  if (calendar.allowedEntityTypes().contains(VespEntityMask::event)) kinds.push_back("event");
+  if (calendar.allowedEntityTypes().contains(VespEntityMask::reminder)) kinds.push_back("reminder");
+  json availabilities = json::array();
+  const auto& available = calendar.supportedEventAvailabilities();
+  if (available.contains(VespEventAvailabilityMask::busy)) availabilities.push_back("busy");
+  if (available.contains(VespEventAvailabilityMask::free)) availabilities.push_back("free");
+  if (available.contains(VespEventAvailabilityMask::tentative)) availabilities.push_back("tentative");
+  if (available.contains(VespEventAvailabilityMask::unavailable)) availabilities.push_back("unavailable");
+  return {{"allowsContentModifications", calendar.allowsContentModifications()},
+          {"allowedEntityTypes", kinds},
+          {"calendarIdentifier", calendar.calendarIdentifier()},
+          {"cgColor", hexColour(calendar.cgColor())},
+          {"isImmutable", calendar.isImmutable()},
+          {"isSubscribed", calendar.isSubscribed()},
+          {"source", toJSON(calendar.source())},
+          {"supportedEventAvailabilities", availabilities},
+          {"title", calendar.title()},
+          {"type", named(calendar.type())}};
+}
+
+json toJSON(const VespEventInstance& event) {
+  return {{"alarms", list(event.alarms())},
+          {"attendees", list(event.attendees())},
+          {"availability", named(event.availability())},
+          {"birthdayContactIdentifier", optionalText(event.birthdayContactIdentifier())},
+          {"calendar", toJSON(event.calendar())},
+          {"calendarItemIdentifier", event.calendarItemIdentifier()},
+          {"calendarItemExternalIdentifier", event.calendarItemExternalIdentifier()},
+          {"creationDate", optionalDate(event.creationDate())},
+          {"endDate", event.endDate().iso8601()},
+          {"eventIdentifier", event.eventIdentifier()},
+          {"eventInstanceIdentifier", json::parse(VespJSONEncoder().encode(event.eventInstanceIdentifier()))},
+          {"isAllDay", event.isAllDay()},
+          {"isDetached", event.isDetached()},
+          {"lastModifiedDate", optionalDate(event.lastModifiedDate())},
+          {"location", optionalText(event.location())},
+          {"notes", optionalText(event.notes())},
+          {"organizer", event.organizer() ? toJSON(*event.organizer()) : json(nullptr)},
+          {"originalOccurrenceDate", event.originalOccurrenceDate().iso8601()},
+          {"recurrenceRules", list(event.recurrenceRules())},
+          {"startDate", event.startDate().iso8601()},
+          {"status", named(event.status())},
+          {"structuredLocation", event.structuredLocation() ? toJSON(*event.structuredLocation()) : json(nullptr)},
+          {"timeZone", event.timeZone() ? json(event.timeZone()->identifier()) : json(nullptr)},
+          {"title", event.title()},
+          {"travelTime", event.travelTime() ? json(*event.travelTime()) : json(nullptr)},
+          {"url", event.url() ? json(event.url()->absoluteString()) : json(nullptr)}};
+}
+
+json toJSON(const VespReminder& reminder) {
+  return {{"alarms", list(reminder.alarms())},
+          {"attendees", list(reminder.attendees())},
+          {"calendar", toJSON(reminder.calendar())},
+          {"calendarItemIdentifier", reminder.calendarItemIdentifier()},
+          {"calendarItemExternalIdentifier", reminder.calendarItemExternalIdentifier()},
+          {"completionDate", optionalDate(reminder.completionDate())},
+          {"creationDate", optionalDate(reminder.creationDate())},
+          {"dueDateComponents", reminder.dueDateComponents() ? toJSON(*reminder.dueDateComponents()) : json(nullptr)},
+          {"isCompleted", reminder.isCompleted()},
+          {"lastModifiedDate", optionalDate(reminder.lastModifiedDate())},
+          {"location", optionalText(reminder.location())},
+          {"notes", optionalText(reminder.notes())},
+          {"priority", named(reminder.priority())},
+          {"recurrenceRules", list(reminder.recurrenceRules())},
+          {"startDateComponents",
+           reminder.startDateComponents() ? toJSON(*reminder.startDateComponents()) : json(nullptr)},
+          {"timeZone", reminder.timeZone() ? json(reminder.timeZone()->identifier()) : json(nullptr)},
+          {"title", reminder.title()},
+          {"url", reminder.url() ? json(reminder.url()->absoluteString()) : json(nullptr)}};
+}
+
+json toJSON(const vdir::VdirDiagnostic& diagnostic) {
+  return {{"path", diagnostic.path}, {"action", vdir::description(diagnostic.action)}, {"problem", diagnostic.problem}};
+}
+
+void printCalendars(std::ostream& out, const std::vector<VespCalendar>& calendars, const HumanStyle& style) {
+  std::size_t width = 10;
+  for (const auto& calendar : calendars) width = std::max(width, calendar.calendarIdentifier().size());
+  for (const auto& calendar : calendars)
+    out << swatch(calendar.cgColor(), style) << std::left << std::setw(static_cast<int>(width) + 2)
+        << neutralised(calendar.calendarIdentifier()) << neutralised(calendar.title()) << "  ("
+        << neutralised(calendar.source().title()) << ")\n";
+  if (calendars.empty()) out << "(none)\n";
+}
+
+void printAgenda(std::ostream& out, const std::vector<VespEventInstance>& events, const HumanStyle& style) {
+  std::string day;
+  for (const auto& event : events) {
+    std::string thisDay = localTime(event.isAllDay() ? event.startDate().addingTimeInterval(1) : event.startDate(),
+                                    "%a %d %b %Y");
+    if (thisDay != day) {
+      if (!day.empty()) out << '\n';
+      out << thisDay << '\n';
+      day = thisDay;
+    }
+    std::string when = event.isAllDay() ? "all day" : localTime(event.startDate(), "%H:%M") + "-" +
+                                                          localTime(event.endDate(), "%H:%M");
+    out << "  " << std::left << std::setw(13) << when << swatch(event.calendar().cgColor(), style)
+        << neutralised(event.title());
+    if (event.location() && !event.location()->empty()) out << "  @ " << neutralised(*event.location());
+    out << "  [" << neutralised(event.calendar().title()) << "]\n";
+  }
+  if (events.empty()) out << "No events.\n";
+}
+
+void printEvent(std::ostream& out, const VespEventInstance& event, const HumanStyle& style) {
+  out << swatch(event.calendar().cgColor(), style) << neutralised(event.title()) << '\n';
+  auto line = [&](const char* name, const std::string& value) {
+    out << "  " << std::left << std::setw(12) << name << neutralised(value) << '\n';
+  };
+  if (event.isAllDay())
+    line("when", localTime(event.startDate(), "%a %d %b %Y") + " (all day)");
+  else
+    line("when", localTime(event.startDate(), "%a %d %b %Y %H:%M") + " - " + localTime(event.endDate(), "%a %d %b %Y %H:%M"));
+  line("calendar", event.calendar().title());
+  if (event.location()) line("location", *event.location());
+  if (event.url()) line("link", event.url()->absoluteString());
+  line("status", std::string(description(event.status())));
+  if (event.organizer()) line("organiser", event.organizer()->name().value_or(event.organizer()->url().absoluteString()));
+  if (event.attendees())
+    for (const auto& attendee : *event.attendees())
+      line("attendee", attendee.name().value_or(attendee.url().absoluteString()) + " (" +
+                           std::string(description(attendee.status())) + ")");
+  if (event.recurrenceRules() && !event.recurrenceRules()->empty())
+    line("repeats", std::string(description(event.recurrenceRules()->front().frequency())));
+  if (event.isDetached()) line("moved from", localTime(event.originalOccurrenceDate(), "%a %d %b %Y %H:%M"));
+  if (event.notes()) line("notes", *event.notes());
+}
+
+void printReminders(std::ostream& out, const std::vector<VespReminder>& reminders, const HumanStyle& style) {
+  for (const auto& reminder : reminders) {
+    out << (reminder.isCompleted() ? "[x] " : "[ ] ") << swatch(reminder.calendar().cgColor(), style)
+        << neutralised(reminder.title());
+    if (auto due = components(reminder.dueDateComponents()); !due.empty()) out << "  due " << due;
+    out << "  [" << neutralised(reminder.calendar().title()) << "]\n";
+  }
+  if (reminders.empty()) out << "No reminders.\n";
+}
+
+void printReminder(std::ostream& out, const VespReminder& reminder, const HumanStyle& style) {
+  out << swatch(reminder.calendar().cgColor(), style) << neutralised(reminder.title()) << '\n';
+  auto line = [&](const char* name, const std::string& value) {
+    out << "  " << std::left << std::setw(12) << name << neutralised(value) << '\n';
+  };
+  line("list", reminder.calendar().title());
+  line("completed", reminder.isCompleted() ? "yes" : "no");
+  if (auto due = components(reminder.dueDateComponents()); !due.empty()) line("due", due);
+  if (auto start = components(reminder.startDateComponents()); !start.empty()) line("starts", start);
+  line("priority", std::string(description(reminder.priority())));
+  if (reminder.notes()) line("notes", *reminder.notes());
+}
+
+}  // namespace vesp::tool

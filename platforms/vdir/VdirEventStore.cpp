@@ -1,5 +1,6 @@
 #include "platforms/vdir/VdirEventStore.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace vesp::vdir {
@@ -50,8 +51,10 @@ class VdirReminderPredicate : public platform::EKPredicate {
 }  // namespace
 
 platform::EKAuthorizationStatus VdirServices::authorizationStatus(platform::EKEntityType entityType) const {
+  // A root that exists but is no readable directory cannot be served at all.
   const auto& root = store->options().root;
-  if (::access(root.c_str(), F_OK) == 0 && ::access(root.c_str(), R_OK | X_OK) != 0)
+  struct stat status {};
+  if (::stat(root.c_str(), &status) == 0 && (!S_ISDIR(status.st_mode) || ::access(root.c_str(), R_OK | X_OK) != 0))
     return platform::EKAuthorizationStatusRestricted;
   return access->status(entityType);
 }

@@ -61,6 +61,8 @@ class Reader {
       : path_(relativePath), context_(context), diagnostics_(diagnostics) {}
 
   void report(VdirDiagnostic::Action action, std::string problem) {
+    // Problems quote the file; keep a quote of a huge line short.
+    if (problem.size() > 240) problem = problem.substr(0, 200) + "... (" + std::to_string(problem.size()) + " characters)";
     VdirDiagnostic diagnostic{path_, action, std::move(problem)};
     if (std::find(diagnostics_.begin(), diagnostics_.end(), diagnostic) == diagnostics_.end())
       diagnostics_.push_back(std::move(diagnostic));
@@ -507,6 +509,31 @@ class Reader {
   std::map<std::string, icalcomponent*> definitions_;
 };
 
+// The text with END lines added for every component left open, or nothing when none is.
+std::optional<std::string> closedText(const std::string& text) {
+  std::vector<std::string> open;
+  std::size_t at = 0;
+  std::string lastLine;
+  while (at < text.size()) {
+    std::size_t end = text.find('\n', at);
+    std::string line = text.substr(at, end == std::string::npos ? std::string::npos : end - at);
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    if (line.rfind("BEGIN:", 0) == 0) open.push_back(line.substr(6));
+    if (line.rfind("END:", 0) == 0 && !open.empty()) open.pop_back();
+    lastLine = line;
+    if (end == std::string::npos) break;
+    at = end + 1;
+  }
+  if (open.empty()) return std::nullopt;
+  std::string closed = text;
+  if (!closed.empty() && closed.back() != '\n') {
+    // A line cut off in the middle is dropped: its value is incomplete.
+    closed.erase(closed.size() - lastLine.size());
+  }
+  for (auto it = open.rbegin(); it != open.rend(); ++it) closed += "END:" + *it + "\r\n";
+  return closed;
+}
+
 double endOf(const VdirComponentData& data, double start) {
   return start + (data.start.isDate() ? data.durationDays * 86400.0 + 7200.0 : data.durationSeconds);
 }
@@ -554,6 +581,13 @@ VdirParseResult parseItem(const std::string& relativePath, const std::string& fi
   }
   ComponentHolder root;
   root.component = icalparser_parse_string(text.c_str());
+  if (!root.component && text.find("BEGIN:VCALENDAR") != std::string::npos) {
+    // A file that ends early (cut off, or missing its END lines) is closed and read again.
+    if (auto closed = closedText(text)) {
+      root.component = icalparser_parse_string(closed->c_str());
+      if (root.component) reader.report(VdirDiagnostic::Action::repaired, "the file ends early: its END lines were added");
+    }
+  }
   if (!root.component) {
     reader.report(VdirDiagnostic::Action::skipped, "not an iCalendar file (does not parse)");
     return result;

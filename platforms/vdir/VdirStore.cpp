@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <future>
 #include <limits>
 
 #include "platforms/vdir/VdirZones.h"
@@ -67,8 +68,13 @@ platform::CGColorRef parseColour(const std::string& text) {
 std::shared_ptr<VdirStore> VdirStore::make(VdirStoreOptions options) {
   std::shared_ptr<VdirStore> store(new VdirStore(std::move(options)));
   store->rescan();
-  if (store->options_.watch && ::pipe2(store->stopPipe_, O_CLOEXEC) == 0)
-    store->watcher_ = std::thread([raw = store.get()] { raw->watch(); });
+  if (store->options_.watch && ::pipe2(store->stopPipe_, O_CLOEXEC) == 0) {
+    // Changes made once make returns must be seen: wait until the watches are in place.
+    std::promise<void> ready;
+    auto started = ready.get_future();
+    store->watcher_ = std::thread([raw = store.get(), &ready] { raw->watch(ready); });
+    started.wait();
+  }
   return store;
 }
 
@@ -352,11 +358,12 @@ bool VdirStore::rescan() {
   return changed;
 }
 
-void VdirStore::watch() {
+void VdirStore::watch(std::promise<void>& ready) {
   int fd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
   if (fd < 0) {
     reportRuntime({".", VdirDiagnostic::Action::skipped,
                    std::string("the store cannot be watched: ") + std::strerror(errno)});
+    ready.set_value();
     return;
   }
   const std::uint32_t mask = IN_CREATE | IN_DELETE | IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_FROM | IN_MOVED_TO |
@@ -379,17 +386,23 @@ void VdirStore::watch() {
     }
     std::set<std::string> have;
     for (auto& [wd, path] : watches) have.insert(path);
+    bool added = false;
     for (const auto& path : wanted) {
       if (have.count(path)) continue;
       int wd = ::inotify_add_watch(fd, path.c_str(), mask);
-      if (wd >= 0) watches[wd] = path;
+      if (wd >= 0) {
+        watches[wd] = path;
+        added = true;
+      }
     }
     rootWatched = false;
     for (auto& [wd, path] : watches)
       if (path == options_.root) rootWatched = true;
+    return added;
   };
   sync();
   watching_ = true;
+  ready.set_value();
 
   using Clock = std::chrono::steady_clock;
   bool dirty = false;
@@ -397,10 +410,18 @@ void VdirStore::watch() {
   alignas(inotify_event) char buffer[64 * 1024];
   for (;;) {
     auto now = Clock::now();
+    // A directory watched only after the rescan that found it may have changed in between: a
+    // new watch is followed by one more rescan.
+    auto rescanAndWatch = [&] {
+      if (rescan()) notifyListeners();
+      if (sync()) {
+        dirty = true;
+        first = last = Clock::now();
+      }
+    };
     if (dirty && (now - last >= options_.quietPeriod || now - first >= options_.maximumDelay)) {
       dirty = false;
-      if (rescan()) notifyListeners();
-      sync();
+      rescanAndWatch();
       continue;
     }
     int timeout = -1;
@@ -418,8 +439,7 @@ void VdirStore::watch() {
     if (ready < 0 && errno != EINTR) break;
     if (fds[1].revents) break;
     if (ready == 0 && !dirty && !rootWatched) {
-      if (rescan()) notifyListeners();
-      sync();
+      rescanAndWatch();
       continue;
     }
     if (!(fds[0].revents & POLLIN)) continue;

@@ -22,6 +22,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -117,7 +118,7 @@ class VdirStore : public std::enable_shared_from_this<VdirStore> {
  private:
   explicit VdirStore(VdirStoreOptions options);
   bool rescan();
-  void watch();
+  void watch(std::promise<void>& ready);
   void notifyListeners();
   void reportRuntime(VdirDiagnostic diagnostic);
   std::shared_ptr<platform::EKEvent> makeEvent(const std::shared_ptr<const VdirItem>& item,

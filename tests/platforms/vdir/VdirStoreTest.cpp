@@ -1,0 +1,412 @@
+// The vdir store: its layout rules, bad data, watching, reminders, access, and that it never
+// writes to the tree.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <thread>
+
+#include "platforms/vdir/VdirPlatform.h"
+#include "tests/platforms/vdir/VdirTestSupport.h"
+
+namespace vesp::vdir {
+namespace {
+
+using platform::Date;
+using testing::simpleEvent;
+using testing::TemporaryDirectory;
+using testing::testData;
+using testing::utc;
+using testing::writeFile;
+namespace fs = std::filesystem;
+
+// Counts the store-changed notifications posted for one connection. The count lives in shared
+// state, so a notification still being delivered while the counter goes away finds it alive.
+class ChangeCounter {
+ public:
+  ChangeCounter(const std::shared_ptr<platform::NSNotificationCenter>& center,
+                const std::shared_ptr<platform::EKEventStore>& store)
+      : state_(std::make_shared<State>()) {
+    center->addObserver(state_, "storeChanged:", [state = state_](const platform::Notification&) {
+      std::lock_guard lock(state->mutex);
+      ++state->count;
+      state->changed.notify_all();
+    }, platform::EKEventStoreChangedNotification, store.get());
+  }
+  int count() {
+    std::lock_guard lock(state_->mutex);
+    return state_->count;
+  }
+  bool waitFor(int count, std::chrono::milliseconds limit) {
+    std::unique_lock lock(state_->mutex);
+    return state_->changed.wait_for(lock, limit, [&] { return state_->count >= count; });
+  }
+
+ private:
+  struct State {
+    std::mutex mutex;
+    std::condition_variable changed;
+    int count = 0;
+  };
+  std::shared_ptr<State> state_;
+};
+
+std::vector<std::string> identifiers(const std::vector<std::shared_ptr<platform::EKCalendar>>& calendars) {
+  std::vector<std::string> result;
+  for (const auto& calendar : calendars) result.push_back(calendar->calendarIdentifier());
+  return result;
+}
+
+const std::string kTodo =
+    "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Vesp tests//EN\r\nBEGIN:VTODO\r\nUID:t\r\nSUMMARY:Todo\r\n"
+    "END:VTODO\r\nEND:VCALENDAR\r\n";
+
+TEST(VdirStoreTest, accountsAreSourcesAndCollectionsAreCalendarsByWhatTheyHold) {
+  TemporaryDirectory root, config;
+  writeFile(root.path() / "work/meetings/a.ics", simpleEvent("a", "A", "20260310T090000Z", "20260310T100000Z"));
+  writeFile(root.path() / "work/meetings/displayname", "Meetings\n");
+  writeFile(root.path() / "work/tasks/t.ics", kTodo);
+  writeFile(root.path() / "work/mixed/a.ics", simpleEvent("a", "A", "20260310T090000Z", "20260310T100000Z"));
+  writeFile(root.path() / "work/mixed/t.ics", kTodo);
+  fs::create_directories(root.path() / "work/empty");
+  writeFile(root.path() / "local/color", "#FF0000");
+  writeFile(root.path() / ".hidden/x/a.ics", simpleEvent("a", "A", "20260310T090000Z", "20260310T100000Z"));
+  auto platform = VdirPlatform::make(testing::platformOptions(root.path(), config.path() / "access.json"));
+  auto store = platform->makeEventStore();
+  EXPECT_THAT(identifiers(store->calendarsForEntityType(platform::EKEntityTypeEvent)),
+              ::testing::ElementsAre("local", "work/empty", "work/meetings", "work/mixed"));
+  EXPECT_THAT(identifiers(store->calendarsForEntityType(platform::EKEntityTypeReminder)),
+              ::testing::ElementsAre("work/mixed", "work/tasks"));
+  auto calendars = store->calendarsForEntityType(platform::EKEntityTypeEvent);
+  EXPECT_EQ(calendars[0]->source()->sourceIdentifier(), ".");
+  EXPECT_EQ(calendars[0]->source()->title(), root.path().filename().string());
+  EXPECT_EQ(calendars[0]->CGColor()->red(), 1.0);
+  EXPECT_EQ(calendars[2]->title(), "Meetings");
+  EXPECT_EQ(calendars[1]->title(), "empty");  // no displayname: the directory's name
+  EXPECT_EQ(calendars[2]->source()->sourceIdentifier(), "work");
+  EXPECT_EQ(calendars[2]->source()->sourceType(), 2);
+  EXPECT_EQ(calendars[2]->type(), 1);
+  // A store hands out the same calendar object for the same calendar.
+  EXPECT_EQ(store->calendarsForEntityType(platform::EKEntityTypeEvent)[2], calendars[2]);
+}
+
+TEST(VdirStoreTest, aCollectionWithoutColourGetsAStableDefaultAndABadColourIsReported) {
+  TemporaryDirectory root, config;
+  writeFile(root.path() / "a/x.ics", simpleEvent("x", "X", "20260310T090000Z", "20260310T100000Z"));
+  writeFile(root.path() / "b/color", "red");
+  auto first = VdirPlatform::make(testing::platformOptions(root.path(), config.path() / "access.json"));
+  auto second = VdirPlatform::make(testing::platformOptions(root.path(), config.path() / "access.json"));
+  auto a1 = first->makeEventStore()->calendarsForEntityType(platform::EKEntityTypeEvent)[0];
+  auto a2 = second->makeEventStore()->calendarsForEntityType(platform::EKEntityTypeEvent)[0];
+  ASSERT_NE(a1->CGColor(), nullptr);
+  EXPECT_TRUE(platform::CGColorEqualToColor(a1->CGColor(), a2->CGColor()));
+  auto b = first->makeEventStore()->calendarsForEntityType(platform::EKEntityTypeEvent)[1];
+  EXPECT_NE(b->CGColor(), nullptr);
+  EXPECT_THAT(first->diagnostics(),
+              ::testing::Contains(::testing::Field(&VdirDiagnostic::path, "b/color")));
+}
+
+TEST(VdirStoreTest, brokenFilesAreReportedAndEverythingElseIsServed) {
+  TemporaryDirectory config;
+  auto platform = VdirPlatform::make(testing::platformOptions(testData("broken"), config.path() / "access.json"));
+  std::set<std::string> titles;
+  for (const auto& event : platform->store()->events(utc(2026, 3, 10), utc(2026, 3, 11), std::nullopt))
+    titles.insert(*event->title());
+  EXPECT_THAT(titles, ::testing::ElementsAre("No end", "bad-rrule", "bad-weekday", "good", "huge-line", "unknown-zone"));
+  std::set<std::string> reported;
+  for (const auto& diagnostic : platform->diagnostics()) reported.insert(diagnostic.path);
+  for (const char* file : {"bad-date.ics", "bad-rrule.ics", "bad-weekday.ics", "binary.ics", "empty.ics",
+                           "huge-line.ics", "missing-end.ics", "no-dtstart.ics", "not-calendar.ics", "truncated.ics",
+                           "unknown-zone.ics"})
+    EXPECT_TRUE(reported.count(std::string("cal/") + file)) << file;
+  EXPECT_FALSE(reported.count("cal/good.ics"));
+}
+
+TEST(VdirStoreTest, anEventWithoutSummaryOrUidIsRepairedAndReported) {
+  TemporaryDirectory root, config;
+  writeFile(root.path() / "c/bare.ics",
+            "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nBEGIN:VEVENT\r\nDTSTART:20260310T090000Z\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
+  auto platform = VdirPlatform::make(testing::platformOptions(root.path(), config.path() / "access.json"));
+  auto event = platform->store()->firstOccurrence("c/bare.ics");
+  ASSERT_NE(event, nullptr);
+  EXPECT_EQ(event->title(), "");
+  EXPECT_EQ(event->calendarItemExternalIdentifier(), "bare.ics");
+  EXPECT_EQ(event->endDate(), event->startDate());
+  EXPECT_EQ(platform->diagnostics().size(), 2u);
+}
+
+TEST(VdirStoreTest, theSameUidInTwoCollectionsGivesTwoIdentifiers) {
+  TemporaryDirectory root, config;
+  writeFile(root.path() / "a/same.ics", simpleEvent("same", "One", "20260310T090000Z", "20260310T100000Z"));
+  writeFile(root.path() / "b/same.ics", simpleEvent("same", "Two", "20260310T090000Z", "20260310T100000Z"));
+  auto platform = VdirPlatform::make(testing::platformOptions(root.path(), config.path() / "access.json"));
+  auto events = platform->store()->events(utc(2026, 3, 10), utc(2026, 3, 11), std::nullopt);
+  ASSERT_EQ(events.size(), 2u);
+  EXPECT_NE(events[0]->eventIdentifier(), events[1]->eventIdentifier());
+  EXPECT_EQ(events[0]->calendarItemExternalIdentifier(), events[1]->calendarItemExternalIdentifier());
+}
+
+TEST(VdirStoreTest, filesOutsideCollectionsLinksOutOfTheRootAndHugeFilesAreSkippedAndReported) {
+  TemporaryDirectory root, outside, config;
+  writeFile(root.path() / "stray.ics", simpleEvent("s", "Stray", "20260310T090000Z", "20260310T100000Z"));
+  writeFile(outside.path() / "secret.ics", simpleEvent("x", "Secret", "20260310T090000Z", "20260310T100000Z"));
+  writeFile(root.path() / "c/ok.ics", simpleEvent("ok", "Ok", "20260310T090000Z", "20260310T100000Z"));
+  writeFile(root.path() / "c/big.ics", simpleEvent("big", "Big", "20260310T090000Z", "20260310T100000Z",
+                                                    "DESCRIPTION:" + std::string(5000, 'x') + "\r\n"));
+  fs::create_symlink(outside.path() / "secret.ics", root.path() / "c/link.ics");
+  auto options = testing::platformOptions(root.path(), config.path() / "access.json");
+  options.store.maximumFileSize = 4096;
+  auto platform = VdirPlatform::make(options);
+  auto events = platform->store()->events(utc(2026, 3, 10), utc(2026, 3, 11), std::nullopt);
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0]->title(), "Ok");
+  std::set<std::string> reported;
+  for (const auto& diagnostic : platform->diagnostics()) reported.insert(diagnostic.path);
+  EXPECT_THAT(reported, ::testing::ElementsAre("c/big.ics", "c/link.ics", "stray.ics"));
+}
+
+TEST(VdirStoreTest, aRescanRereadsOnlyTheFilesThatChanged) {
+  TemporaryDirectory root, config;
+  for (int i = 0; i < 10; ++i)
+    writeFile(root.path() / "c" / (std::to_string(i) + ".ics"),
+              simpleEvent(std::to_string(i), "E" + std::to_string(i), "20260310T090000Z", "20260310T100000Z"));
+  auto platform = VdirPlatform::make(testing::platformOptions(root.path(), config.path() / "access.json"));
+  EXPECT_EQ(platform->store()->parseCount(), 10u);
+  EXPECT_FALSE(platform->store()->refresh());
+  EXPECT_EQ(platform->store()->parseCount(), 10u);
+  // Same size, same second: the change is still seen (nanoseconds, change time and inode count).
+  writeFile(root.path() / "c/3.ics", simpleEvent("3", "F3", "20260310T090000Z", "20260310T100000Z"));
+  fs::remove(root.path() / "c/4.ics");
+  fs::rename(root.path() / "c/5.ics", root.path() / "c/renamed.ics");
+  EXPECT_TRUE(platform->store()->refresh());
+  EXPECT_EQ(platform->store()->parseCount(), 12u);  // the changed file and the renamed one
+  std::set<std::string> titles;
+  for (const auto& event : platform->store()->events(utc(2026, 3, 10), utc(2026, 3, 11), std::nullopt))
+    titles.insert(*event->title());
+  EXPECT_EQ(titles.size(), 9u);
+  EXPECT_TRUE(titles.count("F3"));
+  EXPECT_FALSE(titles.count("E4"));
+  EXPECT_NE(platform->store()->firstOccurrence("c/renamed.ics"), nullptr);
+  EXPECT_EQ(platform->store()->firstOccurrence("c/5.ics"), nullptr);
+}
+
+TEST(VdirStoreTest, aWatchedChangeReachesEveryConnectionWithinASecond) {
+  TemporaryDirectory root, config;
+  writeFile(root.path() / "c/a.ics", simpleEvent("a", "Before", "20260310T090000Z", "20260310T100000Z"));
+  auto platform = VdirPlatform::make(testing::platformOptions(root.path(), config.path() / "access.json", true));
+  auto first = platform->makeEventStore();
+  auto second = platform->makeEventStore();
+  ChangeCounter firstCount(platform->defaultCenter(), first), secondCount(platform->defaultCenter(), second);
+  writeFile(root.path() / "c/a.ics", simpleEvent("a", "After", "20260310T090000Z", "20260310T100000Z"));
+  ASSERT_TRUE(firstCount.waitFor(1, std::chrono::milliseconds(1000)));
+  ASSERT_TRUE(secondCount.waitFor(1, std::chrono::milliseconds(1000)));
+  auto events = first->eventsMatchingPredicate(first->predicateForEventsWithStartDate(utc(2026, 3, 10), utc(2026, 3, 11), std::nullopt));
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0]->title(), "After");
+}
+
+TEST(VdirStoreTest, aBurstOfWritesBecomesFewNotificationsAndTheFinalStateIsServed) {
+  TemporaryDirectory root, config;
+  fs::create_directories(root.path() / "c");
+  auto platform = VdirPlatform::make(testing::platformOptions(root.path(), config.path() / "access.json", true));
+  auto store = platform->makeEventStore();
+  ChangeCounter counter(platform->defaultCenter(), store);
+  for (int i = 0; i < 500; ++i)
+    writeFile(root.path() / "c" / (std::to_string(i % 250) + ".ics"),
+              simpleEvent(std::to_string(i % 250), "Write " + std::to_string(i), "20260310T090000Z", "20260310T100000Z"));
+  ASSERT_TRUE(counter.waitFor(1, std::chrono::milliseconds(2000)));
+  // Let the last burst settle: the store converges on the last write of every file.
+  for (int attempt = 0; attempt < 50; ++attempt) {
+    auto events = platform->store()->events(utc(2026, 3, 10), utc(2026, 3, 11), std::nullopt);
+    std::size_t last = 0;
+    for (const auto& event : events)
+      if (event->title()->rfind("Write 2", 0) == 0 || event->title()->rfind("Write 3", 0) == 0 ||
+          event->title()->rfind("Write 4", 0) == 0)
+        ++last;
+    if (events.size() == 250 && last == 250) break;
+    counter.waitFor(counter.count() + 1, std::chrono::milliseconds(200));
+  }
+  auto events = platform->store()->events(utc(2026, 3, 10), utc(2026, 3, 11), std::nullopt);
+  ASSERT_EQ(events.size(), 250u);
+  for (const auto& event : events) {
+    int written = std::stoi(event->title()->substr(6));
+    EXPECT_GE(written, 250) << *event->title();
+  }
+  EXPECT_LT(counter.count(), 50);
+}
+
+TEST(VdirStoreTest, theStoreRootRemovedAndRecreatedIsServedAgain) {
+  TemporaryDirectory parent, config;
+  fs::path root = parent.path() / "store";
+  writeFile(root / "c/a.ics", simpleEvent("a", "First", "20260310T090000Z", "20260310T100000Z"));
+  auto platform = VdirPlatform::make(testing::platformOptions(root, config.path() / "access.json", true));
+  auto store = platform->makeEventStore();
+  ChangeCounter counter(platform->defaultCenter(), store);
+  fs::remove_all(root);
+  ASSERT_TRUE(counter.waitFor(1, std::chrono::milliseconds(2000)));
+  EXPECT_TRUE(platform->store()->events(utc(2026, 3, 10), utc(2026, 3, 11), std::nullopt).empty());
+  writeFile(root / "c/a.ics", simpleEvent("a", "Second", "20260310T090000Z", "20260310T100000Z"));
+  // The root is looked for again every second; each rescan that finds more posts again.
+  std::vector<std::shared_ptr<platform::EKEvent>> events;
+  for (int notification = 2; notification < 10 && events.empty(); ++notification) {
+    if (!counter.waitFor(notification, std::chrono::milliseconds(4000))) break;
+    events = platform->store()->events(utc(2026, 3, 10), utc(2026, 3, 11), std::nullopt);
+  }
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0]->title(), "Second");
+}
+
+TEST(VdirStoreTest, reminderPredicatesSelectByDueAndCompletionDatesOnAPlatformThread) {
+  TemporaryDirectory config;
+  auto platform = VdirPlatform::make(testing::platformOptions(testData("mapping"), config.path() / "access.json"));
+  auto store = platform->makeEventStore();
+  auto fetch = [&](const std::shared_ptr<platform::EKPredicate>& predicate) {
+    std::mutex mutex;
+    std::condition_variable done;
+    std::optional<std::vector<std::string>> titles;
+    std::thread::id thread;
+    store->fetchRemindersMatchingPredicate(predicate, [&](auto reminders) {
+      std::lock_guard lock(mutex);
+      titles.emplace();
+      for (const auto& reminder : *reminders) titles->push_back(*reminder->title());
+      thread = std::this_thread::get_id();
+      done.notify_all();
+    });
+    std::unique_lock lock(mutex);
+    done.wait(lock, [&] { return titles.has_value(); });
+    EXPECT_NE(thread, std::this_thread::get_id());
+    std::sort(titles->begin(), titles->end());
+    return *titles;
+  };
+  // A due date without a time falls at local midnight (Europe/Berlin here).
+  EXPECT_THAT(fetch(store->predicateForIncompleteRemindersWithDueDateStarting(utc(2026, 3, 9, 23), utc(2026, 3, 10, 23), std::nullopt)),
+              ::testing::ElementsAre("Call back"));
+  EXPECT_THAT(fetch(store->predicateForIncompleteRemindersWithDueDateStarting(utc(2026, 3, 10, 23), utc(2026, 3, 11, 23), std::nullopt)),
+              ::testing::ElementsAre("Buy milk"));
+  EXPECT_THAT(fetch(store->predicateForIncompleteRemindersWithDueDateStarting(utc(2026, 3, 10), std::nullopt, std::nullopt)),
+              ::testing::ElementsAre("Buy milk", "Call back"));
+  EXPECT_THAT(fetch(store->predicateForIncompleteRemindersWithDueDateStarting(std::nullopt, std::nullopt, std::nullopt)),
+              ::testing::ElementsAre("Buy milk", "Call back", "Someday"));
+  EXPECT_THAT(fetch(store->predicateForCompletedRemindersWithCompletionDateStarting(utc(2026, 3, 5), utc(2026, 3, 6), std::nullopt)),
+              ::testing::ElementsAre("File taxes"));
+  EXPECT_THAT(fetch(store->predicateForCompletedRemindersWithCompletionDateStarting(utc(2026, 3, 6), std::nullopt, std::nullopt)),
+              ::testing::ElementsAre());
+  auto none = std::vector<std::shared_ptr<platform::EKCalendar>>{};
+  EXPECT_THAT(fetch(store->predicateForIncompleteRemindersWithDueDateStarting(std::nullopt, std::nullopt, none)),
+              ::testing::ElementsAre());
+  EXPECT_NE(store->calendarItemWithIdentifier("tasks/due-date.ics"), nullptr);
+  EXPECT_NE(store->calendarItemWithIdentifier("home/summary.ics"), nullptr);
+  EXPECT_EQ(store->calendarItemWithIdentifier("tasks/none.ics"), nullptr);
+}
+
+struct AccessAnswer {
+  std::mutex mutex;
+  std::condition_variable done;
+  std::optional<std::pair<bool, std::optional<platform::NSError>>> result;
+  std::thread::id thread;
+  platform::EKEventStore::AccessCompletion completion() {
+    return [this](bool granted, std::optional<platform::NSError> error) {
+      std::lock_guard lock(mutex);
+      result.emplace(granted, error);
+      thread = std::this_thread::get_id();
+      done.notify_all();
+    };
+  }
+  std::pair<bool, std::optional<platform::NSError>> wait() {
+    std::unique_lock lock(mutex);
+    done.wait(lock, [&] { return result.has_value(); });
+    return *result;
+  }
+};
+
+TEST(VdirStoreTest, accessIsNotDeterminedUntilTheUserAnswersAndTheAnswerIsKept) {
+  TemporaryDirectory config;
+  auto options = testing::platformOptions(testData("mapping"), config.path() / "vesp/access.json");
+  std::vector<std::pair<platform::EKEntityType, std::optional<std::string>>> asked;
+  options.consentHandler = [&](platform::EKEntityType type, const std::optional<std::string>& usage) {
+    asked.emplace_back(type, usage);
+    return type == platform::EKEntityTypeEvent;
+  };
+  auto platform = VdirPlatform::make(options);
+  platform->setInfoDictionaryValue("NSCalendarsUsageDescription", platform::AnyObject("To show your week"));
+  EXPECT_EQ(platform->authorizationStatusForEntityType(platform::EKEntityTypeEvent),
+            platform::EKAuthorizationStatusNotDetermined);
+  auto store = platform->makeEventStore();
+  AccessAnswer events, reminders;
+  store->requestAccessToEntityType(platform::EKEntityTypeEvent, events.completion());
+  EXPECT_EQ(events.wait().first, true);
+  EXPECT_NE(events.thread, std::this_thread::get_id());
+  store->requestAccessToEntityType(platform::EKEntityTypeReminder, reminders.completion());
+  EXPECT_EQ(reminders.wait().first, false);
+  ASSERT_EQ(asked.size(), 2u);
+  EXPECT_EQ(asked[0].second, "To show your week");
+  EXPECT_EQ(asked[1].second, std::nullopt);
+  EXPECT_EQ(platform->authorizationStatusForEntityType(platform::EKEntityTypeEvent),
+            platform::EKAuthorizationStatusAuthorized);
+  EXPECT_EQ(platform->authorizationStatusForEntityType(platform::EKEntityTypeReminder),
+            platform::EKAuthorizationStatusDenied);
+  // Kept in the file, readable by its owner only, and read by a new platform.
+  struct stat status {};
+  ASSERT_EQ(::stat((config.path() / "vesp/access.json").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0600u);
+  auto again = VdirPlatform::make(testing::platformOptions(testData("mapping"), config.path() / "vesp/access.json"));
+  EXPECT_EQ(again->authorizationStatusForEntityType(platform::EKEntityTypeEvent),
+            platform::EKAuthorizationStatusAuthorized);
+  // A decided question is not asked again.
+  AccessAnswer repeat;
+  again->makeEventStore()->requestAccessToEntityType(platform::EKEntityTypeReminder, repeat.completion());
+  EXPECT_EQ(repeat.wait().first, false);
+  EXPECT_EQ(asked.size(), 2u);
+}
+
+TEST(VdirStoreTest, withoutAConsentHandlerARequestFailsAndDecidesNothing) {
+  TemporaryDirectory config;
+  auto platform = VdirPlatform::make(testing::platformOptions(testData("mapping"), config.path() / "access.json"));
+  AccessAnswer answer;
+  platform->makeEventStore()->requestAccessToEntityType(platform::EKEntityTypeEvent, answer.completion());
+  auto [granted, error] = answer.wait();
+  EXPECT_FALSE(granted);
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->domain(), VdirErrorDomain);
+  EXPECT_EQ(platform->authorizationStatusForEntityType(platform::EKEntityTypeEvent),
+            platform::EKAuthorizationStatusNotDetermined);
+  EXPECT_FALSE(fs::exists(config.path() / "access.json"));
+}
+
+TEST(VdirStoreTest, aStoreRootThatIsNoReadableDirectoryIsRestricted) {
+  TemporaryDirectory config;
+  writeFile(config.path() / "not-a-directory", "x");
+  auto platform = VdirPlatform::make(testing::platformOptions(config.path() / "not-a-directory", config.path() / "access.json"));
+  EXPECT_EQ(platform->authorizationStatusForEntityType(platform::EKEntityTypeEvent),
+            platform::EKAuthorizationStatusRestricted);
+  AccessAnswer answer;
+  platform->makeEventStore()->requestAccessToEntityType(platform::EKEntityTypeEvent, answer.completion());
+  EXPECT_FALSE(answer.wait().first);
+}
+
+TEST(VdirStoreTest, readingWatchingAndAskingNeverChangeTheTree) {
+  TemporaryDirectory root, config;
+  fs::copy(testData("series"), root.path(), fs::copy_options::recursive);
+  fs::copy(testData("mapping"), root.path() / "account", fs::copy_options::recursive);
+  auto before = testing::treeState(root.path());
+  {
+    auto options = testing::platformOptions(root.path(), config.path() / "access.json", true);
+    options.consentHandler = [](platform::EKEntityType, const std::optional<std::string>&) { return true; };
+    auto platform = VdirPlatform::make(options);
+    auto store = platform->makeEventStore();
+    AccessAnswer answer;
+    store->requestAccessToEntityType(platform::EKEntityTypeEvent, answer.completion());
+    answer.wait();
+    for (int year = 1990; year < 2040; year += 7)
+      store->eventsMatchingPredicate(store->predicateForEventsWithStartDate(utc(year, 1, 1), utc(year + 1, 1, 1), std::nullopt));
+    for (const auto& calendar : store->calendarsForEntityType(platform::EKEntityTypeReminder)) (void)calendar->title();
+    store->eventWithIdentifier("cal/moved.ics");
+    store->calendarItemWithIdentifier("account/tasks/due-date.ics");
+    platform->store()->refresh();
+  }
+  EXPECT_EQ(testing::treeState(root.path()), before);
+}
+
+}  // namespace
+}  // namespace vesp::vdir

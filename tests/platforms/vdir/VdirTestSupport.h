@@ -1,0 +1,97 @@
+// Helpers for tests of the vdir platform: temporary store trees, copies of the test data, and a
+// platform over them with Europe/Berlin as local zone and an access file of its own.
+#pragma once
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+
+#include "platforms/vdir/VdirPlatform.h"
+
+namespace vesp::vdir::testing {
+
+namespace fs = std::filesystem;
+
+inline fs::path testData(const std::string& name) { return fs::path(VESP_TEST_DATA_DIR) / "vdir" / name; }
+
+// A directory that is removed (with everything in it) when the object goes.
+class TemporaryDirectory {
+ public:
+  TemporaryDirectory() {
+    std::string pattern = (fs::temp_directory_path() / "vesp-test-XXXXXX").string();
+    path_ = ::mkdtemp(pattern.data());
+  }
+  ~TemporaryDirectory() {
+    std::error_code error;
+    // Restore permissions a test took away, so that everything can be removed.
+    for (auto it = fs::recursive_directory_iterator(path_, fs::directory_options::skip_permission_denied, error);
+         !error && it != fs::recursive_directory_iterator(); it.increment(error))
+      fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, error);
+    fs::permissions(path_, fs::perms::owner_all, fs::perm_options::add, error);
+    fs::remove_all(path_, error);
+  }
+  TemporaryDirectory(const TemporaryDirectory&) = delete;
+  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+  const fs::path& path() const { return path_; }
+
+ private:
+  fs::path path_;
+};
+
+inline void writeFile(const fs::path& path, const std::string& text) {
+  fs::create_directories(path.parent_path());
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << text;
+}
+
+inline std::string readFile(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// A one-event calendar file in UTC.
+inline std::string simpleEvent(const std::string& uid, const std::string& summary, const std::string& start,
+                               const std::string& end, const std::string& extra = "") {
+  return "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Vesp tests//EN\r\nBEGIN:VEVENT\r\nUID:" + uid +
+         "\r\nDTSTAMP:20260101T000000Z\r\nSUMMARY:" + summary + "\r\nDTSTART:" + start + "\r\nDTEND:" + end + "\r\n" +
+         extra + "END:VEVENT\r\nEND:VCALENDAR\r\n";
+}
+
+inline VdirPlatformOptions platformOptions(const fs::path& root, const fs::path& accessFile, bool watch = false) {
+  VdirPlatformOptions options;
+  options.store.root = root.string();
+  options.store.localTimeZone = "Europe/Berlin";
+  options.store.watch = watch;
+  options.store.quietPeriod = std::chrono::milliseconds(50);
+  options.store.maximumDelay = std::chrono::milliseconds(400);
+  options.accessFile = accessFile.string();
+  return options;
+}
+
+// Seconds since 1970 of a UTC date and time.
+inline platform::Date utc(int year, int month, int day, int hour = 0, int minute = 0, int second = 0) {
+  return platform::Date::fromTimeIntervalSince1970(civilSecondsSince1970(year, month, day, hour, minute, second));
+}
+
+// Every file under `root` with its bytes and modification time, to show a session changed nothing.
+inline std::map<std::string, std::pair<std::string, std::int64_t>> treeState(const fs::path& root) {
+  std::map<std::string, std::pair<std::string, std::int64_t>> state;
+  for (const auto& entry : fs::recursive_directory_iterator(root)) {
+    struct stat status {};
+    ::lstat(entry.path().c_str(), &status);
+    std::int64_t modified = static_cast<std::int64_t>(status.st_mtim.tv_sec) * 1000000000 + status.st_mtim.tv_nsec;
+    state[fs::relative(entry.path(), root).string()] = {entry.is_regular_file() ? readFile(entry.path()) : "", modified};
+  }
+  return state;
+}
+
+}  // namespace vesp::vdir::testing

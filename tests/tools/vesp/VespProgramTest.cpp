@@ -1,0 +1,273 @@
+// The vesp program, run as a user runs it: over golden trees and generated stores, in a process of
+// its own with its own access file, local zone Europe/Berlin.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "tests/platforms/vdir/VdirTestSupport.h"
+#include "tests/tools/vesp/IndependentExpansion.h"
+
+namespace vesp::tool {
+namespace {
+
+using nlohmann::json;
+using vdir::testing::TemporaryDirectory;
+using vdir::testing::testData;
+using vdir::testing::writeFile;
+namespace fs = std::filesystem;
+
+struct ProgramRun {
+  int status = -1;
+  std::string out, err;
+};
+
+std::string quoted(const std::string& text) {
+  std::string result = "'";
+  for (char c : text) result += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return result + "'";
+}
+
+class VespProgramTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    ::setenv("TZ", "Europe/Berlin", 1);
+    ::tzset();
+  }
+
+  // Runs vesp with `arguments`, stdin from /dev/null (no terminal).
+  ProgramRun vesp(const std::vector<std::string>& arguments, const std::string& environment = "") {
+    std::string command = "TZ=Europe/Berlin NO_COLOR=1 VESP_ACCESS_FILE=" + quoted((config_.path() / "access.json").string()) +
+                          " " + environment + " " + quoted(VESP_PROGRAM);
+    for (const auto& argument : arguments) command += " " + quoted(argument);
+    fs::path errors = config_.path() / "stderr.txt";
+    command += " < /dev/null 2> " + quoted(errors.string());
+    ProgramRun run;
+    FILE* pipe = ::popen(command.c_str(), "r");
+    char buffer[65536];
+    std::size_t count;
+    while ((count = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) run.out.append(buffer, count);
+    int status = ::pclose(pipe);
+    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    run.err = vdir::testing::readFile(errors);
+    return run;
+  }
+
+  std::string store(const std::string& name) { return testData(name).string(); }
+
+  TemporaryDirectory config_;
+};
+
+TEST_F(VespProgramTest, helpListsEveryCommand) {
+  auto help = vesp({"--help"});
+  EXPECT_EQ(help.status, 0);
+  for (const char* command : {"calendars", "reminder-lists", "events", "event", "reminders", "reminder", "watch",
+                              "access", "doctor", "--store", "--json", "--yes"})
+    EXPECT_THAT(help.out, ::testing::HasSubstr(command));
+  auto events = vesp({"events", "--help"});
+  EXPECT_EQ(events.status, 0);
+  EXPECT_THAT(events.out, ::testing::HasSubstr("--from"));
+  EXPECT_THAT(events.out, ::testing::HasSubstr("--calendar"));
+}
+
+TEST_F(VespProgramTest, aMissingStoreIsAClearError) {
+  auto run = vesp({"--store", (config_.path() / "nowhere").string(), "--yes", "calendars"});
+  EXPECT_EQ(run.status, 4);
+  EXPECT_THAT(run.err, ::testing::HasSubstr("there is no calendar store at"));
+}
+
+TEST_F(VespProgramTest, withoutATerminalOrYesAQuerySaysHowToGrantAccess) {
+  auto run = vesp({"--store", store("series"), "events"});
+  EXPECT_EQ(run.status, 3);
+  EXPECT_THAT(run.err, ::testing::HasSubstr("vesp access events --request"));
+  EXPECT_THAT(run.err, ::testing::HasSubstr("--yes"));
+  EXPECT_FALSE(fs::exists(config_.path() / "access.json"));
+}
+
+TEST_F(VespProgramTest, accessIsShownRequestedAndReset) {
+  auto before = vesp({"--store", store("series"), "--json", "access"});
+  EXPECT_EQ(before.status, 0) << before.err;
+  EXPECT_EQ(json::parse(before.out), json({{"events", "notDetermined"}, {"reminders", "notDetermined"}}));
+  auto granted = vesp({"--store", store("series"), "--yes", "--json", "access", "events", "--request"});
+  EXPECT_EQ(granted.status, 0) << granted.err;
+  EXPECT_EQ(json::parse(granted.out), json({{"events", "authorised"}}));
+  EXPECT_EQ(vesp({"--store", store("series"), "calendars"}).status, 0);
+  auto reset = vesp({"--store", store("series"), "--json", "access", "events", "--reset"});
+  EXPECT_EQ(json::parse(reset.out), json({{"events", "notDetermined"}}));
+  EXPECT_EQ(vesp({"--store", store("series"), "calendars"}).status, 3);
+}
+
+TEST_F(VespProgramTest, badDatesUnknownCalendarsAndUnknownIdentifiersAreClearErrors) {
+  auto badDate = vesp({"--store", store("series"), "--yes", "events", "--from", "2026-02-30"});
+  EXPECT_EQ(badDate.status, 2);
+  EXPECT_THAT(badDate.err, ::testing::HasSubstr("--from"));
+  EXPECT_EQ(vesp({"--store", store("series"), "--yes", "events", "--from", "next tuesday"}).status, 2);
+  EXPECT_EQ(vesp({"--store", store("series"), "--yes", "events", "--from", "2026-03-02", "--to", "2026-03-01"}).status, 2);
+  auto calendar = vesp({"--store", store("series"), "--yes", "events", "--calendar", "nope"});
+  EXPECT_EQ(calendar.status, 2);
+  EXPECT_THAT(calendar.err, ::testing::HasSubstr("vesp calendars"));
+  auto notIdentifier = vesp({"--store", store("series"), "--yes", "event", "{\"identifier\": 3}"});
+  EXPECT_EQ(notIdentifier.status, 2);
+  EXPECT_THAT(notIdentifier.err, ::testing::HasSubstr("is not an occurrence identifier"));
+  auto unknown = vesp({"--store", store("series"), "--yes", "event",
+                       R"({"identifier":"noOccurrenceDate","eventIdentifier":"cal/none.ics"})"});
+  EXPECT_EQ(unknown.status, 5);
+  EXPECT_THAT(unknown.err, ::testing::HasSubstr("No such event"));
+  auto reminder = vesp({"--store", store("mapping"), "--yes", "reminder", "tasks/none.ics"});
+  EXPECT_EQ(reminder.status, 5);
+  EXPECT_EQ(vesp({"--store", store("series"), "frobnicate"}).status, 2);
+}
+
+TEST_F(VespProgramTest, eventsAsJsonUseTheDataModelsFieldNamesAndFindTheirOccurrenceAgain) {
+  auto run = vesp({"--store", store("series"), "--yes", "--json", "events", "--from", "2026-03-28", "--to", "2026-03-29"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  auto events = json::parse(run.out);
+  ASSERT_TRUE(events.is_array());
+  json moved;
+  for (const auto& event : events)
+    if (event["isDetached"] == true) moved = event;
+  ASSERT_FALSE(moved.is_null());
+  EXPECT_EQ(moved["title"], "Jour fixe (moved in)");
+  EXPECT_EQ(moved["startDate"], "2026-03-28T10:00:00Z");
+  EXPECT_EQ(moved["originalOccurrenceDate"], "2026-05-07T12:00:00Z");
+  EXPECT_EQ(moved["calendarItemExternalIdentifier"], "moved");
+  EXPECT_EQ(moved["eventIdentifier"], "cal/moved.ics");
+  EXPECT_EQ(moved["eventInstanceIdentifier"]["identifier"], "withOccurrenceDate");
+  EXPECT_EQ(moved["calendar"]["calendarIdentifier"], "cal");
+  auto again = vesp({"--store", store("series"), "--yes", "--json", "event", moved["eventInstanceIdentifier"].dump()});
+  ASSERT_EQ(again.status, 0) << again.err;
+  EXPECT_EQ(json::parse(again.out), moved);
+  auto human = vesp({"--store", store("series"), "--yes", "event", moved["eventInstanceIdentifier"].dump()});
+  EXPECT_THAT(human.out, ::testing::HasSubstr("Jour fixe (moved in)"));
+  EXPECT_THAT(human.out, ::testing::HasSubstr("moved from"));
+}
+
+TEST_F(VespProgramTest, theAgendaIsGroupedByLocalDay) {
+  auto run = vesp({"--store", store("series"), "--yes", "events", "--from", "2026-03-27", "--to", "2026-03-29"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_THAT(run.out, ::testing::HasSubstr("Fri 27 Mar 2026\n"));
+  EXPECT_THAT(run.out, ::testing::HasSubstr("Sat 28 Mar 2026\n"));
+  EXPECT_THAT(run.out, ::testing::HasSubstr("  09:00-09:30  Berlin breakfast  [cal]\n"));
+  EXPECT_THAT(run.out, ::testing::HasSubstr("  11:00-12:00  Jour fixe (moved in)  [cal]\n"));
+  EXPECT_EQ(run.out.find('\x1b'), std::string::npos);  // no colour without a terminal
+}
+
+TEST_F(VespProgramTest, remindersListsAndOneReminder) {
+  auto lists = vesp({"--store", store("mapping"), "--yes", "--json", "reminder-lists"});
+  ASSERT_EQ(lists.status, 0) << lists.err;
+  EXPECT_EQ(json::parse(lists.out)[0]["title"], "Tasks");
+  auto run = vesp({"--store", store("mapping"), "--yes", "--json", "reminders", "--from", "2026-03-01", "--to", "2026-03-12"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  std::set<std::string> titles;
+  for (const auto& reminder : json::parse(run.out)) titles.insert(reminder["title"]);
+  EXPECT_THAT(titles, ::testing::ElementsAre("Buy milk", "Call back", "File taxes"));
+  auto one = vesp({"--store", store("mapping"), "--yes", "--json", "reminder", "tasks/due-date.ics"});
+  ASSERT_EQ(one.status, 0) << one.err;
+  auto milk = json::parse(one.out);
+  EXPECT_EQ(milk["dueDateComponents"], json({{"year", 2026}, {"month", 3}, {"day", 11}}));
+  EXPECT_EQ(milk["priority"], "high");
+}
+
+TEST_F(VespProgramTest, doctorListsEachProblemOfTheBrokenCorpus) {
+  auto run = vesp({"--store", store("broken"), "--json", "doctor"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  auto report = json::parse(run.out);
+  std::set<std::string> paths;
+  for (const auto& problem : report["problems"]) paths.insert(problem["path"]);
+  for (const char* file : {"bad-date.ics", "bad-rrule.ics", "bad-weekday.ics", "binary.ics", "empty.ics",
+                           "huge-line.ics", "missing-end.ics", "no-dtstart.ics", "not-calendar.ics", "truncated.ics",
+                           "unknown-zone.ics"})
+    EXPECT_TRUE(paths.count(std::string("cal/") + file)) << file;
+  auto human = vesp({"--store", store("broken"), "doctor"});
+  EXPECT_THAT(human.out, ::testing::HasSubstr("cal/no-dtstart.ics: skipped: VEVENT \"no-dtstart\" has no DTSTART"));
+}
+
+TEST_F(VespProgramTest, controlCharactersFromFilesNeverReachTheTerminal) {
+  TemporaryDirectory root;
+  writeFile(root.path() / "c/evil.ics", vdir::testing::simpleEvent("evil", "Title\\n\x1b]0;owned\x07 end",
+                                                                   "20260310T090000Z", "20260310T100000Z"));
+  auto run = vesp({"--store", root.path().string(), "--yes", "events", "--from", "2026-03-10", "--to", "2026-03-11"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.out.find('\x1b'), std::string::npos);
+  EXPECT_EQ(run.out.find('\x07'), std::string::npos);
+  EXPECT_THAT(run.out, ::testing::HasSubstr("\\x1B]0;owned\\x07 end"));
+}
+
+TEST_F(VespProgramTest, watchPrintsALinePerStoreChange) {
+  TemporaryDirectory root;
+  writeFile(root.path() / "c/a.ics", vdir::testing::simpleEvent("a", "A", "20260310T090000Z", "20260310T100000Z"));
+  ASSERT_EQ(vesp({"--store", root.path().string(), "--yes", "access", "--request"}).status, 0);
+  std::thread writer([&] {
+    // Written repeatedly until the watcher, started by then, has seen a change.
+    for (int i = 0; i < 50 && !fs::exists(config_.path() / "done"); ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(200));
+      writeFile(root.path() / "c/a.ics",
+                vdir::testing::simpleEvent("a", "A" + std::to_string(i), "20260310T090000Z", "20260310T100000Z"));
+    }
+  });
+  auto run = vesp({"--store", root.path().string(), "--json", "watch", "--count", "1"});
+  writeFile(config_.path() / "done", "");
+  writer.join();
+  ASSERT_EQ(run.status, 0) << run.err;
+  auto line = json::parse(run.out);
+  EXPECT_TRUE(line["changed"] == "events" || line["changed"] == "reminders");
+}
+
+// Compares vesp's occurrences with the independent expansion on windows of a generated store.
+void expectAgreement(VespProgramTest& test, const std::function<ProgramRun(const std::vector<std::string>&)>& vesp,
+                     const fs::path& root) {
+  testing::IndependentExpansion independent(root.string());
+  struct Window {
+    const char* from;
+    const char* to;
+  };
+  for (Window window : {Window{"2026-03-10", "2026-03-11"}, Window{"2026-03-01", "2026-04-01"},
+                        Window{"2026-01-01", "2027-01-01"}}) {
+    auto run = vesp({"--store", root.string(), "--yes", "--json", "events", "--from", window.from, "--to", window.to});
+    ASSERT_EQ(run.status, 0) << run.err;
+    testing::Occurrences seen;
+    for (const auto& event : json::parse(run.out)) {
+      std::tm fields{};
+      strptime(event["startDate"].get<std::string>().c_str(), "%Y-%m-%dT%H:%M:%SZ", &fields);
+      seen.emplace(event["eventIdentifier"].get<std::string>(), static_cast<long long>(timegm(&fields)));
+    }
+    std::tm from{}, to{};
+    strptime(window.from, "%Y-%m-%d", &from);
+    strptime(window.to, "%Y-%m-%d", &to);
+    from.tm_isdst = to.tm_isdst = -1;
+    auto expected = independent.occurrences(std::mktime(&from), std::mktime(&to));
+    EXPECT_EQ(seen.size(), expected.size()) << window.from << " to " << window.to;
+    std::vector<std::pair<std::string, long long>> missing, extra;
+    std::set_difference(expected.begin(), expected.end(), seen.begin(), seen.end(), std::back_inserter(missing));
+    std::set_difference(seen.begin(), seen.end(), expected.begin(), expected.end(), std::back_inserter(extra));
+    for (std::size_t i = 0; i < missing.size() && i < 10; ++i)
+      ADD_FAILURE() << "vesp misses " << missing[i].first << " at " << missing[i].second;
+    for (std::size_t i = 0; i < extra.size() && i < 10; ++i)
+      ADD_FAILURE() << "vesp adds " << extra[i].first << " at " << extra[i].second;
+    EXPECT_GT(expected.size(), 0u);
+  }
+  (void)test;
+}
+
+TEST_F(VespProgramTest, occurrencesOfAGenerated1000EventStoreAgreeWithAnIndependentExpansion) {
+  TemporaryDirectory generated;
+  fs::path root = generated.path() / "store";
+  ASSERT_EQ(std::system(("python3 " + quoted(VESP_GEN_VDIR) + " --root " + quoted(root.string()) +
+                         " --events 1000 --todos 100 --seed 3 > /dev/null").c_str()), 0);
+  expectAgreement(*this, [&](const std::vector<std::string>& arguments) { return vesp(arguments); }, root);
+}
+
+TEST_F(VespProgramTest, occurrencesOfAGenerated10000EventStoreAgreeWithAnIndependentExpansion) {
+  TemporaryDirectory generated;
+  fs::path root = generated.path() / "store";
+  ASSERT_EQ(std::system(("python3 " + quoted(VESP_GEN_VDIR) + " --root " + quoted(root.string()) +
+                         " --events 10000 --todos 1000 --seed 4 > /dev/null").c_str()), 0);
+  expectAgreement(*this, [&](const std::vector<std::string>& arguments) { return vesp(arguments); }, root);
+}
+
+}  // namespace
+}  // namespace vesp::tool

@@ -1,8 +1,16 @@
-// Uses the installed headers by their repository paths and links the installed libraries.
+// Uses the installed headers by their repository paths and links the installed libraries: the
+// memory platform, and the vdir platform over a one-file store.
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
 #include <iostream>
 
 #include "Vesp/VespEventInstance.h"
+#include "Vesp/VespJSONCoder.h"
 #include "platforms/memory/MemoryPlatform.h"
+#include "platforms/vdir/VdirPlatform.h"
 
 int main() {
   auto platform = vesp::memory::MemoryPlatform::make();
@@ -15,5 +23,23 @@ int main() {
   vesp::VespEventInstance event(*events[0]);
   std::cout << "installed Vesp read " << event.title() << ": "
             << vesp::VespJSONEncoder().encode(event.eventInstanceIdentifier()) << "\n";
+
+  char pattern[] = "/tmp/vesp-install-check-XXXXXX";
+  std::filesystem::path root = mkdtemp(pattern);
+  std::filesystem::create_directories(root / "home");
+  std::ofstream(root / "home/dentist.ics")
+      << "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nBEGIN:VEVENT\r\nUID:d\r\nSUMMARY:Dentist\r\n"
+         "DTSTART:20010101T000000Z\r\nDTEND:20010101T010000Z\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n";
+  vesp::vdir::VdirPlatformOptions options;
+  options.store.root = root.string();
+  options.store.watch = false;
+  options.accessFile = (root / "access.json").string();
+  auto vdir = vesp::vdir::VdirPlatform::make(options);
+  auto vdirStore = vdir->makeEventStore();
+  auto found = vdirStore->eventsMatchingPredicate(
+      vdirStore->predicateForEventsWithStartDate(platform::Date(0), platform::Date(3600), std::nullopt));
+  std::filesystem::remove_all(root);
+  if (found.size() != 1) return 1;
+  std::cout << "installed Vesp read " << vesp::VespEventInstance(*found[0]).title() << " from a vdir store\n";
   return 0;
 }

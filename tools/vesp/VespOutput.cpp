@@ -5,6 +5,7 @@
 #include <ctime>
 #include <iomanip>
 #include <sstream>
+#include <tuple>
 
 #include "Vesp/VespJSONCoder.h"
 
@@ -278,7 +279,18 @@ void printEvent(std::ostream& out, const VespEventInstance& event, const HumanSt
   if (event.notes()) line("notes", *event.notes());
 }
 
-void printReminders(std::ostream& out, const std::vector<VespReminder>& reminders, const HumanStyle& style) {
+void printReminders(std::ostream& out, const std::vector<VespReminder>& given, const HumanStyle& style) {
+  // Open ones first, each group by due date; those without one last.
+  auto key = [](const VespReminder& reminder) {
+    const auto& due = reminder.dueDateComponents();
+    bool none = !due || !due->year;
+    return std::make_tuple(reminder.isCompleted(), none, none ? 0 : *due->year, due && due->month ? *due->month : 0,
+                           due && due->day ? *due->day : 0, due && due->hour ? *due->hour : 0,
+                           due && due->minute ? *due->minute : 0);
+  };
+  std::vector<VespReminder> reminders = given;
+  std::stable_sort(reminders.begin(), reminders.end(),
+                   [&](const VespReminder& a, const VespReminder& b) { return key(a) < key(b); });
   for (const auto& reminder : reminders) {
     out << (reminder.isCompleted() ? "[x] " : "[ ] ") << swatch(reminder.calendar().cgColor(), style)
         << neutralised(reminder.title());

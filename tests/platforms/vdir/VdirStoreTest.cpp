@@ -408,5 +408,73 @@ TEST(VdirStoreTest, readingWatchingAndAskingNeverChangeTheTree) {
   EXPECT_EQ(testing::treeState(root.path()), before);
 }
 
+// A file of version `version`: a daily series and one moved occurrence, both titled by the version.
+std::string versionedSeries(int file, int version) {
+  std::string uid = "series-" + std::to_string(file);
+  std::string title = "v" + std::to_string(version);
+  return "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nBEGIN:VEVENT\r\nUID:" + uid + "\r\nSUMMARY:" + title +
+         "\r\nDTSTART:20260301T090000Z\r\nDTEND:20260301T100000Z\r\nRRULE:FREQ=DAILY;COUNT=20\r\nEND:VEVENT\r\n"
+         "BEGIN:VEVENT\r\nUID:" + uid + "\r\nSUMMARY:" + title +
+         "\r\nRECURRENCE-ID:20260305T090000Z\r\nDTSTART:20260305T150000Z\r\nDTEND:20260305T160000Z\r\nEND:VEVENT\r\n"
+         "END:VCALENDAR\r\n";
+}
+
+TEST(VdirStoreTest, queriesWhileFilesChangeSeeEachFileWhollyOldOrWhollyNew) {
+  TemporaryDirectory root, config;
+  const int files = 12;
+  for (int file = 0; file < files; ++file) writeFile(root.path() / "c" / (std::to_string(file) + ".ics"), versionedSeries(file, 0));
+  writeFile(root.path() / "t/todo.ics", kTodo);
+  auto platform = VdirPlatform::make(testing::platformOptions(root.path(), config.path() / "access.json", true));
+  std::atomic<bool> writing{true};
+  std::atomic<int> answers{0};
+  std::thread writer([&] {
+    for (int version = 1; version <= 40; ++version) {
+      for (int file = 0; file < files; ++file) {
+        // Written beside and renamed into place, as sync tools do.
+        fs::path target = root.path() / "c" / (std::to_string(file) + ".ics");
+        writeFile(root.path() / "c" / ".tmp", versionedSeries(file, version));
+        fs::rename(root.path() / "c" / ".tmp", target);
+      }
+      if (version % 4 == 0) platform->store()->refresh();
+    }
+    writing = false;
+  });
+  std::vector<std::thread> readers;
+  for (int reader = 0; reader < 4; ++reader)
+    readers.emplace_back([&, reader] {
+      auto store = platform->makeEventStore();
+      while (writing || answers < 40) {
+        auto events = store->eventsMatchingPredicate(
+            store->predicateForEventsWithStartDate(utc(2026, 3, 1), utc(2026, 4, 1), std::nullopt));
+        std::map<std::string, std::set<std::string>> versions;
+        for (const auto& event : events) versions[*event->eventIdentifier()].insert(*event->title());
+        EXPECT_EQ(versions.size(), static_cast<std::size_t>(files));
+        for (const auto& [identifier, seen] : versions) EXPECT_EQ(seen.size(), 1u) << identifier;
+        EXPECT_EQ(events.size(), static_cast<std::size_t>(files * 20));
+        if (reader % 2) {
+          std::mutex mutex;
+          std::condition_variable done;
+          bool fetched = false;
+          store->fetchRemindersMatchingPredicate(
+              store->predicateForIncompleteRemindersWithDueDateStarting(std::nullopt, std::nullopt, std::nullopt),
+              [&](auto reminders) {
+                EXPECT_EQ(reminders->size(), 1u);
+                std::lock_guard lock(mutex);
+                fetched = true;
+                done.notify_all();
+              });
+          std::unique_lock lock(mutex);
+          done.wait(lock, [&] { return fetched; });
+        }
+        ++answers;
+      }
+    });
+  writer.join();
+  for (auto& reader : readers) reader.join();
+  platform->store()->refresh();
+  for (const auto& event : platform->store()->events(utc(2026, 3, 1), utc(2026, 4, 1), std::nullopt))
+    EXPECT_EQ(event->title(), "v40");
+}
+
 }  // namespace
 }  // namespace vesp::vdir

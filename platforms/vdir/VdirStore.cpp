@@ -68,12 +68,19 @@ platform::CGColorRef parseColour(const std::string& text) {
 std::shared_ptr<VdirStore> VdirStore::make(VdirStoreOptions options) {
   std::shared_ptr<VdirStore> store(new VdirStore(std::move(options)));
   store->rescan();
-  if (store->options_.watch && ::pipe2(store->stopPipe_, O_CLOEXEC) == 0) {
-    // Changes made once make returns must be seen: wait until the watches are in place.
-    std::promise<void> ready;
-    auto started = ready.get_future();
-    store->watcher_ = std::thread([raw = store.get(), &ready] { raw->watch(ready); });
-    started.wait();
+  if (store->options_.watch) {
+    auto state = std::make_shared<WatchState>();
+    state->options = store->options_;
+    if (::pipe2(state->stopPipe, O_CLOEXEC) == 0) {
+      store->watchState_ = state;
+      // Changes made once make returns must be seen: wait until the watches are in place.
+      std::promise<void> ready;
+      auto started = ready.get_future();
+      store->watcher_ = std::thread([weak = std::weak_ptr<VdirStore>(store), state, &ready] {
+        watch(weak, state, &ready);
+      });
+      started.wait();
+    }
   }
   return store;
 }
@@ -89,12 +96,15 @@ VdirStore::VdirStore(VdirStoreOptions options) : options_(std::move(options)), z
 VdirStore::~VdirStore() {
   if (watcher_.joinable()) {
     char stop = 1;
-    while (::write(stopPipe_[1], &stop, 1) < 0 && errno == EINTR) {
+    while (::write(watchState_->stopPipe[1], &stop, 1) < 0 && errno == EINTR) {
     }
-    watcher_.join();
+    // The last reference may be let go on the watcher's own thread (by a change listener): that
+    // thread then ends by itself once it sees the stop request.
+    if (watcher_.get_id() == std::this_thread::get_id())
+      watcher_.detach();
+    else
+      watcher_.join();
   }
-  for (int fd : stopPipe_)
-    if (fd >= 0) ::close(fd);
   // Items may outlive the store (in objects a host still holds), but they never touch zones again.
   std::lock_guard lock(libicalMutex());
   files_.clear();
@@ -358,12 +368,22 @@ bool VdirStore::rescan() {
   return changed;
 }
 
-void VdirStore::watch(std::promise<void>& ready) {
+VdirStore::WatchState::~WatchState() {
+  for (int fd : stopPipe)
+    if (fd >= 0) ::close(fd);
+}
+
+// The watcher's loop. It holds the store only weakly, and strongly only while it rescans, so the
+// store may go (even from this thread, when a listener let go of the last reference) at any time;
+// its state lives on in `state` until the loop sees the stop request.
+void VdirStore::watch(std::weak_ptr<VdirStore> weak, std::shared_ptr<WatchState> state, std::promise<void>* ready) {
+  const VdirStoreOptions& options_ = state->options;
   int fd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
   if (fd < 0) {
-    reportRuntime({".", VdirDiagnostic::Action::skipped,
-                   std::string("the store cannot be watched: ") + std::strerror(errno)});
-    ready.set_value();
+    if (auto store = weak.lock())
+      store->reportRuntime({".", VdirDiagnostic::Action::skipped,
+                            std::string("the store cannot be watched: ") + std::strerror(errno)});
+    ready->set_value();
     return;
   }
   const std::uint32_t mask = IN_CREATE | IN_DELETE | IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_FROM | IN_MOVED_TO |
@@ -372,7 +392,10 @@ void VdirStore::watch(std::promise<void>& ready) {
   bool rootWatched = false;
   auto sync = [&] {
     std::set<std::string> wanted{options_.root};
-    auto current = snapshot();
+    auto store = weak.lock();
+    if (!store) return false;
+    auto current = store->snapshot();
+    store.reset();
     for (const auto& collection : current->collections) {
       wanted.insert(options_.root + "/" + collection.identifier);
       auto slash = collection.identifier.find('/');
@@ -401,8 +424,8 @@ void VdirStore::watch(std::promise<void>& ready) {
     return added;
   };
   sync();
-  watching_ = true;
-  ready.set_value();
+  state->watching = true;
+  ready->set_value();
 
   using Clock = std::chrono::steady_clock;
   bool dirty = false;
@@ -413,7 +436,9 @@ void VdirStore::watch(std::promise<void>& ready) {
     // A directory watched only after the rescan that found it may have changed in between: a
     // new watch is followed by one more rescan.
     auto rescanAndWatch = [&] {
-      if (rescan()) notifyListeners();
+      if (auto store = weak.lock()) {
+        if (store->rescan()) store->notifyListeners();
+      }
       if (sync()) {
         dirty = true;
         first = last = Clock::now();
@@ -434,7 +459,7 @@ void VdirStore::watch(std::promise<void>& ready) {
     } else if (!rootWatched) {
       timeout = 1000;  // the root is gone: look for it again every second
     }
-    pollfd fds[2] = {{fd, POLLIN, 0}, {stopPipe_[0], POLLIN, 0}};
+    pollfd fds[2] = {{fd, POLLIN, 0}, {state->stopPipe[0], POLLIN, 0}};
     int ready = ::poll(fds, 2, timeout);
     if (ready < 0 && errno != EINTR) break;
     if (fds[1].revents) break;
@@ -462,7 +487,7 @@ void VdirStore::watch(std::promise<void>& ready) {
     }
   }
   ::close(fd);
-  watching_ = false;
+  state->watching = false;
 }
 
 std::shared_ptr<platform::EKEvent> VdirStore::makeEvent(const std::shared_ptr<const VdirItem>& item,

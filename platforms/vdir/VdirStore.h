@@ -113,12 +113,19 @@ class VdirStore : public std::enable_shared_from_this<VdirStore> {
   std::uint64_t rescanCount() const { return rescans_.load(); }
   std::uint64_t parseCount() const { return parses_.load(); }
   // True once the watcher is running (always false without watching).
-  bool isWatching() const { return watching_.load(); }
+  bool isWatching() const { return watchState_ && watchState_->watching.load(); }
 
  private:
   explicit VdirStore(VdirStoreOptions options);
   bool rescan();
-  void watch(std::promise<void>& ready);
+  // What the watcher's thread needs, shared with it so that it outlives the store if need be.
+  struct WatchState {
+    ~WatchState();
+    VdirStoreOptions options;
+    int stopPipe[2] = {-1, -1};
+    std::atomic<bool> watching{false};
+  };
+  static void watch(std::weak_ptr<VdirStore> weak, std::shared_ptr<WatchState> state, std::promise<void>* ready);
   void notifyListeners();
   void reportRuntime(VdirDiagnostic diagnostic);
   std::shared_ptr<platform::EKEvent> makeEvent(const std::shared_ptr<const VdirItem>& item,
@@ -150,8 +157,7 @@ class VdirStore : public std::enable_shared_from_this<VdirStore> {
   std::map<std::string, std::shared_ptr<VdirSource>> sources_;
 
   std::atomic<std::uint64_t> rescans_{0}, parses_{0};
-  std::atomic<bool> watching_{false};
-  int stopPipe_[2] = {-1, -1};
+  std::shared_ptr<WatchState> watchState_;
   std::thread watcher_;
 };
 

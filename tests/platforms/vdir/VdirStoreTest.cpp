@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <future>
 #include <thread>
 
 #include "platforms/vdir/VdirPlatform.h"
@@ -406,6 +407,29 @@ TEST(VdirStoreTest, readingWatchingAndAskingNeverChangeTheTree) {
     platform->store()->refresh();
   }
   EXPECT_EQ(testing::treeState(root.path()), before);
+}
+
+TEST(VdirStoreTest, aStoreLetGoOfOnItsWatchersThreadEndsCleanly) {
+  TemporaryDirectory root, config;
+  writeFile(root.path() / "c/a.ics", simpleEvent("a", "A", "20260310T090000Z", "20260310T100000Z"));
+  auto options = testing::platformOptions(root.path(), config.path() / "access.json", true).store;
+  auto store = VdirStore::make(options);
+  std::weak_ptr<VdirStore> weak = store;
+  // The only other reference is held by a listener, which lets it go when called.
+  auto holder = std::make_shared<std::shared_ptr<VdirStore>>(store);
+  auto released = std::make_shared<std::promise<void>>();
+  store->addChangeListener([holder, released] {
+    if (*holder) {
+      holder->reset();
+      released->set_value();
+    }
+  });
+  store.reset();
+  writeFile(root.path() / "c/a.ics", simpleEvent("a", "B", "20260310T090000Z", "20260310T100000Z"));
+  ASSERT_EQ(released->get_future().wait_for(std::chrono::seconds(3)), std::future_status::ready);
+  for (int attempt = 0; attempt < 100 && !weak.expired(); ++attempt)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_TRUE(weak.expired());
 }
 
 // A file of version `version`: a daily series and one moved occurrence, both titled by the version.

@@ -1,6 +1,7 @@
 #include "platforms/vdir/VdirExpansion.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <set>
 
@@ -88,20 +89,22 @@ bool expandSeries(const VdirSeriesData& series, const VdirClock& clock, double w
       icaltimetype jump = clock.wallClockLike(platform::Date::fromTimeIntervalSince1970(earliest), master.start);
       icalrecur_iterator_set_start(iterator, withZone(jump, master.start));
     }
-    std::size_t steps = 0, found = 0;
+    std::size_t steps = 0;
+    const auto began = std::chrono::steady_clock::now();
     for (icaltimetype next = icalrecur_iterator_next(iterator); !icaltime_is_null_time(next);
          next = icalrecur_iterator_next(iterator)) {
       double start = clock.instantLike(next, master.start).timeIntervalSince1970();
       if (start >= windowEnd) break;
-      if (++steps > limits.maximumIteratorStepsPerSeries || found >= limits.maximumOccurrencesPerSeries) {
-        problem = "expansion stopped after " + std::to_string(found) + " occurrences and " + std::to_string(steps - 1) +
-                  " steps in one window";
+      bool overTime = (steps % 256) == 255 && std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count() >
+                                                   limits.maximumSecondsPerSeries;
+      if (++steps > limits.maximumIteratorStepsPerSeries || starts.size() >= limits.maximumOccurrencesPerSeries ||
+          overTime) {
+        problem = "expansion stopped after " + std::to_string(starts.size()) + " occurrences and " + std::to_string(steps - 1) +
+                  " steps in one window" + (overTime ? " (time limit)" : "");
         complete = false;
         break;
       }
-      std::size_t before = starts.size();
       consider(start);
-      if (starts.size() > before) ++found;
     }
     icalrecur_iterator_free(iterator);
   }

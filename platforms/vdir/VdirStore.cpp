@@ -217,7 +217,11 @@ bool VdirStore::rescan() {
       std::string relative = identifier + "/" + name;
       if (!endsWith(name, ".ics")) continue;
       if (!insideRoot(entry, relative)) continue;
+      if (options_.beforeRead) options_.beforeRead(relative);
       int fd = ::open(entry.path().c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+      // Gone since the listing (deleted or renamed): nothing to serve and nothing lost; the
+      // change that removed it leads to another rescan.
+      if (fd < 0 && errno == ENOENT) continue;
       if (fd < 0) {
         next->diagnostics.push_back({relative, VdirDiagnostic::Action::skipped,
                                      std::string("file cannot be read: ") + std::strerror(errno)});
@@ -471,8 +475,15 @@ void VdirStore::watch(std::weak_ptr<VdirStore> weak, std::shared_ptr<WatchState>
     for (;;) {
       ssize_t length = ::read(fd, buffer, sizeof buffer);
       if (length <= 0) break;
+      // A simulated overflow: these events are lost, and the queue reports an overflow instead.
+      if (state->dropNextEvents.exchange(false)) {
+        inotify_event* overflow = reinterpret_cast<inotify_event*>(buffer);
+        *overflow = inotify_event{-1, IN_Q_OVERFLOW, 0, 0};
+        length = sizeof(inotify_event);
+      }
       for (char* at = buffer; at < buffer + length;) {
         auto* event = reinterpret_cast<inotify_event*>(at);
+        if (event->mask & IN_Q_OVERFLOW) ++state->overflows;
         if (event->mask & IN_IGNORED) {
           watches.erase(event->wd);
           if (!std::any_of(watches.begin(), watches.end(), [&](auto& w) { return w.second == options_.root; }))
@@ -488,6 +499,10 @@ void VdirStore::watch(std::weak_ptr<VdirStore> weak, std::shared_ptr<WatchState>
   }
   ::close(fd);
   state->watching = false;
+}
+
+void VdirStore::simulateQueueOverflow() {
+  if (watchState_) watchState_->dropNextEvents = true;
 }
 
 std::shared_ptr<platform::EKEvent> VdirStore::makeEvent(const std::shared_ptr<const VdirItem>& item,
@@ -517,10 +532,18 @@ std::vector<std::shared_ptr<platform::EKEvent>> VdirStore::events(
   {
     std::lock_guard lock(libicalMutex());
     std::vector<VdirOccurrence> occurrences;
+    const auto began = std::chrono::steady_clock::now();
+    std::optional<std::string> stopped;
     for (const auto& collection : current->collections) {
       if (calendars && !calendars->count(collection.identifier)) continue;
       for (const auto& item : collection.items) {
         if (item->kind != VdirItem::Kind::event) continue;
+        double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+        if (found.size() >= options_.limits.maximumOccurrencesPerQuery || elapsed > options_.limits.maximumSecondsPerQuery) {
+          stopped = "query from " + start.iso8601() + " to " + end.iso8601() + " stopped at " + item->relativePath +
+                    " after " + std::to_string(found.size()) + " occurrences: the answer is incomplete";
+          break;
+        }
         occurrences.clear();
         std::string problem;
         if (!expandSeries(item->series, *clock_, start.timeIntervalSince1970(), end.timeIntervalSince1970(),
@@ -528,7 +551,9 @@ std::vector<std::shared_ptr<platform::EKEvent>> VdirStore::events(
           reportRuntime({item->relativePath, VdirDiagnostic::Action::truncated, problem});
         for (const auto& occurrence : occurrences) found.push_back({item, collection.calendar, occurrence});
       }
+      if (stopped) break;
     }
+    if (stopped) reportRuntime({".", VdirDiagnostic::Action::truncated, *stopped});
   }
   std::sort(found.begin(), found.end(), [](const Found& a, const Found& b) {
     if (a.occurrence.start != b.occurrence.start) return a.occurrence.start < b.occurrence.start;

@@ -55,6 +55,9 @@ struct VdirStoreOptions {
   std::uintmax_t maximumFileSize = 16u * 1024u * 1024u;
   VdirExpansionLimits limits;
   std::size_t maximumCountedOccurrences = 100000;
+  // Fault injection for tests: called with each file's path just before it is opened, so that a
+  // test can delete, rename or truncate it between listing and reading.
+  std::function<void(const std::string& path)> beforeRead;
 };
 
 struct VdirCollection {
@@ -112,6 +115,11 @@ class VdirStore : public std::enable_shared_from_this<VdirStore> {
   // Counts, for tests and benchmarks: rescans done and files parsed since the store was made.
   std::uint64_t rescanCount() const { return rescans_.load(); }
   std::uint64_t parseCount() const { return parses_.load(); }
+  // Makes the watcher lose the next events it reads, as when the kernel's event queue overflows,
+  // and handle the overflow event instead (for tests).
+  void simulateQueueOverflow();
+  // Overflows the watcher has handled.
+  std::uint64_t overflowCount() const { return watchState_ ? watchState_->overflows.load() : 0; }
   // True once the watcher is running (always false without watching).
   bool isWatching() const { return watchState_ && watchState_->watching.load(); }
 
@@ -124,6 +132,8 @@ class VdirStore : public std::enable_shared_from_this<VdirStore> {
     VdirStoreOptions options;
     int stopPipe[2] = {-1, -1};
     std::atomic<bool> watching{false};
+    std::atomic<bool> dropNextEvents{false};
+    std::atomic<std::uint64_t> overflows{0};
   };
   static void watch(std::weak_ptr<VdirStore> weak, std::shared_ptr<WatchState> state, std::promise<void>* ready);
   void notifyListeners();

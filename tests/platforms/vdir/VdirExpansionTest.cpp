@@ -164,5 +164,74 @@ TEST_F(VdirExpansionTest, aPerSeriesLimitCutsAnExpansionShortAndSaysSo) {
   EXPECT_TRUE(reported);
 }
 
+// Series that would otherwise hang a query or exhaust memory (tests/data/vdir/pathological).
+class VdirPathologicalSeriesTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<VdirPlatform> make(const VdirExpansionLimits& limits) {
+    auto options = testing::platformOptions(testData("pathological"), access_.path() / "access.json");
+    options.store.limits = limits;
+    return VdirPlatform::make(options);
+  }
+  static std::map<std::string, std::size_t> countByFile(const std::vector<std::shared_ptr<platform::EKEvent>>& events) {
+    std::map<std::string, std::size_t> counts;
+    for (const auto& event : events) ++counts[*event->eventIdentifier()];
+    return counts;
+  }
+  static bool reported(const std::vector<VdirDiagnostic>& diagnostics, const std::string& path) {
+    return std::any_of(diagnostics.begin(), diagnostics.end(), [&](const VdirDiagnostic& d) {
+      return d.path == path && d.action == VdirDiagnostic::Action::truncated;
+    });
+  }
+  testing::TemporaryDirectory access_;
+};
+
+TEST_F(VdirPathologicalSeriesTest, aYearOfEveryPathologicalSeriesIsAnsweredWithinTheLimitsAndTheCutsAreReported) {
+  auto platform = make(VdirExpansionLimits{});
+  auto events = platform->store()->events(utc(2026, 1, 1), utc(2027, 1, 1), std::nullopt);
+  auto counts = countByFile(events);
+  // Endless and counted secondly series stop at the per-series limit, and say so.
+  EXPECT_EQ(counts["cal/secondly-endless.ics"], 100000u);
+  EXPECT_EQ(counts["cal/count-2000000000.ics"], 100000u);
+  EXPECT_EQ(counts["cal/until-9999.ics"], 100000u);
+  auto diagnostics = platform->diagnostics();
+  EXPECT_TRUE(reported(diagnostics, "cal/secondly-endless.ics"));
+  EXPECT_TRUE(reported(diagnostics, "cal/until-9999.ics"));
+  EXPECT_TRUE(reported(diagnostics, "cal/count-2000000000.ics"));  // cut when the file was read
+  // The others are answered whole.
+  EXPECT_EQ(counts["cal/dtstart-year-1.ics"], 365u);
+  EXPECT_EQ(counts["cal/matches-nothing.ics"], 1u);  // DTSTART alone
+  EXPECT_EQ(counts["cal/thousands-of-overrides.ics"], 365u);
+  EXPECT_FALSE(reported(diagnostics, "cal/thousands-of-overrides.ics"));
+}
+
+TEST_F(VdirPathologicalSeriesTest, aQueryStopsAtItsOwnLimitsAndSaysItsAnswerIsIncomplete) {
+  VdirExpansionLimits limits;
+  limits.maximumOccurrencesPerQuery = 1000;
+  auto platform = make(limits);
+  auto events = platform->store()->events(utc(2026, 1, 1), utc(2027, 1, 1), std::nullopt);
+  EXPECT_LT(events.size(), 1000u + limits.maximumOccurrencesPerSeries);
+  EXPECT_TRUE(reported(platform->diagnostics(), "."));
+}
+
+TEST_F(VdirPathologicalSeriesTest, aSeriesOverItsTimeLimitIsCutShort) {
+  VdirExpansionLimits limits;
+  limits.maximumSecondsPerSeries = 0.0;  // every series is over time at its first check
+  auto platform = make(limits);
+  auto counts = countByFile(platform->store()->events(utc(2026, 1, 1), utc(2026, 1, 2), std::nullopt));
+  EXPECT_LT(counts["cal/secondly-endless.ics"], 86400u);
+  bool timed = false;
+  for (const auto& diagnostic : platform->diagnostics())
+    if (diagnostic.problem.find("time limit") != std::string::npos) timed = true;
+  EXPECT_TRUE(timed);
+}
+
+TEST_F(VdirPathologicalSeriesTest, aNarrowWindowOnEachPathologicalSeriesIsExact) {
+  auto platform = make(VdirExpansionLimits{});
+  auto counts = countByFile(platform->store()->events(utc(2026, 6, 1, 12), utc(2026, 6, 1, 12, 1), std::nullopt));
+  EXPECT_EQ(counts["cal/secondly-endless.ics"], 60u);
+  EXPECT_EQ(counts["cal/until-9999.ics"], 1u);
+  EXPECT_EQ(counts["cal/hundreds-of-by-values.ics"], 60u);
+}
+
 }  // namespace
 }  // namespace vesp::vdir

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <future>
+#include <random>
 #include <thread>
 
 #include "platforms/vdir/VdirPlatform.h"
@@ -441,6 +442,220 @@ std::string versionedSeries(int file, int version) {
          "BEGIN:VEVENT\r\nUID:" + uid + "\r\nSUMMARY:" + title +
          "\r\nRECURRENCE-ID:20260305T090000Z\r\nDTSTART:20260305T150000Z\r\nDTEND:20260305T160000Z\r\nEND:VEVENT\r\n"
          "END:VCALENDAR\r\n";
+}
+
+// Titles of the events of 10 March 2026.
+std::set<std::string> titlesOn10March(VdirStore& store) {
+  std::set<std::string> titles;
+  for (const auto& event : store.events(utc(2026, 3, 10), utc(2026, 3, 11), std::nullopt)) titles.insert(*event->title());
+  return titles;
+}
+
+TEST(VdirStoreTest, aFileDeletedBetweenListingAndReadingIsLeftOutWithoutAProblem) {
+  TemporaryDirectory root, config;
+  writeFile(root.path() / "c/a.ics", simpleEvent("a", "A", "20260310T090000Z", "20260310T100000Z"));
+  writeFile(root.path() / "c/b.ics", simpleEvent("b", "B", "20260310T090000Z", "20260310T100000Z"));
+  auto options = testing::platformOptions(root.path(), config.path() / "access.json");
+  bool armed = false;
+  options.store.beforeRead = [&](const std::string& path) {
+    if (armed && path == "c/b.ics") fs::remove(root.path() / "c/b.ics");
+  };
+  auto platform = VdirPlatform::make(options);
+  writeFile(root.path() / "c/b.ics", simpleEvent("b", "B2", "20260310T090000Z", "20260310T100000Z"));
+  armed = true;
+  platform->store()->refresh();
+  EXPECT_THAT(titlesOn10March(*platform->store()), ::testing::ElementsAre("A"));
+  EXPECT_TRUE(platform->diagnostics().empty());
+}
+
+TEST(VdirStoreTest, aFileRenamedBetweenListingAndReadingIsServedByTheNextRescan) {
+  TemporaryDirectory root, config;
+  writeFile(root.path() / "c/a.ics", simpleEvent("a", "A", "20260310T090000Z", "20260310T100000Z"));
+  auto options = testing::platformOptions(root.path(), config.path() / "access.json");
+  int renames = 0;
+  options.store.beforeRead = [&](const std::string& path) {
+    if (path == "c/new.ics" && renames++ == 0) fs::rename(root.path() / "c/new.ics", root.path() / "c/z-renamed.ics");
+  };
+  auto platform = VdirPlatform::make(options);
+  writeFile(root.path() / "c/new.ics", simpleEvent("n", "New", "20260310T090000Z", "20260310T100000Z"));
+  platform->store()->refresh();  // lists new.ics, finds it gone, and does not list z-renamed.ics yet
+  platform->store()->refresh();  // the next rescan sees the truth
+  EXPECT_THAT(titlesOn10March(*platform->store()), ::testing::ElementsAre("A", "New"));
+  EXPECT_NE(platform->store()->firstOccurrence("c/z-renamed.ics"), nullptr);
+}
+
+TEST(VdirStoreTest, aFileTruncatedWhileBeingReadIsRepairedOrReportedAndItsWholeVersionIsServedNext) {
+  TemporaryDirectory root, config;
+  std::string whole = simpleEvent("a", "Whole", "20260310T090000Z", "20260310T100000Z");
+  writeFile(root.path() / "c/a.ics", simpleEvent("a", "Old", "20260310T090000Z", "20260310T100000Z"));
+  auto options = testing::platformOptions(root.path(), config.path() / "access.json");
+  bool truncate = false;
+  options.store.beforeRead = [&](const std::string& path) {
+    if (truncate && path == "c/a.ics") {
+      writeFile(root.path() / path, whole.substr(0, whole.size() / 2));
+      truncate = false;
+    }
+  };
+  auto platform = VdirPlatform::make(options);
+  truncate = true;
+  writeFile(root.path() / "c/a.ics", whole);
+  platform->store()->refresh();
+  EXPECT_FALSE(platform->diagnostics().empty());  // what the half file lacked is said
+  writeFile(root.path() / "c/a.ics", whole);      // the writer finishes
+  platform->store()->refresh();
+  EXPECT_THAT(titlesOn10March(*platform->store()), ::testing::ElementsAre("Whole"));
+  EXPECT_TRUE(platform->diagnostics().empty());
+}
+
+TEST(VdirStoreTest, aCollectionThatBecomesUnreadableLeavesTheRestServedAndComesBack) {
+  TemporaryDirectory root, config;
+  writeFile(root.path() / "a/x.ics", simpleEvent("x", "X", "20260310T090000Z", "20260310T100000Z"));
+  writeFile(root.path() / "b/y.ics", simpleEvent("y", "Y", "20260310T090000Z", "20260310T100000Z"));
+  auto platform = VdirPlatform::make(testing::platformOptions(root.path(), config.path() / "access.json"));
+  // Permissions do not bind the superuser; there the directory is swapped for a file instead.
+  const bool superuser = ::geteuid() == 0;
+  if (superuser) {
+    fs::rename(root.path() / "b", root.path() / ".b-away");
+    writeFile(root.path() / "b", "not a directory");
+  } else {
+    fs::permissions(root.path() / "b", fs::perms::none);
+  }
+  platform->store()->refresh();
+  EXPECT_THAT(titlesOn10March(*platform->store()), ::testing::ElementsAre("X"));
+  if (!superuser) {
+    EXPECT_FALSE(platform->diagnostics().empty());
+  }
+  if (superuser) {
+    fs::remove(root.path() / "b");
+    fs::rename(root.path() / ".b-away", root.path() / "b");
+  } else {
+    fs::permissions(root.path() / "b", fs::perms::owner_all);
+  }
+  platform->store()->refresh();
+  EXPECT_THAT(titlesOn10March(*platform->store()), ::testing::ElementsAre("X", "Y"));
+}
+
+TEST(VdirStoreTest, anOverflowedEventQueueLeadsToAFullRescan) {
+  TemporaryDirectory root, config;
+  writeFile(root.path() / "c/a.ics", simpleEvent("a", "Before", "20260310T090000Z", "20260310T100000Z"));
+  auto platform = VdirPlatform::make(testing::platformOptions(root.path(), config.path() / "access.json", true));
+  auto store = platform->makeEventStore();
+  ChangeCounter counter(platform->defaultCenter(), store);
+  // The events of this write are lost; only the overflow reaches the watcher.
+  platform->store()->simulateQueueOverflow();
+  writeFile(root.path() / "c/a.ics", simpleEvent("a", "After", "20260310T090000Z", "20260310T100000Z"));
+  ASSERT_TRUE(counter.waitFor(1, std::chrono::milliseconds(2000)));
+  EXPECT_EQ(platform->store()->overflowCount(), 1u);
+  EXPECT_THAT(titlesOn10March(*platform->store()), ::testing::ElementsAre("After"));
+}
+
+TEST(VdirStoreTest, theAccessFileIsReplacedWholeAndReadableByItsOwnerOnly) {
+  TemporaryDirectory config;
+  VdirAccess access((config.path() / "access.json").string(), "vesp");
+  ASSERT_EQ(access.record(platform::EKEntityTypeEvent, true), std::nullopt);
+  struct stat first {};
+  ::stat((config.path() / "access.json").c_str(), &first);
+  ASSERT_EQ(access.record(platform::EKEntityTypeReminder, false), std::nullopt);
+  struct stat second {};
+  ::stat((config.path() / "access.json").c_str(), &second);
+  EXPECT_NE(first.st_ino, second.st_ino);  // a new file renamed into place, never rewritten in place
+  EXPECT_EQ(second.st_mode & 0777, 0600u);
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(config.path())) names.push_back(entry.path().filename().string());
+  EXPECT_THAT(names, ::testing::ElementsAre("access.json"));  // no temporary file left behind
+  EXPECT_EQ(access.status(platform::EKEntityTypeEvent), platform::EKAuthorizationStatusAuthorized);
+  EXPECT_EQ(access.status(platform::EKEntityTypeReminder), platform::EKAuthorizationStatusDenied);
+  // A damaged file reads as no decision, and the next decision replaces it.
+  writeFile(config.path() / "access.json", "{not json");
+  EXPECT_EQ(access.status(platform::EKEntityTypeEvent), platform::EKAuthorizationStatusNotDetermined);
+  ASSERT_EQ(access.record(platform::EKEntityTypeEvent, true), std::nullopt);
+  EXPECT_EQ(access.status(platform::EKEntityTypeEvent), platform::EKAuthorizationStatusAuthorized);
+}
+
+// Eight threads query events and reminders while another rewrites, adds and deletes files for a
+// while (VESP_LOAD_SECONDS, default 60): every answer must show each file wholly in one version.
+TEST(VdirStoreTest, underLoadEveryAnswerIsAConsistentViewOfWholeFiles) {
+  const char* configured = std::getenv("VESP_LOAD_SECONDS");
+  const double seconds = configured ? std::atof(configured) : 60.0;
+  TemporaryDirectory root, config;
+  const int files = 200;
+  for (int file = 0; file < files; ++file)
+    writeFile(root.path() / "c" / (std::to_string(file) + ".ics"), versionedSeries(file, 0));
+  writeFile(root.path() / "t/todo.ics", kTodo);
+  auto platform = VdirPlatform::make(testing::platformOptions(root.path(), config.path() / "access.json", true));
+  std::atomic<bool> running{true};
+  std::atomic<long> answers{0}, writes{0};
+  std::thread writer([&] {
+    std::mt19937 random(7);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    for (int version = 1; std::chrono::steady_clock::now() < end; ++version) {
+      int file = static_cast<int>(random() % (files + 50));  // some beyond the first 200: added, then deleted
+      fs::path path = root.path() / "c" / (std::to_string(file) + ".ics");
+      if (file >= files && fs::exists(path)) {
+        fs::remove(path);
+      } else {
+        writeFile(root.path() / "c" / ".tmp", versionedSeries(file, version));
+        fs::rename(root.path() / "c" / ".tmp", path);
+      }
+      ++writes;
+      if (version % 50 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    running = false;
+  });
+  std::vector<std::thread> readers;
+  for (int reader = 0; reader < 8; ++reader)
+    readers.emplace_back([&, reader] {
+      auto store = platform->makeEventStore();
+      while (running) {
+        if (reader % 2 == 0) {
+          auto events = store->eventsMatchingPredicate(
+              store->predicateForEventsWithStartDate(utc(2026, 3, 1), utc(2026, 4, 1), std::nullopt));
+          std::map<std::string, std::set<std::string>> versions;
+          std::map<std::string, int> counts;
+          for (const auto& event : events) {
+            versions[*event->eventIdentifier()].insert(*event->title());
+            ++counts[*event->eventIdentifier()];
+          }
+          for (const auto& [identifier, seen] : versions) {
+            EXPECT_EQ(seen.size(), 1u) << identifier;
+            EXPECT_EQ(counts[identifier], 20) << identifier;
+          }
+          EXPECT_GE(versions.size(), static_cast<std::size_t>(files));
+        } else {
+          std::mutex mutex;
+          std::condition_variable done;
+          bool fetched = false;
+          store->fetchRemindersMatchingPredicate(
+              store->predicateForIncompleteRemindersWithDueDateStarting(std::nullopt, std::nullopt, std::nullopt),
+              [&](auto reminders) {
+                EXPECT_EQ(reminders->size(), 1u);
+                std::lock_guard lock(mutex);
+                fetched = true;
+                done.notify_all();
+              });
+          std::unique_lock lock(mutex);
+          done.wait(lock, [&] { return fetched; });
+        }
+        ++answers;
+      }
+    });
+  writer.join();
+  for (auto& reader : readers) reader.join();
+  EXPECT_GT(answers.load(), 8);
+  EXPECT_GT(writes.load(), 100);
+  // Once the last burst is read, the store serves exactly what is on disk.
+  platform->store()->refresh();
+  std::map<std::string, std::string> expected;
+  for (const auto& entry : fs::directory_iterator(root.path() / "c")) {
+    if (entry.path().filename().string()[0] == '.') continue;
+    auto text = testing::readFile(entry.path());
+    auto at = text.find("SUMMARY:") + 8;
+    expected["c/" + entry.path().filename().string()] = text.substr(at, text.find('\r', at) - at);
+  }
+  std::map<std::string, std::string> served;
+  for (const auto& event : platform->store()->events(utc(2026, 3, 1), utc(2026, 3, 2), std::nullopt))
+    served[*event->eventIdentifier()] = *event->title();
+  EXPECT_EQ(served, expected);
 }
 
 TEST(VdirStoreTest, queriesWhileFilesChangeSeeEachFileWhollyOldOrWhollyNew) {

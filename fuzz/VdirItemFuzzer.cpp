@@ -1,0 +1,74 @@
+// Fuzzes the whole road of one calendar file: its bytes as an .ics file in a vdir store, read by
+// the store, queried over windows, converted to the data model's records and printed as vesp's
+// JSON. Nothing may crash, hang, leak or trip a sanitizer; whatever cannot be served must be in
+// the diagnostics.
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <unistd.h>
+
+#include "Vesp/VespEventInstance.h"
+#include "Vesp/VespReminder.h"
+#include "platforms/vdir/VdirStore.h"
+#include "tools/vesp/VespOutput.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct World {
+  World() {
+    char pattern[] = "/tmp/vesp-fuzz-XXXXXX";
+    root = ::mkdtemp(pattern);
+    fs::create_directories(root / "account/calendar");
+    vesp::vdir::VdirStoreOptions options;
+    options.root = root.string();
+    options.localTimeZone = "Europe/Berlin";
+    options.watch = false;
+    options.userAddresses = {"me@example.org"};
+    store = vesp::vdir::VdirStore::make(options);
+  }
+  ~World() {
+    std::error_code error;
+    fs::remove_all(root, error);
+  }
+  fs::path root;
+  std::shared_ptr<vesp::vdir::VdirStore> store;
+};
+
+World& world() {
+  static World* instance = new World;  // kept for the whole run
+  return *instance;
+}
+
+platform::Date utc(int year, int month, int day) {
+  return platform::Date::fromTimeIntervalSince1970(vesp::vdir::civilSecondsSince1970(year, month, day, 0, 0, 0));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  auto& w = world();
+  {
+    std::ofstream out(w.root / "account/calendar/item.ics", std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
+  }
+  w.store->refresh();
+  std::string printed;
+  for (auto [start, end] : {std::pair{utc(2026, 3, 1), utc(2026, 3, 2)}, std::pair{utc(2020, 1, 1), utc(2030, 1, 1)},
+                            std::pair{utc(1, 1, 1), utc(9999, 12, 31)}}) {
+    for (const auto& event : w.store->events(start, end, std::nullopt)) {
+      vesp::VespEventInstance instance(*event);
+      printed += vesp::tool::toJSON(instance).dump();
+    }
+  }
+  if (auto first = w.store->firstOccurrence("account/calendar/item.ics"))
+    printed += vesp::tool::toJSON(vesp::VespEventInstance(*first)).dump();
+  for (const auto& reminder : w.store->reminders(std::nullopt, [](const auto&) { return true; }))
+    printed += vesp::tool::toJSON(vesp::VespReminder(*reminder)).dump();
+  for (const auto& diagnostic : w.store->diagnostics()) printed += vesp::tool::toJSON(diagnostic).dump();
+  return 0;
+}

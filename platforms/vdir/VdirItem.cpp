@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <map>
+#include <set>
 
 #include "platforms/vdir/VdirZones.h"
 
@@ -618,9 +619,20 @@ VdirParseResult parseItem(const std::string& relativePath, const std::string& fi
   auto item = std::make_shared<VdirItem>();
   item->fileName = fileName;
   item->relativePath = relativePath;
-  std::vector<VdirComponentData> masters, overrides;
-  std::vector<icalcomponent*> masterComponents;
-  bool sawTodo = false, sawEvent = false;
+  // VEVENTs grouped by UID, in the order their UIDs first appear.
+  struct Group {
+    std::string uid;
+    std::vector<std::pair<VdirComponentData, icalcomponent*>> masters;
+    std::vector<VdirComponentData> overrides;
+  };
+  std::vector<Group> groups;
+  auto groupOf = [&](const std::string& uid) -> Group& {
+    for (auto& group : groups)
+      if (group.uid == uid) return group;
+    groups.push_back(Group{uid, {}, {}});
+    return groups.back();
+  };
+  bool sawEvent = false;
   for (icalcomponent* calendar : calendars) {
     reader.collectZones(calendar);
     auto visit = [&](icalcomponent* component) {
@@ -629,20 +641,15 @@ VdirParseResult parseItem(const std::string& relativePath, const std::string& fi
         sawEvent = true;
         VdirComponentData data;
         if (!reader.readEvent(component, data)) return;
-        if (data.recurrenceId) {
-          overrides.push_back(std::move(data));
-        } else {
-          masters.push_back(std::move(data));
-          masterComponents.push_back(component);
-        }
+        Group& group = groupOf(data.uid);
+        if (data.recurrenceId)
+          group.overrides.push_back(std::move(data));
+        else
+          group.masters.emplace_back(std::move(data), component);
       } else if (kind == ICAL_VTODO_COMPONENT) {
-        if (sawTodo) {
-          reader.report(VdirDiagnostic::Action::skipped, "a second VTODO in one file is not served");
-          return;
-        }
-        sawTodo = true;
-        item->kind = VdirItem::Kind::todo;
-        reader.readTodo(component, item->todo);
+        VdirComponentData data;
+        reader.readTodo(component, data);
+        item->todos.push_back(std::move(data));
       }
     };
     if (calendar == root.component && icalcomponent_isa(calendar) != ICAL_VCALENDAR_COMPONENT) {
@@ -653,42 +660,54 @@ VdirParseResult parseItem(const std::string& relativePath, const std::string& fi
         visit(c);
     }
   }
-  if (sawTodo) {
-    if (sawEvent) reader.report(VdirDiagnostic::Action::skipped, "VEVENTs beside a VTODO in one file are not served");
-    if (item->todo.uid.empty()) {
-      reader.report(VdirDiagnostic::Action::repaired, "VTODO has no UID: the file name stands in");
-      item->todo.uid = fileName;
+  for (auto& group : groups) {
+    VdirSeriesData series;
+    if (!group.masters.empty()) {
+      if (group.masters.size() > 1)
+        reader.report(VdirDiagnostic::Action::skipped, "UID \"" + group.uid + "\" has " +
+                                                           std::to_string(group.masters.size()) +
+                                                           " master VEVENTs: only the first is served");
+      series.master = std::move(group.masters.front().first);
+      reader.readRecurrence(group.masters.front().second, series);
     }
-    result.item = item;
-    return result;
+    series.overrides = std::move(group.overrides);
+    std::sort(series.overrides.begin(), series.overrides.end(),
+              [](const auto& a, const auto& b) { return *a.recurrenceInstant < *b.recurrenceInstant; });
+    if (group.uid.empty()) {
+      reader.report(VdirDiagnostic::Action::repaired, "VEVENT has no UID: the file name stands in");
+      if (series.master) series.master->uid = fileName;
+      for (auto& override : series.overrides) override.uid = fileName;
+    }
+    computeBounds(series, *context.clock);
+    item->series.push_back(std::move(series));
   }
-  if (masters.empty() && overrides.empty()) {
+  for (auto& todo : item->todos) {
+    if (todo.uid.empty()) {
+      reader.report(VdirDiagnostic::Action::repaired, "VTODO has no UID: the file name stands in");
+      todo.uid = fileName;
+    }
+  }
+  if (item->series.empty() && item->todos.empty()) {
     if (!sawEvent) reader.report(VdirDiagnostic::Action::skipped, "no VEVENT or VTODO in the file");
     return result;
   }
-  if (masters.size() > 1)
-    reader.report(VdirDiagnostic::Action::skipped, "more than one master VEVENT: only the first is served");
-  auto& series = item->series;
-  if (!masters.empty()) {
-    series.master = std::move(masters.front());
-    reader.readRecurrence(masterComponents.front(), series);
-  }
-  const std::string uid = series.master ? series.master->uid : overrides.front().uid;
-  for (auto& override : overrides) {
-    if (override.uid != uid) {
-      reader.report(VdirDiagnostic::Action::skipped, "override with another UID (\"" + override.uid + "\") not served");
-      continue;
+  // Identifiers: the first entry keeps the path; each further one adds its UID, or its position
+  // when its UID is missing or taken.
+  std::set<std::string> taken;
+  std::size_t position = 0;
+  auto identify = [&](const std::string& uid) {
+    ++position;
+    std::string identifier = relativePath;
+    if (position > 1) identifier += "#" + (uid.empty() || uid == fileName ? std::to_string(position) : uid);
+    if (!taken.insert(identifier).second) {
+      identifier = relativePath + "#" + std::to_string(position);
+      taken.insert(identifier);
     }
-    series.overrides.push_back(std::move(override));
-  }
-  std::sort(series.overrides.begin(), series.overrides.end(),
-            [](const auto& a, const auto& b) { return *a.recurrenceInstant < *b.recurrenceInstant; });
-  if (series.master && series.master->uid.empty()) {
-    reader.report(VdirDiagnostic::Action::repaired, "VEVENT has no UID: the file name stands in");
-    series.master->uid = fileName;
-    for (auto& override : series.overrides) override.uid = fileName;
-  }
-  computeBounds(series, *context.clock);
+    return identifier;
+  };
+  for (auto& series : item->series)
+    series.identifier = identify(series.master ? series.master->uid : series.overrides.front().uid);
+  for (auto& todo : item->todos) todo.identifier = identify(todo.uid);
   result.item = item;
   return result;
 }

@@ -82,6 +82,7 @@ struct VdirComponentData {
   std::optional<platform::Date> recurrenceInstant;
 
   // To-dos.
+  std::string identifier;  // a to-do's calendar-item identifier, as a series'
   std::optional<VdirTime> due, todoStart;
   std::optional<platform::Date> dueInstant;
   std::optional<platform::Date> completed;
@@ -90,6 +91,7 @@ struct VdirComponentData {
 };
 
 struct VdirSeriesData {
+  std::string identifier;  // the event identifier: the file's path, "#UID" added for a second series
   std::optional<VdirComponentData> master;  // absent: a file of overrides only
   std::vector<VdirRuleData> rules;
   std::vector<VdirTime> rdates;
@@ -101,13 +103,14 @@ struct VdirSeriesData {
   bool isRecurring() const { return master && (!rules.empty() || !rdates.empty()); }
 };
 
+// One file: usually one series or one to-do, but files written by other tools may hold several
+// (each UID its own series); all are served. The first keeps the file's path as identifier, the
+// others add "#" and their UID (or their position, when the UID is missing or repeated).
 struct VdirItem {
-  enum class Kind { event, todo };
-  Kind kind = Kind::event;
   std::string fileName;      // within its collection
   std::string relativePath;  // within the store
-  VdirSeriesData series;     // events
-  VdirComponentData todo;    // to-dos
+  std::vector<VdirSeriesData> series;
+  std::vector<VdirComponentData> todos;
 };
 
 // What reading one file produced: the item (absent when the file was skipped) and its problems.

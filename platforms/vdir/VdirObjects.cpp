@@ -166,7 +166,7 @@ std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> VdirEvent::
   return attendeesOf(data());
 }
 std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>> VdirEvent::recurrenceRules() const {
-  const auto& rules = fields_.item->series.rules;
+  const auto& rules = fields_.series->rules;
   if (rules.empty()) return std::nullopt;
   std::vector<std::shared_ptr<platform::EKRecurrenceRule>> result;
   for (const auto& rule : rules) result.push_back(std::make_shared<VdirRecurrenceRule>(fields_.item, &rule));
@@ -203,7 +203,7 @@ std::optional<platform::DateComponents> VdirReminder::startDateComponents() cons
   return dateComponents(*data().todoStart);
 }
 std::string VdirReminder::description() const {
-  return "<EKReminder '" + data().summary.value_or("") + "' " + identifier_ + ">";
+  return "<EKReminder '" + data().summary.value_or("") + "' " + todo_->identifier + ">";
 }
 
 std::shared_ptr<platform::EKCalendar> VdirNewEvent::calendar() const {

@@ -69,7 +69,8 @@ class VdirCalendar : public platform::EKCalendar {
 
 // One occurrence of an event series.
 struct VdirOccurrenceFields {
-  std::shared_ptr<const VdirItem> item;          // keeps `component` alive
+  std::shared_ptr<const VdirItem> item;          // keeps `series` and `component` alive
+  const VdirSeriesData* series = nullptr;
   const VdirComponentData* component = nullptr;  // the master or the override
   std::shared_ptr<platform::EKCalendar> calendar;
   std::string eventIdentifier;
@@ -122,13 +123,14 @@ class VdirEvent : public platform::EKEvent {
 
 class VdirReminder : public platform::EKReminder {
  public:
-  VdirReminder(std::shared_ptr<const VdirItem> item, std::shared_ptr<platform::EKCalendar> calendar,
-               std::string identifier)
-      : item_(std::move(item)), calendar_(std::move(calendar)), identifier_(std::move(identifier)) {}
+  // REQUIRES: `todo` is one of item's to-dos.
+  VdirReminder(std::shared_ptr<const VdirItem> item, const VdirComponentData* todo,
+               std::shared_ptr<platform::EKCalendar> calendar)
+      : item_(std::move(item)), todo_(todo), calendar_(std::move(calendar)) {}
   const VdirItem& item() const { return *item_; }
 
   std::shared_ptr<platform::EKCalendar> calendar() const override { return calendar_; }
-  std::string calendarItemIdentifier() const override { return identifier_; }
+  std::string calendarItemIdentifier() const override { return todo_->identifier; }
   std::optional<std::string> calendarItemExternalIdentifier() const override { return data().uid; }
   std::optional<platform::Date> creationDate() const override { return data().created; }
   std::optional<platform::Date> lastModifiedDate() const override { return data().lastModified; }
@@ -151,10 +153,10 @@ class VdirReminder : public platform::EKReminder {
   std::string description() const override;
 
  private:
-  const VdirComponentData& data() const { return item_->todo; }
+  const VdirComponentData& data() const { return *todo_; }
   std::shared_ptr<const VdirItem> item_;
+  const VdirComponentData* todo_;
   std::shared_ptr<platform::EKCalendar> calendar_;
-  std::string identifier_;
 };
 
 // A new, unsaved event (eventWithEventStore): holds what the host sets.

@@ -280,7 +280,8 @@ bool VdirStore::rescan() {
       }
       next->diagnostics.insert(next->diagnostics.end(), file.diagnostics.begin(), file.diagnostics.end());
       if (file.item) {
-        (file.item->kind == VdirItem::Kind::todo ? todos : events)++;
+        todos += file.item->todos.size();
+        events += file.item->series.size();
         collection.items.push_back(file.item);
       }
       seen.emplace(relative, std::move(file));
@@ -349,8 +350,14 @@ bool VdirStore::rescan() {
   std::sort(next->collections.begin(), next->collections.end(),
             [](const auto& a, const auto& b) { return a.identifier < b.identifier; });
   for (std::size_t c = 0; c < next->collections.size(); ++c)
-    for (std::size_t i = 0; i < next->collections[c].items.size(); ++i)
-      next->itemsByPath.emplace(next->collections[c].items[i]->relativePath, std::make_pair(c, i));
+    for (std::size_t i = 0; i < next->collections[c].items.size(); ++i) {
+      const auto& item = *next->collections[c].items[i];
+      next->paths.insert(item.relativePath);
+      for (std::size_t s = 0; s < item.series.size(); ++s)
+        next->entries.emplace(item.series[s].identifier, VdirSnapshot::Entry{c, i, false, s});
+      for (std::size_t t = 0; t < item.todos.size(); ++t)
+        next->entries.emplace(item.todos[t].identifier, VdirSnapshot::Entry{c, i, true, t});
+    }
 
   // Anything different from the snapshot before: items, collections or the root's state.
   auto previous = snapshot();
@@ -506,13 +513,15 @@ void VdirStore::simulateQueueOverflow() {
 }
 
 std::shared_ptr<platform::EKEvent> VdirStore::makeEvent(const std::shared_ptr<const VdirItem>& item,
+                                                        const VdirSeriesData& series,
                                                         const std::shared_ptr<VdirCalendar>& calendar,
                                                         const VdirOccurrence& occurrence) const {
   VdirOccurrenceFields fields;
   fields.item = item;
+  fields.series = &series;
   fields.component = occurrence.component;
   fields.calendar = calendar;
-  fields.eventIdentifier = item->relativePath;
+  fields.eventIdentifier = series.identifier;
   fields.start = platform::Date::fromTimeIntervalSince1970(occurrence.start);
   fields.end = platform::Date::fromTimeIntervalSince1970(occurrence.end);
   fields.occurrence = platform::Date::fromTimeIntervalSince1970(occurrence.occurrence);
@@ -525,6 +534,7 @@ std::vector<std::shared_ptr<platform::EKEvent>> VdirStore::events(
   auto current = snapshot();
   struct Found {
     std::shared_ptr<const VdirItem> item;
+    const VdirSeriesData* series;
     std::shared_ptr<VdirCalendar> calendar;
     VdirOccurrence occurrence;
   };
@@ -537,19 +547,21 @@ std::vector<std::shared_ptr<platform::EKEvent>> VdirStore::events(
     for (const auto& collection : current->collections) {
       if (calendars && !calendars->count(collection.identifier)) continue;
       for (const auto& item : collection.items) {
-        if (item->kind != VdirItem::Kind::event) continue;
+        if (item->series.empty()) continue;
         double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
         if (found.size() >= options_.limits.maximumOccurrencesPerQuery || elapsed > options_.limits.maximumSecondsPerQuery) {
           stopped = "query from " + start.iso8601() + " to " + end.iso8601() + " stopped at " + item->relativePath +
                     " after " + std::to_string(found.size()) + " occurrences: the answer is incomplete";
           break;
         }
-        occurrences.clear();
-        std::string problem;
-        if (!expandSeries(item->series, *clock_, start.timeIntervalSince1970(), end.timeIntervalSince1970(),
-                          options_.limits, occurrences, problem))
-          reportRuntime({item->relativePath, VdirDiagnostic::Action::truncated, problem});
-        for (const auto& occurrence : occurrences) found.push_back({item, collection.calendar, occurrence});
+        for (const auto& series : item->series) {
+          occurrences.clear();
+          std::string problem;
+          if (!expandSeries(series, *clock_, start.timeIntervalSince1970(), end.timeIntervalSince1970(),
+                            options_.limits, occurrences, problem))
+            reportRuntime({item->relativePath, VdirDiagnostic::Action::truncated, problem});
+          for (const auto& occurrence : occurrences) found.push_back({item, &series, collection.calendar, occurrence});
+        }
       }
       if (stopped) break;
     }
@@ -557,24 +569,23 @@ std::vector<std::shared_ptr<platform::EKEvent>> VdirStore::events(
   }
   std::sort(found.begin(), found.end(), [](const Found& a, const Found& b) {
     if (a.occurrence.start != b.occurrence.start) return a.occurrence.start < b.occurrence.start;
-    if (a.item->relativePath != b.item->relativePath) return a.item->relativePath < b.item->relativePath;
+    if (a.series->identifier != b.series->identifier) return a.series->identifier < b.series->identifier;
     return a.occurrence.occurrence < b.occurrence.occurrence;
   });
   std::vector<std::shared_ptr<platform::EKEvent>> events;
   events.reserve(found.size());
-  for (const auto& f : found) events.push_back(makeEvent(f.item, f.calendar, f.occurrence));
+  for (const auto& f : found) events.push_back(makeEvent(f.item, *f.series, f.calendar, f.occurrence));
   return events;
 }
 
 std::shared_ptr<platform::EKEvent> VdirStore::firstOccurrence(const std::string& eventIdentifier) {
   auto current = snapshot();
-  auto at = current->itemsByPath.find(eventIdentifier);
-  if (at == current->itemsByPath.end()) return nullptr;
-  const auto& collection = current->collections[at->second.first];
-  const auto& item = collection.items[at->second.second];
-  if (item->kind != VdirItem::Kind::event) return nullptr;
+  auto at = current->entries.find(eventIdentifier);
+  if (at == current->entries.end() || at->second.todo) return nullptr;
+  const auto& collection = current->collections[at->second.collection];
+  const auto& item = collection.items[at->second.item];
   std::lock_guard lock(libicalMutex());
-  const auto& series = item->series;
+  const auto& series = item->series[at->second.index];
   // Widening windows from the series' first possible start; the earliest occurrence wins.
   double from = series.firstStart;
   double limit = series.lastEnd.value_or(from + 200 * 366 * 86400.0);
@@ -586,19 +597,18 @@ std::shared_ptr<platform::EKEvent> VdirStore::firstOccurrence(const std::string&
     if (occurrences.empty()) continue;
     auto earliest = std::min_element(occurrences.begin(), occurrences.end(),
                                      [](const auto& a, const auto& b) { return a.start < b.start; });
-    return makeEvent(item, collection.calendar, *earliest);
+    return makeEvent(item, series, collection.calendar, *earliest);
   }
   return nullptr;
 }
 
 std::shared_ptr<platform::EKReminder> VdirStore::reminder(const std::string& identifier) {
   auto current = snapshot();
-  auto at = current->itemsByPath.find(identifier);
-  if (at == current->itemsByPath.end()) return nullptr;
-  const auto& collection = current->collections[at->second.first];
-  const auto& item = collection.items[at->second.second];
-  if (item->kind != VdirItem::Kind::todo) return nullptr;
-  return std::make_shared<VdirReminder>(item, collection.calendar, item->relativePath);
+  auto at = current->entries.find(identifier);
+  if (at == current->entries.end() || !at->second.todo) return nullptr;
+  const auto& collection = current->collections[at->second.collection];
+  const auto& item = collection.items[at->second.item];
+  return std::make_shared<VdirReminder>(item, &item->todos[at->second.index], collection.calendar);
 }
 
 std::vector<std::shared_ptr<platform::EKReminder>> VdirStore::reminders(
@@ -608,8 +618,8 @@ std::vector<std::shared_ptr<platform::EKReminder>> VdirStore::reminders(
   for (const auto& collection : current->collections) {
     if (calendars && !calendars->count(collection.identifier)) continue;
     for (const auto& item : collection.items)
-      if (item->kind == VdirItem::Kind::todo && accept(item->todo))
-        result.push_back(std::make_shared<VdirReminder>(item, collection.calendar, item->relativePath));
+      for (const auto& todo : item->todos)
+        if (accept(todo)) result.push_back(std::make_shared<VdirReminder>(item, &todo, collection.calendar));
   }
   return result;
 }

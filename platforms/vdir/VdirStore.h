@@ -68,7 +68,15 @@ struct VdirCollection {
 
 struct VdirSnapshot {
   std::vector<VdirCollection> collections;  // by identifier
-  std::map<std::string, std::pair<std::size_t, std::size_t>> itemsByPath;  // path -> (collection, item)
+  // Where each event series and to-do is, by its identifier.
+  struct Entry {
+    std::size_t collection = 0, item = 0;
+    bool todo = false;
+    std::size_t index = 0;  // in the item's series or to-dos
+  };
+  std::map<std::string, Entry> entries;
+  // The files served, by path.
+  std::set<std::string> paths;
   std::vector<VdirDiagnostic> diagnostics;
   bool rootExists = false;
   bool rootReadable = false;
@@ -139,6 +147,7 @@ class VdirStore : public std::enable_shared_from_this<VdirStore> {
   void notifyListeners();
   void reportRuntime(VdirDiagnostic diagnostic);
   std::shared_ptr<platform::EKEvent> makeEvent(const std::shared_ptr<const VdirItem>& item,
+                                               const VdirSeriesData& series,
                                                const std::shared_ptr<VdirCalendar>& calendar,
                                                const VdirOccurrence& occurrence) const;
 

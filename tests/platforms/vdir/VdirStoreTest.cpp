@@ -9,6 +9,8 @@
 #include <random>
 #include <thread>
 
+#include "Vesp/VespEventInstance.h"
+#include "Vesp/VespReminder.h"
 #include "platforms/vdir/VdirPlatform.h"
 #include "tests/platforms/vdir/VdirTestSupport.h"
 
@@ -136,6 +138,30 @@ TEST(VdirStoreTest, anEventWithoutSummaryOrUidIsRepairedAndReported) {
   EXPECT_EQ(event->calendarItemExternalIdentifier(), "bare.ics");
   EXPECT_EQ(event->endDate(), event->startDate());
   EXPECT_EQ(platform->diagnostics().size(), 2u);
+}
+
+TEST(VdirStoreTest, aFileWithSeveralEventsAndToDosServesThemAllUnderTheirOwnIdentifiers) {
+  TemporaryDirectory root, config;
+  writeFile(root.path() / "c/export.ics",
+            "BEGIN:VCALENDAR\r\nVERSION:2.0\r\n"
+            "BEGIN:VEVENT\r\nUID:one\r\nSUMMARY:One\r\nDTSTART:20260310T090000Z\r\nEND:VEVENT\r\n"
+            "BEGIN:VEVENT\r\nUID:two\r\nSUMMARY:Two\r\nDTSTART:20260310T100000Z\r\nEND:VEVENT\r\n"
+            "BEGIN:VTODO\r\nUID:three\r\nSUMMARY:Three\r\nEND:VTODO\r\n"
+            "BEGIN:VEVENT\r\nUID:two\r\nSUMMARY:Two again\r\nDTSTART:20260310T110000Z\r\nEND:VEVENT\r\n"
+            "END:VCALENDAR\r\n");
+  auto platform = VdirPlatform::make(testing::platformOptions(root.path(), config.path() / "access.json"));
+  auto events = platform->store()->events(utc(2026, 3, 10), utc(2026, 3, 11), std::nullopt);
+  ASSERT_EQ(events.size(), 2u);
+  EXPECT_EQ(events[0]->eventIdentifier(), "c/export.ics");
+  EXPECT_EQ(events[1]->eventIdentifier(), "c/export.ics#two");
+  EXPECT_EQ(platform->store()->firstOccurrence("c/export.ics#two")->title(), "Two");
+  ASSERT_NE(platform->store()->reminder("c/export.ics#three"), nullptr);
+  EXPECT_EQ(platform->store()->reminder("c/export.ics#three")->title(), "Three");
+  // The repeated master of "two" cannot be served beside the first, and says so.
+  ASSERT_EQ(platform->diagnostics().size(), 1u);
+  EXPECT_THAT(platform->diagnostics()[0].problem, ::testing::HasSubstr("only the first is served"));
+  auto calendar = platform->makeEventStore()->calendarsForEntityType(platform::EKEntityTypeReminder);
+  EXPECT_EQ(calendar.size(), 1u);  // a collection holding both kinds is also a reminder list
 }
 
 TEST(VdirStoreTest, theSameUidInTwoCollectionsGivesTwoIdentifiers) {
@@ -713,6 +739,55 @@ TEST(VdirStoreTest, queriesWhileFilesChangeSeeEachFileWhollyOldOrWhollyNew) {
   platform->store()->refresh();
   for (const auto& event : platform->store()->events(utc(2026, 3, 1), utc(2026, 4, 1), std::nullopt))
     EXPECT_EQ(event->title(), "v40");
+}
+
+// The calendar files two Debian packages ship for their own tests, each file its own collection:
+// every file is served or diagnosed, and serving them converts into records without a stop.
+TEST(VdirStoreTest, everyFileOfThePublicTestCorporaIsServedOrDiagnosed) {
+  TemporaryDirectory root, config;
+  std::size_t copied = 0;
+  for (const char* package : {"evolution-data-server-tests", "python3-icalendar"}) {
+    FILE* list = ::popen((std::string("dpkg-query -L ") + package + " 2>/dev/null").c_str(), "r");
+    ASSERT_NE(list, nullptr);
+    char line[4096];
+    std::size_t found = 0;
+    while (std::fgets(line, sizeof line, list)) {
+      std::string path(line);
+      while (!path.empty() && (path.back() == '\n' || path.back() == '\r')) path.pop_back();
+      if (path.size() < 4 || path.compare(path.size() - 4, 4, ".ics") != 0 || !fs::is_regular_file(path)) continue;
+      fs::path collection = root.path() / package / (std::to_string(++found) + "-" + fs::path(path).stem().string());
+      fs::create_directories(collection);
+      fs::copy_file(path, collection / "item.ics");
+    }
+    ::pclose(list);
+    EXPECT_GT(found, 5u) << package << " is not installed (scripts/test installs it)";
+    copied += found;
+  }
+  auto platform = VdirPlatform::make(testing::platformOptions(root.path(), config.path() / "access.json"));
+  auto snapshot = platform->store()->snapshot();
+  std::set<std::string> diagnosed;
+  for (const auto& diagnostic : platform->diagnostics()) diagnosed.insert(diagnostic.path);
+  std::size_t served = 0;
+  for (const auto& collection : snapshot->collections) {
+    std::string path = collection.identifier + "/item.ics";
+    bool isServed = snapshot->paths.count(path) > 0;
+    served += isServed;
+    EXPECT_TRUE(isServed || diagnosed.count(path)) << path << " is neither served nor diagnosed";
+  }
+  EXPECT_EQ(snapshot->collections.size(), copied);
+  EXPECT_GT(served, copied / 2);
+  // Everything served converts into the data model's records.
+  std::size_t records = 0;
+  for (int decade = 1970; decade < 2040; decade += 10)
+    for (const auto& event : platform->store()->events(utc(decade, 1, 1), utc(decade + 10, 1, 1), std::nullopt)) {
+      VespEventInstance instance(*event);
+      records += !instance.eventIdentifier().empty();
+    }
+  for (const auto& reminder : platform->store()->reminders(std::nullopt, [](const auto&) { return true; })) {
+    VespReminder record(*reminder);
+    records += !record.calendarItemIdentifier().empty();
+  }
+  EXPECT_GT(records, 0u);
 }
 
 }  // namespace

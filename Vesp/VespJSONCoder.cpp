@@ -53,23 +53,38 @@ const char* kindOf(const Json& value) {
                  nullptr});
 }
 
-std::string iso8601(platform::Date date) {
+// ISO 8601 text of a date in UTC, whole seconds (2023-01-01T00:00:00Z); absent when its year is
+// outside 0000-9999, which the basic format cannot write.
+std::optional<std::string> iso8601(platform::Date date) {
   double since1970 = std::floor(date.timeIntervalSince1970());
-  std::time_t seconds = static_cast<std::time_t>(since1970);
-  std::tm utc{};
-  gmtime_r(&seconds, &utc);
+  // Years 0000-9999 span these seconds since 1970.
+  if (!(since1970 >= -62167219200.0 && since1970 < 253402300800.0)) return std::nullopt;
+  double days = std::floor(since1970 / 86400.0);
+  auto secondOfDay = static_cast<long long>(since1970 - days * 86400.0);
+  std::chrono::year_month_day civil{std::chrono::sys_days{std::chrono::days{static_cast<long long>(days)}}};
   char buffer[40];
-  std::strftime(buffer, sizeof buffer, "%Y-%m-%dT%H:%M:%SZ", &utc);
-  return buffer;
+  std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02uT%02lld:%02lld:%02lldZ", static_cast<int>(civil.year()),
+                static_cast<unsigned>(civil.month()), static_cast<unsigned>(civil.day()), secondOfDay / 3600,
+                secondOfDay / 60 % 60, secondOfDay % 60);
+  return std::string(buffer);
 }
 
 // Reads 2023-01-01T00:00:00Z, with optional fraction of a second and a Z or +hh:mm / -hh:mm zone.
 std::optional<platform::Date> parseIso8601(const std::string& text) {
-  int year, month, day, hour, minute, second, consumed = 0;
-  if (std::sscanf(text.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d%n", &year, &month, &day, &hour, &minute, &second,
-                  &consumed) != 6 ||
-      consumed != 19)
-    return std::nullopt;
+  // Exactly YYYY-MM-DDTHH:MM:SS: digits where digits belong, no signs or spaces.
+  static const char pattern[] = "dddd-dd-ddTdd:dd:dd";
+  if (text.size() < 19) return std::nullopt;
+  for (std::size_t i = 0; i < 19; ++i) {
+    bool digit = std::isdigit(static_cast<unsigned char>(text[i])) != 0;
+    if (pattern[i] == 'd' ? !digit : text[i] != pattern[i]) return std::nullopt;
+  }
+  auto number = [&](std::size_t at, std::size_t length) {
+    int value = 0;
+    for (std::size_t i = at; i < at + length; ++i) value = value * 10 + (text[i] - '0');
+    return value;
+  };
+  int year = number(0, 4), month = number(5, 2), day = number(8, 2), hour = number(11, 2), minute = number(14, 2),
+      second = number(17, 2);
   if (month < 1 || month > 12 || day < 1 || day > 31 || hour > 23 || minute > 59 || second > 60) return std::nullopt;
   std::size_t at = 19;
   double fraction = 0;
@@ -87,8 +102,10 @@ std::optional<platform::Date> parseIso8601(const std::string& text) {
   if (at < text.size() && text[at] == 'Z') {
     ++at;
   } else if (at + 6 == text.size() && (text[at] == '+' || text[at] == '-') && text[at + 3] == ':') {
-    int offsetHours = 0, offsetMinutes = 0;
-    if (std::sscanf(text.c_str() + at + 1, "%2d:%2d", &offsetHours, &offsetMinutes) != 2) return std::nullopt;
+    for (std::size_t i : {at + 1, at + 2, at + 4, at + 5})
+      if (!std::isdigit(static_cast<unsigned char>(text[i]))) return std::nullopt;
+    int offsetHours = (text[at + 1] - '0') * 10 + (text[at + 2] - '0');
+    int offsetMinutes = (text[at + 4] - '0') * 10 + (text[at + 5] - '0');
     offsetSeconds = (text[at] == '+' ? 1 : -1) * (offsetHours * 3600 + offsetMinutes * 60);
     at += 6;
   } else {
@@ -111,9 +128,13 @@ void writeDate(Json& target, platform::Date date, VespDateCodingStrategy strateg
         std::to_string(seconds), {path, "Unable to encode Double." + std::string(std::isnan(seconds) ? "nan" : "infinity") +
                                             " directly in JSON.",
                                   nullptr});
-  if (strategy == VespDateCodingStrategy::iso8601)
-    target = iso8601(date);
-  else
+  if (strategy == VespDateCodingStrategy::iso8601) {
+    auto text = iso8601(date);
+    if (!text)
+      throw VespEncodingError::invalidValue(
+          date.iso8601(), {path, "Unable to encode a date outside the years 0000-9999 as ISO 8601 text.", nullptr});
+    target = *text;
+  } else
     target = number(seconds);
 }
 

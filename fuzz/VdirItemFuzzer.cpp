@@ -1,7 +1,7 @@
 // Fuzzes the whole road of one calendar file: its bytes as an .ics file in a vdir store, read by
 // the store, queried over windows, converted to the data model's records and printed as vesp's
 // JSON. Nothing may crash, hang, leak or trip a sanitizer; whatever cannot be served must be in
-// the diagnostics.
+// the diagnostics. The JSON is written strictly: a text that is not UTF-8 would stop the run.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -29,6 +29,15 @@ struct World {
     options.localTimeZone = "Europe/Berlin";
     options.watch = false;
     options.userAddresses = {"me@example.org"};
+    // Tighter than the defaults, so that each input runs in milliseconds: the limits are what is
+    // exercised, not their size.
+    options.limits.maximumOccurrencesPerSeries = 60;
+    options.limits.maximumIteratorStepsPerSeries = 5000;
+    options.limits.maximumOccurrencesPerQuery = 200;
+    options.limits.maximumSecondsPerSeries = 1.0;
+    options.limits.maximumSecondsPerQuery = 3.0;
+    options.maximumCountedOccurrences = 1000;
+    options.maximumFileSize = 1 << 20;
     store = vesp::vdir::VdirStore::make(options);
   }
   ~World() {

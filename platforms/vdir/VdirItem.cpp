@@ -8,6 +8,7 @@
 #include <map>
 #include <set>
 
+#include "platforms/vdir/VdirText.h"
 #include "platforms/vdir/VdirZones.h"
 
 namespace vesp::vdir {
@@ -584,11 +585,19 @@ VdirParseResult parseItem(const std::string& relativePath, const std::string& fi
     reader.report(VdirDiagnostic::Action::skipped, "not an iCalendar file (binary content)");
     return result;
   }
+  // The library hands out UTF-8 only: other bytes become U+FFFD before anything is read.
+  std::string utf8;
+  const std::string* source = &text;
+  if (!isValidUtf8(text)) {
+    utf8 = validUtf8(text);
+    source = &utf8;
+    reader.report(VdirDiagnostic::Action::repaired, "bytes that are not UTF-8 were replaced by U+FFFD");
+  }
   ComponentHolder root;
-  root.component = icalparser_parse_string(text.c_str());
-  if (!root.component && text.find("BEGIN:VCALENDAR") != std::string::npos) {
+  root.component = icalparser_parse_string(source->c_str());
+  if (!root.component && source->find("BEGIN:VCALENDAR") != std::string::npos) {
     // A file that ends early (cut off, or missing its END lines) is closed and read again.
-    if (auto closed = closedText(text)) {
+    if (auto closed = closedText(*source)) {
       root.component = icalparser_parse_string(closed->c_str());
       if (root.component) reader.report(VdirDiagnostic::Action::repaired, "the file ends early: its END lines were added");
     }

@@ -13,6 +13,7 @@
 #include <future>
 #include <limits>
 
+#include "platforms/vdir/VdirText.h"
 #include "platforms/vdir/VdirZones.h"
 
 namespace fs = std::filesystem;
@@ -211,10 +212,11 @@ bool VdirStore::rescan() {
                             const std::shared_ptr<VdirSource>& source, platform::EKCalendarType type) {
     VdirCollection collection;
     collection.identifier = identifier;
+    collection.directory = directory.string();
     std::size_t events = 0, todos = 0;
     for (const auto& entry : list(directory, identifier)) {
       std::string name = entry.path().filename().string();
-      std::string relative = identifier + "/" + name;
+      std::string relative = identifier + "/" + escapedName(name);
       if (!endsWith(name, ".ics")) continue;
       if (!insideRoot(entry, relative)) continue;
       if (options_.beforeRead) options_.beforeRead(relative);
@@ -288,13 +290,13 @@ bool VdirStore::rescan() {
     }
     VdirCalendarFields fields;
     fields.identifier = identifier;
-    fields.title = readSmallFile(directory / "displayname").value_or("");
-    if (fields.title.empty()) fields.title = directory.filename().string();
+    fields.title = validUtf8(readSmallFile(directory / "displayname").value_or(""));
+    if (fields.title.empty()) fields.title = validUtf8(directory.filename().string());
     if (auto colour = readSmallFile(directory / "color")) {
       fields.color = parseColour(*colour);
       if (!fields.color)
         next->diagnostics.push_back({identifier + "/color", VdirDiagnostic::Action::repaired,
-                                     "colour \"" + *colour + "\" is not #RRGGBB: a default colour stands in"});
+                                     "colour \"" + validUtf8(*colour) + "\" is not #RRGGBB: a default colour stands in"});
     }
     if (!fields.color) fields.color = defaultColour(identifier);
     // Both kinds: a mixed collection; to-dos only: a reminder list; events only or empty: a calendar.
@@ -322,13 +324,14 @@ bool VdirStore::rescan() {
   };
 
   if (next->rootReadable) {
-    std::string rootTitle = canonicalRoot.filename().string();
+    std::string rootTitle = validUtf8(canonicalRoot.filename().string());
     if (rootTitle.empty()) rootTitle = "Local";
     for (const auto& entry : list(root, "")) {
-      std::string name = entry.path().filename().string();
+      std::string raw = entry.path().filename().string();
+      std::string name = escapedName(raw);
       std::error_code e;
       if (!entry.is_directory(e)) {
-        if (endsWith(name, ".ics"))
+        if (endsWith(raw, ".ics"))
           next->diagnostics.push_back({name, VdirDiagnostic::Action::skipped, "file outside any collection"});
         continue;
       }
@@ -337,9 +340,9 @@ bool VdirStore::rescan() {
         readCollection(entry.path(), name, sourceFor(".", 0, rootTitle), 0);
         continue;
       }
-      auto source = sourceFor(name, 2, name);
+      auto source = sourceFor(name, 2, validUtf8(raw));
       for (const auto& inner : list(entry.path(), name)) {
-        std::string innerName = inner.path().filename().string();
+        std::string innerName = escapedName(inner.path().filename().string());
         std::error_code innerError;
         if (!inner.is_directory(innerError)) continue;
         if (!insideRoot(inner, name + "/" + innerName)) continue;
@@ -408,9 +411,9 @@ void VdirStore::watch(std::weak_ptr<VdirStore> weak, std::shared_ptr<WatchState>
     auto current = store->snapshot();
     store.reset();
     for (const auto& collection : current->collections) {
-      wanted.insert(options_.root + "/" + collection.identifier);
-      auto slash = collection.identifier.find('/');
-      if (slash != std::string::npos) wanted.insert(options_.root + "/" + collection.identifier.substr(0, slash));
+      wanted.insert(collection.directory);
+      auto parent = fs::path(collection.directory).parent_path().string();
+      if (parent != options_.root) wanted.insert(parent);
     }
     // Account directories without collections yet, so that new collections in them are seen.
     std::error_code e;

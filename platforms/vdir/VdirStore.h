@@ -61,7 +61,8 @@ struct VdirStoreOptions {
 };
 
 struct VdirCollection {
-  std::string identifier;  // its path within the store: "work/meetings"
+  std::string identifier;  // its path within the store: "work/meetings" (names escaped, see VdirText)
+  std::string directory;   // where it is on disk
   std::shared_ptr<VdirCalendar> calendar;
   std::vector<std::shared_ptr<const VdirItem>> items;  // by file name
 };

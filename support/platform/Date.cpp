@@ -14,6 +14,13 @@ Date Date::now() {
 std::string Date::iso8601() const {
   double since1970 = timeIntervalSince1970();
   if (!std::isfinite(since1970)) return std::isnan(since1970) ? "nan" : (since1970 < 0 ? "-inf" : "inf");
+  // Beyond a few hundred million years no calendar date is meaningful (nor representable here):
+  // such instants are shown as seconds since the reference date.
+  if (std::fabs(since1970) > 1e16) {
+    char buffer[64];
+    std::snprintf(buffer, sizeof buffer, "%.17g seconds since 2001-01-01T00:00:00Z", seconds_);
+    return buffer;
+  }
   double wholeSeconds = std::floor(since1970);
   double fraction = since1970 - wholeSeconds;
   // Days and seconds of the day, then the civil date of the day count (proleptic Gregorian).

@@ -58,6 +58,46 @@ TEST(VespEventInstanceIdentifierTest, RoundTripsKeepEqualityUnderEveryDateStrate
             R"({"identifier":"withOccurrenceDate","eventIdentifier":"E1","originalOccurrenceDate":1672531200})");
 }
 
+TEST(VespEventInstanceIdentifierTest, Iso8601DatesBeforeTheYear1000AreWrittenWithFourDigitsAndReadBack) {
+  VespJSONEncoder encoder;
+  encoder.dateEncodingStrategy = VespDateCodingStrategy::iso8601;
+  VespJSONDecoder decoder;
+  decoder.dateDecodingStrategy = VespDateCodingStrategy::iso8601;
+  auto text = R"({"identifier":"withOccurrenceDate","eventIdentifier":"E1","originalOccurrenceDate":"0315-11-22T08:00:00Z"})";
+  auto decoded = decoder.decode<Identifier>(text);
+  EXPECT_EQ(encoder.encode(decoded), text);
+  EXPECT_EQ(decoder.decode<Identifier>(encoder.encode(decoded)), decoded);
+}
+
+TEST(VespEventInstanceIdentifierTest, Iso8601CannotWriteADateOutsideTheYears0To9999) {
+  VespJSONEncoder encoder;
+  encoder.dateEncodingStrategy = VespDateCodingStrategy::iso8601;
+  for (double seconds : {-1e12, 1e12, 1e300}) {
+    try {
+      encoder.encode(Identifier::withOccurrenceDate("E1", Date(seconds)));
+      ADD_FAILURE() << seconds << " was encoded";
+    } catch (const VespEncodingError& error) {
+      EXPECT_EQ(error.kind(), VespEncodingError::Kind::invalidValue);
+    }
+  }
+}
+
+TEST(VespEventInstanceIdentifierTest, Iso8601TextWithSignsOrSpacesWhereDigitsBelongIsDataCorrupted) {
+  VespJSONDecoder decoder;
+  decoder.dateDecodingStrategy = VespDateCodingStrategy::iso8601;
+  for (const char* date : {"+315-11-22T08:00:00Z", " 315-11-22T08:00:00Z", "2023-01-01T00:00:00+-1:00",
+                           "2023-1-01T00:00:00Z", "2023-01-01T00:00:00+01:0x"}) {
+    std::string text = std::string(R"({"identifier":"withOccurrenceDate","eventIdentifier":"E1","originalOccurrenceDate":")") +
+                       date + "\"}";
+    try {
+      decoder.decode<Identifier>(text);
+      ADD_FAILURE() << date << " was decoded";
+    } catch (const VespDecodingError& error) {
+      EXPECT_EQ(error.kind(), VespDecodingError::Kind::dataCorrupted) << date;
+    }
+  }
+}
+
 TEST(VespEventInstanceIdentifierTest, FractionalDatesRoundTripExactlyByDefault) {
   VespJSONEncoder encoder;
   VespJSONDecoder decoder;

@@ -343,7 +343,7 @@ int runVesp(int argc, const char* const* argv, std::ostream& out, std::ostream& 
       if (asJSON) {
         json array = json::array();
         for (const auto& calendar : found) array.push_back(toJSON(calendar));
-        out << array.dump(2) << '\n';
+        out << array.dump(2, ' ', false, json::error_handler_t::replace) << '\n';
       } else {
         printCalendars(out, found, style);
       }
@@ -362,7 +362,7 @@ int runVesp(int argc, const char* const* argv, std::ostream& out, std::ostream& 
         if (asJSON) {
           json array = json::array();
           for (const auto& instance : found) array.push_back(toJSON(instance));
-          out << array.dump(2) << '\n';
+          out << array.dump(2, ' ', false, json::error_handler_t::replace) << '\n';
         } else {
           printAgenda(out, found, style);
         }
@@ -372,7 +372,7 @@ int runVesp(int argc, const char* const* argv, std::ostream& out, std::ostream& 
         if (asJSON) {
           json array = json::array();
           for (const auto& item : found) array.push_back(toJSON(item));
-          out << array.dump(2) << '\n';
+          out << array.dump(2, ' ', false, json::error_handler_t::replace) << '\n';
         } else {
           printReminders(out, found, style);
         }
@@ -388,14 +388,14 @@ int runVesp(int argc, const char* const* argv, std::ostream& out, std::ostream& 
       session.requireAccess(platform::EKEntityTypeEvent, true);
       auto found = valueOrExit(manager.getEventInstance(*decoded), kExitNotFound);
       if (asJSON)
-        out << toJSON(found).dump(2) << '\n';
+        out << toJSON(found).dump(2, ' ', false, json::error_handler_t::replace) << '\n';
       else
         printEvent(out, found, style);
     } else if (reminder->parsed()) {
       session.requireAccess(platform::EKEntityTypeReminder, true);
       auto found = valueOrExit(manager.getReminder(reminderId), kExitNotFound);
       if (asJSON)
-        out << toJSON(found).dump(2) << '\n';
+        out << toJSON(found).dump(2, ' ', false, json::error_handler_t::replace) << '\n';
       else
         printReminder(out, found, style);
     } else if (watch->parsed()) {
@@ -407,7 +407,7 @@ int runVesp(int argc, const char* const* argv, std::ostream& out, std::ostream& 
         if (count && seen >= count) return;
         ++seen;
         if (asJSON)
-          out << json{{"time", Date::now().iso8601()}, {"changed", what}}.dump() << std::endl;
+          out << json{{"time", Date::now().iso8601()}, {"changed", what}}.dump(-1, ' ', false, json::error_handler_t::replace) << std::endl;
         else
           out << Date::now().iso8601() << "  " << what << " changed" << std::endl;
         if (count && seen == count) ::kill(::getpid(), SIGUSR1);
@@ -438,7 +438,7 @@ int runVesp(int argc, const char* const* argv, std::ostream& out, std::ostream& 
         result[kindName(type)] = std::string(description(state));
       }
       if (asJSON) {
-        out << result.dump(2) << '\n';
+        out << result.dump(2, ' ', false, json::error_handler_t::replace) << '\n';
       } else {
         for (auto& [kind, state] : result.items()) out << kind << ": " << state.get<std::string>() << '\n';
         out << "(decisions are kept in " << session.platform().access()->file() << ")\n";
@@ -453,7 +453,7 @@ int runVesp(int argc, const char* const* argv, std::ostream& out, std::ostream& 
         for (const auto& diagnostic : diagnostics) array.push_back(toJSON(diagnostic));
         out << json{{"store", store}, {"collections", snapshot->collections.size()}, {"items", items},
                     {"problems", array}}
-                   .dump(2)
+                   .dump(2, ' ', false, json::error_handler_t::replace)
             << '\n';
       } else {
         out << store << ": " << snapshot->collections.size() << " collections, " << items << " items served\n";

@@ -164,6 +164,22 @@ TEST(VdirStoreTest, aFileWithSeveralEventsAndToDosServesThemAllUnderTheirOwnIden
   EXPECT_EQ(calendar.size(), 1u);  // a collection holding both kinds is also a reminder list
 }
 
+TEST(VdirStoreTest, bytesThatAreNotUtf8AreReplacedAndNamesAreEscapedInIdentifiers) {
+  TemporaryDirectory root, config;
+  writeFile(root.path() / "caf\xE9/100%.ics", simpleEvent("u\xFF", "Caf\xE9 \xF0\x9F\x8E\x82", "20260310T090000Z", "20260310T100000Z"));
+  writeFile(root.path() / "caf\xE9/displayname", "Bistro \xC3");
+  auto platform = VdirPlatform::make(testing::platformOptions(root.path(), config.path() / "access.json"));
+  auto events = platform->store()->events(utc(2026, 3, 10), utc(2026, 3, 11), std::nullopt);
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0]->title(), "Caf\xEF\xBF\xBD \xF0\x9F\x8E\x82");  // the valid emoji stays
+  EXPECT_EQ(events[0]->calendarItemExternalIdentifier(), "u\xEF\xBF\xBD");
+  EXPECT_EQ(events[0]->eventIdentifier(), "caf%E9/100%25.ics");
+  EXPECT_EQ(events[0]->calendar()->calendarIdentifier(), "caf%E9");
+  EXPECT_EQ(events[0]->calendar()->title(), "Bistro \xEF\xBF\xBD");
+  EXPECT_NE(platform->store()->firstOccurrence("caf%E9/100%25.ics"), nullptr);
+  EXPECT_THAT(platform->diagnostics(), ::testing::Contains(::testing::Field(&VdirDiagnostic::path, "caf%E9/100%25.ics")));
+}
+
 TEST(VdirStoreTest, theSameUidInTwoCollectionsGivesTwoIdentifiers) {
   TemporaryDirectory root, config;
   writeFile(root.path() / "a/same.ics", simpleEvent("same", "One", "20260310T090000Z", "20260310T100000Z"));

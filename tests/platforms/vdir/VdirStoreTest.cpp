@@ -486,6 +486,23 @@ std::string versionedSeries(int file, int version) {
          "END:VCALENDAR\r\n";
 }
 
+// Fetches every incomplete reminder and waits for the answer; returns how many there were.
+std::size_t incompleteReminderCount(platform::EKEventStore& store) {
+  std::mutex mutex;
+  std::condition_variable done;
+  std::optional<std::size_t> count;
+  store.fetchRemindersMatchingPredicate(
+      store.predicateForIncompleteRemindersWithDueDateStarting(std::nullopt, std::nullopt, std::nullopt),
+      [&](auto reminders) {
+        std::lock_guard lock(mutex);
+        count = reminders ? reminders->size() : 0;
+        done.notify_all();
+      });
+  std::unique_lock lock(mutex);
+  done.wait(lock, [&] { return count.has_value(); });
+  return *count;
+}
+
 // Titles of the events of 10 March 2026.
 std::set<std::string> titlesOn10March(VdirStore& store) {
   std::set<std::string> titles;
@@ -664,19 +681,7 @@ TEST(VdirStoreTest, underLoadEveryAnswerIsAConsistentViewOfWholeFiles) {
           }
           EXPECT_GE(versions.size(), static_cast<std::size_t>(files));
         } else {
-          std::mutex mutex;
-          std::condition_variable done;
-          bool fetched = false;
-          store->fetchRemindersMatchingPredicate(
-              store->predicateForIncompleteRemindersWithDueDateStarting(std::nullopt, std::nullopt, std::nullopt),
-              [&](auto reminders) {
-                EXPECT_EQ(reminders->size(), 1u);
-                std::lock_guard lock(mutex);
-                fetched = true;
-                done.notify_all();
-              });
-          std::unique_lock lock(mutex);
-          done.wait(lock, [&] { return fetched; });
+          EXPECT_EQ(incompleteReminderCount(*store), 1u);
         }
         ++answers;
       }
@@ -733,19 +738,7 @@ TEST(VdirStoreTest, queriesWhileFilesChangeSeeEachFileWhollyOldOrWhollyNew) {
         for (const auto& [identifier, seen] : versions) EXPECT_EQ(seen.size(), 1u) << identifier;
         EXPECT_EQ(events.size(), static_cast<std::size_t>(files * 20));
         if (reader % 2) {
-          std::mutex mutex;
-          std::condition_variable done;
-          bool fetched = false;
-          store->fetchRemindersMatchingPredicate(
-              store->predicateForIncompleteRemindersWithDueDateStarting(std::nullopt, std::nullopt, std::nullopt),
-              [&](auto reminders) {
-                EXPECT_EQ(reminders->size(), 1u);
-                std::lock_guard lock(mutex);
-                fetched = true;
-                done.notify_all();
-              });
-          std::unique_lock lock(mutex);
-          done.wait(lock, [&] { return fetched; });
+          EXPECT_EQ(incompleteReminderCount(*store), 1u);
         }
         ++answers;
       }

@@ -253,20 +253,25 @@ void expectAgreement(VespProgramTest& test, const std::function<ProgramRun(const
   (void)test;
 }
 
-TEST_F(VespProgramTest, occurrencesOfAGenerated1000EventStoreAgreeWithAnIndependentExpansion) {
+// Generates a store of `events` events (and a tenth as many to-dos) and compares.
+void expectAgreementOnAGeneratedStore(VespProgramTest& test,
+                                      const std::function<ProgramRun(const std::vector<std::string>&)>& vesp,
+                                      int events, int seed) {
   TemporaryDirectory generated;
   fs::path root = generated.path() / "store";
-  ASSERT_EQ(std::system(("python3 " + quoted(VESP_GEN_VDIR) + " --root " + quoted(root.string()) +
-                         " --events 1000 --todos 100 --seed 3 > /dev/null").c_str()), 0);
-  expectAgreement(*this, [&](const std::vector<std::string>& arguments) { return vesp(arguments); }, root);
+  ASSERT_EQ(std::system(("python3 " + quoted(VESP_GEN_VDIR) + " --root " + quoted(root.string()) + " --events " +
+                         std::to_string(events) + " --todos " + std::to_string(events / 10) + " --seed " +
+                         std::to_string(seed) + " > /dev/null").c_str()),
+            0);
+  expectAgreement(test, vesp, root);
+}
+
+TEST_F(VespProgramTest, occurrencesOfAGenerated1000EventStoreAgreeWithAnIndependentExpansion) {
+  expectAgreementOnAGeneratedStore(*this, [&](const auto& arguments) { return vesp(arguments); }, 1000, 3);
 }
 
 TEST_F(VespProgramTest, occurrencesOfAGenerated10000EventStoreAgreeWithAnIndependentExpansion) {
-  TemporaryDirectory generated;
-  fs::path root = generated.path() / "store";
-  ASSERT_EQ(std::system(("python3 " + quoted(VESP_GEN_VDIR) + " --root " + quoted(root.string()) +
-                         " --events 10000 --todos 1000 --seed 4 > /dev/null").c_str()), 0);
-  expectAgreement(*this, [&](const std::vector<std::string>& arguments) { return vesp(arguments); }, root);
+  expectAgreementOnAGeneratedStore(*this, [&](const auto& arguments) { return vesp(arguments); }, 10000, 4);
 }
 
 }  // namespace

@@ -65,7 +65,12 @@ class Reader {
 
   void report(VdirDiagnostic::Action action, std::string problem) {
     // Problems quote the file; keep a quote of a huge line short.
-    if (problem.size() > 240) problem = problem.substr(0, 200) + "... (" + std::to_string(problem.size()) + " characters)";
+    if (problem.size() > 240) {
+      std::size_t cut = 200;
+      // Cut between characters, never inside one.
+      while (cut > 0 && (static_cast<unsigned char>(problem[cut]) & 0xC0) == 0x80) --cut;
+      problem = problem.substr(0, cut) + "... (" + std::to_string(problem.size()) + " bytes)";
+    }
     VdirDiagnostic diagnostic{path_, action, std::move(problem)};
     if (std::find(diagnostics_.begin(), diagnostics_.end(), diagnostic) == diagnostics_.end())
       diagnostics_.push_back(std::move(diagnostic));

@@ -12,6 +12,7 @@
 #include "Vesp/VespEventInstance.h"
 #include "Vesp/VespReminder.h"
 #include "platforms/vdir/VdirPlatform.h"
+#include "platforms/vdir/VdirText.h"
 #include "tests/platforms/vdir/VdirTestSupport.h"
 
 namespace vesp::vdir {
@@ -178,6 +179,23 @@ TEST(VdirStoreTest, bytesThatAreNotUtf8AreReplacedAndNamesAreEscapedInIdentifier
   EXPECT_EQ(events[0]->calendar()->title(), "Bistro \xEF\xBF\xBD");
   EXPECT_NE(platform->store()->firstOccurrence("caf%E9/100%25.ics"), nullptr);
   EXPECT_THAT(platform->diagnostics(), ::testing::Contains(::testing::Field(&VdirDiagnostic::path, "caf%E9/100%25.ics")));
+}
+
+TEST(VdirStoreTest, aLongProblemIsShortenedBetweenCharacters) {
+  TemporaryDirectory root, config;
+  // An unreadable line of two-byte characters: its quote in the problem is cut short.
+  std::string line;
+  for (int i = 0; i < 400; ++i) line += "\xC3\xA9";
+  // Two files, the second shifted by one byte, so that one of the cuts falls inside a character.
+  writeFile(root.path() / "c/a.ics", simpleEvent("a", "A", "20260310T090000Z", "20260310T100000Z", line + "\r\n"));
+  writeFile(root.path() / "c/b.ics", simpleEvent("b", "B", "20260310T090000Z", "20260310T100000Z", "x" + line + "\r\n"));
+  auto platform = VdirPlatform::make(testing::platformOptions(root.path(), config.path() / "access.json"));
+  auto diagnostics = platform->diagnostics();
+  ASSERT_FALSE(diagnostics.empty());
+  for (const auto& diagnostic : diagnostics) {
+    EXPECT_TRUE(isValidUtf8(diagnostic.problem)) << diagnostic.problem;
+    EXPECT_LT(diagnostic.problem.size(), 260u);
+  }
 }
 
 TEST(VdirStoreTest, theSameUidInTwoCollectionsGivesTwoIdentifiers) {

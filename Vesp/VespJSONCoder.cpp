@@ -62,7 +62,7 @@ std::optional<std::string> iso8601(platform::Date date) {
   double days = std::floor(since1970 / 86400.0);
   auto secondOfDay = static_cast<long long>(since1970 - days * 86400.0);
   std::chrono::year_month_day civil{std::chrono::sys_days{std::chrono::days{static_cast<long long>(days)}}};
-  char buffer[40];
+  char buffer[96];
   std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02uT%02lld:%02lld:%02lldZ", static_cast<int>(civil.year()),
                 static_cast<unsigned>(civil.month()), static_cast<unsigned>(civil.day()), secondOfDay / 3600,
                 secondOfDay / 60 % 60, secondOfDay % 60);

@@ -57,6 +57,33 @@ std::string lower(std::string text) {
   return text;
 }
 
+// libical's unescaping works on bytes: a backslash before a multi-byte character takes the
+// character's first byte with it. Every text read from it is therefore made valid again.
+void keepUtf8(std::string& text) {
+  if (!isValidUtf8(text)) text = validUtf8(text);
+}
+void keepUtf8(std::optional<std::string>& text) {
+  if (text) keepUtf8(*text);
+}
+void keepUtf8(VdirParticipantData& participant) {
+  keepUtf8(participant.name);
+  keepUtf8(participant.address);
+}
+void keepUtf8(const std::shared_ptr<const VdirLocationData>& location, std::shared_ptr<const VdirLocationData>& out) {
+  if (!location || !location->title || isValidUtf8(*location->title)) return;
+  auto copy = std::make_shared<VdirLocationData>(*location);
+  keepUtf8(copy->title);
+  out = copy;
+}
+void keepUtf8(VdirComponentData& data) {
+  for (auto* text : {&data.summary, &data.description, &data.location, &data.url, &data.timeZoneName}) keepUtf8(*text);
+  keepUtf8(data.uid);
+  for (auto& attendee : data.attendees) keepUtf8(attendee);
+  if (data.organizer) keepUtf8(*data.organizer);
+  keepUtf8(data.structuredLocation, data.structuredLocation);
+  for (auto& alarm : data.alarms) keepUtf8(alarm.location, alarm.location);
+}
+
 // Reads files one at a time; collects what it had to skip or repair.
 class Reader {
  public:
@@ -64,6 +91,7 @@ class Reader {
       : path_(relativePath), context_(context), diagnostics_(diagnostics) {}
 
   void report(VdirDiagnostic::Action action, std::string problem) {
+    if (!isValidUtf8(problem)) problem = validUtf8(problem);
     // Problems quote the file; keep a quote of a huge line short.
     if (problem.size() > 240) {
       std::size_t cut = 200;
@@ -419,6 +447,7 @@ class Reader {
       data.rule = rule;
       if (rule.rscale) data.rscaleName = lower(rule.rscale);
       data.rule.rscale = nullptr;
+      keepUtf8(data.rscaleName);
       if (data.rscaleName != "gregorian") {
         report(VdirDiagnostic::Action::repaired, "RRULE with RSCALE=" + data.rscaleName + " expanded as Gregorian");
       }
@@ -655,6 +684,7 @@ VdirParseResult parseItem(const std::string& relativePath, const std::string& fi
         sawEvent = true;
         VdirComponentData data;
         if (!reader.readEvent(component, data)) return;
+        keepUtf8(data);
         Group& group = groupOf(data.uid);
         if (data.recurrenceId)
           group.overrides.push_back(std::move(data));
@@ -663,6 +693,7 @@ VdirParseResult parseItem(const std::string& relativePath, const std::string& fi
       } else if (kind == ICAL_VTODO_COMPONENT) {
         VdirComponentData data;
         reader.readTodo(component, data);
+        keepUtf8(data);
         item->todos.push_back(std::move(data));
       }
     };

@@ -181,6 +181,19 @@ TEST(VdirStoreTest, bytesThatAreNotUtf8AreReplacedAndNamesAreEscapedInIdentifier
   EXPECT_THAT(platform->diagnostics(), ::testing::Contains(::testing::Field(&VdirDiagnostic::path, "caf%E9/100%25.ics")));
 }
 
+TEST(VdirStoreTest, anEscapeBeforeAMultiByteCharacterStillGivesUtf8) {
+  TemporaryDirectory root, config;
+  // libical's unescaping takes one byte after a backslash, which would split the character.
+  writeFile(root.path() / "c/a.ics", simpleEvent("a", "Caf\\\xC3\xA9", "20260310T090000Z", "20260310T100000Z",
+                                                  "DESCRIPTION:Risks\\\xEF\xBF\xBD and more\r\n"));
+  auto platform = VdirPlatform::make(testing::platformOptions(root.path(), config.path() / "access.json"));
+  auto event = platform->store()->firstOccurrence("c/a.ics");
+  ASSERT_NE(event, nullptr);
+  EXPECT_TRUE(isValidUtf8(*event->title())) << *event->title();
+  EXPECT_TRUE(isValidUtf8(*event->notes())) << *event->notes();
+  EXPECT_THAT(*event->notes(), ::testing::HasSubstr(" and more"));
+}
+
 TEST(VdirStoreTest, aLongProblemIsShortenedBetweenCharacters) {
   TemporaryDirectory root, config;
   // An unreadable line of two-byte characters: its quote in the problem is cut short.

@@ -50,10 +50,8 @@ bool expandSeries(const VdirSeriesData& series, const VdirClock& clock, double w
   bool complete = true;
 
   // Overrides are placed where they now are, whatever their original date.
-  std::set<double> replaced;
   for (const auto& override : series.overrides) {
     double occurrence = override.recurrenceInstant->timeIntervalSince1970();
-    replaced.insert(occurrence);
     double start = clock.instant(override.start).timeIntervalSince1970();
     double end = occurrenceEnd(override, clock, start);
     if (overlaps(start, end, windowStart, windowEnd))
@@ -65,7 +63,11 @@ bool expandSeries(const VdirSeriesData& series, const VdirClock& clock, double w
   std::set<double> starts;
   auto consider = [&](double start) {
     if (std::binary_search(series.exdates.begin(), series.exdates.end(), start)) return;
-    if (replaced.count(start)) return;
+    // Overrides are sorted by the occurrence they replace (parseItem keeps them so).
+    if (std::ranges::binary_search(series.overrides, start, {}, [](const VdirComponentData& override) {
+          return override.recurrenceInstant->timeIntervalSince1970();
+        }))
+      return;
     double end = occurrenceEnd(master, clock, start);
     if (overlaps(start, end, windowStart, windowEnd)) starts.insert(start);
   };

@@ -33,7 +33,6 @@ struct VdirExpansionLimits {
 // Appends the occurrences of `series` that overlap [windowStart, windowEnd) (seconds since 1970);
 // an occurrence of no length overlaps when it starts inside the window. Returns false when a limit
 // cut the expansion short (`problem` then says which).
-// REQUIRES: libicalMutex() is held.
 bool expandSeries(const VdirSeriesData& series, const VdirClock& clock, double windowStart, double windowEnd,
                   const VdirExpansionLimits& limits, std::vector<VdirOccurrence>& out, std::string& problem);
 

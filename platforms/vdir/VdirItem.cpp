@@ -136,8 +136,14 @@ class Reader {
       time.kind = VdirTime::Kind::floating;
       return time;
     }
-    auto found = definitions_.find(*tzid);
-    auto [zone, name] = context_.zones->zoneFor(*tzid, found == definitions_.end() ? nullptr : found->second);
+    // One look-up per TZID and file: the zone key is the definition's whole text.
+    auto memo = resolved_.find(*tzid);
+    if (memo == resolved_.end()) {
+      auto found = definitions_.find(*tzid);
+      memo = resolved_.emplace(*tzid, context_.zones->zoneFor(*tzid, found == definitions_.end() ? nullptr : found->second))
+                 .first;
+    }
+    auto [zone, name] = memo->second;
     if (!zone) {
       report(VdirDiagnostic::Action::repaired,
              "unknown time zone \"" + *tzid + "\": its times are read as floating (local) times");
@@ -547,6 +553,7 @@ class Reader {
   const VdirParseContext& context_;
   std::vector<VdirDiagnostic>& diagnostics_;
   std::map<std::string, icalcomponent*> definitions_;
+  std::map<std::string, std::pair<const icaltimezone*, std::string>> resolved_;
 };
 
 // The text with END lines added for every component left open, or nothing when none is.

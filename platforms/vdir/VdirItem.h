@@ -127,7 +127,7 @@ struct VdirParseContext {
 };
 
 // Reads the text of one .ics file. Never fails: a file that cannot be served gives no item and a
-// diagnostic saying why. REQUIRES: libicalMutex() is held.
+// diagnostic saying why. Safe to call from several threads at once.
 VdirParseResult parseItem(const std::string& relativePath, const std::string& fileName, const std::string& text,
                           const VdirParseContext& context);
 

@@ -8,10 +8,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <filesystem>
+#include <ctime>
 #include <future>
 #include <limits>
+#include <unordered_map>
 
 #include "platforms/vdir/VdirText.h"
 #include "platforms/vdir/VdirZones.h"
@@ -89,9 +92,26 @@ std::shared_ptr<VdirStore> VdirStore::make(VdirStoreOptions options) {
 VdirStore::VdirStore(VdirStoreOptions options) : options_(std::move(options)), zones_(std::make_shared<VdirZones>()) {
   for (auto& address : options_.userAddresses)
     for (char& c : address) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  std::lock_guard lock(libicalMutex());
   clock_ = std::make_unique<VdirClock>(options_.localTimeZone.empty() ? systemLocalZoneName() : options_.localTimeZone);
   snapshot_ = std::make_shared<VdirSnapshot>();
+
+  const std::string directory = options_.cacheDirectory.value_or(defaultCacheDirectory());
+  if (directory.empty()) return;
+  // Everything that changes what is read from the files is part of the key.
+  std::error_code error;
+  fs::path root = fs::weakly_canonical(fs::path(options_.root), error);
+  if (error) root = fs::absolute(fs::path(options_.root), error);
+  cacheKey_ = "vesp store cache\nroot=" + root.string() + "\nzone=" + clock_->localZoneName() +
+              "\ncounted=" + std::to_string(options_.maximumCountedOccurrences) +
+              "\nlargest=" + std::to_string(options_.maximumFileSize) + "\naddresses=";
+  for (const auto& address : options_.userAddresses) cacheKey_ += address + ",";
+  cacheStatus_.path = cacheFilePath(directory, cacheKey_);
+  if (auto records = readCache(cacheStatus_.path, cacheKey_, *zones_, threads(), cacheStatus_.loadProblem)) {
+    cacheStatus_.loaded = true;
+    cacheStatus_.loadedFiles = records->size();
+    files_ = std::move(*records);
+    cacheStale_ = false;
+  }
 }
 
 VdirStore::~VdirStore() {
@@ -107,10 +127,23 @@ VdirStore::~VdirStore() {
       watcher_.join();
   }
   // Items may outlive the store (in objects a host still holds), but they never touch zones again.
-  std::lock_guard lock(libicalMutex());
+  {
+    std::lock_guard lock(indexMutex_);
+    index_.reset();
+  }
   files_.clear();
   snapshot_.reset();
   zones_.reset();
+}
+
+unsigned VdirStore::threads() const {
+  if (options_.parseThreads > 0) return options_.parseThreads;
+  return std::max(1u, std::thread::hardware_concurrency());
+}
+
+VdirCacheStatus VdirStore::cacheStatus() const {
+  std::lock_guard lock(mutex_);
+  return cacheStatus_;
 }
 
 std::shared_ptr<const VdirSnapshot> VdirStore::snapshot() const {
@@ -161,6 +194,9 @@ void VdirStore::reportRuntime(VdirDiagnostic diagnostic) {
 bool VdirStore::rescan() {
   std::lock_guard rescanLock(rescanMutex_);
   ++rescans_;
+  timespec now{};
+  ::clock_gettime(CLOCK_REALTIME, &now);
+  const std::int64_t scannedAt = nanoseconds(now);
   auto next = std::make_shared<VdirSnapshot>();
   const fs::path root(options_.root);
   std::error_code error;
@@ -170,14 +206,43 @@ bool VdirStore::rescan() {
     next->diagnostics.push_back({".", VdirDiagnostic::Action::skipped, "the store root cannot be read"});
   fs::path canonicalRoot = next->rootExists ? fs::weakly_canonical(root, error) : root;
 
+  // The scan runs in three steps: list every collection and look at each file (on this thread);
+  // read and parse the files that changed (on every core); put the snapshot together in listing
+  // order. Problems are kept in the order they are met, a file's own at its place in the listing.
+  struct Slot {
+    std::string relative, name;
+    fs::path path;
+    VdirFileRecord record;
+    bool parse = false, gone = false;
+  };
+  struct Problem {
+    std::optional<std::size_t> slot;
+    VdirDiagnostic diagnostic;
+  };
+  struct Pending {
+    std::string identifier;
+    fs::path directory;
+    std::shared_ptr<VdirSource> source;
+    platform::EKCalendarType type = 0;
+    std::vector<std::size_t> slots;
+    std::optional<std::string> displayName;
+    platform::CGColorRef colour = nullptr;
+  };
+  std::vector<Slot> slots;
+  std::vector<Problem> problems;
+  std::vector<Pending> pending;
+  auto problem = [&](std::string path, VdirDiagnostic::Action action, std::string text) {
+    problems.push_back({std::nullopt, {std::move(path), action, std::move(text)}});
+  };
+
   // Directory entries by name, sorted, hidden ones left out.
   auto list = [&](const fs::path& directory, const std::string& relative) {
     std::vector<fs::directory_entry> entries;
     std::error_code listError;
     fs::directory_iterator it(directory, listError);
     if (listError) {
-      next->diagnostics.push_back({relative.empty() ? "." : relative, VdirDiagnostic::Action::skipped,
-                                   "directory cannot be read: " + listError.message()});
+      problem(relative.empty() ? "." : relative, VdirDiagnostic::Action::skipped,
+              "directory cannot be read: " + listError.message());
       return entries;
     }
     for (; it != fs::directory_iterator(); it.increment(listError)) {
@@ -194,7 +259,7 @@ bool VdirStore::rescan() {
     fs::path target = fs::weakly_canonical(entry.path(), linkError);
     auto rootText = canonicalRoot.string() + "/";
     if (!linkError && target.string().rfind(rootText, 0) == 0) return true;
-    next->diagnostics.push_back({relative, VdirDiagnostic::Action::skipped, "symbolic link leaves the store root"});
+    problem(relative, VdirDiagnostic::Action::skipped, "symbolic link leaves the store root");
     return false;
   };
   auto isCollection = [&](const fs::path& directory) {
@@ -205,116 +270,63 @@ bool VdirStore::rescan() {
     }
     return false;
   };
+  auto tooLarge = [&](const std::string& relative, off_t size) {
+    return VdirDiagnostic{relative, VdirDiagnostic::Action::skipped,
+                          "file of " + std::to_string(size) + " bytes exceeds the limit of " +
+                              std::to_string(options_.maximumFileSize) + " bytes"};
+  };
 
-  std::map<std::string, CachedFile> seen;
-  std::map<std::string, std::shared_ptr<VdirCalendar>> calendars;
-  auto readCollection = [&](const fs::path& directory, const std::string& identifier,
+  auto listCollection = [&](const fs::path& directory, const std::string& identifier,
                             const std::shared_ptr<VdirSource>& source, platform::EKCalendarType type) {
-    VdirCollection collection;
+    Pending collection;
     collection.identifier = identifier;
-    collection.directory = directory.string();
-    std::size_t events = 0, todos = 0;
+    collection.directory = directory;
+    collection.source = source;
+    collection.type = type;
     for (const auto& entry : list(directory, identifier)) {
       std::string name = entry.path().filename().string();
       std::string relative = identifier + "/" + escapedName(name);
       if (!endsWith(name, ".ics")) continue;
       if (!insideRoot(entry, relative)) continue;
       if (options_.beforeRead) options_.beforeRead(relative);
-      int fd = ::open(entry.path().c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-      // Gone since the listing (deleted or renamed): nothing to serve and nothing lost; the
-      // change that removed it leads to another rescan.
-      if (fd < 0 && errno == ENOENT) continue;
-      if (fd < 0) {
-        next->diagnostics.push_back({relative, VdirDiagnostic::Action::skipped,
-                                     std::string("file cannot be read: ") + std::strerror(errno)});
-        continue;
-      }
       struct stat status {};
-      if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
-        ::close(fd);
+      if (::stat(entry.path().c_str(), &status) != 0) {
+        // Gone since the listing (deleted or renamed): nothing to serve and nothing lost; the
+        // change that removed it leads to another rescan.
+        if (errno != ENOENT)
+          problem(relative, VdirDiagnostic::Action::skipped, std::string("file cannot be read: ") + std::strerror(errno));
         continue;
       }
-      CachedFile file;
-      file.device = status.st_dev;
-      file.inode = status.st_ino;
-      file.size = status.st_size;
-      file.modified = nanoseconds(status.st_mtim);
-      file.changed = nanoseconds(status.st_ctim);
+      if (!S_ISREG(status.st_mode)) continue;
+      Slot slot;
+      slot.relative = relative;
+      slot.name = name;
+      slot.path = entry.path();
+      slot.record.device = status.st_dev;
+      slot.record.inode = status.st_ino;
+      slot.record.size = status.st_size;
+      slot.record.modified = nanoseconds(status.st_mtim);
+      slot.record.changed = nanoseconds(status.st_ctim);
       auto cached = files_.find(relative);
-      if (cached != files_.end() && cached->second.device == file.device && cached->second.inode == file.inode &&
-          cached->second.size == file.size && cached->second.modified == file.modified &&
-          cached->second.changed == file.changed) {
-        file = cached->second;
-        ::close(fd);
+      if (cached != files_.end() && cached->second.sameVersion(slot.record)) {
+        slot.record = cached->second;
       } else if (static_cast<std::uintmax_t>(status.st_size) > options_.maximumFileSize) {
-        ::close(fd);
-        file.diagnostics.push_back({relative, VdirDiagnostic::Action::skipped,
-                                    "file of " + std::to_string(status.st_size) + " bytes exceeds the limit of " +
-                                        std::to_string(options_.maximumFileSize) + " bytes"});
+        slot.record.diagnostics.push_back(tooLarge(relative, status.st_size));
       } else {
-        std::string text;
-        text.reserve(static_cast<std::size_t>(status.st_size));
-        char buffer[65536];
-        ssize_t count;
-        bool failed = false;
-        while ((count = ::read(fd, buffer, sizeof buffer)) != 0) {
-          if (count < 0) {
-            if (errno == EINTR) continue;
-            failed = true;
-            break;
-          }
-          text.append(buffer, static_cast<std::size_t>(count));
-          if (text.size() > options_.maximumFileSize) break;
-        }
-        ::close(fd);
-        if (failed) {
-          file.diagnostics.push_back({relative, VdirDiagnostic::Action::skipped,
-                                      std::string("file cannot be read: ") + std::strerror(errno)});
-        } else {
-          VdirParseContext context{zones_.get(), clock_.get(), &options_.userAddresses,
-                                   options_.maximumCountedOccurrences};
-          std::lock_guard lock(libicalMutex());
-          auto parsed = parseItem(relative, name, text, context);
-          ++parses_;
-          file.item = std::move(parsed.item);
-          file.diagnostics = std::move(parsed.diagnostics);
-        }
+        slot.parse = true;
       }
-      next->diagnostics.insert(next->diagnostics.end(), file.diagnostics.begin(), file.diagnostics.end());
-      if (file.item) {
-        todos += file.item->todos.size();
-        events += file.item->series.size();
-        collection.items.push_back(file.item);
-      }
-      seen.emplace(relative, std::move(file));
+      problems.push_back({slots.size(), {}});
+      collection.slots.push_back(slots.size());
+      slots.push_back(std::move(slot));
     }
-    VdirCalendarFields fields;
-    fields.identifier = identifier;
-    fields.title = validUtf8(readSmallFile(directory / "displayname").value_or(""));
-    if (fields.title.empty()) fields.title = validUtf8(directory.filename().string());
+    collection.displayName = readSmallFile(directory / "displayname");
     if (auto colour = readSmallFile(directory / "color")) {
-      fields.color = parseColour(*colour);
-      if (!fields.color)
-        next->diagnostics.push_back({identifier + "/color", VdirDiagnostic::Action::repaired,
-                                     "colour \"" + validUtf8(*colour) + "\" is not #RRGGBB: a default colour stands in"});
+      collection.colour = parseColour(*colour);
+      if (!collection.colour)
+        problem(identifier + "/color", VdirDiagnostic::Action::repaired,
+                "colour \"" + validUtf8(*colour) + "\" is not #RRGGBB: a default colour stands in");
     }
-    if (!fields.color) fields.color = defaultColour(identifier);
-    // Both kinds: a mixed collection; to-dos only: a reminder list; events only or empty: a calendar.
-    fields.entityTypes = todos > 0 && events > 0 ? (platform::EKEntityMaskEvent | platform::EKEntityMaskReminder)
-                         : todos > 0             ? platform::EKEntityMaskReminder
-                                                 : platform::EKEntityMaskEvent;
-    fields.type = type;
-    fields.source = source;
-    auto previous = calendars_.find(identifier);
-    const auto& old = previous == calendars_.end() ? nullptr : previous->second;
-    if (old && old->fields().title == fields.title && platform::CGColorEqualToColor(old->fields().color, fields.color) &&
-        old->fields().entityTypes == fields.entityTypes && old->fields().source == fields.source &&
-        old->fields().type == fields.type)
-      collection.calendar = old;
-    else
-      collection.calendar = std::make_shared<VdirCalendar>(std::move(fields));
-    calendars[identifier] = collection.calendar;
-    next->collections.push_back(std::move(collection));
+    pending.push_back(std::move(collection));
   };
   auto sourceFor = [&](const std::string& identifier, platform::EKSourceType type, const std::string& title) {
     auto& source = sources_[identifier];
@@ -331,13 +343,12 @@ bool VdirStore::rescan() {
       std::string name = escapedName(raw);
       std::error_code e;
       if (!entry.is_directory(e)) {
-        if (endsWith(raw, ".ics"))
-          next->diagnostics.push_back({name, VdirDiagnostic::Action::skipped, "file outside any collection"});
+        if (endsWith(raw, ".ics")) problem(name, VdirDiagnostic::Action::skipped, "file outside any collection");
         continue;
       }
       if (!insideRoot(entry, name)) continue;
       if (isCollection(entry.path())) {
-        readCollection(entry.path(), name, sourceFor(".", 0, rootTitle), 0);
+        listCollection(entry.path(), name, sourceFor(".", 0, rootTitle), 0);
         continue;
       }
       auto source = sourceFor(name, 2, validUtf8(raw));
@@ -346,9 +357,133 @@ bool VdirStore::rescan() {
         std::error_code innerError;
         if (!inner.is_directory(innerError)) continue;
         if (!insideRoot(inner, name + "/" + innerName)) continue;
-        readCollection(inner.path(), name + "/" + innerName, source, 1);
+        listCollection(inner.path(), name + "/" + innerName, source, 1);
       }
     }
+  }
+
+  // Read and parse what changed, on every core.
+  std::vector<std::size_t> toParse;
+  for (std::size_t i = 0; i < slots.size(); ++i)
+    if (slots[i].parse) toParse.push_back(i);
+  std::atomic<std::size_t> nextSlot{0};
+  auto parseSome = [&] {
+    for (std::size_t at; (at = nextSlot++) < toParse.size();) {
+      Slot& slot = slots[toParse[at]];
+      int fd = ::open(slot.path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+      if (fd < 0 && errno == ENOENT) {
+        slot.gone = true;
+        continue;
+      }
+      if (fd < 0) {
+        slot.record.diagnostics.push_back({slot.relative, VdirDiagnostic::Action::skipped,
+                                           std::string("file cannot be read: ") + std::strerror(errno)});
+        continue;
+      }
+      // The version read is the one recorded.
+      struct stat status {};
+      if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+        ::close(fd);
+        slot.gone = true;
+        continue;
+      }
+      slot.record.device = status.st_dev;
+      slot.record.inode = status.st_ino;
+      slot.record.size = status.st_size;
+      slot.record.modified = nanoseconds(status.st_mtim);
+      slot.record.changed = nanoseconds(status.st_ctim);
+      if (static_cast<std::uintmax_t>(status.st_size) > options_.maximumFileSize) {
+        ::close(fd);
+        slot.record.diagnostics.push_back(tooLarge(slot.relative, status.st_size));
+        continue;
+      }
+      std::string text;
+      text.reserve(static_cast<std::size_t>(status.st_size));
+      char buffer[65536];
+      ssize_t count;
+      bool failed = false;
+      int readError = 0;
+      while ((count = ::read(fd, buffer, sizeof buffer)) != 0) {
+        if (count < 0) {
+          if (errno == EINTR) continue;
+          failed = true;
+          readError = errno;
+          break;
+        }
+        text.append(buffer, static_cast<std::size_t>(count));
+        if (text.size() > options_.maximumFileSize) break;
+      }
+      ::close(fd);
+      if (failed) {
+        slot.record.diagnostics.push_back({slot.relative, VdirDiagnostic::Action::skipped,
+                                           std::string("file cannot be read: ") + std::strerror(readError)});
+        continue;
+      }
+      VdirParseContext context{zones_.get(), clock_.get(), &options_.userAddresses, options_.maximumCountedOccurrences};
+      auto parsed = parseItem(slot.relative, slot.name, text, context);
+      ++parses_;
+      slot.record.item = std::move(parsed.item);
+      slot.record.diagnostics = std::move(parsed.diagnostics);
+    }
+  };
+  {
+    // A thread for every 64 files or so, up to one per core.
+    unsigned workers = static_cast<unsigned>(std::min<std::size_t>(threads(), (toParse.size() + 63) / 64));
+    std::vector<std::thread> pool;
+    for (unsigned i = 1; i < workers; ++i) pool.emplace_back(parseSome);
+    parseSome();
+    for (auto& thread : pool) thread.join();
+  }
+  std::size_t parsedNow = toParse.size();
+
+  // Put the snapshot together, in listing order.
+  for (const auto& p : problems) {
+    if (!p.slot) {
+      next->diagnostics.push_back(p.diagnostic);
+      continue;
+    }
+    const Slot& slot = slots[*p.slot];
+    if (!slot.gone)
+      next->diagnostics.insert(next->diagnostics.end(), slot.record.diagnostics.begin(), slot.record.diagnostics.end());
+  }
+  VdirFileRecords seen;
+  std::map<std::string, std::shared_ptr<VdirCalendar>> calendars;
+  for (auto& p : pending) {
+    VdirCollection collection;
+    collection.identifier = p.identifier;
+    collection.directory = p.directory.string();
+    std::size_t events = 0, todos = 0;
+    for (std::size_t index : p.slots) {
+      Slot& slot = slots[index];
+      if (slot.gone) continue;
+      if (slot.record.item) {
+        todos += slot.record.item->todos.size();
+        events += slot.record.item->series.size();
+        collection.items.push_back(slot.record.item);
+      }
+      seen.emplace(slot.relative, std::move(slot.record));
+    }
+    VdirCalendarFields fields;
+    fields.identifier = p.identifier;
+    fields.title = validUtf8(p.displayName.value_or(""));
+    if (fields.title.empty()) fields.title = validUtf8(p.directory.filename().string());
+    fields.color = p.colour ? p.colour : defaultColour(p.identifier);
+    // Both kinds: a mixed collection; to-dos only: a reminder list; events only or empty: a calendar.
+    fields.entityTypes = todos > 0 && events > 0 ? (platform::EKEntityMaskEvent | platform::EKEntityMaskReminder)
+                         : todos > 0             ? platform::EKEntityMaskReminder
+                                                 : platform::EKEntityMaskEvent;
+    fields.type = p.type;
+    fields.source = p.source;
+    auto previous = calendars_.find(p.identifier);
+    const auto& old = previous == calendars_.end() ? nullptr : previous->second;
+    if (old && old->fields().title == fields.title && platform::CGColorEqualToColor(old->fields().color, fields.color) &&
+        old->fields().entityTypes == fields.entityTypes && old->fields().source == fields.source &&
+        old->fields().type == fields.type)
+      collection.calendar = old;
+    else
+      collection.calendar = std::make_shared<VdirCalendar>(std::move(fields));
+    calendars[p.identifier] = collection.calendar;
+    next->collections.push_back(std::move(collection));
   }
   std::sort(next->collections.begin(), next->collections.end(),
             [](const auto& a, const auto& b) { return a.identifier < b.identifier; });
@@ -372,6 +507,8 @@ bool VdirStore::rescan() {
     changed = a.identifier != b.identifier || a.calendar != b.calendar || a.items != b.items;
   }
   next->generation = previous->generation + (changed ? 1 : 0);
+  // The cache on disk needs writing when files were read or left, or it was not what we hold.
+  if (parsedNow > 0 || seen.size() != files_.size()) cacheStale_ = true;
   files_ = std::move(seen);
   calendars_ = std::move(calendars);
   {
@@ -379,7 +516,23 @@ bool VdirStore::rescan() {
     snapshot_ = std::move(next);
     if (changed) runtime_.clear();
   }
+  if (cacheStale_ && !cacheKey_.empty()) writeCache(scannedAt);
   return changed;
+}
+
+void VdirStore::writeCache(std::int64_t scannedAt) {
+  std::size_t left = 0;
+  std::string bytes = encodeCache(cacheKey_, files_, *zones_, scannedAt, left);
+  auto failure = writeCacheFile(cacheStatus_.path, bytes);
+  std::lock_guard lock(mutex_);
+  if (failure) {
+    cacheStatus_.writeProblem = *failure;
+    return;
+  }
+  ++cacheStatus_.writes;
+  cacheStatus_.writeProblem.clear();
+  // Files left out (changed too recently to be trusted) are written by a later scan.
+  cacheStale_ = left > 0;
 }
 
 VdirStore::WatchState::~WatchState() {
@@ -532,52 +685,208 @@ std::shared_ptr<platform::EKEvent> VdirStore::makeEvent(const std::shared_ptr<co
   return std::make_shared<VdirEvent>(std::move(fields));
 }
 
+// The index over time of one snapshot, and the occurrences of its recurring series by period.
+//
+// Every series is bounded by its first possible start and last possible end (none for a rule
+// without end). Bounded series are kept by the length of those bounds, in classes of powers of
+// two, each sorted by first start: a window [a, b) looks in class k only at series starting in
+// [a - 2^k hours, b). Unbounded series are sorted by first start.
+//
+// A recurring series is expanded by libical's iterator one period (kPeriod seconds, from 1970) at
+// a time, for a run of uncached periods at once, and what it gave is kept: later queries over those
+// periods do not run the iterator again. A period whose expansion a limit cut short is marked, and
+// such a series is expanded for each query's own window, as before (nothing is lost to caching).
+struct VdirStore::TimeIndex {
+  static constexpr double kPeriod = 32 * 86400.0;
+  static constexpr double kLengthUnit = 3600.0;
+  static constexpr std::size_t kMaximumCachedOccurrences = 2000000;
+  static constexpr std::int64_t kMaximumCachedPeriodsPerQuery = 16;
+
+  struct Entry {
+    double first = 0.0, last = 0.0;  // last: +inf for no end
+    std::uint32_t collection = 0, item = 0;
+    const VdirSeriesData* series = nullptr;
+  };
+  struct Period {
+    std::vector<VdirOccurrence> occurrences;  // every occurrence overlapping the period
+    bool cut = false;                         // a limit cut its expansion short
+  };
+
+  std::shared_ptr<const VdirSnapshot> snapshot;
+  std::vector<std::vector<Entry>> bounded;  // by length class
+  std::vector<Entry> unbounded;
+  std::unordered_map<const VdirSeriesData*, std::map<std::int64_t, Period>> periods;
+  std::size_t cachedOccurrences = 0;
+
+  explicit TimeIndex(std::shared_ptr<const VdirSnapshot> from) : snapshot(std::move(from)) {
+    for (std::size_t c = 0; c < snapshot->collections.size(); ++c) {
+      const auto& items = snapshot->collections[c].items;
+      for (std::size_t i = 0; i < items.size(); ++i)
+        for (const auto& series : items[i]->series) {
+          Entry entry{series.firstStart, series.lastEnd.value_or(std::numeric_limits<double>::infinity()),
+                      static_cast<std::uint32_t>(c), static_cast<std::uint32_t>(i), &series};
+          if (!series.lastEnd) {
+            unbounded.push_back(entry);
+            continue;
+          }
+          std::size_t lengthClass = 0;
+          for (double span = kLengthUnit; span < entry.last - entry.first && lengthClass < 62; span *= 2) ++lengthClass;
+          if (bounded.size() <= lengthClass) bounded.resize(lengthClass + 1);
+          bounded[lengthClass].push_back(entry);
+        }
+    }
+    auto byFirst = [](const Entry& a, const Entry& b) { return a.first < b.first; };
+    for (auto& list : bounded) std::sort(list.begin(), list.end(), byFirst);
+    std::sort(unbounded.begin(), unbounded.end(), byFirst);
+  }
+
+  // Calls `visit` with every series that can have an occurrence overlapping [a, b), by the same
+  // test expandSeries makes.
+  template <typename Visit>
+  void candidates(double a, double b, Visit&& visit) const {
+    auto byFirst = [](const Entry& entry, double value) { return entry.first < value; };
+    double length = kLengthUnit;
+    for (const auto& list : bounded) {
+      auto from = std::lower_bound(list.begin(), list.end(), a - length, byFirst);
+      auto to = std::lower_bound(from, list.end(), b, byFirst);
+      for (auto it = from; it != to; ++it)
+        if (it->last > a) visit(*it);
+      length *= 2;
+    }
+    auto to = std::lower_bound(unbounded.begin(), unbounded.end(), b, byFirst);
+    for (auto it = unbounded.begin(); it != to; ++it) visit(*it);
+  }
+};
+
+std::shared_ptr<VdirStore::TimeIndex> VdirStore::indexFor(const std::shared_ptr<const VdirSnapshot>& snapshot) {
+  // REQUIRES: indexMutex_ held.
+  if (index_ && index_->snapshot == snapshot) return index_;
+  auto index = std::make_shared<TimeIndex>(snapshot);
+  // Expansions of series that are still there (the same item, kept alive by both snapshots) carry over.
+  if (index_) {
+    auto carry = [&](const TimeIndex::Entry& entry) {
+      auto found = index_->periods.find(entry.series);
+      if (found == index_->periods.end()) return;
+      for (const auto& [period, data] : found->second) index->cachedOccurrences += data.occurrences.size();
+      index->periods.emplace(entry.series, std::move(found->second));
+    };
+    for (const auto& entry : index->unbounded) carry(entry);
+    for (const auto& list : index->bounded)
+      for (const auto& entry : list) carry(entry);
+  }
+  index_ = index;
+  return index_;
+}
+
 std::vector<std::shared_ptr<platform::EKEvent>> VdirStore::events(
     platform::Date start, platform::Date end, const std::optional<std::set<std::string>>& calendars) {
   auto current = snapshot();
+  const double a = start.timeIntervalSince1970(), b = end.timeIntervalSince1970();
   struct Found {
-    std::shared_ptr<const VdirItem> item;
+    std::uint32_t collection, item;
     const VdirSeriesData* series;
-    std::shared_ptr<VdirCalendar> calendar;
     VdirOccurrence occurrence;
   };
   std::vector<Found> found;
+  std::vector<char> chosen(current->collections.size(), 1);
+  if (calendars)
+    for (std::size_t c = 0; c < chosen.size(); ++c) chosen[c] = calendars->count(current->collections[c].identifier) > 0;
   {
-    std::lock_guard lock(libicalMutex());
+    std::lock_guard lock(indexMutex_);
+    auto index = indexFor(current);
     std::vector<VdirOccurrence> occurrences;
     const auto began = std::chrono::steady_clock::now();
     std::optional<std::string> stopped;
-    for (const auto& collection : current->collections) {
-      if (calendars && !calendars->count(collection.identifier)) continue;
-      for (const auto& item : collection.items) {
-        if (item->series.empty()) continue;
+    std::size_t visited = 0;
+    using Entry = TimeIndex::Entry;
+    constexpr double P = TimeIndex::kPeriod;
+    auto cut = [&](const Entry& entry, const std::string& problem) {
+      reportRuntime({current->collections[entry.collection].items[entry.item]->relativePath,
+                     VdirDiagnostic::Action::truncated, problem});
+    };
+    auto direct = [&](const Entry& entry) {
+      occurrences.clear();
+      std::string problem;
+      if (!expandSeries(*entry.series, *clock_, a, b, options_.limits, occurrences, problem)) cut(entry, problem);
+      for (const auto& occurrence : occurrences) found.push_back({entry.collection, entry.item, entry.series, occurrence});
+    };
+    auto visit = [&](const Entry& entry) {
+      if (stopped || !chosen[entry.collection]) return;
+      // The query's own limits, checked every so often.
+      if ((++visited & 63) == 0 || found.size() >= options_.limits.maximumOccurrencesPerQuery) {
         double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
         if (found.size() >= options_.limits.maximumOccurrencesPerQuery || elapsed > options_.limits.maximumSecondsPerQuery) {
-          stopped = "query from " + start.iso8601() + " to " + end.iso8601() + " stopped at " + item->relativePath +
-                    " after " + std::to_string(found.size()) + " occurrences: the answer is incomplete";
-          break;
-        }
-        for (const auto& series : item->series) {
-          occurrences.clear();
-          std::string problem;
-          if (!expandSeries(series, *clock_, start.timeIntervalSince1970(), end.timeIntervalSince1970(),
-                            options_.limits, occurrences, problem))
-            reportRuntime({item->relativePath, VdirDiagnostic::Action::truncated, problem});
-          for (const auto& occurrence : occurrences) found.push_back({item, &series, collection.calendar, occurrence});
+          stopped = "query from " + start.iso8601() + " to " + end.iso8601() + " stopped at " +
+                    current->collections[entry.collection].items[entry.item]->relativePath + " after " +
+                    std::to_string(found.size()) + " occurrences: the answer is incomplete";
+          return;
         }
       }
-      if (stopped) break;
-    }
+      const VdirSeriesData& series = *entry.series;
+      if (!series.isRecurring()) return direct(entry);
+      const auto p0 = static_cast<std::int64_t>(std::floor(a / P));
+      const auto p1 = std::max(p0, static_cast<std::int64_t>(std::ceil(b / P)) - 1);
+      // Windows of many periods (years) are expanded as they are, not kept.
+      if (p1 - p0 >= TimeIndex::kMaximumCachedPeriodsPerQuery) return direct(entry);
+      auto& cache = index->periods[&series];
+      // Expand each run of uncached periods with one iterator.
+      for (std::int64_t p = p0; p <= p1;) {
+        if (auto have = cache.find(p); have != cache.end()) {
+          if (have->second.cut) return direct(entry);
+          ++p;
+          continue;
+        }
+        std::int64_t q = p;
+        while (q + 1 <= p1 && !cache.count(q + 1)) ++q;
+        if (index->cachedOccurrences > TimeIndex::kMaximumCachedOccurrences) {
+          // Memory is bounded: start over rather than grow without end.
+          for (auto& [other, list] : index->periods)
+            if (&list != &cache) list.clear();
+          index->cachedOccurrences = 0;
+          for (const auto& [period, data] : cache) index->cachedOccurrences += data.occurrences.size();
+        }
+        occurrences.clear();
+        std::string problem;
+        ++expansions_;
+        bool complete = expandSeries(series, *clock_, static_cast<double>(p) * P, static_cast<double>(q + 1) * P,
+                                     options_.limits, occurrences, problem);
+        for (std::int64_t k = p; k <= q; ++k) cache[k].cut = !complete;
+        if (!complete) return direct(entry);
+        for (const auto& occurrence : occurrences) {
+          auto first = static_cast<std::int64_t>(std::floor(occurrence.start / P));
+          auto last = occurrence.end > occurrence.start ? static_cast<std::int64_t>(std::ceil(occurrence.end / P)) - 1 : first;
+          for (std::int64_t k = std::max(first, p); k <= std::min(last, q); ++k) {
+            cache[k].occurrences.push_back(occurrence);
+            ++index->cachedOccurrences;
+          }
+        }
+        p = q + 1;
+      }
+      // Each occurrence is taken from the first period of the window it overlaps.
+      for (std::int64_t p = p0; p <= p1; ++p) {
+        const double periodStart = static_cast<double>(p) * P;
+        for (const auto& occurrence : cache[p].occurrences) {
+          if (p > p0 && occurrence.start < periodStart) continue;
+          bool overlapping = occurrence.end <= occurrence.start ? occurrence.start >= a && occurrence.start < b
+                                                                : occurrence.start < b && occurrence.end > a;
+          if (overlapping) found.push_back({entry.collection, entry.item, &series, occurrence});
+        }
+      }
+    };
+    if (b > a) index->candidates(a, b, visit);
     if (stopped) reportRuntime({".", VdirDiagnostic::Action::truncated, *stopped});
   }
-  std::sort(found.begin(), found.end(), [](const Found& a, const Found& b) {
-    if (a.occurrence.start != b.occurrence.start) return a.occurrence.start < b.occurrence.start;
-    if (a.series->identifier != b.series->identifier) return a.series->identifier < b.series->identifier;
-    return a.occurrence.occurrence < b.occurrence.occurrence;
+  std::sort(found.begin(), found.end(), [](const Found& x, const Found& y) {
+    if (x.occurrence.start != y.occurrence.start) return x.occurrence.start < y.occurrence.start;
+    if (x.series != y.series && x.series->identifier != y.series->identifier) return x.series->identifier < y.series->identifier;
+    return x.occurrence.occurrence < y.occurrence.occurrence;
   });
   std::vector<std::shared_ptr<platform::EKEvent>> events;
   events.reserve(found.size());
-  for (const auto& f : found) events.push_back(makeEvent(f.item, *f.series, f.calendar, f.occurrence));
+  for (const auto& f : found) {
+    const auto& collection = current->collections[f.collection];
+    events.push_back(makeEvent(collection.items[f.item], *f.series, collection.calendar, f.occurrence));
+  }
   return events;
 }
 
@@ -587,7 +896,6 @@ std::shared_ptr<platform::EKEvent> VdirStore::firstOccurrence(const std::string&
   if (at == current->entries.end() || at->second.todo) return nullptr;
   const auto& collection = current->collections[at->second.collection];
   const auto& item = collection.items[at->second.item];
-  std::lock_guard lock(libicalMutex());
   const auto& series = item->series[at->second.index];
   // Widening windows from the series' first possible start; the earliest occurrence wins.
   double from = series.firstStart;

@@ -13,6 +13,11 @@
 //
 // The store only ever reads: files are opened read-only and nothing under the root is written.
 //
+// Opening is quick: files are parsed on every core, and a persistent cache (see VdirCache) holds
+// each file's compact data, so reopening re-parses only the files that changed. Queries go through
+// an index over time (only series that can overlap the window are looked at) and a cache of each
+// recurring series' occurrences by period, so libical's iterator runs once per series and period.
+//
 // Thread safety: every member function may be called from any thread.
 #pragma once
 
@@ -32,6 +37,7 @@
 #include <thread>
 #include <vector>
 
+#include "platforms/vdir/VdirCache.h"
 #include "platforms/vdir/VdirExpansion.h"
 #include "platforms/vdir/VdirItem.h"
 #include "platforms/vdir/VdirObjects.h"
@@ -55,9 +61,24 @@ struct VdirStoreOptions {
   std::uintmax_t maximumFileSize = 16u * 1024u * 1024u;
   VdirExpansionLimits limits;
   std::size_t maximumCountedOccurrences = 100000;
-  // Fault injection for tests: called with each file's path just before it is opened, so that a
-  // test can delete, rename or truncate it between listing and reading.
+  // Fault injection for tests: called with each file's path just before it is looked at, so that
+  // a test can delete, rename or truncate it between listing and reading.
   std::function<void(const std::string& path)> beforeRead;
+  // Where the persistent cache is kept: absent, the user's cache directory
+  // (defaultCacheDirectory()); empty, nowhere (no cache).
+  std::optional<std::string> cacheDirectory;
+  // Threads that parse files and decode the cache; 0: one per core.
+  unsigned parseThreads = 0;
+};
+
+// What became of the persistent cache.
+struct VdirCacheStatus {
+  std::string path;                 // empty: no cache
+  bool loaded = false;              // the cache was read and trusted when the store was made
+  std::size_t loadedFiles = 0;      // files it held
+  std::string loadProblem;          // why it was not read, when it was not
+  std::uint64_t writes = 0;         // times it was written since
+  std::string writeProblem;         // why the last write failed, when it did
 };
 
 struct VdirCollection {
@@ -118,12 +139,15 @@ class VdirStore : public std::enable_shared_from_this<VdirStore> {
       const std::optional<std::set<std::string>>& calendars,
       const std::function<bool(const VdirComponentData&)>& accept);
 
-  // The clock of this store (for converting due dates). REQUIRES: libicalMutex() held.
+  // The clock of this store (for converting due dates).
   const VdirClock& clock() const { return *clock_; }
 
   // Counts, for tests and benchmarks: rescans done and files parsed since the store was made.
   std::uint64_t rescanCount() const { return rescans_.load(); }
   std::uint64_t parseCount() const { return parses_.load(); }
+  // libical iterator runs for recurring series (one per series and run of uncached periods).
+  std::uint64_t expansionCount() const { return expansions_.load(); }
+  VdirCacheStatus cacheStatus() const;
   // Makes the watcher lose the next events it reads, as when the kernel's event queue overflows,
   // and handle the overflow event instead (for tests).
   void simulateQueueOverflow();
@@ -152,14 +176,10 @@ class VdirStore : public std::enable_shared_from_this<VdirStore> {
                                                const std::shared_ptr<VdirCalendar>& calendar,
                                                const VdirOccurrence& occurrence) const;
 
-  struct CachedFile {
-    dev_t device = 0;
-    ino_t inode = 0;
-    off_t size = 0;
-    std::int64_t modified = 0, changed = 0;
-    std::shared_ptr<const VdirItem> item;
-    std::vector<VdirDiagnostic> diagnostics;
-  };
+  struct TimeIndex;
+  std::shared_ptr<TimeIndex> indexFor(const std::shared_ptr<const VdirSnapshot>& snapshot);
+  void writeCache(std::int64_t scannedAt);
+  unsigned threads() const;
 
   VdirStoreOptions options_;
   std::shared_ptr<VdirZones> zones_;
@@ -171,12 +191,18 @@ class VdirStore : public std::enable_shared_from_this<VdirStore> {
   std::uint64_t nextToken_ = 1;
   std::vector<VdirDiagnostic> runtime_;
 
-  std::mutex rescanMutex_;  // one rescan at a time; guards files_ and calendars_
-  std::map<std::string, CachedFile> files_;
+  std::mutex rescanMutex_;  // one rescan at a time; guards files_, calendars_, cache*_
+  VdirFileRecords files_;
+  bool cacheStale_ = true;  // the cache on disk does not hold what files_ holds
+  std::string cacheKey_;
+  VdirCacheStatus cacheStatus_;  // guarded by mutex_
+
+  std::mutex indexMutex_;  // guards index_ and the expansions it caches
+  std::shared_ptr<TimeIndex> index_;
   std::map<std::string, std::shared_ptr<VdirCalendar>> calendars_;
   std::map<std::string, std::shared_ptr<VdirSource>> sources_;
 
-  std::atomic<std::uint64_t> rescans_{0}, parses_{0};
+  std::atomic<std::uint64_t> rescans_{0}, parses_{0}, expansions_{0};
   std::shared_ptr<WatchState> watchState_;
   std::thread watcher_;
 };

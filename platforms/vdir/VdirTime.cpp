@@ -8,11 +8,6 @@
 
 namespace vesp::vdir {
 
-std::mutex& libicalMutex() {
-  static std::mutex mutex;
-  return mutex;
-}
-
 namespace {
 
 // Days from 1970-01-01 to a proleptic Gregorian date (Howard Hinnant's algorithm).

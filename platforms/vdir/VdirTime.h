@@ -1,13 +1,13 @@
 // Times as the iCalendar files state them, and their conversion to instants.
 //
-// libical is not safe to call from two threads at once (zone data is expanded lazily and shared),
-// so every call into it from this platform happens under libicalMutex().
+// libical (built with threads, as Debian's is) guards its shared zone data with its own locks and
+// keeps its error state and scratch buffers per thread, so this platform calls it from any thread,
+// each component tree on one thread at a time.
 #pragma once
 
 #include <libical/ical.h>
 
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -15,9 +15,6 @@
 #include "support/platform/DateComponents.h"
 
 namespace vesp::vdir {
-
-// The one lock around every libical call of this platform.
-std::mutex& libicalMutex();
 
 // A time as a file states it: a DATE, a floating DATE-TIME, a UTC DATE-TIME or a DATE-TIME in a
 // zone (TZID). Floating times and dates are placed in the store's local zone.
@@ -35,7 +32,7 @@ struct VdirTime {
 double civilSecondsSince1970(int year, int month, int day, int hour, int minute, int second);
 
 // Converts between instants and wall-clock times. The local zone serves floating times and dates.
-// REQUIRES: libicalMutex() is held by the caller for every member function.
+// Immutable once made; safe to use from any thread.
 class VdirClock {
  public:
   // `localZone` is an IANA name; an unknown or empty name means UTC.

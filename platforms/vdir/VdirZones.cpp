@@ -28,33 +28,85 @@ std::string ianaNameOfTzid(const std::string& tzid) {
 }
 
 std::pair<const icaltimezone*, std::string> VdirZones::zoneFor(const std::string& tzid, icalcomponent* definition) {
+  std::string text;
+  if (definition) {
+    char* serialised = icalcomponent_as_ical_string_r(definition);
+    text = serialised ? serialised : "";
+    std::free(serialised);
+  }
+  return zoneFor(tzid, definition, std::move(text));
+}
+
+std::pair<const icaltimezone*, std::string> VdirZones::zoneFor(const std::string& tzid,
+                                                              const std::string& definitionText) {
+  {
+    std::lock_guard lock(mutex_);
+    auto found = defined_.find(tzid + '\n' + definitionText);
+    if (found != defined_.end() && found->second.first) return found->second;
+  }
+  icalcomponent* definition = icalparser_parse_string(definitionText.c_str());
+  if (definition && icalcomponent_isa(definition) != ICAL_VTIMEZONE_COMPONENT) {
+    icalcomponent_free(definition);
+    definition = nullptr;
+  }
+  auto result = zoneFor(tzid, definition, definitionText);
+  if (definition) icalcomponent_free(definition);
+  return result;
+}
+
+std::pair<const icaltimezone*, std::string> VdirZones::zoneFor(const std::string& tzid, icalcomponent* definition,
+                                                              std::string text) {
   const std::string name = ianaNameOfTzid(tzid);
   if (definition) {
-    char* text = icalcomponent_as_ical_string_r(definition);
-    std::string key = tzid + '\n' + (text ? text : "");
-    std::free(text);
+    std::string key = tzid + '\n' + text;
+    std::unique_lock lock(mutex_);
     auto found = defined_.find(key);
     if (found != defined_.end()) {
       if (found->second.first) return found->second;
     } else {
+      // Built outside the lock: another thread may build the same zone meanwhile; the first to
+      // file it wins and the other copy is let go.
+      lock.unlock();
       icaltimezone* zone = icaltimezone_new();
       icalcomponent* copy = icalcomponent_new_clone(definition);
       // A definition needs at least one STANDARD or DAYLIGHT observance to give offsets.
       bool usable = icalcomponent_get_first_component(copy, ICAL_XSTANDARD_COMPONENT) ||
                     icalcomponent_get_first_component(copy, ICAL_XDAYLIGHT_COMPONENT);
       if (usable && zone && icaltimezone_set_component(zone, copy)) {
-        defined_.emplace(key, std::make_pair(zone, name));
-        return {zone, name};
+        lock.lock();
+        auto [at, inserted] = defined_.emplace(key, std::make_pair(zone, name));
+        if (inserted) {
+          keys_.emplace(zone, key);
+          return {zone, name};
+        }
+        lock.unlock();
+        icaltimezone_free(zone, 1);
+        if (at->second.first) return at->second;
+      } else {
+        if (!usable || !zone) icalcomponent_free(copy);
+        if (zone) icaltimezone_free(zone, 1);
+        lock.lock();
+        defined_.emplace(key, std::make_pair(nullptr, name));
       }
-      if (!usable || !zone) icalcomponent_free(copy);
-      if (zone) icaltimezone_free(zone, 1);
-      defined_.emplace(key, std::make_pair(nullptr, name));
     }
   }
   if (name == "UTC" || name == "GMT" || name == "Etc/UTC") return {icaltimezone_get_utc_timezone(), "UTC"};
   icaltimezone* builtin = icaltimezone_get_builtin_timezone(name.c_str());
   if (builtin) return {builtin, name};
   return {nullptr, name};
+}
+
+std::optional<std::pair<std::string, std::string>> VdirZones::definitionOf(const icaltimezone* zone) const {
+  std::lock_guard lock(mutex_);
+  auto found = keys_.find(zone);
+  if (found == keys_.end()) return std::nullopt;
+  auto cut = found->second.find('\n');
+  return std::make_pair(found->second.substr(0, cut), found->second.substr(cut + 1));
+}
+
+std::size_t VdirZones::definedZoneCount() const {
+  std::lock_guard lock(mutex_);
+  return defined_.size();
 }
 
 }  // namespace vesp::vdir

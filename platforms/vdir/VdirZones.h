@@ -2,11 +2,16 @@
 // carries the same VTIMEZONE (building a zone from each file's own VTIMEZONE costs more than
 // parsing the rest of the file). A TZID without a definition in its file is looked up in the
 // system's zone data by name.
+//
+// Thread safety: every member function may be called from any thread. libical itself guards its
+// shared zone state (built-in zones, lazily expanded offsets) with its own locks.
 #pragma once
 
 #include <libical/ical.h>
 
 #include <map>
+#include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -21,13 +26,23 @@ class VdirZones {
 
   // The zone for `tzid` as `definition` (a VTIMEZONE, or null) defines it, and its IANA name;
   // null when the TZID is neither defined usably nor known by name.
-  // REQUIRES: libicalMutex() is held.
   std::pair<const icaltimezone*, std::string> zoneFor(const std::string& tzid, icalcomponent* definition);
+  // The same, from a definition's text (as `definitionOf` gives it).
+  std::pair<const icaltimezone*, std::string> zoneFor(const std::string& tzid, const std::string& definitionText);
 
-  std::size_t definedZoneCount() const { return defined_.size(); }
+  // The TZID and VTIMEZONE text a zone of this object was built from; absent for zones it did
+  // not build (built-in ones, UTC).
+  std::optional<std::pair<std::string, std::string>> definitionOf(const icaltimezone* zone) const;
+
+  std::size_t definedZoneCount() const;
 
  private:
+  std::pair<const icaltimezone*, std::string> zoneFor(const std::string& tzid, icalcomponent* definition,
+                                                      std::string text);
+
+  mutable std::mutex mutex_;
   std::map<std::string, std::pair<icaltimezone*, std::string>> defined_;  // by TZID and definition text
+  std::map<const icaltimezone*, std::string> keys_;                        // the key of each zone built
 };
 
 // The IANA name in a TZID: "/freeassociation.sourceforge.net/Europe/Berlin" gives "Europe/Berlin".

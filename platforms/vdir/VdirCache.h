@@ -1,0 +1,84 @@
+// The persistent cache of a store's compact data, so that opening an unchanged (or slightly
+// changed) store re-reads only the files that changed.
+//
+// One cache file per store (and per setting that changes what is read from the files: local
+// zone, user addresses, limits) in the user's cache directory. Each file's entry is valid for the
+// file's device, inode, size, modification time and change time; files changed so recently that a
+// further change could leave all of these as they are (within the file system's timestamp
+// granularity) are not cached. The file is written beside its final name and renamed into place,
+// so readers (other processes included) see a whole old or a whole new cache. A cache that is
+// damaged, cut short, of another format or libical version, or for another store is ignored
+// whole, never partly trusted.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platforms/vdir/VdirItem.h"
+
+namespace vesp::vdir {
+
+class VdirZones;
+
+// What the store knows of one file: the version read and what reading it gave.
+struct VdirFileRecord {
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t size = 0;
+  std::int64_t modified = 0, changed = 0;  // nanoseconds since 1970
+  std::shared_ptr<const VdirItem> item;
+  std::vector<VdirDiagnostic> diagnostics;
+
+  bool sameVersion(const VdirFileRecord& other) const {
+    return device == other.device && inode == other.inode && size == other.size && modified == other.modified &&
+           changed == other.changed;
+  }
+};
+
+using VdirFileRecords = std::map<std::string, VdirFileRecord>;  // by path within the store
+
+// The format's version; a cache of any other version is ignored.
+inline constexpr std::uint32_t kVdirCacheFormat = 1;
+
+// The default directory for caches: $XDG_CACHE_HOME/vesp, else ~/.cache/vesp; empty when neither
+// can be found.
+std::string defaultCacheDirectory();
+
+// The cache file of the store described by `key` (every setting that changes what is read).
+std::string cacheFilePath(const std::string& directory, const std::string& key);
+
+// The bytes of a cache holding `records`, except those that cannot be trusted yet and those whose
+// data cannot be stored; `left` counts them. A record is trusted when its modification and change
+// times are older than `scannedAt` (when its file was looked at, nanoseconds since 1970) by more
+// than the file system's timestamp granularity: a file changed again within that granularity could
+// keep its size and times. Timestamps without a fraction of a second suggest a file system that
+// keeps whole seconds (or two), so such records must be older by more than two seconds; others
+// by more than 50 ms (the kernel's coarse clock, which stamps files, ticks every 1-10 ms).
+std::string encodeCache(const std::string& key, const VdirFileRecords& records, const VdirZones& zones,
+                        std::int64_t scannedAt, std::size_t& left);
+
+// Whether a record with these times, looked at `scannedAt`, can be trusted (see encodeCache).
+bool trustedRecord(std::int64_t modified, std::int64_t changed, std::int64_t scannedAt);
+
+// The records of a cache's bytes, or nothing (and `problem` says why) when the bytes are not a
+// whole, undamaged cache of this format for `key`. Zones are rebuilt into `zones`. Decoding runs on
+// up to `threads` threads.
+std::optional<VdirFileRecords> decodeCache(std::string_view bytes, const std::string& key, VdirZones& zones,
+                                           unsigned threads, std::string& problem);
+
+// Reads and decodes the cache file at `path`; nothing when it is absent or unusable.
+std::optional<VdirFileRecords> readCache(const std::string& path, const std::string& key, VdirZones& zones,
+                                         unsigned threads, std::string& problem);
+
+// Writes `bytes` to `path` through a file beside it and an atomic rename, creating the directory
+// when needed. Returns what went wrong, or nothing.
+std::optional<std::string> writeCacheFile(const std::string& path, std::string_view bytes);
+
+}  // namespace vesp::vdir

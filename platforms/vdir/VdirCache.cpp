@@ -24,7 +24,8 @@ namespace vesp::vdir {
 namespace {
 
 // Layout: the header (magic, format, payload length and hash), then the payload: libical's
-// version, the key, the zone definitions, and the entries in blocks that decode independently.
+// version, the key, the entries in blocks that decode independently (each: its size and its number
+// of entries; a size of 0 ends them), and the zone definitions the entries refer to.
 constexpr char kMagic[8] = {'V', 'E', 'S', 'P', 'S', 'T', 'O', 'R'};
 constexpr std::size_t kHeaderSize = 8 + 4 + 4 + 8 + 8;
 constexpr std::size_t kEntriesPerBlock = 2048;
@@ -51,6 +52,7 @@ class Writer {
   explicit Writer(std::string& out) : out_(out) {}
   void raw(const void* data, std::size_t size) { out_.append(static_cast<const char*>(data), size); }
   void u8(std::uint8_t value) { raw(&value, 1); }
+  void u16(std::uint16_t value) { raw(&value, 2); }
   void u32(std::uint32_t value) { raw(&value, 4); }
   void u64(std::uint64_t value) { raw(&value, 8); }
   void i64(std::int64_t value) { raw(&value, 8); }
@@ -86,6 +88,11 @@ class Reader {
     return value;
   }
   std::uint8_t u8() { return number<std::uint8_t>(); }
+  std::uint16_t u16() { return number<std::uint16_t>(); }
+  int small(int lowest, int highest, int value) {
+    if (value < lowest || value > highest) throw Corrupt("a value out of range");
+    return value;
+  }
   std::uint32_t u32() { return number<std::uint32_t>(); }
   std::uint64_t u64() { return number<std::uint64_t>(); }
   std::int64_t i64() { return number<std::int64_t>(); }
@@ -170,8 +177,9 @@ class Encoder {
   void time(const VdirTime& value) {
     w_.u8(static_cast<std::uint8_t>(value.kind));
     const icaltimetype& t = value.local;
-    for (int field : {t.year, t.month, t.day, t.hour, t.minute, t.second, t.is_date, t.is_daylight})
-      w_.i64(field);
+    w_.u16(static_cast<std::uint16_t>(t.year));
+    for (int field : {t.month, t.day, t.hour, t.minute, t.second, t.is_date, t.is_daylight})
+      w_.u8(static_cast<std::uint8_t>(field));
     auto zone = zones_.reference(value.zone, value.tzid);
     if (!zone) throw Unstorable{};
     w_.u32(*zone);
@@ -234,8 +242,7 @@ class Encoder {
     w_.i64(c.priority);
   }
   void rule(const VdirRuleData& r) {
-    icalrecurrencetype copy = r.rule;
-    copy.rscale = nullptr;
+    icalrecurrencetype copy = r.rule.expanded();
     char* text = icalrecurrencetype_as_string_r(&copy);
     std::string rule = text ? text : "";
     std::free(text);
@@ -318,14 +325,14 @@ class Decoder {
     icaltimetype& t = value.local;
     t = icaltime_null_time();
     // Years 1-9999, or the null time (all zero) of a time a file does not state.
-    t.year = static_cast<int>(r_.integer(0, 9999));
-    t.month = static_cast<int>(r_.integer(0, 12));
-    t.day = static_cast<int>(r_.integer(0, 31));
-    t.hour = static_cast<int>(r_.integer(0, 23));
-    t.minute = static_cast<int>(r_.integer(0, 59));
-    t.second = static_cast<int>(r_.integer(0, 60));
-    t.is_date = static_cast<int>(r_.integer(0, 1));
-    t.is_daylight = static_cast<int>(r_.integer(0, 1));
+    t.year = r_.small(0, 9999, r_.u16());
+    t.month = r_.small(0, 12, r_.u8());
+    t.day = r_.small(0, 31, r_.u8());
+    t.hour = r_.small(0, 23, r_.u8());
+    t.minute = r_.small(0, 59, r_.u8());
+    t.second = r_.small(0, 60, r_.u8());
+    t.is_date = r_.small(0, 1, r_.u8());
+    t.is_daylight = r_.small(0, 1, r_.u8());
     t.zone = nullptr;
     std::uint32_t zone = r_.u32();
     value.tzid = r_.text();
@@ -403,9 +410,11 @@ class Decoder {
   VdirRuleData rule() {
     VdirRuleData value;
     std::string text = r_.text();
-    value.rule = icalrecurrencetype_from_string(text.c_str());
-    if (value.rule.freq == ICAL_NO_RECURRENCE || value.rule.interval < 1) throw Corrupt("an unreadable rule");
-    value.rule.rscale = nullptr;
+    icalrecurrencetype rule = icalrecurrencetype_from_string(text.c_str());
+    if (rule.freq == ICAL_NO_RECURRENCE || rule.interval < 1) throw Corrupt("an unreadable rule");
+    if (rule.rscale) std::free(rule.rscale);
+    rule.rscale = nullptr;
+    value.rule = VdirCompactRule(rule);
     value.rscaleName = r_.text();
     value.statesWeekStart = r_.flag();
     value.until = date();
@@ -503,18 +512,32 @@ std::string encodeCache(const std::string& key, const VdirFileRecords& records, 
                         std::int64_t scannedAt, std::size_t& left) {
   left = 0;
   ZoneTable table(zones);
-  // Entries first (they decide which zones are needed), in blocks of their own.
-  std::vector<std::string> blocks;
-  std::string block, entry;
+  // Written in place, once: the header's length and hash are filled in at the end. The zones come
+  // after the entries, which decide which zones are needed.
+  std::string out;
+  Writer w(out);
+  w.raw(kMagic, sizeof kMagic);
+  w.u32(kVdirCacheFormat);
+  w.u32(0);
+  w.u64(0);  // payload length
+  w.u64(0);  // payload hash
+  w.text(ICAL_VERSION);
+  w.text(key);
+  std::string entry;
+  std::size_t blockStart = 0;
   std::uint32_t inBlock = 0;
-  auto closeBlock = [&] {
-    std::string framed;
-    Writer(framed).u32(inBlock);
-    framed += block;
-    blocks.push_back(std::move(framed));
-    block.clear();
+  auto openBlock = [&] {
+    blockStart = out.size();
+    w.u64(0);  // the block's size
+    w.u32(0);  // its entries
     inBlock = 0;
   };
+  auto closeBlock = [&] {
+    std::uint64_t size = out.size() - blockStart - 8;
+    std::memcpy(out.data() + blockStart, &size, 8);
+    std::memcpy(out.data() + blockStart + 8, &inBlock, 4);
+  };
+  openBlock();
   for (const auto& [path, file] : records) {
     if (!trustedRecord(file.modified, file.changed, scannedAt)) {
       ++left;
@@ -527,34 +550,35 @@ std::string encodeCache(const std::string& key, const VdirFileRecords& records, 
     } catch (const Unstorable&) {
       continue;  // read again each time
     }
-    block += entry;
-    if (++inBlock == kEntriesPerBlock) closeBlock();
+    out += entry;
+    if (++inBlock == kEntriesPerBlock) {
+      closeBlock();
+      openBlock();
+    }
   }
-  if (inBlock > 0) closeBlock();
-
-  std::string payload;
-  Writer w(payload);
-  w.text(ICAL_VERSION);
-  w.text(key);
+  closeBlock();
+  w.u64(0);  // no more blocks
   w.u32(static_cast<std::uint32_t>(table.definitions().size()));
   for (const auto& [tzid, text] : table.definitions()) {
     w.text(tzid);
     w.text(text);
   }
-  w.u32(static_cast<std::uint32_t>(blocks.size()));
-  for (const auto& b : blocks) {
-    w.u64(b.size());
-    payload += b;
-  }
+  std::string_view payload(out.data() + kHeaderSize, out.size() - kHeaderSize);
+  std::uint64_t length = payload.size(), hash = payloadHash(payload);
+  std::memcpy(out.data() + 16, &length, 8);
+  std::memcpy(out.data() + 24, &hash, 8);
+  return out;
+}
 
+std::string sealCachePayload(std::string_view payload) {
   std::string out;
-  Writer header(out);
-  header.raw(kMagic, sizeof kMagic);
-  header.u32(kVdirCacheFormat);
-  header.u32(0);
-  header.u64(payload.size());
-  header.u64(payloadHash(payload));
-  out += payload;
+  Writer w(out);
+  w.raw(kMagic, sizeof kMagic);
+  w.u32(kVdirCacheFormat);
+  w.u32(0);
+  w.u64(payload.size());
+  w.u64(payloadHash(payload));
+  out.append(payload);
   return out;
 }
 
@@ -575,6 +599,13 @@ std::optional<VdirFileRecords> decodeCache(std::string_view bytes, const std::st
     Reader r(payload);
     if (r.text() != ICAL_VERSION) throw Corrupt("a cache written with another libical");
     if (r.text() != key) throw Corrupt("a cache of another store");
+    std::vector<std::string_view> blocks;
+    for (;;) {
+      std::uint64_t size = r.u64();
+      if (size == 0) break;
+      if (size > payload.size()) throw Corrupt("a block larger than the cache");
+      blocks.push_back(r.take(static_cast<std::size_t>(size)));
+    }
     std::vector<const icaltimezone*> table(r.count(8));
     for (auto& zone : table) {
       std::string tzid = r.text();
@@ -582,13 +613,7 @@ std::optional<VdirFileRecords> decodeCache(std::string_view bytes, const std::st
       zone = zones.zoneFor(tzid, text).first;
       if (!zone) throw Corrupt("an unusable zone definition");
     }
-    std::vector<std::string_view> blocks(r.count(8));
-    for (auto& block : blocks) {
-      std::uint64_t size = r.u64();
-      if (size > payload.size()) throw Corrupt("a block larger than the cache");
-      block = r.take(static_cast<std::size_t>(size));
-    }
-    if (!r.atEnd()) throw Corrupt("data after the last block");
+    if (!r.atEnd()) throw Corrupt("data after the zone definitions");
 
     // Blocks decode independently; the first failure wins.
     std::vector<std::vector<std::pair<std::string, VdirFileRecord>>> decoded(blocks.size());
@@ -618,9 +643,11 @@ std::optional<VdirFileRecords> decodeCache(std::string_view bytes, const std::st
       if (!failure.empty()) throw Corrupt(failure);
 
     VdirFileRecords records;
+    std::size_t total = 0;
+    for (const auto& block : decoded) total += block.size();
+    records.reserve(total);
     for (auto& block : decoded)
-      for (auto& [path, file] : block)
-        if (!records.emplace(std::move(path), std::move(file)).second) throw Corrupt("a path filed twice");
+      for (auto& entry : block) records.push_back(std::move(entry));
     return records;
   } catch (const std::exception& error) {
     problem = error.what();

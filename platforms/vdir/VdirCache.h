@@ -19,6 +19,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platforms/vdir/VdirItem.h"
@@ -42,7 +43,9 @@ struct VdirFileRecord {
   }
 };
 
-using VdirFileRecords = std::map<std::string, VdirFileRecord>;  // by path within the store
+// By path within the store, in the order the store lists them (so that a scan of an unchanged store
+// finds each file's record where it expects it).
+using VdirFileRecords = std::vector<std::pair<std::string, VdirFileRecord>>;
 
 // The format's version; a cache of any other version is ignored.
 inline constexpr std::uint32_t kVdirCacheFormat = 1;
@@ -72,6 +75,10 @@ bool trustedRecord(std::int64_t modified, std::int64_t changed, std::int64_t sca
 // up to `threads` threads.
 std::optional<VdirFileRecords> decodeCache(std::string_view bytes, const std::string& key, VdirZones& zones,
                                            unsigned threads, std::string& problem);
+
+// A cache's bytes around `payload`: the header with the payload's length and hash (for tests and
+// fuzzing, which need caches whose payload is damaged but whose header is right).
+std::string sealCachePayload(std::string_view payload);
 
 // Reads and decodes the cache file at `path`; nothing when it is absent or unusable.
 std::optional<VdirFileRecords> readCache(const std::string& path, const std::string& key, VdirZones& zones,

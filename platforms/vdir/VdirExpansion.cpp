@@ -85,7 +85,7 @@ bool expandSeries(const VdirSeriesData& series, const VdirClock& clock, double w
       continue;
     }
     if (rule.until && rule.until->timeIntervalSince1970() < earliest) continue;
-    icalrecur_iterator* iterator = icalrecur_iterator_new(rule.rule, withZone(master.start.local, master.start));
+    icalrecur_iterator* iterator = icalrecur_iterator_new(rule.rule.expanded(), withZone(master.start.local, master.start));
     if (!iterator) continue;
     if (earliest > masterStart) {
       icaltimetype jump = clock.wallClockLike(platform::Date::fromTimeIntervalSince1970(earliest), master.start);

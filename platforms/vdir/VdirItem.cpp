@@ -24,6 +24,61 @@ const char* description(VdirDiagnostic::Action action) {
 
 namespace {
 
+// libical's BY lists with their sizes, in the struct's order.
+template <typename Rule, typename Visit>
+void forEachList(Rule& rule, Visit&& visit) {
+  visit(rule.by_second, ICAL_BY_SECOND_SIZE);
+  visit(rule.by_minute, ICAL_BY_MINUTE_SIZE);
+  visit(rule.by_hour, ICAL_BY_HOUR_SIZE);
+  visit(rule.by_day, ICAL_BY_DAY_SIZE);
+  visit(rule.by_month_day, ICAL_BY_MONTHDAY_SIZE);
+  visit(rule.by_year_day, ICAL_BY_YEARDAY_SIZE);
+  visit(rule.by_week_no, ICAL_BY_WEEKNO_SIZE);
+  visit(rule.by_month, ICAL_BY_MONTH_SIZE);
+  visit(rule.by_set_pos, ICAL_BY_SETPOS_SIZE);
+}
+
+}  // namespace
+
+VdirCompactRule::VdirCompactRule(const icalrecurrencetype& rule)
+    : frequency_(rule.freq),
+      until_(rule.until),
+      count_(rule.count),
+      interval_(rule.interval),
+      weekStart_(rule.week_start),
+      skip_(rule.skip) {
+  forEachList(rule, [&](const short* values, int size) {
+    int length = 0;
+    while (length < size && values[length] != ICAL_RECURRENCE_ARRAY_MAX) ++length;
+    lists_.push_back(static_cast<short>(length));
+    lists_.insert(lists_.end(), values, values + length);
+  });
+  lists_.shrink_to_fit();
+}
+
+icalrecurrencetype VdirCompactRule::expanded() const {
+  icalrecurrencetype rule;
+  icalrecurrencetype_clear(&rule);
+  rule.freq = frequency_;
+  rule.until = until_;
+  rule.count = count_;
+  rule.interval = interval_;
+  rule.week_start = weekStart_;
+  rule.skip = skip_;
+  rule.rscale = nullptr;
+  std::size_t at = 0;
+  forEachList(rule, [&](short* values, int size) {
+    if (at >= lists_.size()) return;
+    int length = std::min<int>(lists_[at++], size);
+    for (int i = 0; i < length; ++i) values[i] = lists_[at + static_cast<std::size_t>(i)];
+    at += static_cast<std::size_t>(lists_[at - 1]);
+    if (length < size) values[length] = ICAL_RECURRENCE_ARRAY_MAX;
+  });
+  return rule;
+}
+
+namespace {
+
 // Owns a parsed component tree.
 struct ComponentHolder {
   icalcomponent* component = nullptr;
@@ -450,9 +505,8 @@ class Reader {
         continue;
       }
       VdirRuleData data;
-      data.rule = rule;
       if (rule.rscale) data.rscaleName = lower(rule.rscale);
-      data.rule.rscale = nullptr;
+      rule.rscale = nullptr;
       keepUtf8(data.rscaleName);
       if (data.rscaleName != "gregorian") {
         report(VdirDiagnostic::Action::repaired, "RRULE with RSCALE=" + data.rscaleName + " expanded as Gregorian");
@@ -473,16 +527,17 @@ class Reader {
         if (rule.until.is_date) data.until = data.until->addingTimeInterval(86400.0 - 1);
       }
       // Sub-daily rules and BYxxx parts are kept; validate the weekdays the data model reads.
-      for (int i = 0; i < ICAL_BY_DAY_SIZE && data.rule.by_day[i] != ICAL_RECURRENCE_ARRAY_MAX; ++i) {
-        int weekday = icalrecurrencetype_day_day_of_week(data.rule.by_day[i]);
+      for (int i = 0; i < ICAL_BY_DAY_SIZE && rule.by_day[i] != ICAL_RECURRENCE_ARRAY_MAX; ++i) {
+        int weekday = icalrecurrencetype_day_day_of_week(rule.by_day[i]);
         if (weekday < 1 || weekday > 7) {
           report(VdirDiagnostic::Action::repaired, "RRULE \"" + text + "\" names a weekday outside the week: ignored");
-          data.rule.freq = ICAL_NO_RECURRENCE;
+          rule.freq = ICAL_NO_RECURRENCE;
           break;
         }
       }
-      if (data.rule.freq == ICAL_NO_RECURRENCE) continue;
-      if (data.rule.count > 0) expandCounted(data, start, text);
+      if (rule.freq == ICAL_NO_RECURRENCE) continue;
+      data.rule = VdirCompactRule(rule);
+      if (rule.count > 0) expandCounted(data, rule, start, text);
       series.rules.push_back(std::move(data));
     }
     for (icalproperty* p = icalcomponent_get_first_property(component, ICAL_RDATE_PROPERTY); p;
@@ -508,19 +563,20 @@ class Reader {
     std::sort(series.exdates.begin(), series.exdates.end());
   }
 
-  void expandCounted(VdirRuleData& data, const VdirTime& start, const std::string& text) {
+  void expandCounted(VdirRuleData& data, const icalrecurrencetype& rule, const VdirTime& start,
+                     const std::string& text) {
     std::vector<double> starts;
     icaltimetype first = start.local;
     first.zone = start.kind == VdirTime::Kind::zoned ? start.zone
                  : start.kind == VdirTime::Kind::utc ? icaltimezone_get_utc_timezone()
                                                      : nullptr;
-    icalrecur_iterator* iterator = icalrecur_iterator_new(data.rule, first);
+    icalrecur_iterator* iterator = icalrecur_iterator_new(rule, first);
     if (!iterator) {
       report(VdirDiagnostic::Action::repaired, "RRULE \"" + text + "\" cannot be expanded: ignored");
       data.countedStarts = std::vector<double>{};
       return;
     }
-    const std::size_t limit = std::min<std::size_t>(context_.maximumCountedOccurrences, static_cast<std::size_t>(data.rule.count));
+    const std::size_t limit = std::min<std::size_t>(context_.maximumCountedOccurrences, static_cast<std::size_t>(rule.count));
     const auto began = std::chrono::steady_clock::now();
     for (icaltimetype next = icalrecur_iterator_next(iterator); !icaltime_is_null_time(next);
          next = icalrecur_iterator_next(iterator)) {

@@ -49,8 +49,30 @@ struct VdirAlarmData {
   std::shared_ptr<const VdirLocationData> location;
 };
 
+// A recurrence rule, kept small: libical's struct holds every BY list at its largest size (about
+// 3 KB); this keeps only the lists a rule has, and gives the struct back when libical needs it.
+class VdirCompactRule {
+ public:
+  VdirCompactRule() = default;
+  explicit VdirCompactRule(const icalrecurrencetype& rule);
+  // libical's struct (rscale cleared).
+  icalrecurrencetype expanded() const;
+  icalrecurrencetype_frequency frequency() const { return frequency_; }
+  int count() const { return count_; }
+
+ private:
+  icalrecurrencetype_frequency frequency_ = ICAL_NO_RECURRENCE;
+  icaltimetype until_ = icaltime_null_time();
+  int count_ = 0;
+  short interval_ = 1;
+  icalrecurrencetype_weekday weekStart_ = ICAL_MONDAY_WEEKDAY;
+  icalrecurrencetype_skip skip_ = ICAL_SKIP_OMIT;
+  // The BY lists in libical's order, each as its length followed by its values.
+  std::vector<short> lists_;
+};
+
 struct VdirRuleData {
-  icalrecurrencetype rule{};  // rscale cleared; see rscaleName
+  VdirCompactRule rule;  // rscale cleared; see rscaleName
   std::string rscaleName = "gregorian";
   bool statesWeekStart = false;
   std::optional<platform::Date> until;

@@ -86,23 +86,26 @@ class VdirRecurrenceRule : public platform::EKRecurrenceRule {
   VdirRecurrenceRule(std::shared_ptr<const VdirItem> item, const VdirRuleData* rule)
       : item_(std::move(item)), rule_(rule) {}
   std::string calendarIdentifier() const override { return rule_->rscaleName; }
-  NumberList daysOfTheMonth() const override { return numbers(rule_->rule.by_month_day); }
+  // libical's struct, rebuilt from the compact form for each question.
+  icalrecurrencetype rule() const { return rule_->rule.expanded(); }
+  NumberList daysOfTheMonth() const override { return numbers(rule().by_month_day); }
   std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceDayOfWeek>>> daysOfTheWeek() const override {
-    if (rule_->rule.by_day[0] == ICAL_RECURRENCE_ARRAY_MAX) return std::nullopt;
+    const auto whole = rule();
+    if (whole.by_day[0] == ICAL_RECURRENCE_ARRAY_MAX) return std::nullopt;
     std::vector<std::shared_ptr<platform::EKRecurrenceDayOfWeek>> days;
-    for (int i = 0; i < ICAL_BY_DAY_SIZE && rule_->rule.by_day[i] != ICAL_RECURRENCE_ARRAY_MAX; ++i)
+    for (int i = 0; i < ICAL_BY_DAY_SIZE && whole.by_day[i] != ICAL_RECURRENCE_ARRAY_MAX; ++i)
       days.push_back(std::make_shared<VdirRecurrenceDayOfWeek>(
-          static_cast<platform::EKWeekday>(icalrecurrencetype_day_day_of_week(rule_->rule.by_day[i])),
-          icalrecurrencetype_day_position(rule_->rule.by_day[i])));
+          static_cast<platform::EKWeekday>(icalrecurrencetype_day_day_of_week(whole.by_day[i])),
+          icalrecurrencetype_day_position(whole.by_day[i])));
     return days;
   }
-  NumberList daysOfTheYear() const override { return numbers(rule_->rule.by_year_day); }
+  NumberList daysOfTheYear() const override { return numbers(rule().by_year_day); }
   std::int64_t firstDayOfTheWeek() const override {
-    return rule_->statesWeekStart ? static_cast<std::int64_t>(rule_->rule.week_start) : 0;
+    return rule_->statesWeekStart ? static_cast<std::int64_t>(rule().week_start) : 0;
   }
   // Daily 0, weekly 1, monthly 2, yearly 3; sub-daily rules as 4 hourly, 5 minutely, 6 secondly.
   platform::EKRecurrenceFrequency frequency() const override {
-    switch (rule_->rule.freq) {
+    switch (rule_->rule.frequency()) {
       case ICAL_DAILY_RECURRENCE: return 0;
       case ICAL_WEEKLY_RECURRENCE: return 1;
       case ICAL_MONTHLY_RECURRENCE: return 2;
@@ -113,15 +116,15 @@ class VdirRecurrenceRule : public platform::EKRecurrenceRule {
       default: return 0;
     }
   }
-  std::int64_t interval() const override { return rule_->rule.interval; }
-  NumberList monthsOfTheYear() const override { return numbers(rule_->rule.by_month); }
+  std::int64_t interval() const override { return rule().interval; }
+  NumberList monthsOfTheYear() const override { return numbers(rule().by_month); }
   std::shared_ptr<platform::EKRecurrenceEnd> recurrenceEnd() const override {
-    if (rule_->rule.count > 0) return std::make_shared<VdirRecurrenceEnd>(std::nullopt, rule_->rule.count);
+    if (rule_->rule.count() > 0) return std::make_shared<VdirRecurrenceEnd>(std::nullopt, rule_->rule.count());
     if (rule_->until) return std::make_shared<VdirRecurrenceEnd>(rule_->until, 0);
     return nullptr;
   }
-  NumberList setPositions() const override { return numbers(rule_->rule.by_set_pos); }
-  NumberList weeksOfTheYear() const override { return numbers(rule_->rule.by_week_no); }
+  NumberList setPositions() const override { return numbers(rule().by_set_pos); }
+  NumberList weeksOfTheYear() const override { return numbers(rule().by_week_no); }
 
  private:
   std::shared_ptr<const VdirItem> item_;  // keeps rule_ alive

@@ -1,5 +1,6 @@
 #include "platforms/vdir/VdirStore.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/inotify.h>
@@ -36,7 +37,7 @@ bool endsWith(const std::string& text, const std::string& suffix) {
 }
 
 // Reads a small metadata file ("displayname", "color"); absent when there is none.
-std::optional<std::string> readSmallFile(const fs::path& path) {
+std::optional<std::string> readSmallFile(const std::string& path) {
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return std::nullopt;
   std::string text;
@@ -106,15 +107,26 @@ VdirStore::VdirStore(VdirStoreOptions options) : options_(std::move(options)), z
               "\nlargest=" + std::to_string(options_.maximumFileSize) + "\naddresses=";
   for (const auto& address : options_.userAddresses) cacheKey_ += address + ",";
   cacheStatus_.path = cacheFilePath(directory, cacheKey_);
-  if (auto records = readCache(cacheStatus_.path, cacheKey_, *zones_, threads(), cacheStatus_.loadProblem)) {
-    cacheStatus_.loaded = true;
-    cacheStatus_.loadedFiles = records->size();
-    files_ = std::move(*records);
-    cacheStale_ = false;
-  }
+  // Read while the first scan lists the tree; the scan waits for it before it looks at files.
+  pendingCache_ = std::async(std::launch::async, [this] {
+    return readCache(cacheStatus_.path, cacheKey_, *zones_, threads(), cacheLoadProblem_);
+  });
+}
+
+void VdirStore::takePendingCache() {
+  if (!pendingCache_.valid()) return;
+  auto records = pendingCache_.get();
+  std::lock_guard lock(mutex_);
+  cacheStatus_.loadProblem = cacheLoadProblem_;
+  if (!records) return;
+  cacheStatus_.loaded = true;
+  cacheStatus_.loadedFiles = records->size();
+  files_ = std::move(*records);
+  cacheStale_ = false;
 }
 
 VdirStore::~VdirStore() {
+  if (pendingCache_.valid()) pendingCache_.wait();
   if (watcher_.joinable()) {
     char stop = 1;
     while (::write(watchState_->stopPipe[1], &stop, 1) < 0 && errno == EINTR) {
@@ -209,19 +221,29 @@ bool VdirStore::rescan() {
   // The scan runs in three steps: list every collection and look at each file (on this thread);
   // read and parse the files that changed (on every core); put the snapshot together in listing
   // order. Problems are kept in the order they are met, a file's own at its place in the listing.
+  constexpr std::size_t kNone = static_cast<std::size_t>(-1);
   struct Slot {
-    std::string relative, name;
-    fs::path path;
+    std::string relative, name, path;
+    int directory = AT_FDCWD;  // an open descriptor of the file's directory
+    std::size_t previous = kNone;  // its record in files_
     VdirFileRecord record;
-    bool parse = false, gone = false;
+    bool parse = false, gone = false, unreadable = false;
   };
+  // The collections' directories, open while their files are looked at and read.
+  std::vector<int> directories;
+  struct CloseDirectories {
+    std::vector<int>& fds;
+    ~CloseDirectories() {
+      for (int fd : fds) ::close(fd);
+    }
+  } closeDirectories{directories};
   struct Problem {
     std::optional<std::size_t> slot;
     VdirDiagnostic diagnostic;
   };
   struct Pending {
     std::string identifier;
-    fs::path directory;
+    std::string directory;
     std::shared_ptr<VdirSource> source;
     platform::EKCalendarType type = 0;
     std::vector<std::size_t> slots;
@@ -235,39 +257,53 @@ bool VdirStore::rescan() {
     problems.push_back({std::nullopt, {std::move(path), action, std::move(text)}});
   };
 
-  // Directory entries by name, sorted, hidden ones left out.
-  auto list = [&](const fs::path& directory, const std::string& relative) {
-    std::vector<fs::directory_entry> entries;
-    std::error_code listError;
-    fs::directory_iterator it(directory, listError);
-    if (listError) {
+  // Directory entries by name, sorted, hidden ones left out (read with readdir: a store has
+  // thousands of files, and the entry type saves a stat for most of them).
+  struct Listed {
+    std::string name, path;
+    unsigned char type = DT_UNKNOWN;
+    bool isLink() const {
+      if (type != DT_UNKNOWN) return type == DT_LNK;
+      struct stat status {};
+      return ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+    }
+    bool isDirectory() const {
+      if (type == DT_DIR) return true;
+      if (type != DT_UNKNOWN && type != DT_LNK) return false;
+      struct stat status {};
+      return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+    }
+  };
+  auto list = [&](const std::string& directory, const std::string& relative) {
+    std::vector<Listed> entries;
+    DIR* handle = ::opendir(directory.c_str());
+    if (!handle) {
       problem(relative.empty() ? "." : relative, VdirDiagnostic::Action::skipped,
-              "directory cannot be read: " + listError.message());
+              std::string("directory cannot be read: ") + std::strerror(errno));
       return entries;
     }
-    for (; it != fs::directory_iterator(); it.increment(listError)) {
-      if (listError) break;
-      if (!hidden(it->path().filename().string())) entries.push_back(*it);
+    while (dirent* entry = ::readdir(handle)) {
+      std::string name = entry->d_name;
+      if (hidden(name)) continue;
+      entries.push_back({name, directory + "/" + name, entry->d_type});
     }
-    std::sort(entries.begin(), entries.end(), [](const auto& a, const auto& b) { return a.path() < b.path(); });
+    ::closedir(handle);
+    std::sort(entries.begin(), entries.end(), [](const Listed& a, const Listed& b) { return a.name < b.name; });
     return entries;
   };
   // Symbolic links are followed only when they stay inside the store root.
-  auto insideRoot = [&](const fs::directory_entry& entry, const std::string& relative) {
+  const std::string rootPrefix = canonicalRoot.string() + "/";
+  auto insideRoot = [&](const Listed& entry, const std::string& relative) {
+    if (!entry.isLink()) return true;
     std::error_code linkError;
-    if (!entry.is_symlink(linkError)) return true;
-    fs::path target = fs::weakly_canonical(entry.path(), linkError);
-    auto rootText = canonicalRoot.string() + "/";
-    if (!linkError && target.string().rfind(rootText, 0) == 0) return true;
+    fs::path target = fs::weakly_canonical(fs::path(entry.path), linkError);
+    if (!linkError && target.string().rfind(rootPrefix, 0) == 0) return true;
     problem(relative, VdirDiagnostic::Action::skipped, "symbolic link leaves the store root");
     return false;
   };
-  auto isCollection = [&](const fs::path& directory) {
-    std::error_code e;
-    for (fs::directory_iterator it(directory, e); !e && it != fs::directory_iterator(); it.increment(e)) {
-      std::string name = it->path().filename().string();
-      if (name == "displayname" || name == "color" || (endsWith(name, ".ics") && !hidden(name))) return true;
-    }
+  auto isCollection = [&](const std::vector<Listed>& entries) {
+    for (const auto& entry : entries)
+      if (entry.name == "displayname" || entry.name == "color" || endsWith(entry.name, ".ics")) return true;
     return false;
   };
   auto tooLarge = [&](const std::string& relative, off_t size) {
@@ -276,51 +312,33 @@ bool VdirStore::rescan() {
                               std::to_string(options_.maximumFileSize) + " bytes"};
   };
 
-  auto listCollection = [&](const fs::path& directory, const std::string& identifier,
-                            const std::shared_ptr<VdirSource>& source, platform::EKCalendarType type) {
+  auto listCollection = [&](const std::string& directory, const std::vector<Listed>& entries,
+                            const std::string& identifier, const std::shared_ptr<VdirSource>& source,
+                            platform::EKCalendarType type) {
     Pending collection;
     collection.identifier = identifier;
     collection.directory = directory;
     collection.source = source;
     collection.type = type;
-    for (const auto& entry : list(directory, identifier)) {
-      std::string name = entry.path().filename().string();
-      std::string relative = identifier + "/" + escapedName(name);
+    // Files are looked at relative to their directory (no path walk per file), later, on every core.
+    int directoryFd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (directoryFd >= 0) directories.push_back(directoryFd);
+    for (const auto& entry : entries) {
+      const std::string& name = entry.name;
       if (!endsWith(name, ".ics")) continue;
+      std::string relative = identifier + "/" + escapedName(name);
       if (!insideRoot(entry, relative)) continue;
-      if (options_.beforeRead) options_.beforeRead(relative);
-      struct stat status {};
-      if (::stat(entry.path().c_str(), &status) != 0) {
-        // Gone since the listing (deleted or renamed): nothing to serve and nothing lost; the
-        // change that removed it leads to another rescan.
-        if (errno != ENOENT)
-          problem(relative, VdirDiagnostic::Action::skipped, std::string("file cannot be read: ") + std::strerror(errno));
-        continue;
-      }
-      if (!S_ISREG(status.st_mode)) continue;
       Slot slot;
-      slot.relative = relative;
+      slot.relative = std::move(relative);
       slot.name = name;
-      slot.path = entry.path();
-      slot.record.device = status.st_dev;
-      slot.record.inode = status.st_ino;
-      slot.record.size = status.st_size;
-      slot.record.modified = nanoseconds(status.st_mtim);
-      slot.record.changed = nanoseconds(status.st_ctim);
-      auto cached = files_.find(relative);
-      if (cached != files_.end() && cached->second.sameVersion(slot.record)) {
-        slot.record = cached->second;
-      } else if (static_cast<std::uintmax_t>(status.st_size) > options_.maximumFileSize) {
-        slot.record.diagnostics.push_back(tooLarge(relative, status.st_size));
-      } else {
-        slot.parse = true;
-      }
+      slot.path = entry.path;
+      slot.directory = directoryFd >= 0 ? directoryFd : AT_FDCWD;
       problems.push_back({slots.size(), {}});
       collection.slots.push_back(slots.size());
       slots.push_back(std::move(slot));
     }
-    collection.displayName = readSmallFile(directory / "displayname");
-    if (auto colour = readSmallFile(directory / "color")) {
+    collection.displayName = readSmallFile(directory + "/displayname");
+    if (auto colour = readSmallFile(directory + "/color")) {
       collection.colour = parseColour(*colour);
       if (!collection.colour)
         problem(identifier + "/color", VdirDiagnostic::Action::repaired,
@@ -338,54 +356,119 @@ bool VdirStore::rescan() {
   if (next->rootReadable) {
     std::string rootTitle = validUtf8(canonicalRoot.filename().string());
     if (rootTitle.empty()) rootTitle = "Local";
-    for (const auto& entry : list(root, "")) {
-      std::string raw = entry.path().filename().string();
-      std::string name = escapedName(raw);
-      std::error_code e;
-      if (!entry.is_directory(e)) {
-        if (endsWith(raw, ".ics")) problem(name, VdirDiagnostic::Action::skipped, "file outside any collection");
+    for (const auto& entry : list(root.string(), "")) {
+      std::string name = escapedName(entry.name);
+      if (!entry.isDirectory()) {
+        if (endsWith(entry.name, ".ics"))
+          problem(name, VdirDiagnostic::Action::skipped, "file outside any collection");
         continue;
       }
       if (!insideRoot(entry, name)) continue;
-      if (isCollection(entry.path())) {
-        listCollection(entry.path(), name, sourceFor(".", 0, rootTitle), 0);
+      auto inside = list(entry.path, name);
+      if (isCollection(inside)) {
+        listCollection(entry.path, inside, name, sourceFor(".", 0, rootTitle), 0);
         continue;
       }
-      auto source = sourceFor(name, 2, validUtf8(raw));
-      for (const auto& inner : list(entry.path(), name)) {
-        std::string innerName = escapedName(inner.path().filename().string());
-        std::error_code innerError;
-        if (!inner.is_directory(innerError)) continue;
+      auto source = sourceFor(name, 2, validUtf8(entry.name));
+      for (const auto& inner : inside) {
+        std::string innerName = escapedName(inner.name);
+        if (!inner.isDirectory()) continue;
         if (!insideRoot(inner, name + "/" + innerName)) continue;
-        listCollection(inner.path(), name + "/" + innerName, source, 1);
+        listCollection(inner.path, list(inner.path, name + "/" + innerName), name + "/" + innerName, source, 1);
       }
     }
   }
+
+  takePendingCache();
+  // Look at every file (its version against what was read before), on every core; the fault
+  // injection hook runs first, in listing order.
+  if (options_.beforeRead)
+    for (const auto& slot : slots) options_.beforeRead(slot.relative);
+  auto runOnEveryCore = [&](std::size_t count, std::size_t perThread, const std::function<void(std::size_t)>& work) {
+    std::atomic<std::size_t> next{0};
+    auto some = [&] {
+      for (std::size_t at; (at = next++) < count;) work(at);
+    };
+    unsigned workers = static_cast<unsigned>(std::min<std::size_t>(threads(), (count + perThread - 1) / perThread));
+    std::vector<std::thread> pool;
+    for (unsigned i = 1; i < workers; ++i) pool.emplace_back(some);
+    some();
+    for (auto& thread : pool) thread.join();
+  };
+  // Each file's record from the scan before: where the order of that scan puts it, else by name.
+  {
+    std::unordered_map<std::string_view, std::size_t> byPath;
+    std::size_t expected = 0;
+    for (auto& slot : slots) {
+      if (expected < files_.size() && files_[expected].first == slot.relative) {
+        slot.previous = expected++;
+        continue;
+      }
+      if (byPath.empty())
+        for (std::size_t i = 0; i < files_.size(); ++i) byPath.emplace(files_[i].first, i);
+      if (auto found = byPath.find(slot.relative); found != byPath.end()) {
+        slot.previous = found->second;
+        expected = found->second + 1;
+      }
+    }
+  }
+  runOnEveryCore(slots.size(), 1024, [&](std::size_t at) {
+    Slot& slot = slots[at];
+    struct stat status {};
+    if (::fstatat(slot.directory, slot.directory == AT_FDCWD ? slot.path.c_str() : slot.name.c_str(), &status, 0) != 0) {
+      // Gone since the listing (deleted or renamed): nothing to serve and nothing lost; the
+      // change that removed it leads to another rescan.
+      if (errno == ENOENT) {
+        slot.gone = true;
+      } else {
+        slot.unreadable = true;
+        slot.record.diagnostics.push_back({slot.relative, VdirDiagnostic::Action::skipped,
+                                           std::string("file cannot be read: ") + std::strerror(errno)});
+      }
+      return;
+    }
+    if (!S_ISREG(status.st_mode)) {
+      slot.gone = true;
+      return;
+    }
+    slot.record.device = status.st_dev;
+    slot.record.inode = status.st_ino;
+    slot.record.size = status.st_size;
+    slot.record.modified = nanoseconds(status.st_mtim);
+    slot.record.changed = nanoseconds(status.st_ctim);
+    if (slot.previous != kNone && files_[slot.previous].second.sameVersion(slot.record)) {
+      slot.record = files_[slot.previous].second;
+    } else if (static_cast<std::uintmax_t>(status.st_size) > options_.maximumFileSize) {
+      slot.record.diagnostics.push_back(tooLarge(slot.relative, status.st_size));
+    } else {
+      slot.parse = true;
+    }
+  });
 
   // Read and parse what changed, on every core.
   std::vector<std::size_t> toParse;
   for (std::size_t i = 0; i < slots.size(); ++i)
     if (slots[i].parse) toParse.push_back(i);
-  std::atomic<std::size_t> nextSlot{0};
-  auto parseSome = [&] {
-    for (std::size_t at; (at = nextSlot++) < toParse.size();) {
+  runOnEveryCore(toParse.size(), 64, [&](std::size_t at) {
+    {
       Slot& slot = slots[toParse[at]];
-      int fd = ::open(slot.path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+      int fd = ::openat(slot.directory, slot.directory == AT_FDCWD ? slot.path.c_str() : slot.name.c_str(),
+                        O_RDONLY | O_CLOEXEC | O_NONBLOCK);
       if (fd < 0 && errno == ENOENT) {
         slot.gone = true;
-        continue;
+        return;
       }
       if (fd < 0) {
         slot.record.diagnostics.push_back({slot.relative, VdirDiagnostic::Action::skipped,
                                            std::string("file cannot be read: ") + std::strerror(errno)});
-        continue;
+        return;
       }
       // The version read is the one recorded.
       struct stat status {};
       if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
         ::close(fd);
         slot.gone = true;
-        continue;
+        return;
       }
       slot.record.device = status.st_dev;
       slot.record.inode = status.st_ino;
@@ -395,7 +478,7 @@ bool VdirStore::rescan() {
       if (static_cast<std::uintmax_t>(status.st_size) > options_.maximumFileSize) {
         ::close(fd);
         slot.record.diagnostics.push_back(tooLarge(slot.relative, status.st_size));
-        continue;
+        return;
       }
       std::string text;
       text.reserve(static_cast<std::size_t>(status.st_size));
@@ -417,7 +500,7 @@ bool VdirStore::rescan() {
       if (failed) {
         slot.record.diagnostics.push_back({slot.relative, VdirDiagnostic::Action::skipped,
                                            std::string("file cannot be read: ") + std::strerror(readError)});
-        continue;
+        return;
       }
       VdirParseContext context{zones_.get(), clock_.get(), &options_.userAddresses, options_.maximumCountedOccurrences};
       auto parsed = parseItem(slot.relative, slot.name, text, context);
@@ -425,15 +508,7 @@ bool VdirStore::rescan() {
       slot.record.item = std::move(parsed.item);
       slot.record.diagnostics = std::move(parsed.diagnostics);
     }
-  };
-  {
-    // A thread for every 64 files or so, up to one per core.
-    unsigned workers = static_cast<unsigned>(std::min<std::size_t>(threads(), (toParse.size() + 63) / 64));
-    std::vector<std::thread> pool;
-    for (unsigned i = 1; i < workers; ++i) pool.emplace_back(parseSome);
-    parseSome();
-    for (auto& thread : pool) thread.join();
-  }
+  });
   std::size_t parsedNow = toParse.size();
 
   // Put the snapshot together, in listing order.
@@ -447,26 +522,27 @@ bool VdirStore::rescan() {
       next->diagnostics.insert(next->diagnostics.end(), slot.record.diagnostics.begin(), slot.record.diagnostics.end());
   }
   VdirFileRecords seen;
+  seen.reserve(slots.size());
   std::map<std::string, std::shared_ptr<VdirCalendar>> calendars;
   for (auto& p : pending) {
     VdirCollection collection;
     collection.identifier = p.identifier;
-    collection.directory = p.directory.string();
+    collection.directory = p.directory;
     std::size_t events = 0, todos = 0;
     for (std::size_t index : p.slots) {
       Slot& slot = slots[index];
-      if (slot.gone) continue;
+      if (slot.gone || slot.unreadable) continue;
       if (slot.record.item) {
         todos += slot.record.item->todos.size();
         events += slot.record.item->series.size();
         collection.items.push_back(slot.record.item);
       }
-      seen.emplace(slot.relative, std::move(slot.record));
+      seen.emplace_back(std::move(slot.relative), std::move(slot.record));
     }
     VdirCalendarFields fields;
     fields.identifier = p.identifier;
     fields.title = validUtf8(p.displayName.value_or(""));
-    if (fields.title.empty()) fields.title = validUtf8(p.directory.filename().string());
+    if (fields.title.empty()) fields.title = validUtf8(fs::path(p.directory).filename().string());
     fields.color = p.colour ? p.colour : defaultColour(p.identifier);
     // Both kinds: a mixed collection; to-dos only: a reminder list; events only or empty: a calendar.
     fields.entityTypes = todos > 0 && events > 0 ? (platform::EKEntityMaskEvent | platform::EKEntityMaskReminder)
@@ -487,15 +563,22 @@ bool VdirStore::rescan() {
   }
   std::sort(next->collections.begin(), next->collections.end(),
             [](const auto& a, const auto& b) { return a.identifier < b.identifier; });
+  // The two look-up tables, side by side.
+  auto paths = std::async(seen.size() > 4096 ? std::launch::async : std::launch::deferred, [&] {
+    next->paths.reserve(seen.size());
+    for (const auto& collection : next->collections)
+      for (const auto& item : collection.items) next->paths.insert(item->relativePath);
+  });
+  next->entries.reserve(seen.size() + seen.size() / 8);
   for (std::size_t c = 0; c < next->collections.size(); ++c)
     for (std::size_t i = 0; i < next->collections[c].items.size(); ++i) {
       const auto& item = *next->collections[c].items[i];
-      next->paths.insert(item.relativePath);
       for (std::size_t s = 0; s < item.series.size(); ++s)
         next->entries.emplace(item.series[s].identifier, VdirSnapshot::Entry{c, i, false, s});
       for (std::size_t t = 0; t < item.todos.size(); ++t)
         next->entries.emplace(item.todos[t].identifier, VdirSnapshot::Entry{c, i, true, t});
     }
+  paths.get();
 
   // Anything different from the snapshot before: items, collections or the root's state.
   auto previous = snapshot();

@@ -34,7 +34,10 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
+#include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "platforms/vdir/VdirCache.h"
@@ -96,9 +99,10 @@ struct VdirSnapshot {
     bool todo = false;
     std::size_t index = 0;  // in the item's series or to-dos
   };
-  std::map<std::string, Entry> entries;
+  // (Keys point into the items' own strings, which live as long as the snapshot.)
+  std::unordered_map<std::string_view, Entry> entries;
   // The files served, by path.
-  std::set<std::string> paths;
+  std::unordered_set<std::string_view> paths;
   std::vector<VdirDiagnostic> diagnostics;
   bool rootExists = false;
   bool rootReadable = false;
@@ -179,6 +183,7 @@ class VdirStore : public std::enable_shared_from_this<VdirStore> {
   struct TimeIndex;
   std::shared_ptr<TimeIndex> indexFor(const std::shared_ptr<const VdirSnapshot>& snapshot);
   void writeCache(std::int64_t scannedAt);
+  void takePendingCache();
   unsigned threads() const;
 
   VdirStoreOptions options_;
@@ -196,6 +201,8 @@ class VdirStore : public std::enable_shared_from_this<VdirStore> {
   bool cacheStale_ = true;  // the cache on disk does not hold what files_ holds
   std::string cacheKey_;
   VdirCacheStatus cacheStatus_;  // guarded by mutex_
+  std::future<std::optional<VdirFileRecords>> pendingCache_;  // the cache being read for the first scan
+  std::string cacheLoadProblem_;
 
   std::mutex indexMutex_;  // guards index_ and the expansions it caches
   std::shared_ptr<TimeIndex> index_;

@@ -1,5 +1,7 @@
 #include "platforms/vdir/VdirText.h"
 
+#include <algorithm>
+
 #include <cstdio>
 
 namespace vesp::vdir {
@@ -61,6 +63,9 @@ std::string validUtf8(std::string_view text) {
 }
 
 std::string escapedName(std::string_view name) {
+  // Most names are printable ASCII without '%': nothing to escape.
+  if (std::all_of(name.begin(), name.end(), [](char c) { return c >= 0x20 && c < 0x7F && c != '%'; }))
+    return std::string(name);
   std::string result;
   result.reserve(name.size());
   for (std::size_t at = 0; at < name.size();) {

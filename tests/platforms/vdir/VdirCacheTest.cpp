@@ -1,0 +1,324 @@
+// The persistent cache: reopening re-parses only what changed, and a cache that is cut short,
+// damaged, of another format or store, or written by several processes at once never gives a
+// wrong answer.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <thread>
+
+#include "Vesp/VespEventInstance.h"
+#include "platforms/vdir/VdirCache.h"
+#include "platforms/vdir/VdirStore.h"
+#include "platforms/vdir/VdirZones.h"
+#include "tests/platforms/vdir/VdirTestSupport.h"
+
+namespace vesp::vdir {
+namespace {
+
+using testing::simpleEvent;
+using testing::TemporaryDirectory;
+using testing::testData;
+using testing::utc;
+using testing::writeFile;
+namespace fs = std::filesystem;
+
+VdirStoreOptions storeOptions(const fs::path& root, const fs::path& cache) {
+  VdirStoreOptions options;
+  options.root = root.string();
+  options.localTimeZone = "Europe/Berlin";
+  options.watch = false;
+  options.cacheDirectory = cache.string();
+  return options;
+}
+
+// Every occurrence of 2026 as records (every field the data model has), in the store's order.
+std::vector<VespEventInstance> answer(VdirStore& store) {
+  std::vector<VespEventInstance> records;
+  for (const auto& event : store.events(utc(2026, 1, 1), utc(2027, 1, 1), std::nullopt))
+    records.emplace_back(*event);
+  return records;
+}
+
+std::vector<std::string> titles(VdirStore& store) {
+  std::vector<std::string> result;
+  for (const auto& event : store.events(utc(2026, 1, 1), utc(2027, 1, 1), std::nullopt))
+    result.push_back(event->eventIdentifier().value_or("") + " " + event->title().value_or(""));
+  return result;
+}
+
+// Event `number` (from 1) falls on its own day of 2026, from 1 February on.
+std::string event(int number, const std::string& title) {
+  char start[32], end[32];
+  int month = 2 + (number - 1) / 28, day = 1 + (number - 1) % 28;
+  std::snprintf(start, sizeof start, "2026%02d%02dT090000Z", month, day);
+  std::snprintf(end, sizeof end, "2026%02d%02dT100000Z", month, day);
+  return simpleEvent("uid-" + std::to_string(number), title, start, end);
+}
+
+// A store of `count` one-event files in one collection, old enough to be cached.
+void makeStore(const fs::path& root, int count) {
+  for (int day = 1; day <= count; ++day)
+    writeFile(root / "cal" / ("e" + std::to_string(day) + ".ics"), event(day, "Event " + std::to_string(day)));
+  // Files changed within the file system's timestamp granularity of a scan are not cached.
+  std::this_thread::sleep_for(std::chrono::milliseconds(120));
+}
+
+std::string cacheFileOf(const VdirStore& store) { return store.cacheStatus().path; }
+
+TEST(VdirCacheTest, anUnchangedStoreIsReopenedFromTheCacheWithoutParsingAndAnswersTheSame) {
+  TemporaryDirectory directory;
+  makeStore(directory.path() / "store", 20);
+  auto first = VdirStore::make(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  EXPECT_FALSE(first->cacheStatus().loaded);
+  EXPECT_EQ(first->parseCount(), 20u);
+  EXPECT_EQ(first->cacheStatus().writes, 1u);
+  EXPECT_TRUE(fs::exists(cacheFileOf(*first)));
+
+  auto second = VdirStore::make(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  EXPECT_TRUE(second->cacheStatus().loaded);
+  EXPECT_EQ(second->cacheStatus().loadedFiles, 20u);
+  EXPECT_EQ(second->parseCount(), 0u);
+  EXPECT_EQ(second->cacheStatus().writes, 0u);  // nothing changed: nothing written
+  EXPECT_EQ(answer(*second), answer(*first));
+  EXPECT_EQ(answer(*second).size(), 20u);
+}
+
+TEST(VdirCacheTest, everyFieldOfTheMappingAndSeriesCorporaSurvivesTheCache) {
+  for (const char* corpus : {"mapping", "series"}) {
+    TemporaryDirectory directory;
+    fs::copy(testData(corpus), directory.path() / "store", fs::copy_options::recursive);
+    std::this_thread::sleep_for(std::chrono::milliseconds(120));
+    auto options = storeOptions(directory.path() / "store", directory.path() / "cache");
+    auto uncached = VdirStore::make([&] {
+      auto o = options;
+      o.cacheDirectory = "";
+      return o;
+    }());
+    auto writing = VdirStore::make(options);
+    auto reading = VdirStore::make(options);
+    ASSERT_TRUE(reading->cacheStatus().loaded) << corpus << ": " << reading->cacheStatus().loadProblem;
+    EXPECT_EQ(reading->parseCount(), 0u) << corpus;
+    auto expected = answer(*uncached);
+    EXPECT_FALSE(expected.empty()) << corpus;
+    EXPECT_EQ(answer(*reading), expected) << corpus;
+    EXPECT_EQ(reading->diagnostics(), uncached->diagnostics()) << corpus;
+    // Reminders too.
+    auto all = [](const VdirComponentData&) { return true; };
+    EXPECT_EQ(reading->reminders(std::nullopt, all).size(), uncached->reminders(std::nullopt, all).size()) << corpus;
+  }
+}
+
+TEST(VdirCacheTest, onlyTheFilesThatChangedAreParsedAgain) {
+  TemporaryDirectory directory;
+  makeStore(directory.path() / "store", 10);
+  VdirStore::make(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  writeFile(directory.path() / "store/cal/e3.ics", event(3, "Changed three"));
+  writeFile(directory.path() / "store/cal/e7.ics", event(7, "Changed seven, and longer"));
+  std::this_thread::sleep_for(std::chrono::milliseconds(120));
+  auto reopened = VdirStore::make(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  EXPECT_TRUE(reopened->cacheStatus().loaded);
+  EXPECT_EQ(reopened->parseCount(), 2u);
+  auto served = titles(*reopened);
+  EXPECT_THAT(served, ::testing::Contains("cal/e3.ics Changed three"));
+  EXPECT_THAT(served, ::testing::Contains("cal/e7.ics Changed seven, and longer"));
+  EXPECT_EQ(reopened->cacheStatus().writes, 1u);
+}
+
+TEST(VdirCacheTest, aDeletedFileIsGoneAndARenamedFileIsServedUnderItsNewName) {
+  TemporaryDirectory directory;
+  makeStore(directory.path() / "store", 5);
+  VdirStore::make(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  fs::remove(directory.path() / "store/cal/e1.ics");
+  fs::rename(directory.path() / "store/cal/e2.ics", directory.path() / "store/cal/renamed.ics");
+  auto reopened = VdirStore::make(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  EXPECT_EQ(reopened->parseCount(), 1u);  // the renamed file, under its new path
+  EXPECT_THAT(titles(*reopened), ::testing::ElementsAre("cal/renamed.ics Event 2", "cal/e3.ics Event 3",
+                                                        "cal/e4.ics Event 4", "cal/e5.ics Event 5"));
+}
+
+TEST(VdirCacheTest, aFileChangedWithinTheTimestampGranularityOfTheScanIsNeverTrustedFromTheCache) {
+  TemporaryDirectory directory;
+  const fs::path file = directory.path() / "store/cal/racy.ics";
+  writeFile(file, event(4, "Version A"));
+  struct stat before {};
+  ASSERT_EQ(::stat(file.c_str(), &before), 0);
+  // Opened at once: the file's times are as new as the scan, so a change within the same tick
+  // could keep size and times as they are.
+  auto first = VdirStore::make(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  EXPECT_THAT(titles(*first), ::testing::ElementsAre("cal/racy.ics Version A"));
+  // Changed to another text of the same size, its modification time put back as it was.
+  writeFile(file, event(4, "Version B"));
+  timespec times[2] = {before.st_atim, before.st_mtim};
+  ASSERT_EQ(::utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
+  auto second = VdirStore::make(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  EXPECT_EQ(second->parseCount(), 1u);  // not taken from the cache
+  EXPECT_THAT(titles(*second), ::testing::ElementsAre("cal/racy.ics Version B"));
+}
+
+TEST(VdirCacheTest, recordsAreTrustedOnlyWhenOlderThanTheTimestampGranularity) {
+  const std::int64_t second = 1000000000, scan = 1800000000 * second + 123456789;
+  // Times with a fraction of a second: a fine-grained file system (coarse clock ticks of 1-10 ms).
+  EXPECT_TRUE(trustedRecord(scan - second / 10 + 7, scan - second / 5 + 3, scan));
+  EXPECT_FALSE(trustedRecord(scan - second / 100 + 7, scan - second + 3, scan));
+  EXPECT_FALSE(trustedRecord(scan - second + 3, scan - second / 100 + 7, scan));
+  // Whole seconds: maybe a file system that keeps seconds (or two), where a change after the scan
+  // can keep the stamp of one up to two seconds before it.
+  const std::int64_t whole = (scan / second) * second;  // 0.123 s before the scan
+  EXPECT_FALSE(trustedRecord(whole, whole, scan));
+  EXPECT_FALSE(trustedRecord(whole - second, whole - second, scan));
+  EXPECT_TRUE(trustedRecord(whole - 2 * second, whole - 2 * second, scan));
+  EXPECT_TRUE(trustedRecord(whole - 3 * second, whole - 3 * second, scan));
+}
+
+// Opens the store after `damage` was done to its cache: the answer is right, the damaged cache
+// was not used, and it is written anew.
+void expectRebuiltAfter(const std::function<void(const std::string&)>& damage, const std::string& problem) {
+  TemporaryDirectory directory;
+  makeStore(directory.path() / "store", 12);
+  auto first = VdirStore::make(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  auto expected = answer(*first);
+  damage(cacheFileOf(*first));
+  auto second = VdirStore::make(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  EXPECT_FALSE(second->cacheStatus().loaded);
+  EXPECT_THAT(second->cacheStatus().loadProblem, ::testing::HasSubstr(problem));
+  EXPECT_EQ(second->parseCount(), 12u);
+  EXPECT_EQ(answer(*second), expected);
+  EXPECT_EQ(second->cacheStatus().writes, 1u);
+  auto third = VdirStore::make(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  EXPECT_TRUE(third->cacheStatus().loaded);
+  EXPECT_EQ(answer(*third), expected);
+}
+
+TEST(VdirCacheTest, aTruncatedCacheIsIgnoredAndRebuilt) {
+  expectRebuiltAfter([](const std::string& path) { fs::resize_file(path, fs::file_size(path) / 2); }, "length");
+  expectRebuiltAfter([](const std::string& path) { fs::resize_file(path, 10); }, "ends early");
+  expectRebuiltAfter([](const std::string& path) { fs::resize_file(path, 0); }, "ends early");
+}
+
+TEST(VdirCacheTest, aDamagedCacheIsIgnoredAndRebuilt) {
+  expectRebuiltAfter(
+      [](const std::string& path) {
+        std::string bytes = testing::readFile(path);
+        bytes[bytes.size() / 2] ^= 0x20;
+        writeFile(path, bytes);
+      },
+      "damaged");
+  expectRebuiltAfter([](const std::string& path) { writeFile(path, "BEGIN:VCALENDAR\r\nnot a cache\r\n"); },
+                     "not a cache");
+}
+
+TEST(VdirCacheTest, aCacheOfAnotherFormatIsIgnoredAndRebuilt) {
+  expectRebuiltAfter(
+      [](const std::string& path) {
+        std::string bytes = testing::readFile(path);
+        std::uint32_t format = kVdirCacheFormat + 1;
+        std::memcpy(bytes.data() + 8, &format, 4);
+        writeFile(path, bytes);
+      },
+      "format");
+}
+
+TEST(VdirCacheTest, aCacheOfAnotherStoreIsNotUsed) {
+  TemporaryDirectory directory;
+  makeStore(directory.path() / "other", 3);
+  auto other = VdirStore::make(storeOptions(directory.path() / "other", directory.path() / "cache"));
+  expectRebuiltAfter([&](const std::string& path) { fs::copy_file(cacheFileOf(*other), path, fs::copy_options::overwrite_existing); },
+                     "another store");
+}
+
+TEST(VdirCacheTest, aCacheWithABadPayloadUnderARightHeaderIsIgnored) {
+  TemporaryDirectory directory;
+  makeStore(directory.path() / "store", 4);
+  auto first = VdirStore::make(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  std::string bytes = testing::readFile(cacheFileOf(*first));
+  const std::string payload = bytes.substr(32);
+  VdirZones zones;
+  std::string problem;
+  // The payload starts with libical's version and the store's key, each a 32-bit length and bytes.
+  auto text = [&](std::size_t at) {
+    std::uint32_t length = 0;
+    std::memcpy(&length, payload.data() + at, 4);
+    return payload.substr(at + 4, length);
+  };
+  const std::string key = text(4 + text(0).size());
+  ASSERT_THAT(key, ::testing::HasSubstr("root="));
+  ASSERT_TRUE(decodeCache(sealCachePayload(payload), key, zones, 2, problem)) << problem;
+  // Every shorter payload, and one with each byte of a stretch changed, is refused or decodes to
+  // something well-formed; never a crash.
+  for (std::size_t length = 0; length < payload.size(); length += 7)
+    EXPECT_FALSE(decodeCache(sealCachePayload(payload.substr(0, length)), key, zones, 2, problem)) << length;
+  for (std::size_t at = 0; at < payload.size(); at += 13) {
+    std::string changed = payload;
+    changed[at] = static_cast<char>(~changed[at]);
+    decodeCache(sealCachePayload(changed), key, zones, 1, problem);
+  }
+}
+
+TEST(VdirCacheTest, storesOpenedByTwoProcessesAtOnceBothWorkAndLeaveAWholeCache) {
+  TemporaryDirectory directory;
+  makeStore(directory.path() / "store", 60);
+  const auto root = directory.path() / "store", cache = directory.path() / "cache";
+  std::vector<pid_t> children;
+  for (int child = 0; child < 4; ++child) {
+    pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      bool right = true;
+      for (int round = 0; round < 5; ++round) {
+        auto store = VdirStore::make(storeOptions(root, cache));
+        right = right && store->events(utc(2026, 1, 1), utc(2027, 1, 1), std::nullopt).size() == 60;
+      }
+      ::_exit(right ? 0 : 1);
+    }
+    children.push_back(pid);
+  }
+  for (int round = 0; round < 5; ++round) {
+    auto store = VdirStore::make(storeOptions(root, cache));
+    EXPECT_EQ(store->events(utc(2026, 1, 1), utc(2027, 1, 1), std::nullopt).size(), 60u);
+  }
+  for (pid_t pid : children) {
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+  auto last = VdirStore::make(storeOptions(root, cache));
+  EXPECT_TRUE(last->cacheStatus().loaded) << last->cacheStatus().loadProblem;
+  EXPECT_EQ(last->parseCount(), 0u);
+  // No temporary file is left behind.
+  std::size_t files = 0;
+  for (const auto& entry : fs::directory_iterator(fs::path(cacheFileOf(*last)).parent_path())) {
+    (void)entry;
+    ++files;
+  }
+  EXPECT_EQ(files, 1u);
+}
+
+TEST(VdirCacheTest, aCacheDirectoryThatCannotBeWrittenLeavesTheStoreServing) {
+  TemporaryDirectory directory;
+  makeStore(directory.path() / "store", 3);
+  writeFile(directory.path() / "not-a-directory", "a file where the cache directory should be");
+  auto store = VdirStore::make(storeOptions(directory.path() / "store", directory.path() / "not-a-directory"));
+  EXPECT_EQ(titles(*store).size(), 3u);
+  EXPECT_EQ(store->cacheStatus().writes, 0u);
+  EXPECT_FALSE(store->cacheStatus().writeProblem.empty());
+}
+
+TEST(VdirCacheTest, withoutACacheDirectoryNothingIsWritten) {
+  TemporaryDirectory directory;
+  makeStore(directory.path() / "store", 3);
+  auto options = storeOptions(directory.path() / "store", directory.path() / "cache");
+  options.cacheDirectory = "";
+  auto store = VdirStore::make(options);
+  EXPECT_EQ(titles(*store).size(), 3u);
+  EXPECT_TRUE(store->cacheStatus().path.empty());
+  EXPECT_FALSE(fs::exists(directory.path() / "cache"));
+}
+
+}  // namespace
+}  // namespace vesp::vdir

@@ -1,0 +1,84 @@
+// Fuzzes the decoding of the store's persistent cache: a payload (after the header, which the
+// harness seals so that the payload's own checks are what is tested) is decoded, and whatever
+// decodes is used as the store would use it: every series expanded over a month and ten years,
+// every occurrence and to-do turned into the data model's records. Nothing may crash, hang, leak
+// or trip a sanitizer; a payload that is not a cache must be refused.
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "Vesp/VespEventInstance.h"
+#include "Vesp/VespReminder.h"
+#include "platforms/vdir/VdirCache.h"
+#include "platforms/vdir/VdirExpansion.h"
+#include "platforms/vdir/VdirObjects.h"
+#include "platforms/vdir/VdirZones.h"
+
+namespace {
+
+// The payload starts with libical's version and the store's key (each a 32-bit length and its
+// bytes); the key is taken from the input, so that decoding goes past it.
+std::string keyOf(std::string_view payload) {
+  auto text = [&](std::size_t at) -> std::string_view {
+    if (at + 4 > payload.size()) return {};
+    std::uint32_t length = 0;
+    std::memcpy(&length, payload.data() + at, 4);
+    if (length > payload.size() - at - 4) return {};
+    return payload.substr(at + 4, length);
+  };
+  return std::string(text(4 + text(0).size()));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  using namespace vesp::vdir;
+  std::string_view payload(reinterpret_cast<const char*>(data), size);
+  VdirZones zones;
+  VdirClock clock("Europe/Berlin");
+  std::string problem;
+  auto records = decodeCache(sealCachePayload(payload), keyOf(payload), zones, 1, problem);
+  if (!records) return 0;
+  VdirCalendarFields fields;
+  fields.identifier = "account/calendar";
+  fields.title = "Calendar";
+  fields.color = ::platform::CGColorCreate(0.1, 0.2, 0.3, 1.0);
+  fields.source = std::make_shared<VdirSource>(".", 0, "Local");
+  auto calendar = std::make_shared<VdirCalendar>(fields);
+  VdirExpansionLimits limits;
+  limits.maximumSecondsPerSeries = 0.5;
+  for (const auto& [path, record] : *records) {
+    if (!record.item) continue;
+    for (const auto& series : record.item->series) {
+      for (auto [from, to] : {std::pair{1793491200.0, 1796083200.0}, std::pair{1577836800.0, 1893456000.0}}) {
+        std::vector<VdirOccurrence> occurrences;
+        expandSeries(series, clock, from, to, limits, occurrences, problem);
+        std::size_t converted = 0;
+        for (const auto& occurrence : occurrences) {
+          if (++converted > 50) break;
+          VdirOccurrenceFields occurrenceFields;
+          occurrenceFields.item = record.item;
+          occurrenceFields.series = &series;
+          occurrenceFields.component = occurrence.component;
+          occurrenceFields.calendar = calendar;
+          occurrenceFields.eventIdentifier = series.identifier;
+          occurrenceFields.start = ::platform::Date::fromTimeIntervalSince1970(occurrence.start);
+          occurrenceFields.end = ::platform::Date::fromTimeIntervalSince1970(occurrence.end);
+          occurrenceFields.occurrence = ::platform::Date::fromTimeIntervalSince1970(occurrence.occurrence);
+          occurrenceFields.detached = occurrence.detached;
+          VdirEvent event(occurrenceFields);
+          vesp::VespEventInstance instance(event);
+          (void)instance;
+        }
+      }
+    }
+    for (const auto& todo : record.item->todos) {
+      VdirReminder reminder(record.item, &todo, calendar);
+      vesp::VespReminder converted(reminder);
+      (void)converted;
+    }
+  }
+  return 0;
+}

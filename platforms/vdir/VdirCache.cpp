@@ -1,6 +1,7 @@
 #include "platforms/vdir/VdirCache.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -662,23 +663,28 @@ std::optional<VdirFileRecords> readCache(const std::string& path, const std::str
     problem = errno == ENOENT ? "no cache yet" : errorText("the cache cannot be read");
     return std::nullopt;
   }
-  std::string bytes;
   struct stat status {};
-  if (::fstat(fd, &status) == 0 && status.st_size > 0) bytes.reserve(static_cast<std::size_t>(status.st_size));
-  char buffer[1 << 16];
-  for (;;) {
-    ssize_t count = ::read(fd, buffer, sizeof buffer);
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) {
-      problem = errorText("the cache cannot be read");
-      ::close(fd);
-      return std::nullopt;
-    }
-    if (count == 0) break;
-    bytes.append(buffer, static_cast<std::size_t>(count));
+  if (::fstat(fd, &status) != 0) {
+    problem = errorText("the cache cannot be read");
+    ::close(fd);
+    return std::nullopt;
   }
+  if (status.st_size == 0) {
+    ::close(fd);
+    return decodeCache({}, key, zones, threads, problem);
+  }
+  // Mapped, not copied: decoding copies what it keeps. The file is replaced by rename, never
+  // rewritten in place, so the mapping stays as it was read.
+  const auto size = static_cast<std::size_t>(status.st_size);
+  void* mapped = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_POPULATE, fd, 0);
   ::close(fd);
-  return decodeCache(bytes, key, zones, threads, problem);
+  if (mapped == MAP_FAILED) {
+    problem = errorText("the cache cannot be read");
+    return std::nullopt;
+  }
+  auto records = decodeCache(std::string_view(static_cast<const char*>(mapped), size), key, zones, threads, problem);
+  ::munmap(mapped, size);
+  return records;
 }
 
 std::optional<std::string> writeCacheFile(const std::string& path, std::string_view bytes) {

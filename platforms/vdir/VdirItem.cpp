@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <map>
 #include <set>
+#include <string_view>
 
 #include "platforms/vdir/VdirText.h"
 #include "platforms/vdir/VdirZones.h"
@@ -159,6 +160,29 @@ class Reader {
       diagnostics_.push_back(std::move(diagnostic));
   }
 
+  // The text of each VTIMEZONE in the file as written, by TZID: the key of its zone, found without
+  // serialising the parsed component again (that cost as much as the rest of the file).
+  void collectZoneTexts(std::string_view text) {
+    constexpr std::string_view begin = "BEGIN:VTIMEZONE", end = "END:VTIMEZONE";
+    for (std::size_t at = text.find(begin); at != std::string_view::npos; at = text.find(begin, at + 1)) {
+      std::size_t stop = text.find(end, at);
+      if (stop == std::string_view::npos) return;
+      std::string_view block = text.substr(at, stop + end.size() - at);
+      // Its first TZID line, unless folded (then the definition is serialised instead).
+      std::size_t line = block.find("\nTZID");
+      if (line == std::string_view::npos) continue;
+      std::size_t lineEnd = block.find('\n', line + 1);
+      if (lineEnd == std::string_view::npos || lineEnd + 1 >= block.size() || block[lineEnd + 1] == ' ' ||
+          block[lineEnd + 1] == '\t')
+        continue;
+      std::string_view tzidLine = block.substr(line + 1, lineEnd - line - 1);
+      if (!tzidLine.empty() && tzidLine.back() == '\r') tzidLine.remove_suffix(1);
+      std::size_t colon = tzidLine.find(':');
+      if (colon == std::string_view::npos) continue;
+      zoneTexts_.emplace(std::string(tzidLine.substr(colon + 1)), block);
+    }
+  }
+
   void collectZones(icalcomponent* calendar) {
     for (icalcomponent* zone = icalcomponent_get_first_component(calendar, ICAL_VTIMEZONE_COMPONENT); zone;
          zone = icalcomponent_get_next_component(calendar, ICAL_VTIMEZONE_COMPONENT)) {
@@ -195,7 +219,12 @@ class Reader {
     auto memo = resolved_.find(*tzid);
     if (memo == resolved_.end()) {
       auto found = definitions_.find(*tzid);
-      memo = resolved_.emplace(*tzid, context_.zones->zoneFor(*tzid, found == definitions_.end() ? nullptr : found->second))
+      icalcomponent* definition = found == definitions_.end() ? nullptr : found->second;
+      auto text = zoneTexts_.find(*tzid);
+      memo = resolved_
+                 .emplace(*tzid, definition && text != zoneTexts_.end()
+                                     ? context_.zones->zoneFor(*tzid, definition, text->second)
+                                     : context_.zones->zoneFor(*tzid, definition))
                  .first;
     }
     auto [zone, name] = memo->second;
@@ -610,19 +639,20 @@ class Reader {
   std::vector<VdirDiagnostic>& diagnostics_;
   std::map<std::string, icalcomponent*> definitions_;
   std::map<std::string, std::pair<const icaltimezone*, std::string>> resolved_;
+  std::map<std::string, std::string_view, std::less<>> zoneTexts_;  // into the file's text
 };
 
 // The text with END lines added for every component left open, or nothing when none is.
 std::optional<std::string> closedText(const std::string& text) {
-  std::vector<std::string> open;
+  std::vector<std::string_view> open;
   std::size_t at = 0;
-  std::string lastLine;
+  std::string_view lastLine;
   while (at < text.size()) {
     std::size_t end = text.find('\n', at);
-    std::string line = text.substr(at, end == std::string::npos ? std::string::npos : end - at);
-    if (!line.empty() && line.back() == '\r') line.pop_back();
-    if (line.rfind("BEGIN:", 0) == 0) open.push_back(line.substr(6));
-    if (line.rfind("END:", 0) == 0 && !open.empty()) open.pop_back();
+    std::string_view line = std::string_view(text).substr(at, end == std::string::npos ? std::string::npos : end - at);
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+    if (line.starts_with("BEGIN:")) open.push_back(line.substr(6));
+    if (line.starts_with("END:") && !open.empty()) open.pop_back();
     lastLine = line;
     if (end == std::string::npos) break;
     at = end + 1;
@@ -633,7 +663,11 @@ std::optional<std::string> closedText(const std::string& text) {
     // A line cut off in the middle is dropped: its value is incomplete.
     closed.erase(closed.size() - lastLine.size());
   }
-  for (auto it = open.rbegin(); it != open.rend(); ++it) closed += "END:" + *it + "\r\n";
+  for (auto it = open.rbegin(); it != open.rend(); ++it) {
+    closed += "END:";
+    closed += *it;
+    closed += "\r\n";
+  }
   return closed;
 }
 
@@ -690,6 +724,7 @@ VdirParseResult parseItem(const std::string& relativePath, const std::string& fi
     source = &utf8;
     reader.report(VdirDiagnostic::Action::repaired, "bytes that are not UTF-8 were replaced by U+FFFD");
   }
+  reader.collectZoneTexts(*source);
   ComponentHolder root;
   root.component = icalparser_parse_string(source->c_str());
   if (!root.component && source->find("BEGIN:VCALENDAR") != std::string::npos) {

@@ -414,6 +414,11 @@ bool VdirStore::rescan() {
   }
   runOnEveryCore(slots.size(), 1024, [&](std::size_t at) {
     Slot& slot = slots[at];
+    // A file not seen before is read in any case (and looked at when it is opened).
+    if (slot.previous == kNone) {
+      slot.parse = true;
+      return;
+    }
     struct stat status {};
     if (::fstatat(slot.directory, slot.directory == AT_FDCWD ? slot.path.c_str() : slot.name.c_str(), &status, 0) != 0) {
       // Gone since the listing (deleted or renamed): nothing to serve and nothing lost; the
@@ -437,7 +442,8 @@ bool VdirStore::rescan() {
     slot.record.modified = nanoseconds(status.st_mtim);
     slot.record.changed = nanoseconds(status.st_ctim);
     if (slot.previous != kNone && files_[slot.previous].second.sameVersion(slot.record)) {
-      slot.record = files_[slot.previous].second;
+      // Each record is matched to one file at most, and files_ is replaced after the scan.
+      slot.record = std::move(files_[slot.previous].second);
     } else if (static_cast<std::uintmax_t>(status.st_size) > options_.maximumFileSize) {
       slot.record.diagnostics.push_back(tooLarge(slot.relative, status.st_size));
     } else {

@@ -34,7 +34,12 @@ std::pair<const icaltimezone*, std::string> VdirZones::zoneFor(const std::string
     text = serialised ? serialised : "";
     std::free(serialised);
   }
-  return zoneFor(tzid, definition, std::move(text));
+  return build(tzid, definition, text);
+}
+
+std::pair<const icaltimezone*, std::string> VdirZones::zoneFor(const std::string& tzid, icalcomponent* definition,
+                                                              std::string_view text) {
+  return build(tzid, definition, text);
 }
 
 std::pair<const icaltimezone*, std::string> VdirZones::zoneFor(const std::string& tzid,
@@ -49,16 +54,17 @@ std::pair<const icaltimezone*, std::string> VdirZones::zoneFor(const std::string
     icalcomponent_free(definition);
     definition = nullptr;
   }
-  auto result = zoneFor(tzid, definition, definitionText);
+  auto result = build(tzid, definition, definitionText);
   if (definition) icalcomponent_free(definition);
   return result;
 }
 
-std::pair<const icaltimezone*, std::string> VdirZones::zoneFor(const std::string& tzid, icalcomponent* definition,
-                                                              std::string text) {
+std::pair<const icaltimezone*, std::string> VdirZones::build(const std::string& tzid, icalcomponent* definition,
+                                                            std::string_view text) {
   const std::string name = ianaNameOfTzid(tzid);
   if (definition) {
-    std::string key = tzid + '\n' + text;
+    std::string key = tzid + '\n';
+    key += text;
     std::unique_lock lock(mutex_);
     auto found = defined_.find(key);
     if (found != defined_.end()) {
@@ -72,7 +78,9 @@ std::pair<const icaltimezone*, std::string> VdirZones::zoneFor(const std::string
       // A definition needs at least one STANDARD or DAYLIGHT observance to give offsets.
       bool usable = icalcomponent_get_first_component(copy, ICAL_XSTANDARD_COMPONENT) ||
                     icalcomponent_get_first_component(copy, ICAL_XDAYLIGHT_COMPONENT);
-      if (usable && zone && icaltimezone_set_component(zone, copy)) {
+      // The zone owns the copy only once it is set (a definition without a TZID is refused).
+      bool set = usable && zone && icaltimezone_set_component(zone, copy);
+      if (set) {
         lock.lock();
         auto [at, inserted] = defined_.emplace(key, std::make_pair(zone, name));
         if (inserted) {
@@ -83,7 +91,7 @@ std::pair<const icaltimezone*, std::string> VdirZones::zoneFor(const std::string
         icaltimezone_free(zone, 1);
         if (at->second.first) return at->second;
       } else {
-        if (!usable || !zone) icalcomponent_free(copy);
+        icalcomponent_free(copy);
         if (zone) icaltimezone_free(zone, 1);
         lock.lock();
         defined_.emplace(key, std::make_pair(nullptr, name));

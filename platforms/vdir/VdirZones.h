@@ -13,6 +13,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 
 namespace vesp::vdir {
@@ -27,7 +28,11 @@ class VdirZones {
   // The zone for `tzid` as `definition` (a VTIMEZONE, or null) defines it, and its IANA name;
   // null when the TZID is neither defined usably nor known by name.
   std::pair<const icaltimezone*, std::string> zoneFor(const std::string& tzid, icalcomponent* definition);
-  // The same, from a definition's text (as `definitionOf` gives it).
+  // The same, with the definition's text as the file has it (its key, instead of the parsed
+  // definition serialised again).
+  std::pair<const icaltimezone*, std::string> zoneFor(const std::string& tzid, icalcomponent* definition,
+                                                      std::string_view text);
+  // The same, from a definition's text alone (as `definitionOf` gives it).
   std::pair<const icaltimezone*, std::string> zoneFor(const std::string& tzid, const std::string& definitionText);
 
   // The TZID and VTIMEZONE text a zone of this object was built from; absent for zones it did
@@ -37,8 +42,8 @@ class VdirZones {
   std::size_t definedZoneCount() const;
 
  private:
-  std::pair<const icaltimezone*, std::string> zoneFor(const std::string& tzid, icalcomponent* definition,
-                                                      std::string text);
+  std::pair<const icaltimezone*, std::string> build(const std::string& tzid, icalcomponent* definition,
+                                                    std::string_view text);
 
   mutable std::mutex mutex_;
   std::map<std::string, std::pair<icaltimezone*, std::string>> defined_;  // by TZID and definition text

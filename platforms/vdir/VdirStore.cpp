@@ -138,6 +138,7 @@ VdirStore::~VdirStore() {
     else
       watcher_.join();
   }
+  flushCache();
   // Items may outlive the store (in objects a host still holds), but they never touch zones again.
   {
     std::lock_guard lock(indexMutex_);
@@ -205,6 +206,8 @@ void VdirStore::reportRuntime(VdirDiagnostic diagnostic) {
 
 bool VdirStore::rescan() {
   std::lock_guard rescanLock(rescanMutex_);
+  // The cache written after the last scan reads files_, which this scan replaces.
+  if (cacheWriter_.joinable()) cacheWriter_.join();
   ++rescans_;
   timespec now{};
   ::clock_gettime(CLOCK_REALTIME, &now);
@@ -605,8 +608,14 @@ bool VdirStore::rescan() {
     snapshot_ = std::move(next);
     if (changed) runtime_.clear();
   }
-  if (cacheStale_ && !cacheKey_.empty()) writeCache(scannedAt);
+  // Written in the background: the store answers meanwhile.
+  if (cacheStale_ && !cacheKey_.empty()) cacheWriter_ = std::thread([this, scannedAt] { writeCache(scannedAt); });
   return changed;
+}
+
+void VdirStore::flushCache() {
+  std::lock_guard rescanLock(rescanMutex_);
+  if (cacheWriter_.joinable()) cacheWriter_.join();
 }
 
 void VdirStore::writeCache(std::int64_t scannedAt) {

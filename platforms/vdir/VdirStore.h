@@ -152,6 +152,9 @@ class VdirStore : public std::enable_shared_from_this<VdirStore> {
   // libical iterator runs for recurring series (one per series and run of uncached periods).
   std::uint64_t expansionCount() const { return expansions_.load(); }
   VdirCacheStatus cacheStatus() const;
+  // The cache is written in the background after a scan that changed what it holds; this waits
+  // until that is done (the store's destruction waits too).
+  void flushCache();
   // Makes the watcher lose the next events it reads, as when the kernel's event queue overflows,
   // and handle the overflow event instead (for tests).
   void simulateQueueOverflow();
@@ -197,6 +200,7 @@ class VdirStore : public std::enable_shared_from_this<VdirStore> {
   std::vector<VdirDiagnostic> runtime_;
 
   std::mutex rescanMutex_;  // one rescan at a time; guards files_, calendars_, cache*_
+  std::thread cacheWriter_;  // writes the cache after a scan; reads files_ until joined
   VdirFileRecords files_;
   bool cacheStale_ = true;  // the cache on disk does not hold what files_ holds
   std::string cacheKey_;

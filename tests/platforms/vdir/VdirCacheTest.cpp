@@ -71,16 +71,23 @@ void makeStore(const fs::path& root, int count) {
 
 std::string cacheFileOf(const VdirStore& store) { return store.cacheStatus().path; }
 
+// A store opened once its cache is written (it is written in the background).
+std::shared_ptr<VdirStore> openFlushed(const VdirStoreOptions& options) {
+  auto store = VdirStore::make(options);
+  store->flushCache();
+  return store;
+}
+
 TEST(VdirCacheTest, anUnchangedStoreIsReopenedFromTheCacheWithoutParsingAndAnswersTheSame) {
   TemporaryDirectory directory;
   makeStore(directory.path() / "store", 20);
-  auto first = VdirStore::make(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  auto first = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"));
   EXPECT_FALSE(first->cacheStatus().loaded);
   EXPECT_EQ(first->parseCount(), 20u);
   EXPECT_EQ(first->cacheStatus().writes, 1u);
   EXPECT_TRUE(fs::exists(cacheFileOf(*first)));
 
-  auto second = VdirStore::make(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  auto second = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"));
   EXPECT_TRUE(second->cacheStatus().loaded);
   EXPECT_EQ(second->cacheStatus().loadedFiles, 20u);
   EXPECT_EQ(second->parseCount(), 0u);
@@ -95,13 +102,13 @@ TEST(VdirCacheTest, everyFieldOfTheMappingAndSeriesCorporaSurvivesTheCache) {
     fs::copy(testData(corpus), directory.path() / "store", fs::copy_options::recursive);
     std::this_thread::sleep_for(std::chrono::milliseconds(120));
     auto options = storeOptions(directory.path() / "store", directory.path() / "cache");
-    auto uncached = VdirStore::make([&] {
+    auto uncached = openFlushed([&] {
       auto o = options;
       o.cacheDirectory = "";
       return o;
     }());
-    auto writing = VdirStore::make(options);
-    auto reading = VdirStore::make(options);
+    auto writing = openFlushed(options);
+    auto reading = openFlushed(options);
     ASSERT_TRUE(reading->cacheStatus().loaded) << corpus << ": " << reading->cacheStatus().loadProblem;
     EXPECT_EQ(reading->parseCount(), 0u) << corpus;
     auto expected = answer(*uncached);
@@ -117,11 +124,11 @@ TEST(VdirCacheTest, everyFieldOfTheMappingAndSeriesCorporaSurvivesTheCache) {
 TEST(VdirCacheTest, onlyTheFilesThatChangedAreParsedAgain) {
   TemporaryDirectory directory;
   makeStore(directory.path() / "store", 10);
-  VdirStore::make(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"));
   writeFile(directory.path() / "store/cal/e3.ics", event(3, "Changed three"));
   writeFile(directory.path() / "store/cal/e7.ics", event(7, "Changed seven, and longer"));
   std::this_thread::sleep_for(std::chrono::milliseconds(120));
-  auto reopened = VdirStore::make(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  auto reopened = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"));
   EXPECT_TRUE(reopened->cacheStatus().loaded);
   EXPECT_EQ(reopened->parseCount(), 2u);
   auto served = titles(*reopened);
@@ -133,10 +140,10 @@ TEST(VdirCacheTest, onlyTheFilesThatChangedAreParsedAgain) {
 TEST(VdirCacheTest, aDeletedFileIsGoneAndARenamedFileIsServedUnderItsNewName) {
   TemporaryDirectory directory;
   makeStore(directory.path() / "store", 5);
-  VdirStore::make(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"));
   fs::remove(directory.path() / "store/cal/e1.ics");
   fs::rename(directory.path() / "store/cal/e2.ics", directory.path() / "store/cal/renamed.ics");
-  auto reopened = VdirStore::make(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  auto reopened = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"));
   EXPECT_EQ(reopened->parseCount(), 1u);  // the renamed file, under its new path
   EXPECT_THAT(titles(*reopened), ::testing::ElementsAre("cal/renamed.ics Event 2", "cal/e3.ics Event 3",
                                                         "cal/e4.ics Event 4", "cal/e5.ics Event 5"));
@@ -150,13 +157,13 @@ TEST(VdirCacheTest, aFileChangedWithinTheTimestampGranularityOfTheScanIsNeverTru
   ASSERT_EQ(::stat(file.c_str(), &before), 0);
   // Opened at once: the file's times are as new as the scan, so a change within the same tick
   // could keep size and times as they are.
-  auto first = VdirStore::make(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  auto first = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"));
   EXPECT_THAT(titles(*first), ::testing::ElementsAre("cal/racy.ics Version A"));
   // Changed to another text of the same size, its modification time put back as it was.
   writeFile(file, event(4, "Version B"));
   timespec times[2] = {before.st_atim, before.st_mtim};
   ASSERT_EQ(::utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
-  auto second = VdirStore::make(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  auto second = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"));
   EXPECT_EQ(second->parseCount(), 1u);  // not taken from the cache
   EXPECT_THAT(titles(*second), ::testing::ElementsAre("cal/racy.ics Version B"));
 }
@@ -181,16 +188,16 @@ TEST(VdirCacheTest, recordsAreTrustedOnlyWhenOlderThanTheTimestampGranularity) {
 void expectRebuiltAfter(const std::function<void(const std::string&)>& damage, const std::string& problem) {
   TemporaryDirectory directory;
   makeStore(directory.path() / "store", 12);
-  auto first = VdirStore::make(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  auto first = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"));
   auto expected = answer(*first);
   damage(cacheFileOf(*first));
-  auto second = VdirStore::make(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  auto second = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"));
   EXPECT_FALSE(second->cacheStatus().loaded);
   EXPECT_THAT(second->cacheStatus().loadProblem, ::testing::HasSubstr(problem));
   EXPECT_EQ(second->parseCount(), 12u);
   EXPECT_EQ(answer(*second), expected);
   EXPECT_EQ(second->cacheStatus().writes, 1u);
-  auto third = VdirStore::make(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  auto third = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"));
   EXPECT_TRUE(third->cacheStatus().loaded);
   EXPECT_EQ(answer(*third), expected);
 }
@@ -227,7 +234,7 @@ TEST(VdirCacheTest, aCacheOfAnotherFormatIsIgnoredAndRebuilt) {
 TEST(VdirCacheTest, aCacheOfAnotherStoreIsNotUsed) {
   TemporaryDirectory directory;
   makeStore(directory.path() / "other", 3);
-  auto other = VdirStore::make(storeOptions(directory.path() / "other", directory.path() / "cache"));
+  auto other = openFlushed(storeOptions(directory.path() / "other", directory.path() / "cache"));
   expectRebuiltAfter([&](const std::string& path) { fs::copy_file(cacheFileOf(*other), path, fs::copy_options::overwrite_existing); },
                      "another store");
 }
@@ -235,7 +242,7 @@ TEST(VdirCacheTest, aCacheOfAnotherStoreIsNotUsed) {
 TEST(VdirCacheTest, aCacheWithABadPayloadUnderARightHeaderIsIgnored) {
   TemporaryDirectory directory;
   makeStore(directory.path() / "store", 4);
-  auto first = VdirStore::make(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  auto first = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"));
   std::string bytes = testing::readFile(cacheFileOf(*first));
   const std::string payload = bytes.substr(32);
   VdirZones zones;
@@ -271,7 +278,7 @@ TEST(VdirCacheTest, storesOpenedByTwoProcessesAtOnceBothWorkAndLeaveAWholeCache)
     if (pid == 0) {
       bool right = true;
       for (int round = 0; round < 5; ++round) {
-        auto store = VdirStore::make(storeOptions(root, cache));
+        auto store = openFlushed(storeOptions(root, cache));
         right = right && store->events(utc(2026, 1, 1), utc(2027, 1, 1), std::nullopt).size() == 60;
       }
       ::_exit(right ? 0 : 1);
@@ -279,7 +286,7 @@ TEST(VdirCacheTest, storesOpenedByTwoProcessesAtOnceBothWorkAndLeaveAWholeCache)
     children.push_back(pid);
   }
   for (int round = 0; round < 5; ++round) {
-    auto store = VdirStore::make(storeOptions(root, cache));
+    auto store = openFlushed(storeOptions(root, cache));
     EXPECT_EQ(store->events(utc(2026, 1, 1), utc(2027, 1, 1), std::nullopt).size(), 60u);
   }
   for (pid_t pid : children) {
@@ -287,7 +294,7 @@ TEST(VdirCacheTest, storesOpenedByTwoProcessesAtOnceBothWorkAndLeaveAWholeCache)
     ASSERT_EQ(::waitpid(pid, &status, 0), pid);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
   }
-  auto last = VdirStore::make(storeOptions(root, cache));
+  auto last = openFlushed(storeOptions(root, cache));
   EXPECT_TRUE(last->cacheStatus().loaded) << last->cacheStatus().loadProblem;
   EXPECT_EQ(last->parseCount(), 0u);
   // No temporary file is left behind.
@@ -303,7 +310,7 @@ TEST(VdirCacheTest, aCacheDirectoryThatCannotBeWrittenLeavesTheStoreServing) {
   TemporaryDirectory directory;
   makeStore(directory.path() / "store", 3);
   writeFile(directory.path() / "not-a-directory", "a file where the cache directory should be");
-  auto store = VdirStore::make(storeOptions(directory.path() / "store", directory.path() / "not-a-directory"));
+  auto store = openFlushed(storeOptions(directory.path() / "store", directory.path() / "not-a-directory"));
   EXPECT_EQ(titles(*store).size(), 3u);
   EXPECT_EQ(store->cacheStatus().writes, 0u);
   EXPECT_FALSE(store->cacheStatus().writeProblem.empty());
@@ -314,7 +321,7 @@ TEST(VdirCacheTest, withoutACacheDirectoryNothingIsWritten) {
   makeStore(directory.path() / "store", 3);
   auto options = storeOptions(directory.path() / "store", directory.path() / "cache");
   options.cacheDirectory = "";
-  auto store = VdirStore::make(options);
+  auto store = openFlushed(options);
   EXPECT_EQ(titles(*store).size(), 3u);
   EXPECT_TRUE(store->cacheStatus().path.empty());
   EXPECT_FALSE(fs::exists(directory.path() / "cache"));

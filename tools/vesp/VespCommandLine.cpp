@@ -31,6 +31,28 @@ namespace vesp::tool {
 
 namespace {
 
+// A JSON array written one element at a time, byte for byte as the whole array's dump(2) would be
+// (a month of a large store is tens of thousands of records: no document of them all is built).
+template <typename Records>
+void writeArray(std::ostream& out, const Records& records) {
+  if (records.empty()) {
+    out << "[]\n";
+    return;
+  }
+  out << "[\n";
+  std::size_t left = records.size();
+  for (const auto& record : records) {
+    std::string text = toJSON(record).dump(2, ' ', false, nlohmann::json::error_handler_t::replace);
+    out << "  ";
+    std::size_t from = 0;
+    for (std::size_t at; (at = text.find('\n', from)) != std::string::npos; from = at + 1)
+      out.write(text.data() + from, static_cast<std::streamsize>(at + 1 - from)) << "  ";
+    out.write(text.data() + from, static_cast<std::streamsize>(text.size() - from));
+    out << (--left > 0 ? ",\n" : "\n");
+  }
+  out << "]\n";
+}
+
 using nlohmann::json;
 using platform::Date;
 
@@ -341,9 +363,7 @@ int runVesp(int argc, const char* const* argv, std::ostream& out, std::ostream& 
       auto found = valueOrExit(calendars->parsed() ? manager.getAllEventCalendars() : manager.getAllReminderLists(),
                                kExitFailure);
       if (asJSON) {
-        json array = json::array();
-        for (const auto& calendar : found) array.push_back(toJSON(calendar));
-        out << array.dump(2, ' ', false, json::error_handler_t::replace) << '\n';
+        writeArray(out, found);
       } else {
         printCalendars(out, found, style);
       }
@@ -360,9 +380,7 @@ int runVesp(int argc, const char* const* argv, std::ostream& out, std::ostream& 
         auto query = queryOf(calendarIds, valueOrExit(manager.getAllEventCalendars(), kExitFailure), "calendars");
         auto found = valueOrExit(manager.getEventInstances(start, end, query), kExitFailure);
         if (asJSON) {
-          json array = json::array();
-          for (const auto& instance : found) array.push_back(toJSON(instance));
-          out << array.dump(2, ' ', false, json::error_handler_t::replace) << '\n';
+          writeArray(out, found);
         } else {
           printAgenda(out, found, style);
         }
@@ -370,9 +388,7 @@ int runVesp(int argc, const char* const* argv, std::ostream& out, std::ostream& 
         auto query = queryOf(listIds, valueOrExit(manager.getAllReminderLists(), kExitFailure), "reminder-lists");
         auto found = valueOrExit(manager.getReminders(start, end, query), kExitFailure);
         if (asJSON) {
-          json array = json::array();
-          for (const auto& item : found) array.push_back(toJSON(item));
-          out << array.dump(2, ' ', false, json::error_handler_t::replace) << '\n';
+          writeArray(out, found);
         } else {
           printReminders(out, found, style);
         }

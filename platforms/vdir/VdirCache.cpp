@@ -289,7 +289,6 @@ class Encoder {
     w_.flag(file.item != nullptr);
     if (!file.item) return;
     const VdirItem& item = *file.item;
-    w_.text(item.fileName);
     w_.text(item.relativePath);
     w_.u32(static_cast<std::uint32_t>(item.series.size()));
     for (const auto& s : item.series) series(s);
@@ -470,7 +469,6 @@ class Decoder {
     }
     if (!r_.flag()) return entry;
     auto item = std::make_shared<VdirItem>();
-    item->fileName = r_.text();
     item->relativePath = r_.text();
     if (item->relativePath != entry.first) throw Corrupt("an item filed under another path");
     item->series.resize(r_.count(16));

@@ -758,7 +758,6 @@ VdirParseResult parseItem(const std::string& relativePath, const std::string& fi
   reader.collectErrors(root.component);
 
   auto item = std::make_shared<VdirItem>();
-  item->fileName = fileName;
   item->relativePath = relativePath;
   // VEVENTs grouped by UID, in the order their UIDs first appear.
   struct Group {

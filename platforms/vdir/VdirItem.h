@@ -129,7 +129,6 @@ struct VdirSeriesData {
 // (each UID its own series); all are served. The first keeps the file's path as identifier, the
 // others add "#" and their UID (or their position, when the UID is missing or repeated).
 struct VdirItem {
-  std::string fileName;      // within its collection
   std::string relativePath;  // within the store
   std::vector<VdirSeriesData> series;
   std::vector<VdirComponentData> todos;

@@ -32,6 +32,15 @@ std::int64_t nanoseconds(const timespec& time) {
 
 bool hidden(const std::string& name) { return name.empty() || name[0] == '.'; }
 
+// The version of a file a record is valid for.
+void setVersion(VdirFileRecord& record, const struct stat& status) {
+  record.device = status.st_dev;
+  record.inode = status.st_ino;
+  record.size = status.st_size;
+  record.modified = nanoseconds(status.st_mtim);
+  record.changed = nanoseconds(status.st_ctim);
+}
+
 bool endsWith(const std::string& text, const std::string& suffix) {
   return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
@@ -261,51 +270,58 @@ bool VdirStore::rescan() {
   };
 
   // Directory entries by name, sorted, hidden ones left out (read with readdir: a store has
-  // thousands of files, and the entry type saves a stat for most of them).
+  // thousands of files, and the entry type saves a stat for most of them). An entry's path is
+  // made only when it is needed.
   struct Listed {
-    std::string name, path;
+    std::string name;
     unsigned char type = DT_UNKNOWN;
-    bool isLink() const {
-      if (type != DT_UNKNOWN) return type == DT_LNK;
+  };
+  struct Listing {
+    std::string directory;
+    std::vector<Listed> entries;
+    std::string pathOf(const Listed& entry) const { return directory + "/" + entry.name; }
+    bool isLink(const Listed& entry) const {
+      if (entry.type != DT_UNKNOWN) return entry.type == DT_LNK;
       struct stat status {};
-      return ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+      return ::lstat(pathOf(entry).c_str(), &status) == 0 && S_ISLNK(status.st_mode);
     }
-    bool isDirectory() const {
-      if (type == DT_DIR) return true;
-      if (type != DT_UNKNOWN && type != DT_LNK) return false;
+    bool isDirectory(const Listed& entry) const {
+      if (entry.type == DT_DIR) return true;
+      if (entry.type != DT_UNKNOWN && entry.type != DT_LNK) return false;
       struct stat status {};
-      return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+      return ::stat(pathOf(entry).c_str(), &status) == 0 && S_ISDIR(status.st_mode);
     }
   };
-  auto list = [&](const std::string& directory, const std::string& relative) {
-    std::vector<Listed> entries;
-    DIR* handle = ::opendir(directory.c_str());
+  auto list = [&](std::string directory, const std::string& relative) {
+    Listing listing;
+    listing.directory = std::move(directory);
+    DIR* handle = ::opendir(listing.directory.c_str());
     if (!handle) {
       problem(relative.empty() ? "." : relative, VdirDiagnostic::Action::skipped,
               std::string("directory cannot be read: ") + std::strerror(errno));
-      return entries;
+      return listing;
     }
     while (dirent* entry = ::readdir(handle)) {
-      std::string name = entry->d_name;
-      if (hidden(name)) continue;
-      entries.push_back({name, directory + "/" + name, entry->d_type});
+      if (entry->d_name[0] == '\0' || entry->d_name[0] == '.') continue;
+      listing.entries.push_back({entry->d_name, entry->d_type});
     }
     ::closedir(handle);
-    std::sort(entries.begin(), entries.end(), [](const Listed& a, const Listed& b) { return a.name < b.name; });
-    return entries;
+    std::sort(listing.entries.begin(), listing.entries.end(),
+              [](const Listed& a, const Listed& b) { return a.name < b.name; });
+    return listing;
   };
   // Symbolic links are followed only when they stay inside the store root.
   const std::string rootPrefix = canonicalRoot.string() + "/";
-  auto insideRoot = [&](const Listed& entry, const std::string& relative) {
-    if (!entry.isLink()) return true;
+  auto insideRoot = [&](const Listing& listing, const Listed& entry, const std::string& relative) {
+    if (!listing.isLink(entry)) return true;
     std::error_code linkError;
-    fs::path target = fs::weakly_canonical(fs::path(entry.path), linkError);
+    fs::path target = fs::weakly_canonical(fs::path(listing.pathOf(entry)), linkError);
     if (!linkError && target.string().rfind(rootPrefix, 0) == 0) return true;
     problem(relative, VdirDiagnostic::Action::skipped, "symbolic link leaves the store root");
     return false;
   };
-  auto isCollection = [&](const std::vector<Listed>& entries) {
-    for (const auto& entry : entries)
+  auto isCollection = [&](const Listing& listing) {
+    for (const auto& entry : listing.entries)
       if (entry.name == "displayname" || entry.name == "color" || endsWith(entry.name, ".ics")) return true;
     return false;
   };
@@ -315,9 +331,9 @@ bool VdirStore::rescan() {
                               std::to_string(options_.maximumFileSize) + " bytes"};
   };
 
-  auto listCollection = [&](const std::string& directory, const std::vector<Listed>& entries,
-                            const std::string& identifier, const std::shared_ptr<VdirSource>& source,
-                            platform::EKCalendarType type) {
+  auto listCollection = [&](Listing listing, const std::string& identifier,
+                            const std::shared_ptr<VdirSource>& source, platform::EKCalendarType type) {
+    const std::string& directory = listing.directory;
     Pending collection;
     collection.identifier = identifier;
     collection.directory = directory;
@@ -326,16 +342,15 @@ bool VdirStore::rescan() {
     // Files are looked at relative to their directory (no path walk per file), later, on every core.
     int directoryFd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (directoryFd >= 0) directories.push_back(directoryFd);
-    for (const auto& entry : entries) {
-      const std::string& name = entry.name;
-      if (!endsWith(name, ".ics")) continue;
-      std::string relative = identifier + "/" + escapedName(name);
-      if (!insideRoot(entry, relative)) continue;
+    for (auto& entry : listing.entries) {
+      if (!endsWith(entry.name, ".ics")) continue;
+      std::string relative = identifier + "/" + escapedName(entry.name);
+      if (!insideRoot(listing, entry, relative)) continue;
       Slot slot;
       slot.relative = std::move(relative);
-      slot.name = name;
-      slot.path = entry.path;
       slot.directory = directoryFd >= 0 ? directoryFd : AT_FDCWD;
+      if (directoryFd < 0) slot.path = listing.pathOf(entry);
+      slot.name = std::move(entry.name);
       problems.push_back({slots.size(), {}});
       collection.slots.push_back(slots.size());
       slots.push_back(std::move(slot));
@@ -359,25 +374,26 @@ bool VdirStore::rescan() {
   if (next->rootReadable) {
     std::string rootTitle = validUtf8(canonicalRoot.filename().string());
     if (rootTitle.empty()) rootTitle = "Local";
-    for (const auto& entry : list(root.string(), "")) {
+    const Listing top = list(root.string(), "");
+    for (const auto& entry : top.entries) {
       std::string name = escapedName(entry.name);
-      if (!entry.isDirectory()) {
+      if (!top.isDirectory(entry)) {
         if (endsWith(entry.name, ".ics"))
           problem(name, VdirDiagnostic::Action::skipped, "file outside any collection");
         continue;
       }
-      if (!insideRoot(entry, name)) continue;
-      auto inside = list(entry.path, name);
+      if (!insideRoot(top, entry, name)) continue;
+      Listing inside = list(top.pathOf(entry), name);
       if (isCollection(inside)) {
-        listCollection(entry.path, inside, name, sourceFor(".", 0, rootTitle), 0);
+        listCollection(std::move(inside), name, sourceFor(".", 0, rootTitle), 0);
         continue;
       }
       auto source = sourceFor(name, 2, validUtf8(entry.name));
-      for (const auto& inner : inside) {
+      for (const auto& inner : inside.entries) {
         std::string innerName = escapedName(inner.name);
-        if (!inner.isDirectory()) continue;
-        if (!insideRoot(inner, name + "/" + innerName)) continue;
-        listCollection(inner.path, list(inner.path, name + "/" + innerName), name + "/" + innerName, source, 1);
+        if (!inside.isDirectory(inner)) continue;
+        if (!insideRoot(inside, inner, name + "/" + innerName)) continue;
+        listCollection(list(inside.pathOf(inner), name + "/" + innerName), name + "/" + innerName, source, 1);
       }
     }
   }
@@ -439,11 +455,7 @@ bool VdirStore::rescan() {
       slot.gone = true;
       return;
     }
-    slot.record.device = status.st_dev;
-    slot.record.inode = status.st_ino;
-    slot.record.size = status.st_size;
-    slot.record.modified = nanoseconds(status.st_mtim);
-    slot.record.changed = nanoseconds(status.st_ctim);
+    setVersion(slot.record, status);
     if (slot.previous != kNone && files_[slot.previous].second.sameVersion(slot.record)) {
       // Each record is matched to one file at most, and files_ is replaced after the scan.
       slot.record = std::move(files_[slot.previous].second);
@@ -459,64 +471,58 @@ bool VdirStore::rescan() {
   for (std::size_t i = 0; i < slots.size(); ++i)
     if (slots[i].parse) toParse.push_back(i);
   runOnEveryCore(toParse.size(), 64, [&](std::size_t at) {
-    {
-      Slot& slot = slots[toParse[at]];
-      int fd = ::openat(slot.directory, slot.directory == AT_FDCWD ? slot.path.c_str() : slot.name.c_str(),
-                        O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-      if (fd < 0 && errno == ENOENT) {
-        slot.gone = true;
-        return;
-      }
-      if (fd < 0) {
-        slot.record.diagnostics.push_back({slot.relative, VdirDiagnostic::Action::skipped,
-                                           std::string("file cannot be read: ") + std::strerror(errno)});
-        return;
-      }
-      // The version read is the one recorded.
-      struct stat status {};
-      if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
-        ::close(fd);
-        slot.gone = true;
-        return;
-      }
-      slot.record.device = status.st_dev;
-      slot.record.inode = status.st_ino;
-      slot.record.size = status.st_size;
-      slot.record.modified = nanoseconds(status.st_mtim);
-      slot.record.changed = nanoseconds(status.st_ctim);
-      if (static_cast<std::uintmax_t>(status.st_size) > options_.maximumFileSize) {
-        ::close(fd);
-        slot.record.diagnostics.push_back(tooLarge(slot.relative, status.st_size));
-        return;
-      }
-      std::string text;
-      text.reserve(static_cast<std::size_t>(status.st_size));
-      char buffer[65536];
-      ssize_t count;
-      bool failed = false;
-      int readError = 0;
-      while ((count = ::read(fd, buffer, sizeof buffer)) != 0) {
-        if (count < 0) {
-          if (errno == EINTR) continue;
-          failed = true;
-          readError = errno;
-          break;
-        }
-        text.append(buffer, static_cast<std::size_t>(count));
-        if (text.size() > options_.maximumFileSize) break;
-      }
-      ::close(fd);
-      if (failed) {
-        slot.record.diagnostics.push_back({slot.relative, VdirDiagnostic::Action::skipped,
-                                           std::string("file cannot be read: ") + std::strerror(readError)});
-        return;
-      }
-      VdirParseContext context{zones_.get(), clock_.get(), &options_.userAddresses, options_.maximumCountedOccurrences};
-      auto parsed = parseItem(slot.relative, slot.name, text, context);
-      ++parses_;
-      slot.record.item = std::move(parsed.item);
-      slot.record.diagnostics = std::move(parsed.diagnostics);
+    Slot& slot = slots[toParse[at]];
+    int fd = ::openat(slot.directory, slot.directory == AT_FDCWD ? slot.path.c_str() : slot.name.c_str(),
+                      O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0 && errno == ENOENT) {
+      slot.gone = true;
+      return;
     }
+    if (fd < 0) {
+      slot.record.diagnostics.push_back({slot.relative, VdirDiagnostic::Action::skipped,
+                                         std::string("file cannot be read: ") + std::strerror(errno)});
+      return;
+    }
+    // The version read is the one recorded.
+    struct stat status {};
+    if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+      ::close(fd);
+      slot.gone = true;
+      return;
+    }
+    setVersion(slot.record, status);
+    if (static_cast<std::uintmax_t>(status.st_size) > options_.maximumFileSize) {
+      ::close(fd);
+      slot.record.diagnostics.push_back(tooLarge(slot.relative, status.st_size));
+      return;
+    }
+    std::string text;
+    text.reserve(static_cast<std::size_t>(status.st_size));
+    char buffer[65536];
+    ssize_t count;
+    bool failed = false;
+    int readError = 0;
+    while ((count = ::read(fd, buffer, sizeof buffer)) != 0) {
+      if (count < 0) {
+        if (errno == EINTR) continue;
+        failed = true;
+        readError = errno;
+        break;
+      }
+      text.append(buffer, static_cast<std::size_t>(count));
+      if (text.size() > options_.maximumFileSize) break;
+    }
+    ::close(fd);
+    if (failed) {
+      slot.record.diagnostics.push_back({slot.relative, VdirDiagnostic::Action::skipped,
+                                         std::string("file cannot be read: ") + std::strerror(readError)});
+      return;
+    }
+    VdirParseContext context{zones_.get(), clock_.get(), &options_.userAddresses, options_.maximumCountedOccurrences};
+    auto parsed = parseItem(slot.relative, slot.name, text, context);
+    ++parses_;
+    slot.record.item = std::move(parsed.item);
+    slot.record.diagnostics = std::move(parsed.diagnostics);
   });
   std::size_t parsedNow = toParse.size();
 

@@ -232,15 +232,17 @@ class Encoder {
     w_.f64(c.durationSeconds);
     w_.i64(c.durationDays);
     w_.flag(c.hasStart);
-    optionalTime(c.recurrenceId);
     date(c.recurrenceInstant);
-    w_.text(c.identifier);
-    optionalTime(c.due);
-    optionalTime(c.todoStart);
-    date(c.dueInstant);
-    date(c.completed);
-    w_.flag(c.isCompleted);
-    w_.i64(c.priority);
+    w_.flag(c.todoData != nullptr);
+    if (!c.todoData) return;
+    const VdirTodoData& todo = *c.todoData;
+    w_.text(todo.identifier);
+    optionalTime(todo.due);
+    optionalTime(todo.start);
+    date(todo.dueInstant);
+    date(todo.completed);
+    w_.flag(todo.isCompleted);
+    w_.i64(todo.priority);
   }
   void rule(const VdirRuleData& r) {
     icalrecurrencetype copy = r.rule.expanded();
@@ -396,15 +398,17 @@ class Decoder {
     c.durationSeconds = r_.f64();
     c.durationDays = static_cast<int>(r_.integer(-3660000, 3660000));
     c.hasStart = r_.flag();
-    c.recurrenceId = optionalTime();
     c.recurrenceInstant = date();
-    c.identifier = r_.text();
-    c.due = optionalTime();
-    c.todoStart = optionalTime();
-    c.dueInstant = date();
-    c.completed = date();
-    c.isCompleted = r_.flag();
-    c.priority = r_.i64();
+    if (!r_.flag()) return c;
+    auto todo = std::make_shared<VdirTodoData>();
+    todo->identifier = r_.text();
+    todo->due = optionalTime();
+    todo->start = optionalTime();
+    todo->dueInstant = date();
+    todo->completed = date();
+    todo->isCompleted = r_.flag();
+    todo->priority = r_.i64();
+    c.todoData = std::move(todo);
     return c;
   }
   VdirRuleData rule() {
@@ -474,7 +478,10 @@ class Decoder {
     item->series.resize(r_.count(16));
     for (auto& s : item->series) s = series();
     item->todos.resize(r_.count(64));
-    for (auto& todo : item->todos) todo = component();
+    for (auto& todo : item->todos) {
+      todo = component();
+      if (!todo.todoData) throw Corrupt("a to-do without its to-do data");
+    }
     file.item = std::move(item);
     return entry;
   }

@@ -36,7 +36,8 @@ class VdirReminderPredicate : public platform::EKPredicate {
   std::string description() const override {
     return std::string("<EKPredicate ") + (completed ? "completed" : "incomplete") + " reminders>";
   }
-  bool accepts(const VdirComponentData& todo) const {
+  bool accepts(const VdirComponentData& component) const {
+    const VdirTodoData& todo = *component.todoData;
     if (todo.isCompleted != completed) return false;
     if (!start && !end) return true;
     const auto& date = completed ? todo.completed : todo.dueInstant;

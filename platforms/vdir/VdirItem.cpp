@@ -489,7 +489,6 @@ class Reader {
         report(VdirDiagnostic::Action::skipped, "override of \"" + data.uid + "\" has no valid RECURRENCE-ID");
         return false;
       }
-      data.recurrenceId = *time;
       data.recurrenceInstant = context_.clock->instant(*time);
     }
     readAlarms(component, data, data.start.isDate() ? data.durationDays * 86400.0 : data.durationSeconds);
@@ -499,24 +498,26 @@ class Reader {
 
   void readTodo(icalcomponent* component, VdirComponentData& data) {
     readCommon(component, data);
+    auto todo = std::make_shared<VdirTodoData>();
+    data.todoData = todo;
     if (icalproperty* due = icalcomponent_get_first_property(component, ICAL_DUE_PROPERTY)) {
-      data.due = timeOf(due, icalproperty_get_due(due), "DUE");
-      if (data.due) data.dueInstant = context_.clock->instant(*data.due);
+      todo->due = timeOf(due, icalproperty_get_due(due), "DUE");
+      if (todo->due) todo->dueInstant = context_.clock->instant(*todo->due);
     }
     if (icalproperty* start = icalcomponent_get_first_property(component, ICAL_DTSTART_PROPERTY))
-      data.todoStart = timeOf(start, icalproperty_get_dtstart(start), "DTSTART");
-    if (data.todoStart && data.todoStart->kind == VdirTime::Kind::zoned) data.timeZoneName = data.todoStart->tzid;
-    if (data.due && data.due->kind == VdirTime::Kind::zoned) data.timeZoneName = data.due->tzid;
-    data.completed = utcDateOf(component, ICAL_COMPLETED_PROPERTY, icalproperty_get_completed, "COMPLETED");
-    data.isCompleted = data.completed.has_value();
+      todo->start = timeOf(start, icalproperty_get_dtstart(start), "DTSTART");
+    if (todo->start && todo->start->kind == VdirTime::Kind::zoned) data.timeZoneName = todo->start->tzid;
+    if (todo->due && todo->due->kind == VdirTime::Kind::zoned) data.timeZoneName = todo->due->tzid;
+    todo->completed = utcDateOf(component, ICAL_COMPLETED_PROPERTY, icalproperty_get_completed, "COMPLETED");
+    todo->isCompleted = todo->completed.has_value();
     if (icalproperty* status = icalcomponent_get_first_property(component, ICAL_STATUS_PROPERTY))
-      if (icalproperty_get_status(status) == ICAL_STATUS_COMPLETED) data.isCompleted = true;
+      if (icalproperty_get_status(status) == ICAL_STATUS_COMPLETED) todo->isCompleted = true;
     if (icalproperty* priority = icalcomponent_get_first_property(component, ICAL_PRIORITY_PROPERTY)) {
       int value = icalproperty_get_priority(priority);
       if (value < 0 || value > 9)
         report(VdirDiagnostic::Action::repaired, "PRIORITY " + std::to_string(value) + " outside 0-9: read as none");
       else
-        data.priority = value;
+        todo->priority = value;
     }
     readAlarms(component, data, 0.0);
     if (!data.summary) report(VdirDiagnostic::Action::repaired, "VTODO \"" + data.uid + "\" has no SUMMARY: shown untitled");
@@ -783,7 +784,7 @@ VdirParseResult parseItem(const std::string& relativePath, const std::string& fi
         if (!reader.readEvent(component, data)) return;
         keepUtf8(data);
         Group& group = groupOf(data.uid);
-        if (data.recurrenceId)
+        if (data.recurrenceInstant)
           group.overrides.push_back(std::move(data));
         else
           group.masters.emplace_back(std::move(data), component);
@@ -849,7 +850,7 @@ VdirParseResult parseItem(const std::string& relativePath, const std::string& fi
   };
   for (auto& series : item->series)
     series.identifier = identify(series.master ? series.master->uid : series.overrides.front().uid);
-  for (auto& todo : item->todos) todo.identifier = identify(todo.uid);
+  for (auto& todo : item->todos) todo.todoData->identifier = identify(todo.uid);
   result.item = item;
   return result;
 }

@@ -81,6 +81,16 @@ struct VdirRuleData {
   std::optional<std::vector<double>> countedStarts;
 };
 
+// What only a VTODO says (kept apart: most components are events).
+struct VdirTodoData {
+  std::string identifier;  // the to-do's calendar-item identifier, as a series'
+  std::optional<VdirTime> due, start;
+  std::optional<platform::Date> dueInstant;
+  std::optional<platform::Date> completed;
+  bool isCompleted = false;
+  std::int64_t priority = 0;
+};
+
 // What one VEVENT or VTODO says.
 struct VdirComponentData {
   std::string uid;
@@ -100,16 +110,10 @@ struct VdirComponentData {
   double durationSeconds = 0.0;  // timed events
   int durationDays = 0;          // all-day events (DTEND - DTSTART in days)
   bool hasStart = false;
-  std::optional<VdirTime> recurrenceId;
-  std::optional<platform::Date> recurrenceInstant;
+  std::optional<platform::Date> recurrenceInstant;  // RECURRENCE-ID, for an override
 
-  // To-dos.
-  std::string identifier;  // a to-do's calendar-item identifier, as a series'
-  std::optional<VdirTime> due, todoStart;
-  std::optional<platform::Date> dueInstant;
-  std::optional<platform::Date> completed;
-  bool isCompleted = false;
-  std::int64_t priority = 0;
+  // To-dos only (always there for them).
+  std::shared_ptr<VdirTodoData> todoData;
 };
 
 struct VdirSeriesData {

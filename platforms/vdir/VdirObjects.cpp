@@ -198,15 +198,15 @@ std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> VdirReminde
   return attendeesOf(data());
 }
 std::optional<platform::DateComponents> VdirReminder::dueDateComponents() const {
-  if (!data().due) return std::nullopt;
-  return dateComponents(*data().due);
+  if (!task().due) return std::nullopt;
+  return dateComponents(*task().due);
 }
 std::optional<platform::DateComponents> VdirReminder::startDateComponents() const {
-  if (!data().todoStart) return std::nullopt;
-  return dateComponents(*data().todoStart);
+  if (!task().start) return std::nullopt;
+  return dateComponents(*task().start);
 }
 std::string VdirReminder::description() const {
-  return "<EKReminder '" + data().summary.value_or("") + "' " + todo_->identifier + ">";
+  return "<EKReminder '" + data().summary.value_or("") + "' " + task().identifier + ">";
 }
 
 std::shared_ptr<platform::EKCalendar> VdirNewEvent::calendar() const {

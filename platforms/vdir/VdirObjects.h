@@ -130,7 +130,7 @@ class VdirReminder : public platform::EKReminder {
   const VdirItem& item() const { return *item_; }
 
   std::shared_ptr<platform::EKCalendar> calendar() const override { return calendar_; }
-  std::string calendarItemIdentifier() const override { return todo_->identifier; }
+  std::string calendarItemIdentifier() const override { return task().identifier; }
   std::optional<std::string> calendarItemExternalIdentifier() const override { return data().uid; }
   std::optional<platform::Date> creationDate() const override { return data().created; }
   std::optional<platform::Date> lastModifiedDate() const override { return data().lastModified; }
@@ -145,15 +145,16 @@ class VdirReminder : public platform::EKReminder {
     return std::nullopt;
   }
 
-  std::optional<platform::Date> completionDate() const override { return data().completed; }
+  std::optional<platform::Date> completionDate() const override { return task().completed; }
   std::optional<platform::DateComponents> dueDateComponents() const override;
-  bool isCompleted() const override { return data().isCompleted; }
-  std::int64_t priority() const override { return data().priority; }
+  bool isCompleted() const override { return task().isCompleted; }
+  std::int64_t priority() const override { return task().priority; }
   std::optional<platform::DateComponents> startDateComponents() const override;
   std::string description() const override;
 
  private:
   const VdirComponentData& data() const { return *todo_; }
+  const VdirTodoData& task() const { return *todo_->todoData; }
   std::shared_ptr<const VdirItem> item_;
   const VdirComponentData* todo_;
   std::shared_ptr<platform::EKCalendar> calendar_;

@@ -591,7 +591,7 @@ bool VdirStore::rescan() {
       for (std::size_t s = 0; s < item.series.size(); ++s)
         next->entries.emplace(item.series[s].identifier, VdirSnapshot::Entry{c, i, false, s});
       for (std::size_t t = 0; t < item.todos.size(); ++t)
-        next->entries.emplace(item.todos[t].identifier, VdirSnapshot::Entry{c, i, true, t});
+        next->entries.emplace(item.todos[t].todoData->identifier, VdirSnapshot::Entry{c, i, true, t});
     }
   paths.get();
 

@@ -47,8 +47,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   fields.color = ::platform::CGColorCreate(0.1, 0.2, 0.3, 1.0);
   fields.source = std::make_shared<VdirSource>(".", 0, "Local");
   auto calendar = std::make_shared<VdirCalendar>(fields);
+  // Low limits, as in the store-road harness: the limits are exercised, not their size.
   VdirExpansionLimits limits;
-  limits.maximumSecondsPerSeries = 0.5;
+  limits.maximumOccurrencesPerSeries = 60;
+  limits.maximumIteratorStepsPerSeries = 20000;
+  limits.maximumSecondsPerSeries = 0.2;
   for (const auto& [path, record] : *records) {
     if (!record.item) continue;
     for (const auto& series : record.item->series) {

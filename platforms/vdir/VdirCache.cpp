@@ -422,7 +422,10 @@ class Decoder {
     value.rscaleName = r_.text();
     value.statesWeekStart = r_.flag();
     value.until = date();
-    if (r_.flag()) {
+    // A rule bounded by COUNT is always expanded when its file is read.
+    const bool counted = rule.count > 0;
+    if (r_.flag() != counted) throw Corrupt("a counted rule without its occurrences, or the reverse");
+    if (counted) {
       std::vector<double> starts(r_.count(8));
       for (double& start : starts) start = r_.f64();
       if (!std::is_sorted(starts.begin(), starts.end())) throw Corrupt("counted occurrences out of order");

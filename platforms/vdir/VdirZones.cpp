@@ -75,9 +75,17 @@ std::pair<const icaltimezone*, std::string> VdirZones::build(const std::string& 
       lock.unlock();
       icaltimezone* zone = icaltimezone_new();
       icalcomponent* copy = icalcomponent_new_clone(definition);
-      // A definition needs at least one STANDARD or DAYLIGHT observance to give offsets.
+      // A definition needs at least one STANDARD or DAYLIGHT observance to give offsets, and
+      // observances that recur yearly at most: libical expands a zone's changes for every year
+      // it is asked about, and an hourly rule there costs seconds per zone.
       bool usable = icalcomponent_get_first_component(copy, ICAL_XSTANDARD_COMPONENT) ||
                     icalcomponent_get_first_component(copy, ICAL_XDAYLIGHT_COMPONENT);
+      for (auto kind : {ICAL_XSTANDARD_COMPONENT, ICAL_XDAYLIGHT_COMPONENT})
+        for (icalcomponent* observance = icalcomponent_get_first_component(copy, kind); usable && observance;
+             observance = icalcomponent_get_next_component(copy, kind))
+          for (icalproperty* rule = icalcomponent_get_first_property(observance, ICAL_RRULE_PROPERTY); usable && rule;
+               rule = icalcomponent_get_next_property(observance, ICAL_RRULE_PROPERTY))
+            usable = icalproperty_get_rrule(rule).freq == ICAL_YEARLY_RECURRENCE;
       // The zone owns the copy only once it is set (a definition without a TZID is refused).
       bool set = usable && zone && icaltimezone_set_component(zone, copy);
       if (set) {

@@ -235,3 +235,40 @@ TEST_F(VdirPathologicalSeriesTest, aNarrowWindowOnEachPathologicalSeriesIsExact)
 
 }  // namespace
 }  // namespace vesp::vdir
+
+namespace vesp::vdir {
+namespace {
+
+std::string zoneDefinition(const std::string& tzid, const std::string& standardRule) {
+  return "BEGIN:VTIMEZONE\r\nTZID:" + tzid +
+         "\r\nBEGIN:DAYLIGHT\r\nTZOFFSETFROM:+0100\r\nTZOFFSETTO:+0200\r\nTZNAME:CEST\r\nDTSTART:19700329T020000\r\n"
+         "RRULE:FREQ=YEARLY;BYMONTH=3;BYDAY=-1SU\r\nEND:DAYLIGHT\r\nBEGIN:STANDARD\r\nTZOFFSETFROM:+0200\r\n"
+         "TZOFFSETTO:+0100\r\nTZNAME:CET\r\nDTSTART:19701025T030000\r\nRRULE:" +
+         standardRule + "\r\nEND:STANDARD\r\nEND:VTIMEZONE\r\n";
+}
+
+std::string zonedEvent(const std::string& uid, const std::string& tzid, const std::string& zone, const std::string& start,
+                       const std::string& end) {
+  return "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Vesp tests//EN\r\n" + zone + "BEGIN:VEVENT\r\nUID:" + uid +
+         "\r\nDTSTAMP:20260101T000000Z\r\nSUMMARY:" + uid + "\r\nDTSTART;TZID=" + tzid + ":" + start + "\r\nDTEND;TZID=" +
+         tzid + ":" + end + "\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n";
+}
+
+TEST(VdirZoneDefinitionTest, aZoneDefinitionThatChangesMoreOftenThanYearlyIsNotUsed) {
+  testing::TemporaryDirectory directory;
+  // An hourly observance would make libical expand thousands of changes a year.
+  testing::writeFile(directory.path() / "store/cal/hourly.ics",
+                     zonedEvent("hourly", "Custom/Hourly", zoneDefinition("Custom/Hourly", "FREQ=HOURLY;BYMONTH=10"),
+                                "20260701T120000", "20260701T130000"));
+  auto platform = VdirPlatform::make(testing::platformOptions(directory.path() / "store", directory.path() / "a.json"));
+  auto events = platform->store()->events(utc(2026, 7, 1), utc(2026, 7, 2), std::nullopt);
+  ASSERT_EQ(events.size(), 1u);
+  // Read as a floating time in the local zone (Europe/Berlin, summer: UTC+2), and reported.
+  EXPECT_EQ(*events[0]->startDate(), utc(2026, 7, 1, 10));
+  auto diagnostics = platform->diagnostics();
+  ASSERT_EQ(diagnostics.size(), 1u);
+  EXPECT_THAT(diagnostics[0].problem, ::testing::HasSubstr("unknown time zone \"Custom/Hourly\""));
+}
+
+}  // namespace
+}  // namespace vesp::vdir

@@ -146,7 +146,7 @@ class ZoneTable {
       indices_.emplace(zone, index);
       return index;
     }
-    if (icaltimezone_get_builtin_timezone(tzid.c_str()) == zone) return 1;
+    if (builtinZone(tzid) == zone) return 1;
     return std::nullopt;
   }
   const std::vector<std::pair<std::string, std::string>>& definitions() const { return definitions_; }
@@ -339,7 +339,7 @@ class Decoder {
     std::uint32_t zone = r_.u32();
     value.tzid = r_.text();
     if (zone == 1) {
-      value.zone = icaltimezone_get_builtin_timezone(value.tzid.c_str());
+      value.zone = builtinZone(value.tzid);
       if (!value.zone) throw Corrupt("a time in an unknown built-in zone");
     } else if (zone >= 2) {
       if (zone - 2 >= zones_.size() || !zones_[zone - 2]) throw Corrupt("a time in an undefined zone");

@@ -5,6 +5,8 @@
 #include <cmath>
 #include <set>
 
+#include "platforms/vdir/VdirZones.h"
+
 namespace vesp::vdir {
 
 namespace {
@@ -16,7 +18,7 @@ bool overlaps(double start, double end, double windowStart, double windowEnd) {
 
 icaltimetype withZone(icaltimetype fields, const VdirTime& like) {
   fields.zone = like.kind == VdirTime::Kind::zoned ? like.zone
-                : like.kind == VdirTime::Kind::utc ? icaltimezone_get_utc_timezone()
+                : like.kind == VdirTime::Kind::utc ? utcZone()
                                                    : nullptr;
   if (like.isDate()) {
     fields.is_date = 1;

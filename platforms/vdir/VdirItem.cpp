@@ -234,7 +234,7 @@ class Reader {
       time.kind = VdirTime::Kind::floating;
       return time;
     }
-    if (zone == icaltimezone_get_utc_timezone()) {
+    if (zone == utcZone()) {
       time.kind = VdirTime::Kind::utc;
       return time;
     }
@@ -578,7 +578,9 @@ class Reader {
     }
     for (icalproperty* p = icalcomponent_get_first_property(component, ICAL_EXDATE_PROPERTY); p;
          p = icalcomponent_get_next_property(component, ICAL_EXDATE_PROPERTY)) {
-      if (auto exdate = timeOf(p, icalproperty_get_exdate(p), "EXDATE")) {
+      // The value as written: icalproperty_get_exdate() would look its TZID up in libical's
+      // built-in zone table, which is not safe across threads (timeOf resolves it instead).
+      if (auto exdate = timeOf(p, icalvalue_get_datetimedate(icalproperty_get_value(p)), "EXDATE")) {
         VdirTime like = *exdate;
         // A DATE exclusion of a timed series excludes that day's occurrence at the series' time.
         if (exdate->isDate() && !start.isDate()) {
@@ -598,7 +600,7 @@ class Reader {
     std::vector<double> starts;
     icaltimetype first = start.local;
     first.zone = start.kind == VdirTime::Kind::zoned ? start.zone
-                 : start.kind == VdirTime::Kind::utc ? icaltimezone_get_utc_timezone()
+                 : start.kind == VdirTime::Kind::utc ? utcZone()
                                                      : nullptr;
     icalrecur_iterator* iterator = icalrecur_iterator_new(rule, first);
     if (!iterator) {

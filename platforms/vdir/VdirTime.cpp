@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <fstream>
 
+#include "platforms/vdir/VdirZones.h"
+
 namespace vesp::vdir {
 
 namespace {
@@ -40,7 +42,7 @@ double civilSecondsSince1970(int year, int month, int day, int hour, int minute,
 }
 
 VdirClock::VdirClock(const std::string& localZone) : localZoneName_(localZone.empty() ? "UTC" : localZone) {
-  if (localZoneName_ != "UTC") localZone_ = icaltimezone_get_builtin_timezone(localZoneName_.c_str());
+  if (localZoneName_ != "UTC") localZone_ = builtinZone(localZoneName_);
   if (!localZone_) localZoneName_ = "UTC";
 }
 
@@ -65,10 +67,10 @@ platform::Date VdirClock::instantLike(const icaltimetype& fields, const VdirTime
 icaltimetype VdirClock::wallClockLike(platform::Date instant, const VdirTime& like) const {
   const icaltimezone* zone = nullptr;
   switch (like.kind) {
-    case VdirTime::Kind::utc: zone = icaltimezone_get_utc_timezone(); break;
+    case VdirTime::Kind::utc: zone = utcZone(); break;
     case VdirTime::Kind::zoned: zone = like.zone; break;
     case VdirTime::Kind::date:
-    case VdirTime::Kind::floating: zone = localZone_ ? localZone_ : icaltimezone_get_utc_timezone(); break;
+    case VdirTime::Kind::floating: zone = localZone_ ? localZone_ : utcZone(); break;
   }
   auto seconds = static_cast<time_t>(std::floor(instant.timeIntervalSince1970()));
   icaltimetype wall = icaltime_from_timet_with_zone(seconds, like.isDate() ? 1 : 0, zone);

@@ -1,8 +1,9 @@
 // Times as the iCalendar files state them, and their conversion to instants.
 //
-// libical (built with threads, as Debian's is) guards its shared zone data with its own locks and
-// keeps its error state and scratch buffers per thread, so this platform calls it from any thread,
-// each component tree on one thread at a time.
+// libical (built with threads, as Debian's is) keeps its error state and scratch buffers per
+// thread and guards each zone's offsets with its own lock, so this platform calls it from any
+// thread, each component tree on one thread at a time. Its table of built-in zones is the
+// exception: it is reached only through builtinZone() and utcZone() (VdirZones.h).
 #pragma once
 
 #include <libical/ical.h>

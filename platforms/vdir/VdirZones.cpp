@@ -1,8 +1,45 @@
 #include "platforms/vdir/VdirZones.h"
 
 #include <cstdlib>
+#include <unordered_map>
 
 namespace vesp::vdir {
+
+namespace {
+
+// libical's table of built-in zones is process-wide and unguarded; so is this lock.
+std::mutex& builtinZoneMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+
+void setUpLibicalZones() {
+  static std::once_flag once;
+  // Loads zone.tab and sets up the UTC zone before any other thread can ask for either.
+  std::call_once(once, [] {
+    std::lock_guard lock(builtinZoneMutex());
+    icaltimezone_get_builtin_timezones();
+  });
+}
+
+}  // namespace
+
+icaltimezone* builtinZone(const std::string& name) {
+  setUpLibicalZones();
+  std::lock_guard lock(builtinZoneMutex());
+  // libical appends a zone it had to load by name at every such look-up: ask it once per name.
+  static std::unordered_map<std::string, icaltimezone*> known;
+  auto [at, inserted] = known.emplace(name, nullptr);
+  if (inserted) at->second = name.empty() ? nullptr : icaltimezone_get_builtin_timezone(name.c_str());
+  return at->second;
+}
+
+icaltimezone* utcZone() {
+  setUpLibicalZones();
+  return icaltimezone_get_utc_timezone();
+}
+
+VdirZones::VdirZones() { setUpLibicalZones(); }
 
 VdirZones::~VdirZones() {
   for (auto& [key, zone] : defined_)
@@ -106,8 +143,8 @@ std::pair<const icaltimezone*, std::string> VdirZones::build(const std::string& 
       }
     }
   }
-  if (name == "UTC" || name == "GMT" || name == "Etc/UTC") return {icaltimezone_get_utc_timezone(), "UTC"};
-  icaltimezone* builtin = icaltimezone_get_builtin_timezone(name.c_str());
+  if (name == "UTC" || name == "GMT" || name == "Etc/UTC") return {utcZone(), "UTC"};
+  icaltimezone* builtin = builtinZone(name);
   if (builtin) return {builtin, name};
   return {nullptr, name};
 }

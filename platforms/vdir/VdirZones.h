@@ -3,8 +3,11 @@
 // parsing the rest of the file). A TZID without a definition in its file is looked up in the
 // system's zone data by name.
 //
-// Thread safety: every member function may be called from any thread. libical itself guards its
-// shared zone state (built-in zones, lazily expanded offsets) with its own locks.
+// Thread safety: every member function may be called from any thread. libical guards a zone's
+// lazily expanded offsets and the loading of a built-in zone's data with its own locks, but not
+// its table of built-in zones: a name missing from zone.tab (US/Eastern, Asia/Calcutta, ...) is
+// appended to that table, reallocating it under readers on other threads. Every look-up of a
+// built-in zone therefore goes through builtinZone() below, never through libical directly.
 #pragma once
 
 #include <libical/ical.h>
@@ -20,7 +23,7 @@ namespace vesp::vdir {
 
 class VdirZones {
  public:
-  VdirZones() = default;
+  VdirZones();
   ~VdirZones();
   VdirZones(const VdirZones&) = delete;
   VdirZones& operator=(const VdirZones&) = delete;
@@ -49,6 +52,16 @@ class VdirZones {
   std::map<std::string, std::pair<icaltimezone*, std::string>> defined_;  // by TZID and definition text
   std::map<const icaltimezone*, std::string> keys_;                        // the key of each zone built
 };
+
+// The built-in (system) zone of an IANA name, or null. Every look-up is serialised on one
+// process-wide lock and remembered, so libical's table is searched and grown by one thread at a
+// time and each name is loaded once. Safe from any thread.
+icaltimezone* builtinZone(const std::string& name);
+
+// libical's UTC zone, after its built-in zone table has been set up once for the whole process
+// (libical sets it up lazily, unguarded, on the first call of many of its functions). Safe from
+// any thread.
+icaltimezone* utcZone();
 
 // The IANA name in a TZID: "/freeassociation.sourceforge.net/Europe/Berlin" gives "Europe/Berlin".
 std::string ianaNameOfTzid(const std::string& tzid);

@@ -11,7 +11,9 @@
 #include <fstream>
 #include <map>
 #include <sstream>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "platforms/vdir/VdirPlatform.h"
 
@@ -92,6 +94,56 @@ inline std::map<std::string, std::pair<std::string, std::int64_t>> treeState(con
     state[fs::relative(entry.path(), root).string()] = {entry.is_regular_file() ? readFile(entry.path()) : "", modified};
   }
   return state;
+}
+
+// Zone names that the system's zone data has but zone.tab does not list (the old aliases real
+// files still carry: US/Eastern, Asia/Calcutta, ...), sorted, at most `limit` of them. libical
+// loads such a zone by name and appends it to its process-wide table of built-in zones.
+inline std::vector<std::string> zoneAliases(std::size_t limit) {
+  const fs::path zoneinfo = "/usr/share/zoneinfo";
+  std::set<std::string> listed;
+  std::ifstream table(zoneinfo / "zone.tab");
+  for (std::string line; std::getline(table, line);) {
+    if (line.empty() || line[0] == '#') continue;
+    std::istringstream fields(line);
+    std::string code, coordinates, name;
+    if (std::getline(fields, code, '\t') && std::getline(fields, coordinates, '\t') && std::getline(fields, name, '\t'))
+      listed.insert(name);
+  }
+  std::set<std::string> aliases;
+  std::error_code error;
+  for (auto it = fs::recursive_directory_iterator(zoneinfo, error); !error && it != fs::recursive_directory_iterator();
+       it.increment(error)) {
+    std::string name = it->path().lexically_relative(zoneinfo).string();
+    if (name.starts_with("posix") || name.starts_with("right")) {
+      if (it->is_directory()) it.disable_recursion_pending();
+      continue;
+    }
+    if (!it->is_regular_file() || listed.count(name) || name == "UTC" || name == "GMT" || name == "localtime" ||
+        name == "posixrules" || name == "Factory")
+      continue;
+    if (readFile(it->path()).substr(0, 4) == "TZif") aliases.insert(name);
+  }
+  std::vector<std::string> names(aliases.begin(), aliases.end());
+  if (names.size() > limit) names.resize(limit);
+  return names;
+}
+
+// A store of one collection per zone alias, each holding one weekly event from Monday
+// 2026-01-05 09:00 in that zone with no VTIMEZONE, its second occurrence excluded. Every other
+// file names its zone with libical's own TZID prefix, which libical resolves by name on its own.
+inline void writeZoneAliasStore(const fs::path& root, const std::vector<std::string>& names) {
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    std::string tzid = i % 2 ? "/freeassociation.sourceforge.net/" + names[i] : names[i];
+    char collection[32];
+    std::snprintf(collection, sizeof collection, "c%03zu", i);
+    writeFile(root / collection / "weekly.ics",
+              "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Vesp tests//EN\r\nBEGIN:VEVENT\r\nUID:alias-" +
+                  std::to_string(i) + "\r\nDTSTAMP:20260101T000000Z\r\nSUMMARY:Weekly in " + names[i] +
+                  "\r\nDTSTART;TZID=" + tzid + ":20260105T090000\r\nDTEND;TZID=" + tzid +
+                  ":20260105T100000\r\nRRULE:FREQ=WEEKLY\r\nEXDATE;TZID=" + tzid +
+                  ":20260112T090000\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
+  }
 }
 
 }  // namespace vesp::vdir::testing

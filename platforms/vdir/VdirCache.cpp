@@ -250,7 +250,8 @@ class Encoder {
     std::string rule = text ? text : "";
     std::free(text);
     if (rule.empty()) throw Unstorable{};
-    w_.text(rule);
+    w_.text(rule);  // with RSCALE, and SKIP when RSCALE is there
+    w_.i64(copy.skip);
     w_.text(r.rscaleName);
     w_.flag(r.statesWeekStart);
     date(r.until);
@@ -266,6 +267,8 @@ class Encoder {
     if (s.master) component(*s.master);
     w_.u32(static_cast<std::uint32_t>(s.rules.size()));
     for (const auto& r : s.rules) rule(r);
+    w_.u32(static_cast<std::uint32_t>(s.exclusionRules.size()));
+    for (const auto& r : s.exclusionRules) rule(r);
     w_.u32(static_cast<std::uint32_t>(s.rdates.size()));
     for (const auto& rdate : s.rdates) time(rdate);
     w_.u32(static_cast<std::uint32_t>(s.exdates.size()));
@@ -415,10 +418,15 @@ class Decoder {
     VdirRuleData value;
     std::string text = r_.text();
     icalrecurrencetype rule = icalrecurrencetype_from_string(text.c_str());
-    if (rule.freq == ICAL_NO_RECURRENCE || rule.interval < 1) throw Corrupt("an unreadable rule");
-    if (rule.rscale) std::free(rule.rscale);
-    rule.rscale = nullptr;
+    if (rule.freq == ICAL_NO_RECURRENCE || rule.interval < 1) {
+      std::free(rule.rscale);
+      throw Corrupt("an unreadable rule");
+    }
+    // SKIP is kept as parsed even without RSCALE (libical honours it), which the text leaves out.
+    const auto skip = r_.integer(ICAL_SKIP_BACKWARD, ICAL_SKIP_UNDEFINED);
+    rule.skip = static_cast<icalrecurrencetype_skip>(skip);
     value.rule = VdirCompactRule(rule);
+    std::free(rule.rscale);
     value.rscaleName = r_.text();
     value.statesWeekStart = r_.flag();
     value.until = date();
@@ -439,6 +447,8 @@ class Decoder {
     if (r_.flag()) s.master = component();
     s.rules.resize(r_.count(8));
     for (auto& r : s.rules) r = rule();
+    s.exclusionRules.resize(r_.count(8));
+    for (auto& r : s.exclusionRules) r = rule();
     s.rdates.resize(r_.count(8));
     for (auto& rdate : s.rdates) rdate = timeValue();
     s.exdates.resize(r_.count(8));

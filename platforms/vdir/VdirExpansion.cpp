@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cmath>
 #include <set>
+#include <string_view>
 
 #include "platforms/vdir/VdirZones.h"
 
@@ -30,6 +31,139 @@ icaltimetype withZone(icaltimetype fields, const VdirTime& like) {
 // The longest an occurrence of the master can last, for starting the iterator early enough.
 double longestDuration(const VdirComponentData& master) {
   return master.start.isDate() ? master.durationDays * 86400.0 + 2 * 3600.0 : std::max(0.0, master.durationSeconds);
+}
+
+
+// The work one series may do in one window.
+struct ExpansionBudget {
+  const VdirExpansionLimits& limits;
+  std::chrono::steady_clock::time_point began;
+  std::size_t steps = 0;
+  const std::set<double>* found = nullptr;  // the occurrences kept so far
+};
+
+int weekdayOfDays(long long days) {  // libical's weekday (1 = Sunday) of a day counted from 1970
+  return static_cast<int>(((days % 7) + 7 + 4) % 7) + 1;
+}
+
+long long daysOf(const icaltimetype& fields) {
+  return static_cast<long long>(std::floor(civilSecondsSince1970(fields.year, fields.month, fields.day, 0, 0, 0) / 86400.0));
+}
+
+bool hasList(const short* values) { return values[0] != ICAL_RECURRENCE_ARRAY_MAX; }
+
+// libical's iterator cannot be jumped ahead exactly in every case: icalrecur_iterator_set_start()
+// puts sub-daily rules off their INTERVAL grid, and yearly BYWEEKNO rules jumped into a year give
+// days of weeks that are not in the set. So a rule reaches a later window in one of three ways:
+//  - daily and coarser rules (but BYWEEKNO): set_start() at the first instant of the period
+//    (day, week by WKST, month, year) that INTERVAL counts from DTSTART, at or before `from`;
+//  - sub-daily rules whose BY parts only add times within a period (BYMINUTE and BYSECOND of
+//    HOURLY, BYSECOND of MINUTELY) and BYSETPOS: a new iterator from a DTSTART moved ahead by a
+//    whole number of INTERVALs, at least one INTERVAL before `from`, so it stays on the grid;
+//  - anything else (other sub-daily filters, BYWEEKNO, a non-Gregorian RSCALE): from DTSTART.
+icalrecur_iterator* iteratorFrom(const icalrecurrencetype& rule, const VdirComponentData& master, const VdirClock& clock,
+                                 double masterStart, double from) {
+  const VdirTime& start = master.start;
+  icaltimetype first = withZone(start.local, start);
+  if (from <= masterStart || (rule.rscale && std::string_view(rule.rscale) != "GREGORIAN" &&
+                              std::string_view(rule.rscale) != "gregorian"))
+    return icalrecur_iterator_new(rule, first);
+  icaltimetype target = clock.wallClockLike(platform::Date::fromTimeIntervalSince1970(from), start);
+  const long long interval = std::max<long long>(1, rule.interval);
+  const auto floorTo = [interval](long long value) { return value >= 0 ? value / interval * interval : -((-value + interval - 1) / interval) * interval; };
+
+  if (rule.freq == ICAL_SECONDLY_RECURRENCE || rule.freq == ICAL_MINUTELY_RECURRENCE || rule.freq == ICAL_HOURLY_RECURRENCE) {
+    bool gridOnly = !hasList(rule.by_day) && !hasList(rule.by_month_day) && !hasList(rule.by_year_day) &&
+                    !hasList(rule.by_week_no) && !hasList(rule.by_month) && !hasList(rule.by_hour) &&
+                    (rule.freq == ICAL_HOURLY_RECURRENCE || !hasList(rule.by_minute)) &&
+                    (rule.freq != ICAL_SECONDLY_RECURRENCE || !hasList(rule.by_second));
+    if (!gridOnly) return icalrecur_iterator_new(rule, first);
+    const long long unit = rule.freq == ICAL_SECONDLY_RECURRENCE ? 1 : rule.freq == ICAL_MINUTELY_RECURRENCE ? 60 : 3600;
+    const long long step = unit * interval;
+    const double apart = civilSecondsSince1970(target.year, target.month, target.day, target.hour, target.minute, target.second) -
+                         civilSecondsSince1970(start.local.year, start.local.month, start.local.day, start.local.hour,
+                                               start.local.minute, start.local.second);
+    const long long steps = static_cast<long long>(std::floor(apart / static_cast<double>(step))) - 1;
+    if (steps <= 0) return icalrecur_iterator_new(rule, first);
+    const long long seconds = steps * step;
+    icaltimetype moved = first;
+    icaltime_adjust(&moved, static_cast<int>(seconds / 86400), 0, 0, static_cast<int>(seconds % 86400));
+    return icalrecur_iterator_new(rule, moved);
+  }
+
+  if (rule.freq == ICAL_YEARLY_RECURRENCE && hasList(rule.by_week_no)) return icalrecur_iterator_new(rule, first);
+  icaltimetype period = first;
+  period.hour = period.minute = period.second = 0;
+  switch (rule.freq) {
+    case ICAL_DAILY_RECURRENCE:
+      icaltime_adjust(&period, static_cast<int>(floorTo(daysOf(target) - daysOf(start.local))), 0, 0, 0);
+      break;
+    case ICAL_WEEKLY_RECURRENCE: {
+      const int weekStart = rule.week_start == ICAL_NO_WEEKDAY ? ICAL_MONDAY_WEEKDAY : rule.week_start;
+      auto weekOf = [&](long long days) { return days - (weekdayOfDays(days) - weekStart + 7) % 7; };
+      const long long firstWeek = weekOf(daysOf(start.local));
+      const long long weeks = floorTo((weekOf(daysOf(target)) - firstWeek) / 7);
+      icaltime_adjust(&period, static_cast<int>(firstWeek + weeks * 7 - daysOf(start.local)), 0, 0, 0);
+      break;
+    }
+    case ICAL_MONTHLY_RECURRENCE: {
+      const long long months = floorTo((target.year - start.local.year) * 12LL + (target.month - start.local.month));
+      const long long month = start.local.year * 12LL + (start.local.month - 1) + months;
+      period.year = static_cast<int>(month / 12);
+      period.month = static_cast<int>(month % 12) + 1;
+      period.day = 1;
+      break;
+    }
+    case ICAL_YEARLY_RECURRENCE:
+      period.year = start.local.year + static_cast<int>(floorTo(target.year - start.local.year));
+      period.month = 1;
+      period.day = 1;
+      break;
+    default: return icalrecur_iterator_new(rule, first);
+  }
+  icalrecur_iterator* iterator = icalrecur_iterator_new(rule, first);
+  if (iterator && icaltime_compare(period, first) > 0) icalrecur_iterator_set_start(iterator, period);
+  return iterator;
+}
+
+// Calls `each` with the start of every occurrence of `rule` from `from` (less any) to before
+// `until`; false when a limit cut it short (`problem` says which).
+template <typename Each>
+bool expandRule(const VdirRuleData& rule, const VdirComponentData& master, const VdirClock& clock, double masterStart,
+                double from, double until, ExpansionBudget& budget, Each&& each, std::string& problem) {
+  if (rule.countedStarts) {
+    const auto& counted = *rule.countedStarts;
+    for (auto it = std::lower_bound(counted.begin(), counted.end(), from); it != counted.end() && *it < until; ++it) each(*it);
+    return true;
+  }
+  if (rule.until && rule.until->timeIntervalSince1970() < from) return true;
+  icalrecur_iterator* iterator = iteratorFrom(rule.rule.expanded(), master, clock, masterStart, from);
+  if (!iterator) return true;
+  bool complete = true;
+  std::size_t kept = 0;
+  for (icaltimetype next = icalrecur_iterator_next(iterator); !icaltime_is_null_time(next);
+       next = icalrecur_iterator_next(iterator)) {
+    double start = clock.instantLike(next, master.start).timeIntervalSince1970();
+    if (start >= until) break;
+    ++budget.steps;
+    bool overTime = (budget.steps % 256) == 255 &&
+                    std::chrono::duration<double>(std::chrono::steady_clock::now() - budget.began).count() >
+                        budget.limits.maximumSecondsPerSeries;
+    const std::size_t found = budget.found ? budget.found->size() : kept;
+    if (budget.steps > budget.limits.maximumIteratorStepsPerSeries || found >= budget.limits.maximumOccurrencesPerSeries ||
+        overTime) {
+      problem = "expansion stopped after " + std::to_string(found) + " occurrences and " +
+                std::to_string(budget.steps - 1) + " steps in one window" + (overTime ? " (time limit)" : "");
+      complete = false;
+      break;
+    }
+    if (start >= from) {
+      each(start);
+      ++kept;
+    }
+  }
+  icalrecur_iterator_free(iterator);
+  return complete;
 }
 
 }  // namespace
@@ -62,9 +196,20 @@ bool expandSeries(const VdirSeriesData& series, const VdirClock& clock, double w
   if (!series.master) return true;
   const VdirComponentData& master = *series.master;
 
+  const double masterStart = clock.instant(master.start).timeIntervalSince1970();
+  const double earliest = windowStart - longestDuration(master) - 86400.0;
+  ExpansionBudget budget{limits, std::chrono::steady_clock::now()};
+
+  // Occurrences of the exclusion rules in the same stretch of time come out first.
+  std::set<double> excluded;
+  for (const auto& rule : series.exclusionRules)
+    if (!expandRule(rule, master, clock, masterStart, earliest, windowEnd, budget,
+                    [&](double start) { excluded.insert(start); }, problem))
+      complete = false;
+
   std::set<double> starts;
   auto consider = [&](double start) {
-    if (std::binary_search(series.exdates.begin(), series.exdates.end(), start)) return;
+    if (std::binary_search(series.exdates.begin(), series.exdates.end(), start) || excluded.count(start)) return;
     // Overrides are sorted by the occurrence they replace (parseItem keeps them so).
     if (std::ranges::binary_search(series.overrides, start, {}, [](const VdirComponentData& override) {
           return override.recurrenceInstant->timeIntervalSince1970();
@@ -74,43 +219,11 @@ bool expandSeries(const VdirSeriesData& series, const VdirClock& clock, double w
     if (overlaps(start, end, windowStart, windowEnd)) starts.insert(start);
   };
 
-  const double masterStart = clock.instant(master.start).timeIntervalSince1970();
   consider(masterStart);  // DTSTART is always the first occurrence
   for (const auto& rdate : series.rdates) consider(clock.instant(rdate).timeIntervalSince1970());
-
-  const double earliest = windowStart - longestDuration(master) - 86400.0;
   for (const auto& rule : series.rules) {
-    if (rule.countedStarts) {
-      const auto& counted = *rule.countedStarts;
-      auto from = std::lower_bound(counted.begin(), counted.end(), earliest);
-      for (auto it = from; it != counted.end() && *it < windowEnd; ++it) consider(*it);
-      continue;
-    }
-    if (rule.until && rule.until->timeIntervalSince1970() < earliest) continue;
-    icalrecur_iterator* iterator = icalrecur_iterator_new(rule.rule.expanded(), withZone(master.start.local, master.start));
-    if (!iterator) continue;
-    if (earliest > masterStart) {
-      icaltimetype jump = clock.wallClockLike(platform::Date::fromTimeIntervalSince1970(earliest), master.start);
-      icalrecur_iterator_set_start(iterator, withZone(jump, master.start));
-    }
-    std::size_t steps = 0;
-    const auto began = std::chrono::steady_clock::now();
-    for (icaltimetype next = icalrecur_iterator_next(iterator); !icaltime_is_null_time(next);
-         next = icalrecur_iterator_next(iterator)) {
-      double start = clock.instantLike(next, master.start).timeIntervalSince1970();
-      if (start >= windowEnd) break;
-      bool overTime = (steps % 256) == 255 && std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count() >
-                                                   limits.maximumSecondsPerSeries;
-      if (++steps > limits.maximumIteratorStepsPerSeries || starts.size() >= limits.maximumOccurrencesPerSeries ||
-          overTime) {
-        problem = "expansion stopped after " + std::to_string(starts.size()) + " occurrences and " + std::to_string(steps - 1) +
-                  " steps in one window" + (overTime ? " (time limit)" : "");
-        complete = false;
-        break;
-      }
-      consider(start);
-    }
-    icalrecur_iterator_free(iterator);
+    budget.found = &starts;
+    if (!expandRule(rule, master, clock, masterStart, earliest, windowEnd, budget, consider, problem)) complete = false;
   }
   for (double start : starts)
     out.push_back(VdirOccurrence{&master, start, occurrenceEnd(master, clock, start), start, false});

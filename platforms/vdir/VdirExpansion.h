@@ -1,6 +1,8 @@
 // The occurrences of an event series that overlap a window, computed with libical's recurrence
-// iterator. The iterator jumps to the window (never walking a long series from its start); rules
-// bounded by COUNT use the occurrences expanded once when the file was read.
+// iterator: exactly the series' occurrences that overlap it, whatever the window. The iterator
+// reaches a late window without walking the series from its start wherever that is exact (see
+// iteratorFrom in the source); rules bounded by COUNT use the occurrences expanded once when the
+// file was read. Occurrences of EXRULEs are excluded like EXDATEs.
 #pragma once
 
 #include <cstddef>

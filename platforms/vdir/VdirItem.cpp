@@ -47,7 +47,8 @@ VdirCompactRule::VdirCompactRule(const icalrecurrencetype& rule)
       count_(rule.count),
       interval_(rule.interval),
       weekStart_(rule.week_start),
-      skip_(rule.skip) {
+      skip_(rule.skip),
+      rscale_(rule.rscale ? rule.rscale : "") {
   forEachList(rule, [&](const short* values, int size) {
     int length = 0;
     while (length < size && values[length] != ICAL_RECURRENCE_ARRAY_MAX) ++length;
@@ -66,7 +67,7 @@ icalrecurrencetype VdirCompactRule::expanded() const {
   rule.interval = interval_;
   rule.week_start = weekStart_;
   rule.skip = skip_;
-  rule.rscale = nullptr;
+  rule.rscale = rscale_.empty() ? nullptr : const_cast<char*>(rscale_.c_str());
   std::size_t at = 0;
   forEachList(rule, [&](short* values, int size) {
     if (at >= lists_.size()) return;
@@ -524,52 +525,75 @@ class Reader {
   }
 
   // Rules, extra and excluded dates of a master event.
+  // One RRULE or EXRULE of a series starting at `start`; absent when it cannot be served.
+  std::optional<VdirRuleData> readRule(icalproperty* p, icalrecurrencetype rule, const VdirTime& start,
+                                       const char* what) {
+    std::string text = takeString(icalproperty_get_value_as_string_r(p));
+    if (rule.freq == ICAL_NO_RECURRENCE || rule.interval < 1) {
+      report(VdirDiagnostic::Action::repaired, std::string(what) + " \"" + text + "\" cannot be read: ignored");
+      return std::nullopt;
+    }
+    VdirRuleData data;
+    if (rule.rscale) {
+      data.rscaleName = lower(rule.rscale);
+      keepUtf8(data.rscaleName);
+      // libical expands the calendars ICU knows (RFC 7529); any other is read as Gregorian.
+      if (!iteratesIn(rule, start)) {
+        report(VdirDiagnostic::Action::repaired,
+               std::string(what) + " with RSCALE=" + data.rscaleName + " expanded as Gregorian");
+        data.rscaleName = "gregorian";
+        rule.rscale = nullptr;
+      }
+    }
+    data.statesWeekStart = text.find("WKST=") != std::string::npos;
+    if (!icaltime_is_null_time(rule.until)) {
+      VdirTime until;
+      until.local = rule.until;
+      until.local.zone = nullptr;
+      until.kind = rule.until.is_date ? VdirTime::Kind::date
+                   : icaltime_is_utc(rule.until) ? VdirTime::Kind::utc
+                                                 : start.kind;
+      if (until.kind == VdirTime::Kind::zoned) {
+        until.zone = start.zone;
+        until.tzid = start.tzid;
+      }
+      data.until = context_.clock->instant(until);
+      if (rule.until.is_date) data.until = data.until->addingTimeInterval(86400.0 - 1);
+    }
+    // Sub-daily rules and BYxxx parts are kept; validate the weekdays the data model reads.
+    for (int i = 0; i < ICAL_BY_DAY_SIZE && rule.by_day[i] != ICAL_RECURRENCE_ARRAY_MAX; ++i) {
+      int weekday = icalrecurrencetype_day_day_of_week(rule.by_day[i]);
+      if (weekday < 1 || weekday > 7) {
+        report(VdirDiagnostic::Action::repaired,
+               std::string(what) + " \"" + text + "\" names a weekday outside the week: ignored");
+        return std::nullopt;
+      }
+    }
+    data.rule = VdirCompactRule(rule);
+    if (rule.count > 0) expandCounted(data, data.rule.expanded(), start, text);
+    return data;
+  }
+
+  // Whether libical can iterate `rule` (its RSCALE calendar among them) from `start`.
+  static bool iteratesIn(const icalrecurrencetype& rule, const VdirTime& start) {
+    icaltimetype first = start.local;
+    first.zone = nullptr;
+    icalrecur_iterator* iterator = icalrecur_iterator_new(rule, first);
+    if (iterator) icalrecur_iterator_free(iterator);
+    return iterator != nullptr;
+  }
+
+  // Rules, extra and excluded dates of a master event.
   void readRecurrence(icalcomponent* component, VdirSeriesData& series) {
     const VdirTime& start = series.master->start;
     for (icalproperty* p = icalcomponent_get_first_property(component, ICAL_RRULE_PROPERTY); p;
-         p = icalcomponent_get_next_property(component, ICAL_RRULE_PROPERTY)) {
-      icalrecurrencetype rule = icalproperty_get_rrule(p);
-      std::string text = takeString(icalproperty_get_value_as_string_r(p));
-      if (rule.freq == ICAL_NO_RECURRENCE || rule.interval < 1) {
-        report(VdirDiagnostic::Action::repaired, "RRULE \"" + text + "\" cannot be read: ignored");
-        continue;
-      }
-      VdirRuleData data;
-      if (rule.rscale) data.rscaleName = lower(rule.rscale);
-      rule.rscale = nullptr;
-      keepUtf8(data.rscaleName);
-      if (data.rscaleName != "gregorian") {
-        report(VdirDiagnostic::Action::repaired, "RRULE with RSCALE=" + data.rscaleName + " expanded as Gregorian");
-      }
-      data.statesWeekStart = text.find("WKST=") != std::string::npos;
-      if (!icaltime_is_null_time(rule.until)) {
-        VdirTime until;
-        until.local = rule.until;
-        until.local.zone = nullptr;
-        until.kind = rule.until.is_date ? VdirTime::Kind::date
-                     : icaltime_is_utc(rule.until) ? VdirTime::Kind::utc
-                                                   : start.kind;
-        if (until.kind == VdirTime::Kind::zoned) {
-          until.zone = start.zone;
-          until.tzid = start.tzid;
-        }
-        data.until = context_.clock->instant(until);
-        if (rule.until.is_date) data.until = data.until->addingTimeInterval(86400.0 - 1);
-      }
-      // Sub-daily rules and BYxxx parts are kept; validate the weekdays the data model reads.
-      for (int i = 0; i < ICAL_BY_DAY_SIZE && rule.by_day[i] != ICAL_RECURRENCE_ARRAY_MAX; ++i) {
-        int weekday = icalrecurrencetype_day_day_of_week(rule.by_day[i]);
-        if (weekday < 1 || weekday > 7) {
-          report(VdirDiagnostic::Action::repaired, "RRULE \"" + text + "\" names a weekday outside the week: ignored");
-          rule.freq = ICAL_NO_RECURRENCE;
-          break;
-        }
-      }
-      if (rule.freq == ICAL_NO_RECURRENCE) continue;
-      data.rule = VdirCompactRule(rule);
-      if (rule.count > 0) expandCounted(data, rule, start, text);
-      series.rules.push_back(std::move(data));
-    }
+         p = icalcomponent_get_next_property(component, ICAL_RRULE_PROPERTY))
+      if (auto rule = readRule(p, icalproperty_get_rrule(p), start, "RRULE")) series.rules.push_back(std::move(*rule));
+    // EXRULE (RFC 2445): still written by older clients; its occurrences are excluded.
+    for (icalproperty* p = icalcomponent_get_first_property(component, ICAL_EXRULE_PROPERTY); p;
+         p = icalcomponent_get_next_property(component, ICAL_EXRULE_PROPERTY))
+      if (auto rule = readRule(p, icalproperty_get_exrule(p), start, "EXRULE"))
+        series.exclusionRules.push_back(std::move(*rule));
     for (icalproperty* p = icalcomponent_get_first_property(component, ICAL_RDATE_PROPERTY); p;
          p = icalcomponent_get_next_property(component, ICAL_RDATE_PROPERTY)) {
       icaldatetimeperiodtype value = icalproperty_get_rdate(p);
@@ -604,7 +628,7 @@ class Reader {
                                                      : nullptr;
     icalrecur_iterator* iterator = icalrecur_iterator_new(rule, first);
     if (!iterator) {
-      report(VdirDiagnostic::Action::repaired, "RRULE \"" + text + "\" cannot be expanded: ignored");
+      report(VdirDiagnostic::Action::repaired, "rule \"" + text + "\" cannot be expanded: ignored");
       data.countedStarts = std::vector<double>{};
       return;
     }
@@ -766,7 +790,7 @@ VdirParseResult parseItem(const std::string& relativePath, const std::string& fi
   struct Group {
     std::string uid;
     std::vector<std::pair<VdirComponentData, icalcomponent*>> masters;
-    std::vector<VdirComponentData> overrides;
+    std::vector<std::pair<VdirComponentData, icalcomponent*>> overrides;
   };
   std::vector<Group> groups;
   auto groupOf = [&](const std::string& uid) -> Group& {
@@ -787,7 +811,7 @@ VdirParseResult parseItem(const std::string& relativePath, const std::string& fi
         keepUtf8(data);
         Group& group = groupOf(data.uid);
         if (data.recurrenceInstant)
-          group.overrides.push_back(std::move(data));
+          group.overrides.emplace_back(std::move(data), component);
         else
           group.masters.emplace_back(std::move(data), component);
       } else if (kind == ICAL_VTODO_COMPONENT) {
@@ -807,6 +831,20 @@ VdirParseResult parseItem(const std::string& relativePath, const std::string& fi
   }
   for (auto& group : groups) {
     VdirSeriesData series;
+    // Some exporters write a series as an RRULE on a component with a RECURRENCE-ID and no master:
+    // that component is served as the series' master.
+    if (group.masters.empty()) {
+      auto ruled = std::find_if(group.overrides.begin(), group.overrides.end(), [](const auto& override) {
+        return icalcomponent_get_first_property(override.second, ICAL_RRULE_PROPERTY) != nullptr;
+      });
+      if (ruled != group.overrides.end()) {
+        reader.report(VdirDiagnostic::Action::repaired,
+                      "VEVENT \"" + group.uid + "\" has an RRULE and a RECURRENCE-ID but no master: served as the series");
+        ruled->first.recurrenceInstant.reset();
+        group.masters.push_back(std::move(*ruled));
+        group.overrides.erase(ruled);
+      }
+    }
     if (!group.masters.empty()) {
       if (group.masters.size() > 1)
         reader.report(VdirDiagnostic::Action::skipped, "UID \"" + group.uid + "\" has " +
@@ -815,7 +853,7 @@ VdirParseResult parseItem(const std::string& relativePath, const std::string& fi
       series.master = std::move(group.masters.front().first);
       reader.readRecurrence(group.masters.front().second, series);
     }
-    series.overrides = std::move(group.overrides);
+    for (auto& override : group.overrides) series.overrides.push_back(std::move(override.first));
     std::sort(series.overrides.begin(), series.overrides.end(),
               [](const auto& a, const auto& b) { return *a.recurrenceInstant < *b.recurrenceInstant; });
     if (group.uid.empty()) {

@@ -55,10 +55,14 @@ class VdirCompactRule {
  public:
   VdirCompactRule() = default;
   explicit VdirCompactRule(const icalrecurrencetype& rule);
-  // libical's struct (rscale cleared).
+  // libical's struct; its rscale points into this object (null for none), so it must not be freed
+  // and lives as long as this rule.
   icalrecurrencetype expanded() const;
   icalrecurrencetype_frequency frequency() const { return frequency_; }
   int count() const { return count_; }
+  // The calendar system named by RSCALE, as written; empty: none (Gregorian).
+  const std::string& rscale() const { return rscale_; }
+  void clearRscale() { rscale_.clear(); }
 
  private:
   icalrecurrencetype_frequency frequency_ = ICAL_NO_RECURRENCE;
@@ -67,13 +71,14 @@ class VdirCompactRule {
   short interval_ = 1;
   icalrecurrencetype_weekday weekStart_ = ICAL_MONDAY_WEEKDAY;
   icalrecurrencetype_skip skip_ = ICAL_SKIP_OMIT;
+  std::string rscale_;
   // The BY lists in libical's order, each as its length followed by its values.
   std::vector<short> lists_;
 };
 
 struct VdirRuleData {
-  VdirCompactRule rule;  // rscale cleared; see rscaleName
-  std::string rscaleName = "gregorian";
+  VdirCompactRule rule;  // with its RSCALE when libical can expand that calendar
+  std::string rscaleName = "gregorian";  // the calendar the rule is expanded in, lower case
   bool statesWeekStart = false;
   std::optional<platform::Date> until;
   // The starts of every occurrence of a rule bounded by COUNT, expanded once when the file is
@@ -120,6 +125,7 @@ struct VdirSeriesData {
   std::string identifier;  // the event identifier: the file's path, "#UID" added for a second series
   std::optional<VdirComponentData> master;  // absent: a file of overrides only
   std::vector<VdirRuleData> rules;
+  std::vector<VdirRuleData> exclusionRules;  // EXRULE: their occurrences are excluded
   std::vector<VdirTime> rdates;
   std::vector<double> exdates;           // instants (seconds since 1970) excluded
   std::vector<VdirComponentData> overrides;  // sorted by recurrenceInstant

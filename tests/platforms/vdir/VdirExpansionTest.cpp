@@ -230,7 +230,18 @@ TEST_F(VdirPathologicalSeriesTest, aNarrowWindowOnEachPathologicalSeriesIsExact)
   auto counts = countByFile(platform->store()->events(utc(2026, 6, 1, 12), utc(2026, 6, 1, 12, 1), std::nullopt));
   EXPECT_EQ(counts["cal/secondly-endless.ics"], 60u);
   EXPECT_EQ(counts["cal/until-9999.ics"], 1u);
-  EXPECT_EQ(counts["cal/hundreds-of-by-values.ics"], 60u);
+  // A sub-daily rule with filters cannot be jumped ahead exactly: it is walked from its start,
+  // and a minute twelve hours on is still within the limits.
+  auto early = countByFile(platform->store()->events(utc(2026, 1, 1, 12), utc(2026, 1, 1, 12, 1), std::nullopt));
+  EXPECT_EQ(early["cal/hundreds-of-by-values.ics"], 60u);
+}
+
+TEST_F(VdirPathologicalSeriesTest, AFilteredSubDailySeriesTooFarFromItsStartIsReportedCutNeverWrong) {
+  auto platform = make(VdirExpansionLimits{});
+  auto counts = countByFile(platform->store()->events(utc(2026, 6, 1, 12), utc(2026, 6, 1, 12, 1), std::nullopt));
+  // Thirteen million steps from DTSTART: over the per-series limit, so cut short and said so.
+  EXPECT_EQ(counts["cal/hundreds-of-by-values.ics"], 0u);
+  EXPECT_TRUE(reported(platform->diagnostics(), "cal/hundreds-of-by-values.ics"));
 }
 
 }  // namespace

@@ -646,6 +646,9 @@ class Reader {
       starts.push_back(context_.clock->instantLike(next, start).timeIntervalSince1970());
     }
     icalrecur_iterator_free(iterator);
+    // The iterator does not always give them in order (SKIP and some BYSETPOS rules); queries
+    // search them by time.
+    std::sort(starts.begin(), starts.end());
     data.countedStarts = std::move(starts);
   }
 

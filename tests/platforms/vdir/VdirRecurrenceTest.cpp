@@ -391,6 +391,30 @@ TEST(VdirRecurrenceTest, ARuledComponentWithARecurrenceIdAndNoMasterIsServedAsTh
   EXPECT_TRUE(said);
 }
 
+// libical would test such rules minute by minute inside one call, for ever.
+TEST(VdirRecurrenceTest, ASubDailyRuleThatMatchesNoDayOrBreaksTheRfcIsRefusedNotExpanded) {
+  TemporaryDirectory root;
+  const std::vector<std::string> rules = {"FREQ=MINUTELY;COUNT=2;BYDAY=1SU,-1SU", "FREQ=MINUTELY;BYMONTH=2;BYMONTHDAY=30",
+                                          "FREQ=SECONDLY;BYMONTHDAY=31;BYMONTH=4,6,9,11", "FREQ=DAILY;BYWEEKNO=3",
+                                          "FREQ=WEEKLY;BYMONTHDAY=2", "FREQ=MONTHLY;BYYEARDAY=40"};
+  for (std::size_t i = 0; i < rules.size(); ++i)
+    writeFile(root.path() / "cal" / ("r" + std::to_string(i) + ".ics"),
+              eventFile("r" + std::to_string(i), {"DTSTART:20260105T090000Z", "RRULE:" + rules[i]}));
+  auto store = VdirStore::make(optionsFor(root.path(), "UTC"));
+  // Each is served as its first occurrence alone, and said so.
+  EXPECT_EQ(store->events(utc(2026, 1, 1), utc(2027, 1, 1), std::nullopt).size(), rules.size());
+  std::size_t refused = 0;
+  for (const auto& diagnostic : store->diagnostics())
+    if (diagnostic.problem.find(": ignored") != std::string::npos) ++refused;
+  EXPECT_EQ(refused, rules.size());
+  // A rare but possible day is kept: 29 February, every minute of it.
+  TemporaryDirectory leapRoot;
+  writeFile(leapRoot.path() / "cal" / "leap.ics",
+            eventFile("leap", {"DTSTART:20260105T090000Z", "RRULE:FREQ=HOURLY;BYMONTH=2;BYMONTHDAY=29"}));
+  auto leap = VdirStore::make(optionsFor(leapRoot.path(), "UTC"));
+  EXPECT_EQ(starts(*leap, utc(2028, 2, 29), utc(2028, 3, 1), "UTC").size(), 24u);
+}
+
 // ---------------------------------------------------------------------------------------------
 // Properties over random rules.
 

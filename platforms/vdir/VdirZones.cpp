@@ -30,7 +30,12 @@ icaltimezone* builtinZone(const std::string& name) {
   // libical appends a zone it had to load by name at every such look-up: ask it once per name.
   static std::unordered_map<std::string, icaltimezone*> known;
   auto [at, inserted] = known.emplace(name, nullptr);
-  if (inserted) at->second = name.empty() ? nullptr : icaltimezone_get_builtin_timezone(name.c_str());
+  if (inserted) {
+    at->second = name.empty() ? nullptr : icaltimezone_get_builtin_timezone(name.c_str());
+    // A built-in zone's data is loaded on first use, under one of two libical locks depending on
+    // the caller (offsets, or name and definition): load it here, before any thread sees the zone.
+    if (at->second) icaltimezone_get_component(at->second);
+  }
   return at->second;
 }
 

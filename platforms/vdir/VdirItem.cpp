@@ -581,8 +581,9 @@ class Reader {
 
   // Why a rule cannot be served, or null. libical's iterator tests a sub-daily rule's day filters
   // second by second or minute by minute inside one call, so a rule whose filters match no day
-  // (BYDAY=1SU in a MINUTELY rule, BYMONTH=2;BYMONTHDAY=30) would never return: such rules, and
-  // the BY parts RFC 5545 forbids for a frequency, are refused before libical sees them.
+  // (BYDAY=1SU in a MINUTELY rule, BYMONTH=2;BYMONTHDAY=30) would never return, nor would a
+  // sub-daily rule on a DATE start: such rules, and the BY parts RFC 5545 forbids for a frequency,
+  // are refused before libical sees them.
   static const char* unservable(const icalrecurrencetype& rule, const VdirTime& start) {
     auto has = [](const short* values) { return values[0] != ICAL_RECURRENCE_ARRAY_MAX; };
     bool ordinalDays = false;
@@ -597,6 +598,8 @@ class Reader {
       return "has BYYEARDAY in a daily, weekly or monthly rule";
     if (has(rule.by_month_day) && freq == ICAL_WEEKLY_RECURRENCE) return "has BYMONTHDAY in a weekly rule";
     if (freq != ICAL_SECONDLY_RECURRENCE && freq != ICAL_MINUTELY_RECURRENCE && freq != ICAL_HOURLY_RECURRENCE) return nullptr;
+    // libical never leaves the first day of a sub-daily rule whose DTSTART is a date.
+    if (start.isDate()) return "repeats within a day but starts on a date";
     if (!has(rule.by_month) && !has(rule.by_month_day) && !has(rule.by_year_day) && !has(rule.by_day)) return nullptr;
     if (rule.rscale && std::string_view(rule.rscale) != "GREGORIAN" && std::string_view(rule.rscale) != "gregorian")
       return nullptr;

@@ -25,6 +25,10 @@ void setUpLibicalZones() {
 }  // namespace
 
 icaltimezone* builtinZone(const std::string& name) {
+  // Each thread remembers what it was given (zones live as long as the process), so parse and
+  // cache-decoding threads meet at the lock once per name, not once per time.
+  thread_local std::unordered_map<std::string, icaltimezone*> seen;
+  if (auto found = seen.find(name); found != seen.end()) return found->second;
   setUpLibicalZones();
   std::lock_guard lock(builtinZoneMutex());
   // libical appends a zone it had to load by name at every such look-up: ask it once per name.
@@ -36,6 +40,7 @@ icaltimezone* builtinZone(const std::string& name) {
     // the caller (offsets, or name and definition): load it here, before any thread sees the zone.
     if (at->second) icaltimezone_get_component(at->second);
   }
+  seen.emplace(name, at->second);
   return at->second;
 }
 

@@ -400,13 +400,15 @@ TEST(VdirRecurrenceTest, ASubDailyRuleThatMatchesNoDayOrBreaksTheRfcIsRefusedNot
   for (std::size_t i = 0; i < rules.size(); ++i)
     writeFile(root.path() / "cal" / ("r" + std::to_string(i) + ".ics"),
               eventFile("r" + std::to_string(i), {"DTSTART:20260105T090000Z", "RRULE:" + rules[i]}));
+  writeFile(root.path() / "cal" / "on-a-date.ics",
+            eventFile("on-a-date", {"DTSTART;VALUE=DATE:20260105", "RRULE:FREQ=MINUTELY;INTERVAL=20;BYHOUR=9,10"}));
   auto store = VdirStore::make(optionsFor(root.path(), "UTC"));
   // Each is served as its first occurrence alone, and said so.
-  EXPECT_EQ(store->events(utc(2026, 1, 1), utc(2027, 1, 1), std::nullopt).size(), rules.size());
+  EXPECT_EQ(store->events(utc(2026, 1, 1), utc(2027, 1, 1), std::nullopt).size(), rules.size() + 1);
   std::size_t refused = 0;
   for (const auto& diagnostic : store->diagnostics())
     if (diagnostic.problem.find(": ignored") != std::string::npos) ++refused;
-  EXPECT_EQ(refused, rules.size());
+  EXPECT_EQ(refused, rules.size() + 1);
   // A rare but possible day is kept: 29 February, every minute of it.
   TemporaryDirectory leapRoot;
   writeFile(leapRoot.path() / "cal" / "leap.ics",

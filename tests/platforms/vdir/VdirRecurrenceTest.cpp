@@ -352,7 +352,7 @@ TEST(VdirRecurrenceTest, AnEveryFourHoursRuleStaysOnItsGridInEveryWindow) {
   writeFile(root.path() / "cal" / "grid.ics", eventFile("grid", rule));
   auto store = VdirStore::make(optionsFor(root.path(), "UTC"));
   for (const auto& start : starts(*store, utc(2012, 3, 3, 20), utc(2012, 3, 5), "UTC"))
-    EXPECT_THAT(start.substr(11), ::testing::AnyOf("0300", "0300")) << start;  // hh:03:00, every 4 h from 13:03
+    EXPECT_EQ(start.substr(11), "0300") << start;  // hh:03:00, every 4 h from 13:03
   EXPECT_EQ(starts(*store, utc(2012, 3, 3, 20), utc(2012, 3, 4, 6), "UTC"),
             (std::vector<std::string>{"20120303T210300", "20120304T010300", "20120304T050300"}));
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <condition_variable>
 #include <limits>
 
 #include "support/gnom/Gnom.h"
@@ -64,6 +65,12 @@ const std::array<double, 10>& searchHalfWidths() {
 
 }  // namespace
 
+struct VespCalendarManager::Lifeline {
+  std::mutex mutex;
+  std::condition_variable condition;
+  bool released = false;
+};
+
 // Where the event and reminder paths differ: stores, flags, machines, keys, texts and lines.
 struct VespCalendarManager::EntityTwin {
   EKEntityType entityType;
@@ -94,33 +101,79 @@ struct VespCalendarManager::EntityTwin {
 
 const VespCalendarManager::EntityTwin& VespCalendarManager::twin(EKEntityType entityType) const {
   static const EntityTwin events{
-      platform::EKEntityTypeEvent, &VespCalendarManager::eventStore_, &VespCalendarManager::isObservingEventStore_,
-      &VespCalendarManager::authorisationStateMachineEvents_, "eventStoreChangedWithNotification:",
-      &VespCalendarManager::eventStoreChangedWithNotification, "eventAuthorisationStatus",
-      "NSCalendarsUsageDescription", "No NSCalendarsUsageDescription key in info.plist",
-      "queryEventAuthorisation(requestIfNotDetermined:via:)", 820, 828,
-      "received(eventAuthorisationStatus:requestIfNotDetermined:via:)", 216, 360, 228, 237, 255, 270, 285, 299, 329,
-      341, 352, "Calendar manager event access request completion handler",
-      "requestEventAccessCompletionHandler(granted:error:)", 536,
-      "calendar manager received 'event store changed' notification", "eventStoreChanged(notification:)", 151,
-      "eventStoreChangedInternal(via:)", 162,
-      [](VespCalendarManager& manager, const RivetVia& via) {
+      .entityType = platform::EKEntityTypeEvent,
+      .store = &VespCalendarManager::eventStore_,
+      .observing = &VespCalendarManager::isObservingEventStore_,
+      .machine = &VespCalendarManager::authorisationStateMachineEvents_,
+      .selector = "eventStoreChangedWithNotification:",
+      .entryPoint = &VespCalendarManager::eventStoreChangedWithNotification,
+      .statusKey = "eventAuthorisationStatus",
+      .usageKey = "NSCalendarsUsageDescription",
+      .usageMessage = "No NSCalendarsUsageDescription key in info.plist",
+      .queryFunction = "queryEventAuthorisation(requestIfNotDetermined:via:)",
+      .queryForkLine = 820,
+      .queryFailureLine = 828,
+      .receivedFunction = "received(eventAuthorisationStatus:requestIfNotDetermined:via:)",
+      .receivedForkLine = 216,
+      .receivedFailureLine = 360,
+      .stepForkLine = 228,
+      .noChangeLine = 237,
+      .deniedLine = 255,
+      .notDeterminedLine = 270,
+      .usageLine = 285,
+      .contactsLine = 299,
+      .authorisedLine = 329,
+      .unknownReportLine = 341,
+      .unknownTransitionLine = 352,
+      .completionImpetusName = "Calendar manager event access request completion handler",
+      .completionFunction = "requestEventAccessCompletionHandler(granted:error:)",
+      .completionLine = 536,
+      .changedImpetusName = "calendar manager received 'event store changed' notification",
+      .changedFunction = "eventStoreChanged(notification:)",
+      .changedLine = 151,
+      .changedInternalFunction = "eventStoreChangedInternal(via:)",
+      .changedInternalLine = 162,
+      .publish = [](VespCalendarManager& manager, const RivetVia& via) {
         manager.eventStoreChangedEventBus_->beginPublish(VespEventStoreChangedEvent{}, via);
-      }};
+      }
+  };
   static const EntityTwin reminders{
-      platform::EKEntityTypeReminder, &VespCalendarManager::reminderStore_,
-      &VespCalendarManager::isObservingReminderStore_, &VespCalendarManager::authorisationStateMachineReminders_,
-      "reminderStoreChangedWithNotification:", &VespCalendarManager::reminderStoreChangedWithNotification,
-      "reminderAuthorisationStatus", "NSRemindersUsageDescription",
-      "No NSRemindersUsageDescription key in info.plist", "queryReminderAuthorisation(requestIfNotDetermined:via:)",
-      843, 851, "received(reminderAuthorisationStatus:requestIfNotDetermined:via:)", 378, 522, 390, 399, 417, 432,
-      447, 461, 491, 503, 514, "Calendar manager reminder access request completion handler",
-      "requestReminderAccessCompletionHandler(granted:error:)", 552,
-      "calendar manager received 'reminder store changed' notification", "reminderStoreChanged(notification:)", 176,
-      "reminderStoreChangedInternal(via:)", 187,
-      [](VespCalendarManager& manager, const RivetVia& via) {
+      .entityType = platform::EKEntityTypeReminder,
+      .store = &VespCalendarManager::reminderStore_,
+      .observing = &VespCalendarManager::isObservingReminderStore_,
+      .machine = &VespCalendarManager::authorisationStateMachineReminders_,
+      .selector = "reminderStoreChangedWithNotification:",
+      .entryPoint = &VespCalendarManager::reminderStoreChangedWithNotification,
+      .statusKey = "reminderAuthorisationStatus",
+      .usageKey = "NSRemindersUsageDescription",
+      .usageMessage = "No NSRemindersUsageDescription key in info.plist",
+      .queryFunction = "queryReminderAuthorisation(requestIfNotDetermined:via:)",
+      .queryForkLine = 843,
+      .queryFailureLine = 851,
+      .receivedFunction = "received(reminderAuthorisationStatus:requestIfNotDetermined:via:)",
+      .receivedForkLine = 378,
+      .receivedFailureLine = 522,
+      .stepForkLine = 390,
+      .noChangeLine = 399,
+      .deniedLine = 417,
+      .notDeterminedLine = 432,
+      .usageLine = 447,
+      .contactsLine = 461,
+      .authorisedLine = 491,
+      .unknownReportLine = 503,
+      .unknownTransitionLine = 514,
+      .completionImpetusName = "Calendar manager reminder access request completion handler",
+      .completionFunction = "requestReminderAccessCompletionHandler(granted:error:)",
+      .completionLine = 552,
+      .changedImpetusName = "calendar manager received 'reminder store changed' notification",
+      .changedFunction = "reminderStoreChanged(notification:)",
+      .changedLine = 176,
+      .changedInternalFunction = "reminderStoreChangedInternal(via:)",
+      .changedInternalLine = 187,
+      .publish = [](VespCalendarManager& manager, const RivetVia& via) {
         manager.reminderStoreChangedEventBus_->beginPublish(VespReminderStoreChangedEvent{}, via);
-      }};
+      }
+  };
   return entityType == platform::EKEntityTypeEvent ? events : reminders;
 }
 
@@ -148,14 +201,34 @@ VespCalendarManager::VespCalendarManager(std::shared_ptr<rivet::RivetLogging> lo
       authorisationStateMachineReminders_(std::make_unique<AuthorisationStateMachine>(
           VespAuthorisationStatus::unknown, logger, nullptr, 60.0)),
       eventStoreChangedEventBus_(std::make_unique<rivet::RivetEventBus<VespEventStoreChangedEvent>>(logger)),
-      reminderStoreChangedEventBus_(std::make_unique<rivet::RivetEventBus<VespReminderStoreChangedEvent>>(logger)) {}
+      reminderStoreChangedEventBus_(std::make_unique<rivet::RivetEventBus<VespReminderStoreChangedEvent>>(logger)),
+      lifeline_(std::make_shared<Lifeline>()) {
+  // An aliasing pointer: one made from `this` directly would claim enable_shared_from_this.
+  std::shared_ptr<Lifeline> guard(lifeline_.get(), [lifeline = lifeline_](Lifeline*) {
+    std::lock_guard lock(lifeline->mutex);
+    lifeline->released = true;
+    lifeline->condition.notify_all();
+  });
+  anchor_ = std::shared_ptr<VespCalendarManager>(std::move(guard), this);
+}
 
 VespCalendarManager::VespCalendarManager() {
   rivet::fatalError("Use of unimplemented initializer 'init()' for class 'VespCalendarManager'");
 }
 
 // Observers are not removed: the centre holds them weakly and skips them once the manager is gone.
-VespCalendarManager::~VespCalendarManager() = default;
+// A manager that no std::shared_ptr owns first waits for whoever is still running inside it.
+VespCalendarManager::~VespCalendarManager() {
+  if (!lifeline_) return;
+  anchor_.reset();
+  std::unique_lock lock(lifeline_->mutex);
+  lifeline_->condition.wait(lock, [this] { return lifeline_->released; });
+}
+
+std::weak_ptr<VespCalendarManager> VespCalendarManager::weakSelf() const {
+  if (auto owned = const_cast<VespCalendarManager*>(this)->weak_from_this(); !owned.expired()) return owned;
+  return anchor_;
+}
 
 std::string VespCalendarManager::identifier() const { return "com.ambrel.vesp.managers.calendar"; }
 
@@ -164,7 +237,7 @@ std::vector<std::shared_ptr<keel::KeelManagerBase>> VespCalendarManager::manager
 }
 
 RivetValue VespCalendarManager::selfValue() const {
-  return RivetValue(rivet::RivetObjectReference{"VespCalendarManager", weak_from_this()});
+  return RivetValue(rivet::RivetObjectReference{"VespCalendarManager", weakSelf()});
 }
 
 std::shared_ptr<VespCalendarPicker> VespCalendarManager::calendarChooser() const {
@@ -219,75 +292,42 @@ RivetResult<void> VespCalendarManager::queryAuthorisation(const EntityTwin& twin
   return RivetResult<void>(result.error(), args, kFile, twin.queryFunction, twin.queryFailureLine);
 }
 
+// One step of an authorisation machine: what it was given, and the moves it may make.
+struct VespCalendarManager::AuthorisationStep {
+  const EntityTwin& twin;
+  platform::EKAuthorizationStatus status;
+  bool requestIfNotDetermined;
+  const VespAuthorisationStatus& current;
+  const AuthorisationStateMachine::Transition& transition;
+  std::shared_ptr<rivet::RivetJunction> junction;
+
+  RivetArgs args() const { return RivetArgs{{"currentStatus", describing(current)}, {twin.statusKey, status}}; }
+  // Moves to `next`; a failure is wrapped with the step's args at `line`.
+  RivetResult<void> moveTo(VespAuthorisationStatus next, std::uint64_t line) const {
+    auto moved = transition(next, *junction);
+    if (moved) return moved;
+    return RivetResult<void>(moved.error(), args(), kFile, twin.receivedFunction, line);
+  }
+};
+
 RivetResult<void> VespCalendarManager::received(const EntityTwin& twin, platform::EKAuthorizationStatus status,
                                                 bool requestIfNotDetermined, const RivetVia& via) {
   auto junction = via.fork(RivetArgs{{twin.statusKey, status}, {"requestIfNotDetermined", requestIfNotDetermined}},
                            std::nullopt, kFile, twin.receivedFunction, twin.receivedForkLine);
   // The step holds the manager for as long as it runs.
-  auto self = weak_from_this().lock();
+  auto self = weakSelf().lock();
   auto step = [this, self, &twin, status, requestIfNotDetermined](
                   const VespAuthorisationStatus& current, const AuthorisationStateMachine::Transition& transition,
                   const RivetVia& stepVia) -> RivetResult<void> {
-    auto stepJunction = stepVia.fork(std::nullopt, std::nullopt, kFile, twin.receivedFunction, twin.stepForkLine);
-    const char* function = twin.receivedFunction;
-    auto currentValue = describing(current);
-    auto noChange = [&]() -> RivetResult<void> {
-      auto moved = transition(current, *stepJunction);
-      if (moved) return moved;
-      return RivetResult<void>(moved.error(), RivetArgs{{"currentStatus", currentValue}, {twin.statusKey, status}},
-                               kFile, function, twin.noChangeLine);
-    };
+    AuthorisationStep step{twin,       status,     requestIfNotDetermined,
+                           current,    transition, stepVia.fork(std::nullopt, std::nullopt, kFile,
+                                                                 twin.receivedFunction, twin.stepForkLine)};
     switch (status) {
-      case platform::EKAuthorizationStatusNotDetermined: {
-        stopObserving(twin);
-        auto moved = transition(VespAuthorisationStatus::notDetermined, *stepJunction);
-        if (!moved)
-          return RivetResult<void>(moved.error(), RivetArgs{{"currentStatus", currentValue}, {twin.statusKey, status}},
-                                   kFile, function, twin.notDeterminedLine);
-        if (!requestIfNotDetermined) return RivetResultVoidSuccess;
-        auto bundle = platform_->mainBundle();
-        RivetArgs missingArgs{{"currentStatus", currentValue},
-                              {"serialTrail", RivetValue::object(stepJunction, stepJunction->description())}};
-        if (!bundle->objectForInfoDictionaryKey(twin.usageKey))
-          return RivetResult<void>(twin.usageMessage, missingArgs, kFile, function, twin.usageLine);
-        if (!bundle->objectForInfoDictionaryKey("NSContactsUsageDescription"))
-          return RivetResult<void>("No NSContactsUsageDescription key in info.plist", missingArgs, kFile, function,
-                                   twin.contactsLine);
-        // The completion holds the manager until the platform answers.
-        auto manager = self;
-        (this->*twin.store)->requestAccessToEntityType(
-            twin.entityType, [this, manager, &twin](bool granted, std::optional<platform::NSError> error) {
-              accessCompletionHandler(twin, granted, error);
-            });
-        return RivetResultVoidSuccess;
-      }
+      case platform::EKAuthorizationStatusNotDetermined: return stepNotDetermined(step, self);
       case platform::EKAuthorizationStatusRestricted:
-      case platform::EKAuthorizationStatusDenied: {
-        if (current == VespAuthorisationStatus::denied) return noChange();
-        stopObserving(twin);
-        auto moved = transition(VespAuthorisationStatus::denied, *stepJunction);
-        if (moved) return moved;
-        return RivetResult<void>(moved.error(), RivetArgs{{"currentStatus", currentValue}, {twin.statusKey, status}},
-                                 kFile, function, twin.deniedLine);
-      }
-      case platform::EKAuthorizationStatusAuthorized: {
-        if (current == VespAuthorisationStatus::authorised) return noChange();
-        startObserving(twin);
-        auto moved = transition(VespAuthorisationStatus::authorised, *stepJunction);
-        if (moved) return RivetResultVoidSuccess;
-        return RivetResult<void>(moved.error(), RivetArgs{{"currentStatus", currentValue}, {twin.statusKey, status}},
-                                 kFile, function, twin.authorisedLine);
-      }
-      default: {
-        if (logger_)
-          logger_->reportAnomaly(RivetError("Unknown CLAuthorizationStatus",
-                                            RivetArgs{{"currentStatus", currentValue}, {twin.statusKey, status}}, kFile,
-                                            function, twin.unknownReportLine),
-                                 *stepJunction);
-        auto moved = transition(current, *stepJunction);
-        if (moved) return moved;
-        return RivetResult<void>(moved.error(), std::nullopt, kFile, function, twin.unknownTransitionLine);
-      }
+      case platform::EKAuthorizationStatusDenied: return stepDenied(step);
+      case platform::EKAuthorizationStatusAuthorized: return stepAuthorised(step);
+      default: return stepUnknown(step);
     }
   };
   auto result = (this->*twin.machine)->begin(*junction, step);
@@ -296,6 +336,55 @@ RivetResult<void> VespCalendarManager::received(const EntityTwin& twin, platform
       result.error(),
       RivetArgs{{"self", selfValue()}, {twin.statusKey, status}, {"requestIfNotDetermined", requestIfNotDetermined}},
       kFile, twin.receivedFunction, twin.receivedFailureLine);
+}
+
+RivetResult<void> VespCalendarManager::stepNotDetermined(const AuthorisationStep& step,
+                                                         const std::shared_ptr<VespCalendarManager>& self) {
+  const EntityTwin& twin = step.twin;
+  stopObserving(twin);
+  if (auto moved = step.moveTo(VespAuthorisationStatus::notDetermined, twin.notDeterminedLine); !moved) return moved;
+  if (!step.requestIfNotDetermined) return RivetResultVoidSuccess;
+  auto bundle = platform_->mainBundle();
+  RivetArgs missingArgs{{"currentStatus", describing(step.current)},
+                        {"serialTrail", RivetValue::object(step.junction, step.junction->description())}};
+  if (!bundle->objectForInfoDictionaryKey(twin.usageKey))
+    return RivetResult<void>(twin.usageMessage, missingArgs, kFile, twin.receivedFunction, twin.usageLine);
+  if (!bundle->objectForInfoDictionaryKey("NSContactsUsageDescription"))
+    return RivetResult<void>("No NSContactsUsageDescription key in info.plist", missingArgs, kFile,
+                             twin.receivedFunction, twin.contactsLine);
+  // A shared manager is held until the platform answers; any other is reached only while it is
+  // alive, so that its destruction does not wait for the user.
+  auto held = ownedByShared() ? self : nullptr;
+  (this->*twin.store)->requestAccessToEntityType(
+      twin.entityType, [held, weak = weakSelf(), &twin](bool granted, std::optional<platform::NSError> error) {
+        if (auto manager = weak.lock()) manager->accessCompletionHandler(twin, granted, error);
+      });
+  return RivetResultVoidSuccess;
+}
+
+RivetResult<void> VespCalendarManager::stepDenied(const AuthorisationStep& step) {
+  if (step.current == VespAuthorisationStatus::denied) return step.moveTo(step.current, step.twin.noChangeLine);
+  stopObserving(step.twin);
+  return step.moveTo(VespAuthorisationStatus::denied, step.twin.deniedLine);
+}
+
+RivetResult<void> VespCalendarManager::stepAuthorised(const AuthorisationStep& step) {
+  if (step.current == VespAuthorisationStatus::authorised) return step.moveTo(step.current, step.twin.noChangeLine);
+  startObserving(step.twin);
+  return step.moveTo(VespAuthorisationStatus::authorised, step.twin.authorisedLine);
+}
+
+// A status this code does not know: reported, and the state kept.
+RivetResult<void> VespCalendarManager::stepUnknown(const AuthorisationStep& step) {
+  if (logger_)
+    logger_->reportAnomaly(
+        RivetError("Unknown CLAuthorizationStatus", step.args(), kFile, step.twin.receivedFunction,
+                   step.twin.unknownReportLine),
+        *step.junction);
+  auto moved = step.transition(step.current, *step.junction);
+  if (moved) return moved;
+  return RivetResult<void>(moved.error(), std::nullopt, kFile, step.twin.receivedFunction,
+                           step.twin.unknownTransitionLine);
 }
 
 void VespCalendarManager::accessCompletionHandler(const EntityTwin& twin, bool granted,
@@ -313,7 +402,7 @@ void VespCalendarManager::accessCompletionHandler(const EntityTwin& twin, bool g
 void VespCalendarManager::startObserving(const EntityTwin& twin) {
   auto store = this->*twin.store;
   platform_->defaultCenter()->addObserver(
-      std::weak_ptr<const void>(weak_from_this()), twin.selector,
+      std::weak_ptr<const void>(weakSelf()), twin.selector,
       [this, &twin](const platform::Notification& notification) { (this->*twin.entryPoint)(notification); },
       platform::EKEventStoreChangedNotification, store.get());
   (this->*twin.observing).store(true);

@@ -1,8 +1,10 @@
 // The library's service object. A host makes one with a logger (and, in tests, a platform),
 // registers it with the manager framework and calls its operations; see VespCalendarManaging.
 //
-// REQUIRES: the manager is owned by a std::shared_ptr (use make): it registers itself with the
-// notification centre through a weak reference to itself.
+// A manager may be owned by a std::shared_ptr (make) or built anywhere else with the public
+// constructor: either way it observes the store once authorised. One that no std::shared_ptr owns
+// waits, when destroyed, for notification calls and authorisation steps already running inside it;
+// it must not be destroyed from inside one of them.
 // Thread safety: queries and authorisation queries may be called from any thread; screen
 // operations on the main thread. Authorisation steps run on each state machine's serial queue.
 #pragma once
@@ -92,12 +94,25 @@ class VespCalendarManager final : public keel::KeelManagerBase,
 
  private:
   struct EntityTwin;  // the values in which the event and reminder paths differ
+  struct Lifeline;    // the anchor of a manager that no std::shared_ptr owns
+
+  // A weak reference through which the centre, steps and completions reach the manager: its
+  // owner's where a std::shared_ptr owns it, otherwise the lifeline's.
+  std::weak_ptr<VespCalendarManager> weakSelf() const;
+  bool ownedByShared() const { return !weak_from_this().expired(); }
 
   rivet::RivetValue selfValue() const;
   rivet::RivetResult<void> queryAuthorisation(const EntityTwin& twin, bool requestIfNotDetermined,
                                               const rivet::RivetVia& via);
   rivet::RivetResult<void> received(const EntityTwin& twin, platform::EKAuthorizationStatus status,
                                     bool requestIfNotDetermined, const rivet::RivetVia& via);
+  // The cases of an authorisation step, by the platform's status.
+  struct AuthorisationStep;
+  rivet::RivetResult<void> stepNotDetermined(const AuthorisationStep& step,
+                                             const std::shared_ptr<VespCalendarManager>& self);
+  rivet::RivetResult<void> stepDenied(const AuthorisationStep& step);
+  rivet::RivetResult<void> stepAuthorised(const AuthorisationStep& step);
+  rivet::RivetResult<void> stepUnknown(const AuthorisationStep& step);
   void accessCompletionHandler(const EntityTwin& twin, bool granted, const std::optional<platform::NSError>& error);
   void storeChanged(const EntityTwin& twin, const platform::Notification& notification);
   rivet::RivetResult<void> storeChangedInternal(const EntityTwin& twin, const rivet::RivetVia& via);
@@ -129,6 +144,8 @@ class VespCalendarManager final : public keel::KeelManagerBase,
   std::unique_ptr<AuthorisationStateMachine> authorisationStateMachineReminders_;
   std::unique_ptr<rivet::RivetEventBus<VespEventStoreChangedEvent>> eventStoreChangedEventBus_;
   std::unique_ptr<rivet::RivetEventBus<VespReminderStoreChangedEvent>> reminderStoreChangedEventBus_;
+  std::shared_ptr<VespCalendarManager> anchor_;  // non-owning; handed out only when no std::shared_ptr owns us
+  std::shared_ptr<Lifeline> lifeline_;           // signalled when the last copy of anchor_ is gone
 };
 
 }  // namespace vesp

@@ -68,8 +68,9 @@ int main() {
     ++authorised;
     answered.notify_all();
   };
-  manager->authorisationStateMachineEvents().transitions().subscribe(onAuthorised);
-  manager->authorisationStateMachineReminders().transitions().subscribe(onAuthorised);
+  // Each subscription lasts as long as its token.
+  auto eventAccess = manager->authorisationStateMachineEvents().transitions().subscribe(onAuthorised);
+  auto reminderAccess = manager->authorisationStateMachineReminders().transitions().subscribe(onAuthorised);
   check(manager->queryEventAuthorisation(true, launch), "asking for event access");
   check(manager->queryReminderAuthorisation(true, launch), "asking for reminder access");
   {
@@ -101,7 +102,7 @@ int main() {
 
   // Another application changes the store; subscribers hear of it on the bus's thread.
   std::atomic<int> changes{0};
-  manager->eventStoreChangedEventBus().subscribe([&](const vesp::VespEventStoreChangedEvent&, const rivet::RivetVia& via) {
+  auto storeChanges = manager->eventStoreChangedEventBus().subscribe([&](const vesp::VespEventStoreChangedEvent&, const rivet::RivetVia& via) {
     ++changes;
     std::cout << "\nstore changed, via " << via.provenance().back().name << "\n";
   });

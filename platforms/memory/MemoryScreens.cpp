@@ -2,6 +2,7 @@
 
 #include "platforms/memory/MemoryEventStore.h"
 #include "platforms/memory/MemoryObjects.h"
+#include "support/platform/EKEventStoreWrapper.h"
 
 namespace vesp::memory {
 
@@ -182,14 +183,15 @@ bool MemoryEventEditViewController::complete(platform::EKEventEditViewAction act
   return true;
 }
 bool MemoryEventEditViewController::cancel() { return complete(platform::EKEventEditViewActionCanceled); }
+// The screen writes to the memory store under any wrappers a host put around it.
 bool MemoryEventEditViewController::save() {
-  auto store = std::dynamic_pointer_cast<MemoryEventStore>(eventStore());
+  auto store = std::dynamic_pointer_cast<MemoryEventStore>(platform::EKEventStoreWrapper::innermost(eventStore()));
   auto memoryEvent = std::dynamic_pointer_cast<MemoryEvent>(event());
   if (store && memoryEvent) store->saveEvent(memoryEvent);
   return complete(platform::EKEventEditViewActionSaved);
 }
 bool MemoryEventEditViewController::deleteEvent() {
-  auto store = std::dynamic_pointer_cast<MemoryEventStore>(eventStore());
+  auto store = std::dynamic_pointer_cast<MemoryEventStore>(platform::EKEventStoreWrapper::innermost(eventStore()));
   if (auto current = event(); store && current) store->removeEvent(current);
   return complete(platform::EKEventEditViewActionDeleted);
 }

@@ -1,6 +1,7 @@
 #include "support/rivet/RivetEventBus.h"
 
 #include <exception>
+#include <utility>
 
 namespace rivet {
 
@@ -12,19 +13,42 @@ RivetEventBusCore::RivetEventBusCore(std::string identifier, std::shared_ptr<Riv
 
 RivetEventBusCore::~RivetEventBusCore() = default;
 
+RivetSubscription::RivetSubscription(RivetSubscription&& other) noexcept
+    : state_(std::move(other.state_)), id_(std::exchange(other.id_, 0)) {}
+
+RivetSubscription& RivetSubscription::operator=(RivetSubscription&& other) noexcept {
+  if (this != &other) {
+    cancel();
+    state_ = std::move(other.state_);
+    id_ = std::exchange(other.id_, 0);
+  }
+  return *this;
+}
+
+void RivetSubscription::cancel() noexcept {
+  auto state = state_.lock();
+  state_.reset();
+  if (!state || id_ == 0) return;
+  std::unique_lock lock(state->mutex);
+  state->handlers.erase(id_);
+  // Wait out a delivery to this subscriber that is under way, unless it is the caller itself.
+  auto self = std::this_thread::get_id();
+  state->idle.wait(lock, [&] { return state->delivering != id_ || state->deliveringOn == self; });
+  id_ = 0;
+}
+
+bool RivetSubscription::active() const {
+  auto state = state_.lock();
+  if (!state) return false;
+  std::lock_guard lock(state->mutex);
+  return state->handlers.contains(id_);
+}
+
 RivetSubscription RivetEventBusCore::subscribe(Handler handler) {
   std::lock_guard lock(state_->mutex);
   std::uint64_t id = state_->nextId++;
   state_->handlers.emplace(id, std::make_shared<Handler>(std::move(handler)));
-  return RivetSubscription{id};
-}
-
-void RivetEventBusCore::unsubscribe(RivetSubscription subscription) {
-  std::unique_lock lock(state_->mutex);
-  state_->handlers.erase(subscription.id);
-  // Wait out a delivery to this subscriber that is under way, unless it is the caller itself.
-  if (!queue_.isCurrent())
-    state_->idle.wait(lock, [&] { return state_->delivering != subscription.id; });
+  return RivetSubscription(state_, id);
 }
 
 void RivetEventBusCore::publish(std::shared_ptr<const void> event, const RivetVia& via) {
@@ -49,6 +73,7 @@ void RivetEventBusCore::deliver(const std::shared_ptr<State>& state, const std::
       if (found == state->handlers.end()) continue;
       handler = found->second;
       state->delivering = id;
+      state->deliveringOn = std::this_thread::get_id();
     }
     try {
       (*handler)(event.get(), *via);
@@ -67,6 +92,7 @@ void RivetEventBusCore::deliver(const std::shared_ptr<State>& state, const std::
     {
       std::lock_guard lock(state->mutex);
       state->delivering = 0;
+      state->deliveringOn = {};
     }
     state->idle.notify_all();
   }

@@ -1,10 +1,10 @@
 // Event buses. A bus delivers every published event to each of its subscribers exactly once, in
 // publish order, on the bus's own delivery thread and never inside beginPublish.
 //
-// Thread safety: publish, subscribe and unsubscribe from any thread. A subscriber sees an event
-// when it was subscribed at the moment of publication and is still subscribed at delivery. After
-// unsubscribe returns (from any thread but the delivery thread) the subscriber is not running and
-// will not be called again. Destroying a bus delivers what was already published, then joins its
+// Thread safety: publish, subscribe and cancel a subscription from any thread. A subscriber sees
+// an event when it was subscribed at the moment of publication and is still subscribed at
+// delivery. After a cancel returns (from any thread but inside the subscriber itself) the
+// subscriber is not running and will not be called again. Destroying a bus delivers what was already published, then joins its
 // thread.
 #pragma once
 
@@ -17,6 +17,8 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
+#include <vector>
 
 #include "support/rivet/RivetLogging.h"
 #include "support/rivet/RivetSerialQueue.h"
@@ -37,37 +39,70 @@ concept RivetEventBusable = std::copy_constructible<Event> && requires {
   { RivetEventIdentifier<Event>::identifier() } -> std::convertible_to<std::string_view>;
 };
 
-// A handle on one subscription, for unsubscribing.
-struct RivetSubscription {
-  std::uint64_t id = 0;
-  friend bool operator==(const RivetSubscription&, const RivetSubscription&) = default;
+namespace detail {
+struct RivetEventBusState;
+}
+
+// One subscription, owned by its token: destroying the token (or calling cancel) unsubscribes,
+// with unsubscribe's guarantee. A token may outlive its bus: it then holds nothing and its
+// destruction does nothing. A default-made token holds nothing.
+class [[nodiscard]] RivetSubscription {
+ public:
+  RivetSubscription() = default;
+  RivetSubscription(const RivetSubscription&) = delete;
+  RivetSubscription& operator=(const RivetSubscription&) = delete;
+  RivetSubscription(RivetSubscription&& other) noexcept;
+  // Cancels what this token held, then takes over `other`'s subscription.
+  RivetSubscription& operator=(RivetSubscription&& other) noexcept;
+  ~RivetSubscription() { cancel(); }
+
+  // Unsubscribes now: afterwards the subscriber is not running (unless this is called from inside
+  // it) and will not be called again. Does nothing when the token holds nothing or the bus is gone.
+  void cancel() noexcept;
+  // Whether the subscriber is still subscribed to a live bus.
+  bool active() const;
+
+ private:
+  friend class RivetEventBusCore;
+  RivetSubscription(std::weak_ptr<detail::RivetEventBusState> state, std::uint64_t id)
+      : state_(std::move(state)), id_(id) {}
+
+  std::weak_ptr<detail::RivetEventBusState> state_;
+  std::uint64_t id_ = 0;
 };
+
+namespace detail {
+// What a bus shares with its delivery tasks and its subscription tokens.
+struct RivetEventBusState {
+  using Handler = std::function<void(const void* event, const RivetVia& via)>;
+
+  std::string identifier;
+  std::shared_ptr<RivetLogging> logger;
+  std::mutex mutex;
+  std::condition_variable idle;
+  std::map<std::uint64_t, std::shared_ptr<Handler>> handlers;  // guarded by mutex
+  std::uint64_t nextId = 1;                                    // guarded by mutex
+  std::uint64_t delivering = 0;                                // guarded by mutex; 0: none
+  std::thread::id deliveringOn;                                // guarded by mutex
+};
+}  // namespace detail
 
 // The type-independent machinery behind RivetEventBus.
 class RivetEventBusCore {
  public:
-  using Handler = std::function<void(const void* event, const RivetVia& via)>;
+  using Handler = detail::RivetEventBusState::Handler;
 
   RivetEventBusCore(std::string identifier, std::shared_ptr<RivetLogging> logger);
   ~RivetEventBusCore();
 
   RivetSubscription subscribe(Handler handler);
-  void unsubscribe(RivetSubscription subscription);
   void publish(std::shared_ptr<const void> event, const RivetVia& via);
   void waitUntilDelivered();
   bool isDeliveryThread() const { return queue_.isCurrent(); }
   std::size_t subscriberCount() const;
 
  private:
-  struct State {
-    std::string identifier;
-    std::shared_ptr<RivetLogging> logger;
-    std::mutex mutex;
-    std::condition_variable idle;
-    std::map<std::uint64_t, std::shared_ptr<Handler>> handlers;
-    std::uint64_t nextId = 1;
-    std::uint64_t delivering = 0;
-  };
+  using State = detail::RivetEventBusState;
   static void deliver(const std::shared_ptr<State>& state, const std::vector<std::uint64_t>& recipients,
                       const std::shared_ptr<const void>& event, const std::shared_ptr<const RivetVia>& via);
 
@@ -87,12 +122,12 @@ class RivetEventBus {
 
   static std::string_view identifier() { return RivetEventIdentifier<Event>::identifier(); }
 
+  // The subscription lasts as long as the returned token.
   RivetSubscription subscribe(Subscriber subscriber) {
     return core_.subscribe([subscriber = std::move(subscriber)](const void* event, const RivetVia& via) {
       subscriber(*static_cast<const Event*>(event), via);
     });
   }
-  void unsubscribe(RivetSubscription subscription) { core_.unsubscribe(subscription); }
 
   // Queues the event for delivery and returns at once; the subscribers receive `via`.
   void beginPublish(Event event, const RivetVia& via) {

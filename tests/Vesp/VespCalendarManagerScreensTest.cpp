@@ -1,6 +1,8 @@
 // The manager's screens: creating, viewing and editing an event, and picking calendars.
 #include "Vesp/VespCalendarManager.h"
 
+#include "support/platform/EKEventStoreWrapper.h"
+
 #include "tests/support/ManagerFixture.h"
 #include "tests/support/RivetMatchers.h"
 
@@ -79,6 +81,44 @@ TEST_F(VespCalendarManagerScreensTest, SavingOrDeletingOnlyDismissesTheEditor) {
   EXPECT_EQ(manager->getAllEventCalendars().value(), before.value());
   EXPECT_TRUE(editor->deleteEvent());
   EXPECT_EQ(platform->screenLog().dismissalCount(), 2u);
+}
+
+// A host's platform double that hands out wrapped stores, as a test that counts queries would.
+class WrappingPlatform : public platform::PlatformWrapper {
+ public:
+  using PlatformWrapper::PlatformWrapper;
+  std::shared_ptr<platform::EKEventStore> makeEventStore() override {
+    auto store = std::make_shared<platform::EKEventStoreWrapper>(PlatformWrapper::makeEventStore());
+    store->forwardChanges(defaultCenter());
+    return store;
+  }
+};
+
+TEST_F(VespCalendarManagerScreensTest, TheEditorSavesAndDeletesThroughAWrappedStoreAndTheManagerHearsIt) {
+  auto wrapped = VespCalendarManager::make(logger, std::make_shared<WrappingPlatform>(platform));
+  ASSERT_THAT(wrapped->applicationDidBecomeActive(impetus), IsRivetSuccess());
+  ASSERT_TRUE(std::dynamic_pointer_cast<platform::EKEventStoreWrapper>(wrapped->eventStore()));
+  BusCounter<VespEventStoreChangedEvent> changes(wrapped->eventStoreChangedEventBus());
+
+  ASSERT_THAT(wrapped->createCalendarEvent(origin, false, work->calendarIdentifier(), host), IsRivetSuccess());
+  auto editor = presented<MemoryEventEditViewController>();
+  ASSERT_TRUE(editor);
+  // The user types a title, then saves.
+  std::dynamic_pointer_cast<memory::MemoryEvent>(editor->event())->update([](memory::MemoryEventFields& fields) {
+    fields.item.title = "Lunch";
+  });
+  EXPECT_TRUE(editor->save());
+  ASSERT_EQ(platform->world()->events().size(), 1u);
+  auto found = wrapped->getEventInstances(origin, origin.addingTimeInterval(3600), VespCalendarQuery::all());
+  ASSERT_THAT(found, IsRivetSuccess());
+  EXPECT_EQ(found.value().size(), 1u);
+  EXPECT_EQ(changes.delivered(), 1);
+
+  EXPECT_TRUE(editor->deleteEvent());
+  EXPECT_TRUE(platform->world()->events().empty());
+  EXPECT_EQ(changes.delivered(), 2);
+  platform->postStoreChanged();
+  EXPECT_EQ(changes.delivered(), 3);
 }
 
 TEST_F(VespCalendarManagerScreensTest, ViewingShowsTheExactOccurrenceInANavigationContainer) {

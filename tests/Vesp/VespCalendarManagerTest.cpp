@@ -1,6 +1,8 @@
 // The manager's construction, identity, life cycle, authorisation and store-change publication.
 #include "Vesp/VespCalendarManager.h"
 
+#include <thread>
+
 #include "tests/support/ManagerFixture.h"
 #include "tests/support/RivetMatchers.h"
 
@@ -15,6 +17,13 @@ using ::testing::Eq;
 using rivet::testing::IsRivetFailure;
 using rivet::testing::IsRivetSuccess;
 
+// A host object that holds its manager by value.
+struct Host {
+  Host(std::shared_ptr<rivet::RivetLogging> logger, std::shared_ptr<platform::Platform> platform)
+      : manager(std::move(logger), std::move(platform)) {}
+  VespCalendarManager manager;
+};
+
 class VespCalendarManagerTest : public ManagerFixture {
  protected:
   // Activates from inside a step of `machine`: that machine's query then fails, since a machine
@@ -28,6 +37,12 @@ class VespCalendarManagerTest : public ManagerFixture {
     });
     EXPECT_THAT(outer, IsRivetSuccess());
     return activation;
+  }
+  // The user will grant event access, once the test releases the answer.
+  void holdAGrantedEventAnswer() {
+    declareUsage(true, true, true);
+    platform->setAccessAnswer(EKEntityTypeEvent, memory::MemoryAccessAnswer{true, std::nullopt,
+                                                                            memory::MemoryDelivery::held(), true});
   }
 };
 
@@ -104,7 +119,7 @@ TEST_F(VespCalendarManagerTest, EventStoreChangesCarryTheirNotificationImpetus) 
   authoriseAll();
   activate();
   std::vector<rivet::RivetViaLink> provenance;
-  manager->eventStoreChangedEventBus().subscribe(
+  auto subscription = manager->eventStoreChangedEventBus().subscribe(
       [&](const VespEventStoreChangedEvent&, const rivet::RivetVia& via) { provenance = via.provenance(); });
   eventStore()->postChanged();
   manager->eventStoreChangedEventBus().waitUntilDelivered();
@@ -124,7 +139,7 @@ TEST_F(VespCalendarManagerTest, AnAccessCompletionCarriesItsAnswerInItsImpetus) 
                                                        memory::MemoryDelivery::immediately(), true});
   std::vector<rivet::RivetViaLink> provenance;
   std::mutex mutex;
-  manager->authorisationStateMachineReminders().transitions().subscribe(
+  auto subscription = manager->authorisationStateMachineReminders().transitions().subscribe(
       [&](const rivet::RivetStateTransition<VespAuthorisationStatus>& transition, const rivet::RivetVia& via) {
         std::lock_guard lock(mutex);
         if (transition.newState == VespAuthorisationStatus::denied) provenance = via.provenance();
@@ -191,9 +206,9 @@ TEST_F(VespCalendarManagerTest, BecomingActiveAgainWhileAuthorisedDoesNotResumeE
 TEST_F(VespCalendarManagerTest, TransitionsCarryTheForksOfEveryStepBackToTheCaller) {
   setStatus(platform::EKAuthorizationStatusAuthorized, platform::EKAuthorizationStatusDenied);
   std::vector<rivet::RivetViaLink> events, reminders;
-  manager->authorisationStateMachineEvents().transitions().subscribe(
+  auto eventSubscription = manager->authorisationStateMachineEvents().transitions().subscribe(
       [&](const auto&, const rivet::RivetVia& via) { events = via.provenance(); });
-  manager->authorisationStateMachineReminders().transitions().subscribe(
+  auto reminderSubscription = manager->authorisationStateMachineReminders().transitions().subscribe(
       [&](const auto&, const rivet::RivetVia& via) { reminders = via.provenance(); });
   activate();
   manager->authorisationStateMachineEvents().transitions().waitUntilDelivered();
@@ -247,7 +262,7 @@ TEST_F(VespCalendarManagerTest, AQueryWhileAuthorisedTransitionsAgainAndAddsNoSe
   authoriseAll();
   activate();
   std::vector<std::pair<VespAuthorisationStatus, VespAuthorisationStatus>> transitions;
-  manager->authorisationStateMachineEvents().transitions().subscribe(
+  auto subscription = manager->authorisationStateMachineEvents().transitions().subscribe(
       [&](const rivet::RivetStateTransition<VespAuthorisationStatus>& t, const rivet::RivetVia&) {
         transitions.emplace_back(t.oldState, t.newState);
       });
@@ -376,7 +391,7 @@ TEST_F(VespCalendarManagerTest, PublishedEventsCarryTheNotificationImpetus) {
   authoriseAll();
   activate();
   std::vector<rivet::RivetViaLink> provenance;
-  manager->reminderStoreChangedEventBus().subscribe(
+  auto subscription = manager->reminderStoreChangedEventBus().subscribe(
       [&](const VespReminderStoreChangedEvent&, const rivet::RivetVia& via) { provenance = via.provenance(); });
   reminderStore()->postChanged();
   manager->reminderStoreChangedEventBus().waitUntilDelivered();
@@ -397,6 +412,90 @@ TEST_F(VespCalendarManagerTest, ADestroyedManagerIsSkippedByTheNotificationCentr
   for (const auto& observation : platform->defaultCenter()->observations()) EXPECT_FALSE(observation.observerAlive);
   platform->defaultCenter()->postNotificationName(platform::EKEventStoreChangedNotification, nullptr);
   EXPECT_TRUE(platform->defaultCenter()->observations().empty());
+}
+
+// However a manager is built, a store change after activation reaches its bus.
+TEST_F(VespCalendarManagerTest, AManagerBuiltOnTheStackObservesAndPublishesAfterActivation) {
+  authoriseAll();
+  VespCalendarManager onStack(logger, platform);
+  ASSERT_THAT(onStack.applicationDidBecomeActive(impetus), IsRivetSuccess());
+  EXPECT_TRUE(onStack.isObservingEventStore());
+  BusCounter<VespEventStoreChangedEvent> events(onStack.eventStoreChangedEventBus());
+  BusCounter<VespReminderStoreChangedEvent> reminders(onStack.reminderStoreChangedEventBus());
+  std::static_pointer_cast<memory::MemoryEventStore>(onStack.eventStore())->postChanged();
+  std::static_pointer_cast<memory::MemoryEventStore>(onStack.reminderStore())->postChanged();
+  EXPECT_EQ(events.delivered(), 1);
+  EXPECT_EQ(reminders.delivered(), 1);
+  for (const auto& observation : platform->defaultCenter()->observations())
+    EXPECT_TRUE(observation.observerAlive) << observation.selectorName;
+}
+
+TEST_F(VespCalendarManagerTest, AManagerInsideAHostObjectIsForgottenByTheCentreWhenDestroyed) {
+  authoriseAll();
+  auto host = std::make_unique<Host>(logger, platform);
+  ASSERT_THAT(host->manager.applicationDidBecomeActive(impetus), IsRivetSuccess());
+  host.reset();
+  for (const auto& observation : platform->defaultCenter()->observations()) EXPECT_FALSE(observation.observerAlive);
+  platform->postStoreChanged();
+  EXPECT_EQ(logger->count(), 0u);
+}
+
+TEST_F(VespCalendarManagerTest, AnAccessAnswerArrivingAfterAStackManagerIsGoneIsDropped) {
+  holdAGrantedEventAnswer();
+  {
+    VespCalendarManager onStack(logger, platform);
+    ASSERT_THAT(onStack.queryEventAuthorisation(true, impetus), IsRivetSuccess());
+  }
+  EXPECT_EQ(platform->releaseHeldDeliveries(), 1u);
+  platform->waitForDeliveries();
+  EXPECT_EQ(platform->authorizationStatusForEntityType(EKEntityTypeEvent), platform::EKAuthorizationStatusAuthorized);
+}
+
+TEST_F(VespCalendarManagerTest, AStackManagersAnswerArrivingWhileItLivesMovesItsMachine) {
+  holdAGrantedEventAnswer();
+  VespCalendarManager onStack(logger, platform);
+  ASSERT_THAT(onStack.queryEventAuthorisation(true, impetus), IsRivetSuccess());
+  EXPECT_EQ(platform->releaseHeldDeliveries(), 1u);
+  platform->waitForDeliveries();
+  EXPECT_EQ(onStack.authorisationStateMachineEvents().state(), VespAuthorisationStatus::authorised);
+  EXPECT_TRUE(onStack.isObservingEventStore());
+}
+
+// Store changes posted from many threads while the stack manager is destroyed: each call either
+// finishes inside the live manager or skips it.
+TEST_F(VespCalendarManagerTest, PostsRacingTheDestructionOfAStackManagerAreSafe) {
+  authoriseAll();
+  for (int round = 0; round < 20; ++round) {
+    auto onHeap = std::make_unique<Host>(logger, platform);
+    ASSERT_THAT(onHeap->manager.applicationDidBecomeActive(impetus), IsRivetSuccess());
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> posters;
+    for (int t = 0; t < 3; ++t)
+      posters.emplace_back([&] {
+        while (!stop.load()) platform->postStoreChanged();
+      });
+    std::this_thread::yield();
+    onHeap.reset();
+    stop = true;
+    for (auto& poster : posters) poster.join();
+  }
+  EXPECT_EQ(logger->count(), 0u);
+}
+
+TEST_F(VespCalendarManagerTest, ASubscriptionTokenOutlivingItsManagerIsHarmless) {
+  authoriseAll();
+  activate();
+  std::atomic<int> calls{0};
+  auto subscription = manager->eventStoreChangedEventBus().subscribe(
+      [&](const VespEventStoreChangedEvent&, const rivet::RivetVia&) { ++calls; });
+  auto transitions = manager->authorisationStateMachineEvents().transitions().subscribe(
+      [](const auto&, const rivet::RivetVia&) {});
+  eventStore()->postChanged();
+  manager->eventStoreChangedEventBus().waitUntilDelivered();
+  manager.reset();
+  EXPECT_FALSE(subscription.active());
+  EXPECT_FALSE(transitions.active());
+  EXPECT_EQ(calls.load(), 1);
 }
 
 TEST(VespCalendarManagerDeathTest, TheArgumentlessConstructionStopsTheProcess) {

@@ -51,7 +51,7 @@ TEST(VespStoreChangedEventTest, EventsTravelOnBusesUnderTheirIdentifiers) {
   EXPECT_EQ(VespReminderStoreChangedEvent::identifier(), "com.ambrel.vesp.event.reminder-store-changed");
   rivet::RivetEventBus<VespReminderStoreChangedEvent> bus(nullptr);
   int received = 0;
-  bus.subscribe([&](const VespReminderStoreChangedEvent&, const rivet::RivetVia&) { ++received; });
+  auto subscription = bus.subscribe([&](const VespReminderStoreChangedEvent&, const rivet::RivetVia&) { ++received; });
   bus.beginPublish(VespReminderStoreChangedEvent{}, rivet::RivetImpetus("test", std::nullopt, "Test", "test()", 1));
   bus.waitUntilDelivered();
   EXPECT_EQ(received, 1);

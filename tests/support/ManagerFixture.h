@@ -43,7 +43,6 @@ class BusCounter {
   explicit BusCounter(rivet::RivetEventBus<Event>& bus) : bus_(bus) {
     subscription_ = bus_.subscribe([this](const Event&, const rivet::RivetVia&) { ++count_; });
   }
-  ~BusCounter() { bus_.unsubscribe(subscription_); }
   int delivered() {
     bus_.waitUntilDelivered();
     return count_.load();

@@ -213,7 +213,7 @@ class Session {
         return done || stateMachine.state() != VespAuthorisationStatus::notDetermined;
       });
     }
-    stateMachine.transitions().unsubscribe(token);
+    token.cancel();
     return stateMachine.state();
   }
 
@@ -435,8 +435,8 @@ int runVesp(int argc, const char* const* argv, std::ostream& out, std::ostream& 
       if (!asJSON) err << "Watching " << store << " (Ctrl-C to stop)" << std::endl;
       int signal = 0;
       sigwait(&stopSignals, &signal);
-      manager.eventStoreChangedEventBus().unsubscribe(eventToken);
-      manager.reminderStoreChangedEventBus().unsubscribe(reminderToken);
+      eventToken.cancel();
+      reminderToken.cancel();
     } else if (access->parsed()) {
       std::vector<platform::EKEntityType> types;
       if (accessKind != "reminders") types.push_back(platform::EKEntityTypeEvent);

@@ -115,7 +115,7 @@ TEST(VdirPlatformTest, aChangedFileReachesTheManagersBusWithinASecond) {
     std::unique_lock lock(mutex);
     EXPECT_TRUE(delivered.wait_for(lock, std::chrono::seconds(1), [&] { return events > 0; }));
   }
-  world.manager->eventStoreChangedEventBus().unsubscribe(subscription);
+  subscription.cancel();
   auto instances = world.manager->getEventInstances(utc(2026, 3, 10), utc(2026, 3, 11), VespCalendarQuery::all());
   ASSERT_TRUE(instances.has_value());
   ASSERT_EQ(instances->size(), 1u);

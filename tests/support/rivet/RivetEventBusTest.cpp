@@ -51,8 +51,10 @@ TEST(RivetEventBusTest, DeliversEveryEventExactlyOnceInPublishOrderToEachSubscri
   RivetEventBus<NumberEvent> bus(std::make_shared<RivetRecordingLogger>());
   constexpr int subscribers = 4, events = 500;
   std::vector<std::vector<int>> received(subscribers);
+  std::vector<RivetSubscription> subscriptions;
   for (int s = 0; s < subscribers; ++s)
-    bus.subscribe([&received, s](const NumberEvent& event, const RivetVia&) { received[s].push_back(event.number); });
+    subscriptions.push_back(bus.subscribe(
+        [&received, s](const NumberEvent& event, const RivetVia&) { received[s].push_back(event.number); }));
   auto impetus = testImpetus();
   for (int i = 0; i < events; ++i) bus.beginPublish(NumberEvent{0, i}, impetus);
   bus.waitUntilDelivered();
@@ -67,7 +69,7 @@ TEST(RivetEventBusTest, SubscribersAreNeverCalledInsideBeginPublish) {
   Gate publishReturned;
   std::atomic<bool> sawGateOpen{false};
   std::thread::id deliveredOn;
-  bus.subscribe([&](const NumberEvent&, const RivetVia&) {
+  auto subscription = bus.subscribe([&](const NumberEvent&, const RivetVia&) {
     deliveredOn = std::this_thread::get_id();
     // If delivery happened inside beginPublish, the gate could not open while we wait here.
     sawGateOpen = publishReturned.waitOpen(std::chrono::seconds(10));
@@ -85,7 +87,7 @@ TEST(RivetEventBusTest, ConcurrentPublishersKeepEachPublishersOrderAndLoseNothin
   std::map<int, std::vector<int>> seen;
   std::atomic<std::thread::id> deliveryThread{};
   std::atomic<bool> singleThread{true};
-  bus.subscribe([&](const NumberEvent& event, const RivetVia&) {
+  auto subscription = bus.subscribe([&](const NumberEvent& event, const RivetVia&) {
     auto expected = std::thread::id{};
     auto me = std::this_thread::get_id();
     if (!deliveryThread.compare_exchange_strong(expected, me) && expected != me) singleThread = false;
@@ -110,7 +112,7 @@ TEST(RivetEventBusTest, ConcurrentPublishersKeepEachPublishersOrderAndLoseNothin
 TEST(RivetEventBusTest, SubscribersReceiveThePublishersVia) {
   RivetEventBus<NumberEvent> bus(nullptr);
   std::vector<RivetViaLink> provenance;
-  bus.subscribe([&](const NumberEvent&, const RivetVia& via) { provenance = via.provenance(); });
+  auto subscription = bus.subscribe([&](const NumberEvent&, const RivetVia& via) { provenance = via.provenance(); });
   auto junction = testImpetus().fork(std::nullopt, std::nullopt, "Publisher", "publish()", 3);
   bus.beginPublish(NumberEvent{}, *junction);
   junction.reset();
@@ -123,10 +125,12 @@ TEST(RivetEventBusTest, AnUnsubscribedSubscriberReceivesNothingMore) {
   RivetEventBus<NumberEvent> bus(nullptr);
   std::atomic<int> first{0}, second{0};
   auto subscription = bus.subscribe([&](const NumberEvent&, const RivetVia&) { ++first; });
-  bus.subscribe([&](const NumberEvent&, const RivetVia&) { ++second; });
+  auto other = bus.subscribe([&](const NumberEvent&, const RivetVia&) { ++second; });
   bus.beginPublish(NumberEvent{}, testImpetus());
   bus.waitUntilDelivered();
-  bus.unsubscribe(subscription);
+  subscription.cancel();
+  EXPECT_FALSE(subscription.active());
+  EXPECT_TRUE(other.active());
   EXPECT_EQ(bus.subscriberCount(), 1u);
   bus.beginPublish(NumberEvent{}, testImpetus());
   bus.waitUntilDelivered();
@@ -146,7 +150,7 @@ TEST(RivetEventBusTest, UnsubscribeWaitsForADeliveryUnderWay) {
   bus.beginPublish(NumberEvent{}, testImpetus());
   ASSERT_TRUE(entered.waitOpen(std::chrono::seconds(10)));
   std::thread releaser([&] { release.open(); });
-  bus.unsubscribe(subscription);
+  subscription.cancel();
   EXPECT_TRUE(finished.load());
   releaser.join();
 }
@@ -157,7 +161,7 @@ TEST(RivetEventBusTest, ASubscriberMayUnsubscribeItself) {
   RivetSubscription subscription;
   subscription = bus.subscribe([&](const NumberEvent&, const RivetVia&) {
     ++calls;
-    bus.unsubscribe(subscription);
+    subscription.cancel();
   });
   bus.beginPublish(NumberEvent{}, testImpetus());
   bus.beginPublish(NumberEvent{}, testImpetus());
@@ -169,8 +173,8 @@ TEST(RivetEventBusTest, AThrowingSubscriberIsReportedAndDeliveryGoesOn) {
   auto logger = std::make_shared<RivetRecordingLogger>();
   RivetEventBus<NumberEvent> bus(logger);
   std::atomic<int> others{0};
-  bus.subscribe([](const NumberEvent&, const RivetVia&) { throw std::runtime_error("subscriber broke"); });
-  bus.subscribe([&](const NumberEvent&, const RivetVia&) { ++others; });
+  auto thrower = bus.subscribe([](const NumberEvent&, const RivetVia&) { throw std::runtime_error("subscriber broke"); });
+  auto counter = bus.subscribe([&](const NumberEvent&, const RivetVia&) { ++others; });
   bus.beginPublish(NumberEvent{}, testImpetus());
   bus.beginPublish(NumberEvent{}, testImpetus());
   bus.waitUntilDelivered();
@@ -183,9 +187,10 @@ TEST(RivetEventBusTest, AThrowingSubscriberIsReportedAndDeliveryGoesOn) {
 
 TEST(RivetEventBusTest, DestroyingABusDeliversWhatWasPublished) {
   std::atomic<int> delivered{0};
+  RivetSubscription subscription;  // outlives the bus
   {
     RivetEventBus<NumberEvent> bus(nullptr);
-    bus.subscribe([&](const NumberEvent&, const RivetVia&) { ++delivered; });
+    subscription = bus.subscribe([&](const NumberEvent&, const RivetVia&) { ++delivered; });
     for (int i = 0; i < 100; ++i) bus.beginPublish(NumberEvent{0, i}, testImpetus());
   }
   EXPECT_EQ(delivered.load(), 100);
@@ -195,12 +200,56 @@ TEST(RivetEventBusTest, ASubscriberAddedAfterAPublicationDoesNotReceiveIt) {
   RivetEventBus<NumberEvent> bus(nullptr);
   Gate release;
   std::atomic<int> late{0};
-  bus.subscribe([&](const NumberEvent&, const RivetVia&) { release.waitOpen(std::chrono::seconds(10)); });
+  auto early = bus.subscribe([&](const NumberEvent&, const RivetVia&) { release.waitOpen(std::chrono::seconds(10)); });
   bus.beginPublish(NumberEvent{}, testImpetus());
-  bus.subscribe([&](const NumberEvent&, const RivetVia&) { ++late; });
+  auto latecomer = bus.subscribe([&](const NumberEvent&, const RivetVia&) { ++late; });
   release.open();
   bus.waitUntilDelivered();
   EXPECT_EQ(late.load(), 0);
+}
+
+TEST(RivetEventBusTest, DestroyingATokenUnsubscribes) {
+  RivetEventBus<NumberEvent> bus(nullptr);
+  std::atomic<int> calls{0};
+  {
+    auto subscription = bus.subscribe([&](const NumberEvent&, const RivetVia&) { ++calls; });
+    EXPECT_TRUE(subscription.active());
+    bus.beginPublish(NumberEvent{}, testImpetus());
+    bus.waitUntilDelivered();
+  }
+  EXPECT_EQ(bus.subscriberCount(), 0u);
+  bus.beginPublish(NumberEvent{}, testImpetus());
+  bus.waitUntilDelivered();
+  EXPECT_EQ(calls.load(), 1);
+}
+
+TEST(RivetEventBusTest, AMovedTokenKeepsTheSubscriptionAndAssigningOverOneCancelsIt) {
+  RivetEventBus<NumberEvent> bus(nullptr);
+  std::atomic<int> first{0}, second{0};
+  auto a = bus.subscribe([&](const NumberEvent&, const RivetVia&) { ++first; });
+  RivetSubscription moved = std::move(a);
+  EXPECT_FALSE(a.active());
+  EXPECT_TRUE(moved.active());
+  moved = bus.subscribe([&](const NumberEvent&, const RivetVia&) { ++second; });
+  EXPECT_EQ(bus.subscriberCount(), 1u);
+  bus.beginPublish(NumberEvent{}, testImpetus());
+  bus.waitUntilDelivered();
+  EXPECT_EQ(first.load(), 0);
+  EXPECT_EQ(second.load(), 1);
+}
+
+TEST(RivetEventBusTest, ATokenThatOutlivesItsBusIsHarmless) {
+  std::atomic<int> calls{0};
+  RivetSubscription subscription;
+  {
+    auto bus = std::make_unique<RivetEventBus<NumberEvent>>(nullptr);
+    subscription = bus->subscribe([&](const NumberEvent&, const RivetVia&) { ++calls; });
+    bus->beginPublish(NumberEvent{}, testImpetus());
+  }
+  EXPECT_EQ(calls.load(), 1);
+  EXPECT_FALSE(subscription.active());
+  subscription.cancel();
+  subscription.cancel();
 }
 
 }  // namespace

@@ -127,7 +127,7 @@ TEST(RivetStateMachineTest, TransitionsAreObservableInTheOrderTheyHappen) {
   auto machine = makeMachine();
   std::vector<std::pair<long, long>> seen;
   std::vector<std::string> vias;
-  machine->transitions().subscribe([&](const RivetStateTransition<Counter>& transition, const RivetVia& via) {
+  auto subscription = machine->transitions().subscribe([&](const RivetStateTransition<Counter>& transition, const RivetVia& via) {
     seen.emplace_back(transition.oldState.value, transition.newState.value);
     vias.push_back(via.provenance().front().functionName);
   });

@@ -4,9 +4,9 @@ namespace vesp {
 
 VespAlarmProximity vespAlarmProximity(platform::EKAlarmProximity value) {
   switch (value) {
-    case 0: return VespAlarmProximity::none;
-    case 1: return VespAlarmProximity::enter;
-    case 2: return VespAlarmProximity::leave;
+    case platform::EKAlarmProximityNone: return VespAlarmProximity::none;
+    case platform::EKAlarmProximityEnter: return VespAlarmProximity::enter;
+    case platform::EKAlarmProximityLeave: return VespAlarmProximity::leave;
     default: return VespAlarmProximity::none;
   }
 }

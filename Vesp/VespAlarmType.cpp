@@ -4,10 +4,10 @@ namespace vesp {
 
 VespAlarmType vespAlarmType(platform::EKAlarmType value) {
   switch (value) {
-    case 0: return VespAlarmType::display;
-    case 1: return VespAlarmType::audio;
-    case 2: return VespAlarmType::procedure;
-    case 3: return VespAlarmType::email;
+    case platform::EKAlarmTypeDisplay: return VespAlarmType::display;
+    case platform::EKAlarmTypeAudio: return VespAlarmType::audio;
+    case platform::EKAlarmTypeProcedure: return VespAlarmType::procedure;
+    case platform::EKAlarmTypeEmail: return VespAlarmType::email;
     default: return VespAlarmType::display;
   }
 }

@@ -4,11 +4,11 @@ namespace vesp {
 
 VespCalendarType vespCalendarType(platform::EKCalendarType value) {
   switch (value) {
-    case 0: return VespCalendarType::local;
-    case 1: return VespCalendarType::calDAV;
-    case 2: return VespCalendarType::exchange;
-    case 3: return VespCalendarType::subscription;
-    case 4: return VespCalendarType::birthday;
+    case platform::EKCalendarTypeLocal: return VespCalendarType::local;
+    case platform::EKCalendarTypeCalDAV: return VespCalendarType::calDAV;
+    case platform::EKCalendarTypeExchange: return VespCalendarType::exchange;
+    case platform::EKCalendarTypeSubscription: return VespCalendarType::subscription;
+    case platform::EKCalendarTypeBirthday: return VespCalendarType::birthday;
     default: return VespCalendarType::local;
   }
 }

@@ -4,11 +4,11 @@ namespace vesp {
 
 VespEventAvailability vespEventAvailability(platform::EKEventAvailability value) {
   switch (value) {
-    case -1: return VespEventAvailability::notSupported;
-    case 0: return VespEventAvailability::busy;
-    case 1: return VespEventAvailability::free;
-    case 2: return VespEventAvailability::tentative;
-    case 3: return VespEventAvailability::unavailable;
+    case platform::EKEventAvailabilityNotSupported: return VespEventAvailability::notSupported;
+    case platform::EKEventAvailabilityBusy: return VespEventAvailability::busy;
+    case platform::EKEventAvailabilityFree: return VespEventAvailability::free;
+    case platform::EKEventAvailabilityTentative: return VespEventAvailability::tentative;
+    case platform::EKEventAvailabilityUnavailable: return VespEventAvailability::unavailable;
     default: return VespEventAvailability::busy;
   }
 }

@@ -4,10 +4,10 @@ namespace vesp {
 
 VespEventStatus vespEventStatus(platform::EKEventStatus value) {
   switch (value) {
-    case 0: return VespEventStatus::none;
-    case 1: return VespEventStatus::confirmed;
-    case 2: return VespEventStatus::tentative;
-    case 3: return VespEventStatus::canceled;
+    case platform::EKEventStatusNone: return VespEventStatus::none;
+    case platform::EKEventStatusConfirmed: return VespEventStatus::confirmed;
+    case platform::EKEventStatusTentative: return VespEventStatus::tentative;
+    case platform::EKEventStatusCanceled: return VespEventStatus::canceled;
     default: return VespEventStatus::none;
   }
 }

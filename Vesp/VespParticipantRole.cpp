@@ -4,11 +4,11 @@ namespace vesp {
 
 VespParticipantRole vespParticipantRole(platform::EKParticipantRole value) {
   switch (value) {
-    case 0: return VespParticipantRole::unknown;
-    case 1: return VespParticipantRole::required;
-    case 2: return VespParticipantRole::optional;
-    case 3: return VespParticipantRole::chair;
-    case 4: return VespParticipantRole::nonParticipant;
+    case platform::EKParticipantRoleUnknown: return VespParticipantRole::unknown;
+    case platform::EKParticipantRoleRequired: return VespParticipantRole::required;
+    case platform::EKParticipantRoleOptional: return VespParticipantRole::optional;
+    case platform::EKParticipantRoleChair: return VespParticipantRole::chair;
+    case platform::EKParticipantRoleNonParticipant: return VespParticipantRole::nonParticipant;
     default: return VespParticipantRole::unknown;
   }
 }

@@ -4,14 +4,14 @@ namespace vesp {
 
 VespParticipantStatus vespParticipantStatus(platform::EKParticipantStatus value) {
   switch (value) {
-    case 0: return VespParticipantStatus::unknown;
-    case 1: return VespParticipantStatus::pending;
-    case 2: return VespParticipantStatus::accepted;
-    case 3: return VespParticipantStatus::declined;
-    case 4: return VespParticipantStatus::tentative;
-    case 5: return VespParticipantStatus::delegated;
-    case 6: return VespParticipantStatus::completed;
-    case 7: return VespParticipantStatus::inProcess;
+    case platform::EKParticipantStatusUnknown: return VespParticipantStatus::unknown;
+    case platform::EKParticipantStatusPending: return VespParticipantStatus::pending;
+    case platform::EKParticipantStatusAccepted: return VespParticipantStatus::accepted;
+    case platform::EKParticipantStatusDeclined: return VespParticipantStatus::declined;
+    case platform::EKParticipantStatusTentative: return VespParticipantStatus::tentative;
+    case platform::EKParticipantStatusDelegated: return VespParticipantStatus::delegated;
+    case platform::EKParticipantStatusCompleted: return VespParticipantStatus::completed;
+    case platform::EKParticipantStatusInProcess: return VespParticipantStatus::inProcess;
     default: return VespParticipantStatus::unknown;
   }
 }

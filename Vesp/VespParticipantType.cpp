@@ -4,11 +4,11 @@ namespace vesp {
 
 VespParticipantType vespParticipantType(platform::EKParticipantType value) {
   switch (value) {
-    case 0: return VespParticipantType::unknown;
-    case 1: return VespParticipantType::person;
-    case 2: return VespParticipantType::room;
-    case 3: return VespParticipantType::resource;
-    case 4: return VespParticipantType::group;
+    case platform::EKParticipantTypeUnknown: return VespParticipantType::unknown;
+    case platform::EKParticipantTypePerson: return VespParticipantType::person;
+    case platform::EKParticipantTypeRoom: return VespParticipantType::room;
+    case platform::EKParticipantTypeResource: return VespParticipantType::resource;
+    case platform::EKParticipantTypeGroup: return VespParticipantType::group;
     default: return VespParticipantType::unknown;
   }
 }

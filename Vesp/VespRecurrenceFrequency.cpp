@@ -4,10 +4,10 @@ namespace vesp {
 
 VespRecurrenceFrequency vespRecurrenceFrequency(platform::EKRecurrenceFrequency value) {
   switch (value) {
-    case 0: return VespRecurrenceFrequency::daily;
-    case 1: return VespRecurrenceFrequency::weekly;
-    case 2: return VespRecurrenceFrequency::monthly;
-    case 3: return VespRecurrenceFrequency::yearly;
+    case platform::EKRecurrenceFrequencyDaily: return VespRecurrenceFrequency::daily;
+    case platform::EKRecurrenceFrequencyWeekly: return VespRecurrenceFrequency::weekly;
+    case platform::EKRecurrenceFrequencyMonthly: return VespRecurrenceFrequency::monthly;
+    case platform::EKRecurrenceFrequencyYearly: return VespRecurrenceFrequency::yearly;
     default: return VespRecurrenceFrequency::daily;
   }
 }

@@ -4,12 +4,12 @@ namespace vesp {
 
 VespSourceType vespSourceType(platform::EKSourceType value) {
   switch (value) {
-    case 0: return VespSourceType::local;
-    case 1: return VespSourceType::exchange;
-    case 2: return VespSourceType::calDAV;
-    case 3: return VespSourceType::mobileMe;
-    case 4: return VespSourceType::subscribed;
-    case 5: return VespSourceType::birthdays;
+    case platform::EKSourceTypeLocal: return VespSourceType::local;
+    case platform::EKSourceTypeExchange: return VespSourceType::exchange;
+    case platform::EKSourceTypeCalDAV: return VespSourceType::calDAV;
+    case platform::EKSourceTypeMobileMe: return VespSourceType::mobileMe;
+    case platform::EKSourceTypeSubscribed: return VespSourceType::subscribed;
+    case platform::EKSourceTypeBirthdays: return VespSourceType::birthdays;
     default: return VespSourceType::local;
   }
 }

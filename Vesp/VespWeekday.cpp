@@ -7,9 +7,9 @@
 namespace vesp {
 
 VespWeekday vespWeekday(platform::EKWeekday weekday) {
-  if (weekday < 1 || weekday > 7)
+  if (weekday < platform::EKWeekdaySunday || weekday > platform::EKWeekdayLast)
     rivet::fatalError("Unexpected enumeration value: EKWeekday raw value " + std::to_string(weekday));
-  return static_cast<VespWeekday>(weekday - 1);
+  return static_cast<VespWeekday>(weekday - platform::EKWeekdaySunday);
 }
 
 std::string_view description(VespWeekday value) {

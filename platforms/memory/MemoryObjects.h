@@ -25,7 +25,7 @@ namespace vesp::memory {
 
 struct MemorySourceFields {
   std::string sourceIdentifier;
-  platform::EKSourceType sourceType = 0;
+  platform::EKSourceType sourceType = platform::EKSourceTypeLocal;
   std::string title;
 };
 
@@ -48,7 +48,7 @@ struct MemoryCalendarFields {
   std::shared_ptr<platform::EKSource> source;  // null: no source
   platform::EKCalendarEventAvailabilityMask supportedEventAvailabilities = 0;
   std::string title;
-  platform::EKCalendarType type = 0;
+  platform::EKCalendarType type = platform::EKCalendarTypeLocal;
 };
 
 class MemoryCalendar final : public platform::EKCalendar, public MemoryRecord<MemoryCalendarFields> {
@@ -70,9 +70,9 @@ class MemoryCalendar final : public platform::EKCalendar, public MemoryRecord<Me
 struct MemoryParticipantFields {
   bool isCurrentUser = false;
   std::optional<std::string> name;
-  platform::EKParticipantRole participantRole = 0;
-  platform::EKParticipantStatus participantStatus = 0;
-  platform::EKParticipantType participantType = 0;
+  platform::EKParticipantRole participantRole = platform::EKParticipantRoleUnknown;
+  platform::EKParticipantStatus participantStatus = platform::EKParticipantStatusUnknown;
+  platform::EKParticipantType participantType = platform::EKParticipantTypeUnknown;
   platform::URL url{""};
 };
 
@@ -104,10 +104,10 @@ class MemoryStructuredLocation final : public platform::EKStructuredLocation,
 
 struct MemoryAlarmFields {
   std::optional<platform::Date> absoluteDate;
-  platform::EKAlarmProximity proximity = 0;
+  platform::EKAlarmProximity proximity = platform::EKAlarmProximityNone;
   double relativeOffset = 0.0;
   std::shared_ptr<platform::EKStructuredLocation> structuredLocation;
-  platform::EKAlarmType type = 0;
+  platform::EKAlarmType type = platform::EKAlarmTypeDisplay;
 };
 
 class MemoryAlarm final : public platform::EKAlarm, public MemoryRecord<MemoryAlarmFields> {
@@ -133,7 +133,7 @@ class MemoryRecurrenceEnd final : public platform::EKRecurrenceEnd, public Memor
 };
 
 struct MemoryRecurrenceDayOfWeekFields {
-  platform::EKWeekday dayOfTheWeek = 1;
+  platform::EKWeekday dayOfTheWeek = platform::EKWeekdaySunday;
   std::int64_t weekNumber = 0;
 };
 
@@ -152,7 +152,7 @@ struct MemoryRecurrenceRuleFields {
   std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceDayOfWeek>>> daysOfTheWeek;
   NumberList daysOfTheYear;
   std::int64_t firstDayOfTheWeek = 0;
-  platform::EKRecurrenceFrequency frequency = 0;
+  platform::EKRecurrenceFrequency frequency = platform::EKRecurrenceFrequencyDaily;
   std::int64_t interval = 1;
   NumberList monthsOfTheYear;
   std::shared_ptr<platform::EKRecurrenceEnd> recurrenceEnd;
@@ -243,7 +243,7 @@ class MemoryCalendarItem : public Interface, public MemoryRecord<Fields> {
 
 struct MemoryEventFields {
   MemoryItemFields item;
-  platform::EKEventAvailability availability = 0;
+  platform::EKEventAvailability availability = platform::EKEventAvailabilityBusy;
   std::optional<std::string> birthdayContactIdentifier;
   std::optional<platform::Date> endDate;
   std::optional<std::string> eventIdentifier;
@@ -252,7 +252,7 @@ struct MemoryEventFields {
   bool isDetached = false;
   std::shared_ptr<platform::EKParticipant> organizer;
   std::optional<platform::Date> startDate;
-  platform::EKEventStatus status = 0;
+  platform::EKEventStatus status = platform::EKEventStatusNone;
   std::shared_ptr<platform::EKStructuredLocation> structuredLocation;
   // What the generic key-value read answers, by key (for example "travelTime").
   std::map<std::string, platform::AnyObject> values;

@@ -51,7 +51,7 @@ class MemoryPlatform final : public platform::Platform {
   const std::shared_ptr<MemoryWorld>& world() const { return world_; }
 
   // Contents. Identifiers are generated ("source-1", "calendar-1", "event-1", "item-1", ...).
-  std::shared_ptr<MemorySource> addSource(std::string title, platform::EKSourceType sourceType = 0);
+  std::shared_ptr<MemorySource> addSource(std::string title, platform::EKSourceType sourceType = platform::EKSourceTypeLocal);
   // A calendar with a colour, the given source and allowed entity types.
   std::shared_ptr<MemoryCalendar> addCalendar(std::string title, std::shared_ptr<MemorySource> source,
                                               platform::EKEntityMask allowedEntityTypes = platform::EKEntityMaskEvent);

@@ -360,9 +360,9 @@ class Decoder {
     VdirParticipantData value;
     value.name = optionalText();
     value.address = r_.text();
-    value.role = r_.integer(0, 4);
-    value.status = r_.integer(0, 7);
-    value.type = r_.integer(0, 4);
+    value.role = r_.integer(platform::EKParticipantRoleUnknown, platform::EKParticipantRoleLast);
+    value.status = r_.integer(platform::EKParticipantStatusUnknown, platform::EKParticipantStatusLast);
+    value.type = r_.integer(platform::EKParticipantTypeUnknown, platform::EKParticipantTypeLast);
     value.isCurrentUser = r_.flag();
     return value;
   }
@@ -381,8 +381,8 @@ class Decoder {
     for (auto* text : {&c.summary, &c.description, &c.location, &c.url}) *text = optionalText();
     c.created = date();
     c.lastModified = date();
-    c.status = r_.integer(0, 3);
-    c.availability = r_.integer(-1, 3);
+    c.status = r_.integer(platform::EKEventStatusNone, platform::EKEventStatusLast);
+    c.availability = r_.integer(platform::EKEventAvailabilityNotSupported, platform::EKEventAvailabilityLast);
     c.attendees.resize(r_.count(16));
     for (auto& attendee : c.attendees) attendee = participant();
     if (r_.flag()) c.organizer = participant();
@@ -390,8 +390,8 @@ class Decoder {
     for (auto& alarm : c.alarms) {
       alarm.absoluteDate = date();
       alarm.relativeOffset = r_.f64();
-      alarm.type = r_.integer(0, 3);
-      alarm.proximity = r_.integer(0, 2);
+      alarm.type = r_.integer(platform::EKAlarmTypeDisplay, platform::EKAlarmTypeLast);
+      alarm.proximity = r_.integer(platform::EKAlarmProximityNone, platform::EKAlarmProximityLast);
       alarm.location = location();
     }
     c.structuredLocation = location();

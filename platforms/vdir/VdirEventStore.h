@@ -20,11 +20,6 @@
 
 namespace vesp::vdir {
 
-// Asks the user whether the host may read events (0) or reminders (1), showing the host's usage
-// description; true means yes. Called on a platform thread, one question at a time.
-using VdirConsentHandler =
-    std::function<bool(platform::EKEntityType entityType, const std::optional<std::string>& usageDescription)>;
-
 // The error domain of the platform's own errors.
 inline const std::string VdirErrorDomain = "VespVdirErrorDomain";
 

@@ -21,17 +21,6 @@ struct VdirOccurrence {
   bool detached = false;
 };
 
-// Bounds on the work of one query, so that no series (FREQ=SECONDLY without end, a rule that
-// matches almost nothing, DTSTART in year 1) can hang a query or exhaust memory. What a limit cuts
-// short is reported, never dropped silently.
-struct VdirExpansionLimits {
-  std::size_t maximumOccurrencesPerSeries = 100000;
-  std::size_t maximumIteratorStepsPerSeries = 1000000;
-  double maximumSecondsPerSeries = 2.0;
-  std::size_t maximumOccurrencesPerQuery = 1000000;
-  double maximumSecondsPerQuery = 10.0;
-};
-
 // Appends the occurrences of `series` that overlap [windowStart, windowEnd) (seconds since 1970);
 // an occurrence of no length overlaps when it starts inside the window. Returns false when a limit
 // cut the expansion short (`problem` then says which).

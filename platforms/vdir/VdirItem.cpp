@@ -81,6 +81,59 @@ icalrecurrencetype VdirCompactRule::expanded() const {
 
 namespace {
 
+// libical's values as the platform's, one mapping each.
+
+platform::EKParticipantRole roleFromIcal(icalparameter_role role) {
+  switch (role) {
+    case ICAL_ROLE_CHAIR: return platform::EKParticipantRoleChair;
+    case ICAL_ROLE_REQPARTICIPANT: return platform::EKParticipantRoleRequired;
+    case ICAL_ROLE_OPTPARTICIPANT: return platform::EKParticipantRoleOptional;
+    case ICAL_ROLE_NONPARTICIPANT: return platform::EKParticipantRoleNonParticipant;
+    default: return platform::EKParticipantRoleUnknown;
+  }
+}
+
+platform::EKParticipantStatus participantStatusFromIcal(icalparameter_partstat status) {
+  switch (status) {
+    case ICAL_PARTSTAT_NEEDSACTION: return platform::EKParticipantStatusPending;
+    case ICAL_PARTSTAT_ACCEPTED: return platform::EKParticipantStatusAccepted;
+    case ICAL_PARTSTAT_DECLINED: return platform::EKParticipantStatusDeclined;
+    case ICAL_PARTSTAT_TENTATIVE: return platform::EKParticipantStatusTentative;
+    case ICAL_PARTSTAT_DELEGATED: return platform::EKParticipantStatusDelegated;
+    case ICAL_PARTSTAT_COMPLETED: return platform::EKParticipantStatusCompleted;
+    case ICAL_PARTSTAT_INPROCESS: return platform::EKParticipantStatusInProcess;
+    default: return platform::EKParticipantStatusUnknown;
+  }
+}
+
+platform::EKParticipantType participantTypeFromIcal(icalparameter_cutype type) {
+  switch (type) {
+    case ICAL_CUTYPE_INDIVIDUAL: return platform::EKParticipantTypePerson;
+    case ICAL_CUTYPE_ROOM: return platform::EKParticipantTypeRoom;
+    case ICAL_CUTYPE_RESOURCE: return platform::EKParticipantTypeResource;
+    case ICAL_CUTYPE_GROUP: return platform::EKParticipantTypeGroup;
+    default: return platform::EKParticipantTypeUnknown;
+  }
+}
+
+platform::EKAlarmType alarmTypeFromIcal(icalproperty_action action) {
+  switch (action) {
+    case ICAL_ACTION_AUDIO: return platform::EKAlarmTypeAudio;
+    case ICAL_ACTION_PROCEDURE: return platform::EKAlarmTypeProcedure;
+    case ICAL_ACTION_EMAIL: return platform::EKAlarmTypeEmail;
+    default: return platform::EKAlarmTypeDisplay;
+  }
+}
+
+platform::EKEventStatus eventStatusFromIcal(icalproperty_status status) {
+  switch (status) {
+    case ICAL_STATUS_CONFIRMED: return platform::EKEventStatusConfirmed;
+    case ICAL_STATUS_TENTATIVE: return platform::EKEventStatusTentative;
+    case ICAL_STATUS_CANCELLED: return platform::EKEventStatusCanceled;
+    default: return platform::EKEventStatusNone;
+  }
+}
+
 // Owns a parsed component tree.
 struct ComponentHolder {
   icalcomponent* component = nullptr;
@@ -260,39 +313,16 @@ class Reader {
     data.address = address ? address : "";
     if (icalparameter* cn = icalproperty_get_first_parameter(property, ICAL_CN_PARAMETER); cn && icalparameter_get_cn(cn))
       data.name = icalparameter_get_cn(cn);
-    data.role = organizer ? 0 : 1;  // ROLE defaults to REQ-PARTICIPANT
-    if (icalparameter* role = icalproperty_get_first_parameter(property, ICAL_ROLE_PARAMETER)) {
-      switch (icalparameter_get_role(role)) {
-        case ICAL_ROLE_CHAIR: data.role = 3; break;
-        case ICAL_ROLE_REQPARTICIPANT: data.role = 1; break;
-        case ICAL_ROLE_OPTPARTICIPANT: data.role = 2; break;
-        case ICAL_ROLE_NONPARTICIPANT: data.role = 4; break;
-        default: data.role = 0; break;
-      }
-    }
-    data.status = organizer ? 0 : 1;  // PARTSTAT defaults to NEEDS-ACTION
-    if (icalparameter* status = icalproperty_get_first_parameter(property, ICAL_PARTSTAT_PARAMETER)) {
-      switch (icalparameter_get_partstat(status)) {
-        case ICAL_PARTSTAT_NEEDSACTION: data.status = 1; break;
-        case ICAL_PARTSTAT_ACCEPTED: data.status = 2; break;
-        case ICAL_PARTSTAT_DECLINED: data.status = 3; break;
-        case ICAL_PARTSTAT_TENTATIVE: data.status = 4; break;
-        case ICAL_PARTSTAT_DELEGATED: data.status = 5; break;
-        case ICAL_PARTSTAT_COMPLETED: data.status = 6; break;
-        case ICAL_PARTSTAT_INPROCESS: data.status = 7; break;
-        default: data.status = 0; break;
-      }
-    }
-    data.type = 1;  // CUTYPE defaults to INDIVIDUAL
-    if (icalparameter* type = icalproperty_get_first_parameter(property, ICAL_CUTYPE_PARAMETER)) {
-      switch (icalparameter_get_cutype(type)) {
-        case ICAL_CUTYPE_INDIVIDUAL: data.type = 1; break;
-        case ICAL_CUTYPE_ROOM: data.type = 2; break;
-        case ICAL_CUTYPE_RESOURCE: data.type = 3; break;
-        case ICAL_CUTYPE_GROUP: data.type = 4; break;
-        default: data.type = 0; break;
-      }
-    }
+    // ROLE defaults to REQ-PARTICIPANT and PARTSTAT to NEEDS-ACTION, except for the organizer.
+    data.role = organizer ? platform::EKParticipantRoleUnknown : platform::EKParticipantRoleRequired;
+    if (icalparameter* role = icalproperty_get_first_parameter(property, ICAL_ROLE_PARAMETER))
+      data.role = roleFromIcal(icalparameter_get_role(role));
+    data.status = organizer ? platform::EKParticipantStatusUnknown : platform::EKParticipantStatusPending;
+    if (icalparameter* status = icalproperty_get_first_parameter(property, ICAL_PARTSTAT_PARAMETER))
+      data.status = participantStatusFromIcal(icalparameter_get_partstat(status));
+    data.type = platform::EKParticipantTypePerson;  // CUTYPE defaults to INDIVIDUAL
+    if (icalparameter* type = icalproperty_get_first_parameter(property, ICAL_CUTYPE_PARAMETER))
+      data.type = participantTypeFromIcal(icalparameter_get_cutype(type));
     if (context_.userAddresses) {
       std::string mine = lower(data.address);
       for (const auto& address : *context_.userAddresses)
@@ -406,17 +436,11 @@ class Reader {
         icalparameter* related = icalproperty_get_first_parameter(trigger, ICAL_RELATED_PARAMETER);
         if (related && icalparameter_get_related(related) == ICAL_RELATED_END) data2.relativeOffset += eventSeconds;
       }
-      if (icalproperty* action = icalcomponent_get_first_property(alarm, ICAL_ACTION_PROPERTY)) {
-        switch (icalproperty_get_action(action)) {
-          case ICAL_ACTION_AUDIO: data2.type = 1; break;
-          case ICAL_ACTION_PROCEDURE: data2.type = 2; break;
-          case ICAL_ACTION_EMAIL: data2.type = 3; break;
-          default: data2.type = 0; break;
-        }
-      }
+      if (icalproperty* action = icalcomponent_get_first_property(alarm, ICAL_ACTION_PROPERTY))
+        data2.type = alarmTypeFromIcal(icalproperty_get_action(action));
       if (auto proximity = xText(alarm, "X-APPLE-PROXIMITY")) {
-        if (*proximity == "ARRIVE") data2.proximity = 1;
-        if (*proximity == "DEPART") data2.proximity = 2;
+        if (*proximity == "ARRIVE") data2.proximity = platform::EKAlarmProximityEnter;
+        if (*proximity == "DEPART") data2.proximity = platform::EKAlarmProximityLeave;
       }
       data2.location = structuredLocation(alarm);
       data.alarms.push_back(std::move(data2));
@@ -468,21 +492,15 @@ class Reader {
       data.durationSeconds = 0;
       data.durationDays = 0;
     }
-    if (icalproperty* status = icalcomponent_get_first_property(component, ICAL_STATUS_PROPERTY)) {
-      switch (icalproperty_get_status(status)) {
-        case ICAL_STATUS_CONFIRMED: data.status = 1; break;
-        case ICAL_STATUS_TENTATIVE: data.status = 2; break;
-        case ICAL_STATUS_CANCELLED: data.status = 3; break;
-        default: data.status = 0; break;
-      }
-    }
-    data.availability = 0;
+    if (icalproperty* status = icalcomponent_get_first_property(component, ICAL_STATUS_PROPERTY))
+      data.status = eventStatusFromIcal(icalproperty_get_status(status));
+    data.availability = platform::EKEventAvailabilityBusy;
     if (icalproperty* transp = icalcomponent_get_first_property(component, ICAL_TRANSP_PROPERTY))
-      if (icalproperty_get_transp(transp) == ICAL_TRANSP_TRANSPARENT) data.availability = 1;
+      if (icalproperty_get_transp(transp) == ICAL_TRANSP_TRANSPARENT) data.availability = platform::EKEventAvailabilityFree;
     if (auto busy = xText(component, "X-MICROSOFT-CDO-BUSYSTATUS")) {
-      if (*busy == "TENTATIVE") data.availability = 2;
-      if (*busy == "OOF") data.availability = 3;
-      if (*busy == "FREE") data.availability = 1;
+      if (*busy == "TENTATIVE") data.availability = platform::EKEventAvailabilityTentative;
+      if (*busy == "OOF") data.availability = platform::EKEventAvailabilityUnavailable;
+      if (*busy == "FREE") data.availability = platform::EKEventAvailabilityFree;
     }
     if (icalproperty* recurrence = icalcomponent_get_first_property(component, ICAL_RECURRENCEID_PROPERTY)) {
       // Read through the property so that its TZID is kept.
@@ -568,7 +586,7 @@ class Reader {
     // Sub-daily rules and BYxxx parts are kept; validate the weekdays the data model reads.
     for (int i = 0; i < ICAL_BY_DAY_SIZE && rule.by_day[i] != ICAL_RECURRENCE_ARRAY_MAX; ++i) {
       int weekday = icalrecurrencetype_day_day_of_week(rule.by_day[i]);
-      if (weekday < 1 || weekday > 7) {
+      if (weekday < platform::EKWeekdaySunday || weekday > platform::EKWeekdayLast) {
         report(VdirDiagnostic::Action::repaired,
                std::string(what) + " \"" + text + "\" names a weekday outside the week: ignored");
         return std::nullopt;

@@ -9,29 +9,21 @@
 #include <string>
 #include <vector>
 
+#include "platforms/vdir/VdirOptions.h"
 #include "platforms/vdir/VdirTime.h"
 #include "support/platform/Date.h"
+#include "support/platform/EKTypes.h"
 
 namespace vesp::vdir {
 
 class VdirZones;
 
-// One problem found in the store: what was skipped or repaired, where, and why.
-struct VdirDiagnostic {
-  enum class Action { skipped, repaired, truncated };
-  std::string path;  // relative to the store root
-  Action action = Action::skipped;
-  std::string problem;
-  friend bool operator==(const VdirDiagnostic&, const VdirDiagnostic&) = default;
-};
-const char* description(VdirDiagnostic::Action action);
-
 struct VdirParticipantData {
   std::optional<std::string> name;  // CN
   std::string address;              // the calendar user address (mailto:...)
-  std::int64_t role = 0;            // platform EKParticipantRole
-  std::int64_t status = 0;          // platform EKParticipantStatus
-  std::int64_t type = 0;            // platform EKParticipantType
+  platform::EKParticipantRole role = platform::EKParticipantRoleUnknown;
+  platform::EKParticipantStatus status = platform::EKParticipantStatusUnknown;
+  platform::EKParticipantType type = platform::EKParticipantTypeUnknown;
   bool isCurrentUser = false;
 };
 
@@ -44,8 +36,8 @@ struct VdirLocationData {
 struct VdirAlarmData {
   std::optional<platform::Date> absoluteDate;
   double relativeOffset = 0.0;  // seconds from the start (a trigger related to the end is moved here)
-  std::int64_t type = 0;        // platform EKAlarmType
-  std::int64_t proximity = 0;   // platform EKAlarmProximity
+  platform::EKAlarmType type = platform::EKAlarmTypeDisplay;
+  platform::EKAlarmProximity proximity = platform::EKAlarmProximityNone;
   std::shared_ptr<const VdirLocationData> location;
 };
 
@@ -101,8 +93,8 @@ struct VdirComponentData {
   std::string uid;
   std::optional<std::string> summary, description, location, url;
   std::optional<platform::Date> created, lastModified;
-  std::int64_t status = 0;        // platform EKEventStatus (events)
-  std::int64_t availability = 0;  // platform EKEventAvailability (events)
+  platform::EKEventStatus status = platform::EKEventStatusNone;                     // events
+  platform::EKEventAvailability availability = platform::EKEventAvailabilityBusy;  // events
   std::vector<VdirParticipantData> attendees;
   std::optional<VdirParticipantData> organizer;
   std::vector<VdirAlarmData> alarms;

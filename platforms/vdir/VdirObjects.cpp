@@ -72,6 +72,31 @@ class VdirRecurrenceDayOfWeek : public platform::EKRecurrenceDayOfWeek {
   std::int64_t week_;
 };
 
+// libical numbers the weekdays as the platform does, Sunday 1 to Saturday 7.
+platform::EKWeekday weekdayFromIcal(icalrecurrencetype_weekday day) {
+  static_assert(ICAL_SUNDAY_WEEKDAY == platform::EKWeekdaySunday &&
+                ICAL_SATURDAY_WEEKDAY == platform::EKWeekdaySaturday);
+  return static_cast<platform::EKWeekday>(day);
+}
+
+// Sub-daily rules have no platform value: they are reported past the last one, as the platform
+// would report a frequency the library does not know.
+inline constexpr platform::EKRecurrenceFrequency kFrequencyHourly = platform::EKRecurrenceFrequencyLast + 1;
+inline constexpr platform::EKRecurrenceFrequency kFrequencyMinutely = platform::EKRecurrenceFrequencyLast + 2;
+inline constexpr platform::EKRecurrenceFrequency kFrequencySecondly = platform::EKRecurrenceFrequencyLast + 3;
+
+platform::EKRecurrenceFrequency frequencyFromIcal(icalrecurrencetype_frequency frequency) {
+  switch (frequency) {
+    case ICAL_WEEKLY_RECURRENCE: return platform::EKRecurrenceFrequencyWeekly;
+    case ICAL_MONTHLY_RECURRENCE: return platform::EKRecurrenceFrequencyMonthly;
+    case ICAL_YEARLY_RECURRENCE: return platform::EKRecurrenceFrequencyYearly;
+    case ICAL_HOURLY_RECURRENCE: return kFrequencyHourly;
+    case ICAL_MINUTELY_RECURRENCE: return kFrequencyMinutely;
+    case ICAL_SECONDLY_RECURRENCE: return kFrequencySecondly;
+    default: return platform::EKRecurrenceFrequencyDaily;
+  }
+}
+
 template <std::size_t N>
 platform::EKRecurrenceRule::NumberList numbers(const short (&values)[N]) {
   if (values[0] == ICAL_RECURRENCE_ARRAY_MAX) return std::nullopt;
@@ -95,27 +120,16 @@ class VdirRecurrenceRule : public platform::EKRecurrenceRule {
     std::vector<std::shared_ptr<platform::EKRecurrenceDayOfWeek>> days;
     for (int i = 0; i < ICAL_BY_DAY_SIZE && whole.by_day[i] != ICAL_RECURRENCE_ARRAY_MAX; ++i)
       days.push_back(std::make_shared<VdirRecurrenceDayOfWeek>(
-          static_cast<platform::EKWeekday>(icalrecurrencetype_day_day_of_week(whole.by_day[i])),
+          weekdayFromIcal(icalrecurrencetype_day_day_of_week(whole.by_day[i])),
           icalrecurrencetype_day_position(whole.by_day[i])));
     return days;
   }
   NumberList daysOfTheYear() const override { return numbers(rule().by_year_day); }
+  // The weekday, or 0 when the rule does not state WKST.
   std::int64_t firstDayOfTheWeek() const override {
-    return rule_->statesWeekStart ? static_cast<std::int64_t>(rule().week_start) : 0;
+    return rule_->statesWeekStart ? weekdayFromIcal(rule().week_start) : 0;
   }
-  // Daily 0, weekly 1, monthly 2, yearly 3; sub-daily rules as 4 hourly, 5 minutely, 6 secondly.
-  platform::EKRecurrenceFrequency frequency() const override {
-    switch (rule_->rule.frequency()) {
-      case ICAL_DAILY_RECURRENCE: return 0;
-      case ICAL_WEEKLY_RECURRENCE: return 1;
-      case ICAL_MONTHLY_RECURRENCE: return 2;
-      case ICAL_YEARLY_RECURRENCE: return 3;
-      case ICAL_HOURLY_RECURRENCE: return 4;
-      case ICAL_MINUTELY_RECURRENCE: return 5;
-      case ICAL_SECONDLY_RECURRENCE: return 6;
-      default: return 0;
-    }
-  }
+  platform::EKRecurrenceFrequency frequency() const override { return frequencyFromIcal(rule_->rule.frequency()); }
   std::int64_t interval() const override { return rule().interval; }
   NumberList monthsOfTheYear() const override { return numbers(rule().by_month); }
   std::shared_ptr<platform::EKRecurrenceEnd> recurrenceEnd() const override {

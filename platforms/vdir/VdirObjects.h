@@ -39,7 +39,7 @@ struct VdirCalendarFields {
   std::string title;
   platform::CGColorRef color;
   platform::EKEntityMask entityTypes = platform::EKEntityMaskEvent;
-  platform::EKCalendarType type = 0;
+  platform::EKCalendarType type = platform::EKCalendarTypeLocal;
   std::shared_ptr<VdirSource> source;
 };
 

@@ -1,6 +1,8 @@
 #include "platforms/vdir/VdirPlatform.h"
 
 #include "platforms/memory/MemoryPlatform.h"
+#include "platforms/vdir/VdirEventStore.h"
+#include "platforms/vdir/VdirStore.h"
 
 namespace vesp::vdir {
 
@@ -46,6 +48,15 @@ std::shared_ptr<platform::EKCalendarChooser> VdirPlatform::makeCalendarChooser(
     platform::EKEntityType entityType, std::shared_ptr<platform::EKEventStore> eventStore) {
   return screens_->makeCalendarChooser(selectionStyle, displayStyle, entityType, std::move(eventStore));
 }
+
+std::shared_ptr<platform::NSNotificationCenter> VdirPlatform::defaultCenter() { return services_->center; }
+std::shared_ptr<platform::NSBundle> VdirPlatform::mainBundle() { return services_->bundle; }
+const std::shared_ptr<VdirStore>& VdirPlatform::store() const { return services_->store; }
+const std::shared_ptr<VdirAccess>& VdirPlatform::access() const { return services_->access; }
+std::vector<VdirDiagnostic> VdirPlatform::diagnostics() const { return services_->store->diagnostics(); }
+bool VdirPlatform::refresh() { return services_->store->refresh(); }
+VdirCacheStatus VdirPlatform::cacheStatus() const { return services_->store->cacheStatus(); }
+void VdirPlatform::flushCache() { services_->store->flushCache(); }
 
 void VdirPlatform::setInfoDictionaryValue(const std::string& key, std::optional<platform::AnyObject> value) {
   services_->bundle->setObjectForInfoDictionaryKey(key, std::move(value));

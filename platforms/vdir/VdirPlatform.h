@@ -4,6 +4,8 @@
 // host's own. The platform has no screens of its own: screen requests go to `screens` (by default
 // a headless memory platform, whose screens record what was shown and draw nothing).
 //
+// This header and those it includes are what a host needs; none of them includes libical.
+//
 // Thread safety: every member function may be called from any thread.
 #pragma once
 
@@ -13,11 +15,13 @@
 #include <vector>
 
 #include "platforms/vdir/VdirAccess.h"
-#include "platforms/vdir/VdirEventStore.h"
-#include "platforms/vdir/VdirStore.h"
+#include "platforms/vdir/VdirOptions.h"
 #include "support/platform/Platform.h"
 
 namespace vesp::vdir {
+
+class VdirStore;
+struct VdirServices;
 
 struct VdirPlatformOptions {
   VdirStoreOptions store;
@@ -35,8 +39,8 @@ class VdirPlatform : public platform::Platform {
   platform::EKAuthorizationStatus authorizationStatusForEntityType(platform::EKEntityType entityType) override;
   std::shared_ptr<platform::EKEvent> eventWithEventStore(
       const std::shared_ptr<platform::EKEventStore>& eventStore) override;
-  std::shared_ptr<platform::NSNotificationCenter> defaultCenter() override { return services_->center; }
-  std::shared_ptr<platform::NSBundle> mainBundle() override { return services_->bundle; }
+  std::shared_ptr<platform::NSNotificationCenter> defaultCenter() override;
+  std::shared_ptr<platform::NSBundle> mainBundle() override;
   std::shared_ptr<platform::EKEventViewController> makeEventViewController() override;
   std::shared_ptr<platform::EKEventEditViewController> makeEventEditViewController() override;
   std::shared_ptr<platform::UINavigationController> makeNavigationController(
@@ -48,10 +52,18 @@ class VdirPlatform : public platform::Platform {
   // Sets (or removes) an entry of the host's information dictionary (usage descriptions).
   void setInfoDictionaryValue(const std::string& key, std::optional<platform::AnyObject> value);
 
-  const std::shared_ptr<VdirStore>& store() const { return services_->store; }
-  const std::shared_ptr<VdirAccess>& access() const { return services_->access; }
+  // The shared store (its interface is internal to the platform) and the access decisions.
+  const std::shared_ptr<VdirStore>& store() const;
+  const std::shared_ptr<VdirAccess>& access() const;
   // What was skipped, repaired or cut short in the store, and why.
-  std::vector<VdirDiagnostic> diagnostics() const { return services_->store->diagnostics(); }
+  std::vector<VdirDiagnostic> diagnostics() const;
+  // Rescans the tree now (for hosts that do not watch); each connection posts a change
+  // notification when anything changed. Returns whether it did.
+  bool refresh();
+  // Whether the persistent cache was used, and why not.
+  VdirCacheStatus cacheStatus() const;
+  // Waits until the cache written in the background after a scan is on disk.
+  void flushCache();
 
  private:
   explicit VdirPlatform(VdirPlatformOptions options);

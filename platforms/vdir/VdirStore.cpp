@@ -257,7 +257,7 @@ bool VdirStore::rescan() {
     std::string identifier;
     std::string directory;
     std::shared_ptr<VdirSource> source;
-    platform::EKCalendarType type = 0;
+    platform::EKCalendarType type = platform::EKCalendarTypeLocal;
     std::vector<std::size_t> slots;
     std::optional<std::string> displayName;
     platform::CGColorRef colour = nullptr;
@@ -385,15 +385,17 @@ bool VdirStore::rescan() {
       if (!insideRoot(top, entry, name)) continue;
       Listing inside = list(top.pathOf(entry), name);
       if (isCollection(inside)) {
-        listCollection(std::move(inside), name, sourceFor(".", 0, rootTitle), 0);
+        listCollection(std::move(inside), name, sourceFor(".", platform::EKSourceTypeLocal, rootTitle),
+                       platform::EKCalendarTypeLocal);
         continue;
       }
-      auto source = sourceFor(name, 2, validUtf8(entry.name));
+      auto source = sourceFor(name, platform::EKSourceTypeCalDAV, validUtf8(entry.name));
       for (const auto& inner : inside.entries) {
         std::string innerName = escapedName(inner.name);
         if (!inside.isDirectory(inner)) continue;
         if (!insideRoot(inside, inner, name + "/" + innerName)) continue;
-        listCollection(list(inside.pathOf(inner), name + "/" + innerName), name + "/" + innerName, source, 1);
+        listCollection(list(inside.pathOf(inner), name + "/" + innerName), name + "/" + innerName, source,
+                       platform::EKCalendarTypeCalDAV);
       }
     }
   }

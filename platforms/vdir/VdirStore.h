@@ -49,41 +49,6 @@ namespace vesp::vdir {
 
 class VdirZones;
 
-struct VdirStoreOptions {
-  std::string root;
-  // The IANA zone that holds floating times and all-day events; empty: the system's local zone.
-  std::string localTimeZone;
-  // The user's own calendar addresses (e.g. "ann@example.org"): attendees with one of them are
-  // the current user.
-  std::vector<std::string> userAddresses;
-  bool watch = true;
-  // A burst of changes ends after this much quiet, or at the latest this long after it began.
-  std::chrono::milliseconds quietPeriod{150};
-  std::chrono::milliseconds maximumDelay{1000};
-  // Files larger than this are skipped with a diagnostic.
-  std::uintmax_t maximumFileSize = 16u * 1024u * 1024u;
-  VdirExpansionLimits limits;
-  std::size_t maximumCountedOccurrences = 100000;
-  // Fault injection for tests: called with each file's path just before it is looked at, so that
-  // a test can delete, rename or truncate it between listing and reading.
-  std::function<void(const std::string& path)> beforeRead;
-  // Where the persistent cache is kept: absent, the user's cache directory
-  // (defaultCacheDirectory()); empty, nowhere (no cache).
-  std::optional<std::string> cacheDirectory;
-  // Threads that parse files and decode the cache; 0: one per core.
-  unsigned parseThreads = 0;
-};
-
-// What became of the persistent cache.
-struct VdirCacheStatus {
-  std::string path;                 // empty: no cache
-  bool loaded = false;              // the cache was read and trusted when the store was made
-  std::size_t loadedFiles = 0;      // files it held
-  std::string loadProblem;          // why it was not read, when it was not
-  std::uint64_t writes = 0;         // times it was written since
-  std::string writeProblem;         // why the last write failed, when it did
-};
-
 struct VdirCollection {
   std::string identifier;  // its path within the store: "work/meetings" (names escaped, see VdirText)
   std::string directory;   // where it is on disk

@@ -1,5 +1,6 @@
-// The platform's enumeration values, used by number. They are plain integers so that a platform
-// can report values the library does not know.
+// The platform's enumeration values. They are plain integers so that a platform can report values
+// the library does not know; every known value has a name here, and each type's last known value is
+// its ...Last constant. Code outside this header and the library's conversion tables uses the names.
 #pragma once
 
 #include <cstdint>
@@ -28,17 +29,95 @@ inline constexpr EKCalendarEventAvailabilityMask EKCalendarEventAvailabilityFree
 inline constexpr EKCalendarEventAvailabilityMask EKCalendarEventAvailabilityTentative = 4;
 inline constexpr EKCalendarEventAvailabilityMask EKCalendarEventAvailabilityUnavailable = 8;
 
-using EKSourceType = std::int64_t;            // 0 local, 1 Exchange, 2 CalDAV, 3 MobileMe, 4 subscribed, 5 birthdays
-using EKCalendarType = std::int64_t;          // 0 local, 1 CalDAV, 2 Exchange, 3 subscription, 4 birthday
-using EKEventAvailability = std::int64_t;     // -1 not supported, 0 busy, 1 free, 2 tentative, 3 unavailable
-using EKEventStatus = std::int64_t;           // 0 none, 1 confirmed, 2 tentative, 3 canceled
-using EKParticipantRole = std::int64_t;       // 0 unknown, 1 required, 2 optional, 3 chair, 4 non-participant
-using EKParticipantStatus = std::int64_t;     // 0 unknown ... 7 in process
-using EKParticipantType = std::int64_t;       // 0 unknown, 1 person, 2 room, 3 resource, 4 group
-using EKAlarmProximity = std::int64_t;        // 0 none, 1 enter, 2 leave
-using EKAlarmType = std::int64_t;             // 0 display, 1 audio, 2 procedure, 3 email
-using EKRecurrenceFrequency = std::int64_t;   // 0 daily, 1 weekly, 2 monthly, 3 yearly
-using EKWeekday = std::int64_t;               // 1 Sunday ... 7 Saturday
+using EKSourceType = std::int64_t;
+inline constexpr EKSourceType EKSourceTypeLocal = 0;
+inline constexpr EKSourceType EKSourceTypeExchange = 1;
+inline constexpr EKSourceType EKSourceTypeCalDAV = 2;
+inline constexpr EKSourceType EKSourceTypeMobileMe = 3;
+inline constexpr EKSourceType EKSourceTypeSubscribed = 4;
+inline constexpr EKSourceType EKSourceTypeBirthdays = 5;
+inline constexpr EKSourceType EKSourceTypeLast = EKSourceTypeBirthdays;
+
+using EKCalendarType = std::int64_t;
+inline constexpr EKCalendarType EKCalendarTypeLocal = 0;
+inline constexpr EKCalendarType EKCalendarTypeCalDAV = 1;
+inline constexpr EKCalendarType EKCalendarTypeExchange = 2;
+inline constexpr EKCalendarType EKCalendarTypeSubscription = 3;
+inline constexpr EKCalendarType EKCalendarTypeBirthday = 4;
+inline constexpr EKCalendarType EKCalendarTypeLast = EKCalendarTypeBirthday;
+
+using EKEventAvailability = std::int64_t;
+inline constexpr EKEventAvailability EKEventAvailabilityNotSupported = -1;
+inline constexpr EKEventAvailability EKEventAvailabilityBusy = 0;
+inline constexpr EKEventAvailability EKEventAvailabilityFree = 1;
+inline constexpr EKEventAvailability EKEventAvailabilityTentative = 2;
+inline constexpr EKEventAvailability EKEventAvailabilityUnavailable = 3;
+inline constexpr EKEventAvailability EKEventAvailabilityLast = EKEventAvailabilityUnavailable;
+
+using EKEventStatus = std::int64_t;
+inline constexpr EKEventStatus EKEventStatusNone = 0;
+inline constexpr EKEventStatus EKEventStatusConfirmed = 1;
+inline constexpr EKEventStatus EKEventStatusTentative = 2;
+inline constexpr EKEventStatus EKEventStatusCanceled = 3;
+inline constexpr EKEventStatus EKEventStatusLast = EKEventStatusCanceled;
+
+using EKParticipantRole = std::int64_t;
+inline constexpr EKParticipantRole EKParticipantRoleUnknown = 0;
+inline constexpr EKParticipantRole EKParticipantRoleRequired = 1;
+inline constexpr EKParticipantRole EKParticipantRoleOptional = 2;
+inline constexpr EKParticipantRole EKParticipantRoleChair = 3;
+inline constexpr EKParticipantRole EKParticipantRoleNonParticipant = 4;
+inline constexpr EKParticipantRole EKParticipantRoleLast = EKParticipantRoleNonParticipant;
+
+using EKParticipantStatus = std::int64_t;
+inline constexpr EKParticipantStatus EKParticipantStatusUnknown = 0;
+inline constexpr EKParticipantStatus EKParticipantStatusPending = 1;
+inline constexpr EKParticipantStatus EKParticipantStatusAccepted = 2;
+inline constexpr EKParticipantStatus EKParticipantStatusDeclined = 3;
+inline constexpr EKParticipantStatus EKParticipantStatusTentative = 4;
+inline constexpr EKParticipantStatus EKParticipantStatusDelegated = 5;
+inline constexpr EKParticipantStatus EKParticipantStatusCompleted = 6;
+inline constexpr EKParticipantStatus EKParticipantStatusInProcess = 7;
+inline constexpr EKParticipantStatus EKParticipantStatusLast = EKParticipantStatusInProcess;
+
+using EKParticipantType = std::int64_t;
+inline constexpr EKParticipantType EKParticipantTypeUnknown = 0;
+inline constexpr EKParticipantType EKParticipantTypePerson = 1;
+inline constexpr EKParticipantType EKParticipantTypeRoom = 2;
+inline constexpr EKParticipantType EKParticipantTypeResource = 3;
+inline constexpr EKParticipantType EKParticipantTypeGroup = 4;
+inline constexpr EKParticipantType EKParticipantTypeLast = EKParticipantTypeGroup;
+
+using EKAlarmProximity = std::int64_t;
+inline constexpr EKAlarmProximity EKAlarmProximityNone = 0;
+inline constexpr EKAlarmProximity EKAlarmProximityEnter = 1;
+inline constexpr EKAlarmProximity EKAlarmProximityLeave = 2;
+inline constexpr EKAlarmProximity EKAlarmProximityLast = EKAlarmProximityLeave;
+
+using EKAlarmType = std::int64_t;
+inline constexpr EKAlarmType EKAlarmTypeDisplay = 0;
+inline constexpr EKAlarmType EKAlarmTypeAudio = 1;
+inline constexpr EKAlarmType EKAlarmTypeProcedure = 2;
+inline constexpr EKAlarmType EKAlarmTypeEmail = 3;
+inline constexpr EKAlarmType EKAlarmTypeLast = EKAlarmTypeEmail;
+
+using EKRecurrenceFrequency = std::int64_t;
+inline constexpr EKRecurrenceFrequency EKRecurrenceFrequencyDaily = 0;
+inline constexpr EKRecurrenceFrequency EKRecurrenceFrequencyWeekly = 1;
+inline constexpr EKRecurrenceFrequency EKRecurrenceFrequencyMonthly = 2;
+inline constexpr EKRecurrenceFrequency EKRecurrenceFrequencyYearly = 3;
+inline constexpr EKRecurrenceFrequency EKRecurrenceFrequencyLast = EKRecurrenceFrequencyYearly;
+
+// Named by day; the first is Sunday (1).
+using EKWeekday = std::int64_t;
+inline constexpr EKWeekday EKWeekdaySunday = 1;
+inline constexpr EKWeekday EKWeekdayMonday = 2;
+inline constexpr EKWeekday EKWeekdayTuesday = 3;
+inline constexpr EKWeekday EKWeekdayWednesday = 4;
+inline constexpr EKWeekday EKWeekdayThursday = 5;
+inline constexpr EKWeekday EKWeekdayFriday = 6;
+inline constexpr EKWeekday EKWeekdaySaturday = 7;
+inline constexpr EKWeekday EKWeekdayLast = EKWeekdaySaturday;
 
 using EKCalendarChooserSelectionStyle = std::int64_t;
 inline constexpr EKCalendarChooserSelectionStyle EKCalendarChooserSelectionStyleSingle = 0;

@@ -34,12 +34,17 @@ int main() {
   options.store.root = root.string();
   options.store.watch = false;
   options.accessFile = (root / "access.json").string();
+  options.store.cacheDirectory = "";  // no cache
   auto vdir = vesp::vdir::VdirPlatform::make(options);
   auto vdirStore = vdir->makeEventStore();
+  // A host that does not watch rescans on demand; nothing changed since opening.
+  bool changed = vdir->refresh();
+  vdir->flushCache();
+  bool cached = !vdir->cacheStatus().path.empty();
   auto found = vdirStore->eventsMatchingPredicate(
       vdirStore->predicateForEventsWithStartDate(platform::Date(0), platform::Date(3600), std::nullopt));
   std::filesystem::remove_all(root);
-  if (found.size() != 1) return 1;
+  if (found.size() != 1 || changed || cached || !vdir->diagnostics().empty()) return 1;
   std::cout << "installed Vesp read " << vesp::VespEventInstance(*found[0]).title() << " from a vdir store\n";
   return 0;
 }

@@ -23,6 +23,7 @@
 #include "Vesp/VespCodingError.h"
 #include "Vesp/VespJSONCoder.h"
 #include "platforms/vdir/VdirPlatform.h"
+#include "platforms/vdir/VdirStore.h"
 #include "support/keel/KeelManagerFramework.h"
 #include "support/rivet/RivetJsonLineLogger.h"
 #include "tools/vesp/VespOutput.h"

@@ -16,6 +16,8 @@
 #include <vector>
 
 #include "platforms/vdir/VdirPlatform.h"
+#include "platforms/vdir/VdirEventStore.h"
+#include "platforms/vdir/VdirStore.h"
 
 namespace vesp::vdir::testing {
 

@@ -78,7 +78,7 @@ std::shared_ptr<VdirStore> openFlushed(const VdirStoreOptions& options) {
   return store;
 }
 
-TEST(VdirCacheTest, anUnchangedStoreIsReopenedFromTheCacheWithoutParsingAndAnswersTheSame) {
+TEST(VdirCacheTest, AnUnchangedStoreIsReopenedFromTheCacheWithoutParsingAndAnswersTheSame) {
   TemporaryDirectory directory;
   makeStore(directory.path() / "store", 20);
   auto first = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"));
@@ -96,7 +96,7 @@ TEST(VdirCacheTest, anUnchangedStoreIsReopenedFromTheCacheWithoutParsingAndAnswe
   EXPECT_EQ(answer(*second).size(), 20u);
 }
 
-TEST(VdirCacheTest, everyFieldOfTheMappingAndSeriesCorporaSurvivesTheCache) {
+TEST(VdirCacheTest, EveryFieldOfTheMappingAndSeriesCorporaSurvivesTheCache) {
   for (const char* corpus : {"mapping", "series"}) {
     TemporaryDirectory directory;
     fs::copy(testData(corpus), directory.path() / "store", fs::copy_options::recursive);
@@ -121,7 +121,7 @@ TEST(VdirCacheTest, everyFieldOfTheMappingAndSeriesCorporaSurvivesTheCache) {
   }
 }
 
-TEST(VdirCacheTest, onlyTheFilesThatChangedAreParsedAgain) {
+TEST(VdirCacheTest, OnlyTheFilesThatChangedAreParsedAgain) {
   TemporaryDirectory directory;
   makeStore(directory.path() / "store", 10);
   openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"));
@@ -137,7 +137,7 @@ TEST(VdirCacheTest, onlyTheFilesThatChangedAreParsedAgain) {
   EXPECT_EQ(reopened->cacheStatus().writes, 1u);
 }
 
-TEST(VdirCacheTest, aDeletedFileIsGoneAndARenamedFileIsServedUnderItsNewName) {
+TEST(VdirCacheTest, ADeletedFileIsGoneAndARenamedFileIsServedUnderItsNewName) {
   TemporaryDirectory directory;
   makeStore(directory.path() / "store", 5);
   openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"));
@@ -149,7 +149,7 @@ TEST(VdirCacheTest, aDeletedFileIsGoneAndARenamedFileIsServedUnderItsNewName) {
                                                         "cal/e4.ics Event 4", "cal/e5.ics Event 5"));
 }
 
-TEST(VdirCacheTest, aFileChangedWithinTheTimestampGranularityOfTheScanIsNeverTrustedFromTheCache) {
+TEST(VdirCacheTest, AFileChangedWithinTheTimestampGranularityOfTheScanIsNeverTrustedFromTheCache) {
   TemporaryDirectory directory;
   const fs::path file = directory.path() / "store/cal/racy.ics";
   writeFile(file, event(4, "Version A"));
@@ -168,7 +168,7 @@ TEST(VdirCacheTest, aFileChangedWithinTheTimestampGranularityOfTheScanIsNeverTru
   EXPECT_THAT(titles(*second), ::testing::ElementsAre("cal/racy.ics Version B"));
 }
 
-TEST(VdirCacheTest, recordsAreTrustedOnlyWhenOlderThanTheTimestampGranularity) {
+TEST(VdirCacheTest, RecordsAreTrustedOnlyWhenOlderThanTheTimestampGranularity) {
   const std::int64_t second = 1000000000, scan = 1800000000 * second + 123456789;
   // Times with a fraction of a second: a fine-grained file system (coarse clock ticks of 1-10 ms).
   EXPECT_TRUE(trustedRecord(scan - second / 10 + 7, scan - second / 5 + 3, scan));
@@ -202,13 +202,13 @@ void expectRebuiltAfter(const std::function<void(const std::string&)>& damage, c
   EXPECT_EQ(answer(*third), expected);
 }
 
-TEST(VdirCacheTest, aTruncatedCacheIsIgnoredAndRebuilt) {
+TEST(VdirCacheTest, ATruncatedCacheIsIgnoredAndRebuilt) {
   expectRebuiltAfter([](const std::string& path) { fs::resize_file(path, fs::file_size(path) / 2); }, "length");
   expectRebuiltAfter([](const std::string& path) { fs::resize_file(path, 10); }, "ends early");
   expectRebuiltAfter([](const std::string& path) { fs::resize_file(path, 0); }, "ends early");
 }
 
-TEST(VdirCacheTest, aDamagedCacheIsIgnoredAndRebuilt) {
+TEST(VdirCacheTest, ADamagedCacheIsIgnoredAndRebuilt) {
   expectRebuiltAfter(
       [](const std::string& path) {
         std::string bytes = testing::readFile(path);
@@ -220,7 +220,7 @@ TEST(VdirCacheTest, aDamagedCacheIsIgnoredAndRebuilt) {
                      "not a cache");
 }
 
-TEST(VdirCacheTest, aCacheOfAnotherFormatIsIgnoredAndRebuilt) {
+TEST(VdirCacheTest, ACacheOfAnotherFormatIsIgnoredAndRebuilt) {
   expectRebuiltAfter(
       [](const std::string& path) {
         std::string bytes = testing::readFile(path);
@@ -231,7 +231,7 @@ TEST(VdirCacheTest, aCacheOfAnotherFormatIsIgnoredAndRebuilt) {
       "format");
 }
 
-TEST(VdirCacheTest, aCacheOfAnotherStoreIsNotUsed) {
+TEST(VdirCacheTest, ACacheOfAnotherStoreIsNotUsed) {
   TemporaryDirectory directory;
   makeStore(directory.path() / "other", 3);
   auto other = openFlushed(storeOptions(directory.path() / "other", directory.path() / "cache"));
@@ -239,7 +239,7 @@ TEST(VdirCacheTest, aCacheOfAnotherStoreIsNotUsed) {
                      "another store");
 }
 
-TEST(VdirCacheTest, aCacheWithABadPayloadUnderARightHeaderIsIgnored) {
+TEST(VdirCacheTest, ACacheWithABadPayloadUnderARightHeaderIsIgnored) {
   TemporaryDirectory directory;
   makeStore(directory.path() / "store", 4);
   auto first = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"));
@@ -267,7 +267,7 @@ TEST(VdirCacheTest, aCacheWithABadPayloadUnderARightHeaderIsIgnored) {
   }
 }
 
-TEST(VdirCacheTest, storesOpenedByTwoProcessesAtOnceBothWorkAndLeaveAWholeCache) {
+TEST(VdirCacheTest, StoresOpenedByTwoProcessesAtOnceBothWorkAndLeaveAWholeCache) {
   TemporaryDirectory directory;
   makeStore(directory.path() / "store", 60);
   const auto root = directory.path() / "store", cache = directory.path() / "cache";
@@ -306,7 +306,7 @@ TEST(VdirCacheTest, storesOpenedByTwoProcessesAtOnceBothWorkAndLeaveAWholeCache)
   EXPECT_EQ(files, 1u);
 }
 
-TEST(VdirCacheTest, aCacheDirectoryThatCannotBeWrittenLeavesTheStoreServing) {
+TEST(VdirCacheTest, ACacheDirectoryThatCannotBeWrittenLeavesTheStoreServing) {
   TemporaryDirectory directory;
   makeStore(directory.path() / "store", 3);
   writeFile(directory.path() / "not-a-directory", "a file where the cache directory should be");
@@ -316,7 +316,7 @@ TEST(VdirCacheTest, aCacheDirectoryThatCannotBeWrittenLeavesTheStoreServing) {
   EXPECT_FALSE(store->cacheStatus().writeProblem.empty());
 }
 
-TEST(VdirCacheTest, withoutACacheDirectoryNothingIsWritten) {
+TEST(VdirCacheTest, WithoutACacheDirectoryNothingIsWritten) {
   TemporaryDirectory directory;
   makeStore(directory.path() / "store", 3);
   auto options = storeOptions(directory.path() / "store", directory.path() / "cache");

@@ -42,27 +42,27 @@ class VdirExpansionTest : public ::testing::Test {
   std::shared_ptr<VdirPlatform> platform_;
 };
 
-TEST_F(VdirExpansionTest, exdateRemovesAnOccurrence) {
+TEST_F(VdirExpansionTest, ExdateRemovesAnOccurrence) {
   EXPECT_THAT(starts("exdate.ics", utc(2026, 3, 1), utc(2026, 4, 1)),
               ElementsAre(utc(2026, 3, 3, 8), utc(2026, 3, 10, 8), utc(2026, 3, 24, 8), utc(2026, 3, 31, 7)));
 }
 
-TEST_F(VdirExpansionTest, rdateAddsOccurrences) {
+TEST_F(VdirExpansionTest, RdateAddsOccurrences) {
   EXPECT_THAT(starts("rdate.ics", utc(2026, 3, 1), utc(2026, 5, 1)),
               ElementsAre(utc(2026, 3, 2, 9), utc(2026, 3, 20, 9), utc(2026, 4, 1, 8)));
 }
 
-TEST_F(VdirExpansionTest, countEndsTheSeries) {
+TEST_F(VdirExpansionTest, CountEndsTheSeries) {
   EXPECT_EQ(starts("count.ics", utc(2026, 1, 1), utc(2027, 1, 1)).size(), 5u);
   EXPECT_THAT(starts("count.ics", utc(2026, 3, 4), utc(2026, 3, 10)), ElementsAre(utc(2026, 3, 4, 7), utc(2026, 3, 5, 7)));
 }
 
-TEST_F(VdirExpansionTest, untilEndsTheSeriesAndIsInclusive) {
+TEST_F(VdirExpansionTest, UntilEndsTheSeriesAndIsInclusive) {
   EXPECT_THAT(starts("until.ics", utc(2026, 1, 1), utc(2027, 1, 1)),
               ElementsAre(utc(2026, 3, 2, 6), utc(2026, 3, 9, 6), utc(2026, 3, 16, 6), utc(2026, 3, 23, 6)));
 }
 
-TEST_F(VdirExpansionTest, bySetPosMinusOneIsTheLastWeekdayOfTheMonth) {
+TEST_F(VdirExpansionTest, BySetPosMinusOneIsTheLastWeekdayOfTheMonth) {
   EXPECT_THAT(starts("bysetpos.ics", utc(2026, 1, 1), utc(2026, 6, 1)),
               ElementsAre(utc(2026, 1, 30, 16), utc(2026, 2, 27, 16), utc(2026, 3, 31, 15), utc(2026, 4, 30, 15),
                           utc(2026, 5, 29, 15)));
@@ -70,12 +70,12 @@ TEST_F(VdirExpansionTest, bySetPosMinusOneIsTheLastWeekdayOfTheMonth) {
   EXPECT_THAT(starts("bysetpos.ics", utc(2026, 4, 10), utc(2026, 5, 10)), ElementsAre(utc(2026, 4, 30, 15)));
 }
 
-TEST_F(VdirExpansionTest, byMonthDayMinusOneIsTheLastDayOfTheMonth) {
+TEST_F(VdirExpansionTest, ByMonthDayMinusOneIsTheLastDayOfTheMonth) {
   EXPECT_THAT(starts("bymonthday.ics", utc(2026, 1, 1), utc(2026, 5, 1)),
               ElementsAre(utc(2026, 1, 31, 11), utc(2026, 2, 28, 11), utc(2026, 3, 31, 10), utc(2026, 4, 30, 10)));
 }
 
-TEST_F(VdirExpansionTest, anOverrideMovedOutOfTheWindowLeavesIt) {
+TEST_F(VdirExpansionTest, AnOverrideMovedOutOfTheWindowLeavesIt) {
   auto march = occurrences("moved.ics", utc(2026, 3, 1), utc(2026, 4, 1));
   std::vector<Date> starts;
   for (const auto& seen : march) starts.push_back(seen.start);
@@ -83,7 +83,7 @@ TEST_F(VdirExpansionTest, anOverrideMovedOutOfTheWindowLeavesIt) {
   EXPECT_THAT(starts, ElementsAre(utc(2026, 3, 5, 13), utc(2026, 3, 19, 13), utc(2026, 3, 26, 13), utc(2026, 3, 28, 10)));
 }
 
-TEST_F(VdirExpansionTest, anOverrideMovedIntoTheWindowIsDetachedWithItsOriginalDate) {
+TEST_F(VdirExpansionTest, AnOverrideMovedIntoTheWindowIsDetachedWithItsOriginalDate) {
   auto march = occurrences("moved.ics", utc(2026, 3, 27), utc(2026, 3, 29));
   ASSERT_EQ(march.size(), 1u);
   EXPECT_TRUE(march[0].detached);
@@ -97,17 +97,17 @@ TEST_F(VdirExpansionTest, anOverrideMovedIntoTheWindowIsDetachedWithItsOriginalD
   EXPECT_TRUE(occurrences("moved.ics", utc(2026, 5, 7), utc(2026, 5, 8)).empty());
 }
 
-TEST_F(VdirExpansionTest, berlinKeepsWallClockTimeAcrossTheSpringChange) {
+TEST_F(VdirExpansionTest, BerlinKeepsWallClockTimeAcrossTheSpringChange) {
   EXPECT_THAT(starts("dst-berlin.ics", utc(2026, 3, 1), utc(2026, 4, 1)),
               ElementsAre(utc(2026, 3, 27, 8), utc(2026, 3, 28, 8), utc(2026, 3, 29, 7), utc(2026, 3, 30, 7)));
 }
 
-TEST_F(VdirExpansionTest, newYorkKeepsWallClockTimeAcrossTheSpringChange) {
+TEST_F(VdirExpansionTest, NewYorkKeepsWallClockTimeAcrossTheSpringChange) {
   EXPECT_THAT(starts("dst-newyork.ics", utc(2026, 3, 1), utc(2026, 4, 1)),
               ElementsAre(utc(2026, 3, 6, 14), utc(2026, 3, 7, 14), utc(2026, 3, 8, 13), utc(2026, 3, 9, 13)));
 }
 
-TEST_F(VdirExpansionTest, allDayYearlySeriesFallOnLocalMidnights) {
+TEST_F(VdirExpansionTest, AllDayYearlySeriesFallOnLocalMidnights) {
   auto seen = occurrences("allday-yearly.ics", utc(2030, 1, 1), utc(2031, 1, 1));
   ASSERT_EQ(seen.size(), 1u);
   EXPECT_EQ(seen[0].start, utc(2030, 3, 14, 23));
@@ -117,24 +117,24 @@ TEST_F(VdirExpansionTest, allDayYearlySeriesFallOnLocalMidnights) {
   EXPECT_EQ(first->startDate(), utc(2000, 3, 14, 23));
 }
 
-TEST_F(VdirExpansionTest, floatingSeriesFollowTheLocalZone) {
+TEST_F(VdirExpansionTest, FloatingSeriesFollowTheLocalZone) {
   EXPECT_THAT(starts("floating-weekly.ics", utc(2026, 3, 1), utc(2026, 4, 1)),
               ElementsAre(utc(2026, 3, 4, 17), utc(2026, 3, 11, 17), utc(2026, 3, 18, 17)));
 }
 
-TEST_F(VdirExpansionTest, aNarrowWindowOnASeriesFrom1990FindsItsOccurrence) {
+TEST_F(VdirExpansionTest, ANarrowWindowOnASeriesFrom1990FindsItsOccurrence) {
   EXPECT_THAT(starts("daily-1990.ics", utc(2026, 7, 1, 5), utc(2026, 7, 1, 7)), ElementsAre(utc(2026, 7, 1, 6)));
   EXPECT_THAT(starts("daily-1990.ics", utc(1990, 1, 1), utc(1990, 1, 3)), ElementsAre(utc(1990, 1, 1, 7), utc(1990, 1, 2, 7)));
 }
 
-TEST_F(VdirExpansionTest, anOccurrenceOverlappingTheWindowStartIsIncludedAndOneEndingAtItIsNot) {
+TEST_F(VdirExpansionTest, AnOccurrenceOverlappingTheWindowStartIsIncludedAndOneEndingAtItIsNot) {
   // Gym runs 09:00-10:00 CET on 10 March (08:00-09:00 UTC).
   EXPECT_THAT(starts("exdate.ics", utc(2026, 3, 10, 8, 30), utc(2026, 3, 10, 12)), ElementsAre(utc(2026, 3, 10, 8)));
   EXPECT_TRUE(starts("exdate.ics", utc(2026, 3, 10, 9), utc(2026, 3, 10, 12)).empty());
   EXPECT_TRUE(starts("exdate.ics", utc(2026, 3, 10, 7), utc(2026, 3, 10, 8)).empty());
 }
 
-TEST_F(VdirExpansionTest, calendarListsSelectCollectionsAndAnEmptyListSelectsNone) {
+TEST_F(VdirExpansionTest, CalendarListsSelectCollectionsAndAnEmptyListSelectsNone) {
   auto all = platform_->store()->events(utc(2026, 3, 1), utc(2026, 4, 1), std::nullopt);
   EXPECT_FALSE(all.empty());
   EXPECT_EQ(platform_->store()->events(utc(2026, 3, 1), utc(2026, 4, 1), std::set<std::string>{}).size(), 0u);
@@ -142,14 +142,14 @@ TEST_F(VdirExpansionTest, calendarListsSelectCollectionsAndAnEmptyListSelectsNon
             all.size());
 }
 
-TEST_F(VdirExpansionTest, theFirstOccurrenceOfASeriesIsItsStart) {
+TEST_F(VdirExpansionTest, TheFirstOccurrenceOfASeriesIsItsStart) {
   auto first = platform_->store()->firstOccurrence("cal/exdate.ics");
   ASSERT_NE(first, nullptr);
   EXPECT_EQ(first->startDate(), utc(2026, 3, 3, 8));
   EXPECT_EQ(first->occurrenceDate(), utc(2026, 3, 3, 8));
 }
 
-TEST_F(VdirExpansionTest, aPerSeriesLimitCutsAnExpansionShortAndSaysSo) {
+TEST_F(VdirExpansionTest, APerSeriesLimitCutsAnExpansionShortAndSaysSo) {
   auto options = testing::platformOptions(testData("series"), access_.path() / "access.json");
   options.store.limits.maximumOccurrencesPerSeries = 10;
   auto limited = VdirPlatform::make(options);
@@ -185,7 +185,7 @@ class VdirPathologicalSeriesTest : public ::testing::Test {
   testing::TemporaryDirectory access_;
 };
 
-TEST_F(VdirPathologicalSeriesTest, aYearOfEveryPathologicalSeriesIsAnsweredWithinTheLimitsAndTheCutsAreReported) {
+TEST_F(VdirPathologicalSeriesTest, AYearOfEveryPathologicalSeriesIsAnsweredWithinTheLimitsAndTheCutsAreReported) {
   auto platform = make(VdirExpansionLimits{});
   auto events = platform->store()->events(utc(2026, 1, 1), utc(2027, 1, 1), std::nullopt);
   auto counts = countByFile(events);
@@ -204,7 +204,7 @@ TEST_F(VdirPathologicalSeriesTest, aYearOfEveryPathologicalSeriesIsAnsweredWithi
   EXPECT_FALSE(reported(diagnostics, "cal/thousands-of-overrides.ics"));
 }
 
-TEST_F(VdirPathologicalSeriesTest, aQueryStopsAtItsOwnLimitsAndSaysItsAnswerIsIncomplete) {
+TEST_F(VdirPathologicalSeriesTest, AQueryStopsAtItsOwnLimitsAndSaysItsAnswerIsIncomplete) {
   VdirExpansionLimits limits;
   limits.maximumOccurrencesPerQuery = 1000;
   auto platform = make(limits);
@@ -213,7 +213,7 @@ TEST_F(VdirPathologicalSeriesTest, aQueryStopsAtItsOwnLimitsAndSaysItsAnswerIsIn
   EXPECT_TRUE(reported(platform->diagnostics(), "."));
 }
 
-TEST_F(VdirPathologicalSeriesTest, aSeriesOverItsTimeLimitIsCutShort) {
+TEST_F(VdirPathologicalSeriesTest, ASeriesOverItsTimeLimitIsCutShort) {
   VdirExpansionLimits limits;
   limits.maximumSecondsPerSeries = 0.0;  // every series is over time at its first check
   auto platform = make(limits);
@@ -225,7 +225,7 @@ TEST_F(VdirPathologicalSeriesTest, aSeriesOverItsTimeLimitIsCutShort) {
   EXPECT_TRUE(timed);
 }
 
-TEST_F(VdirPathologicalSeriesTest, aNarrowWindowOnEachPathologicalSeriesIsExact) {
+TEST_F(VdirPathologicalSeriesTest, ANarrowWindowOnEachPathologicalSeriesIsExact) {
   auto platform = make(VdirExpansionLimits{});
   auto counts = countByFile(platform->store()->events(utc(2026, 6, 1, 12), utc(2026, 6, 1, 12, 1), std::nullopt));
   EXPECT_EQ(counts["cal/secondly-endless.ics"], 60u);
@@ -265,7 +265,7 @@ std::string zonedEvent(const std::string& uid, const std::string& tzid, const st
          tzid + ":" + end + "\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n";
 }
 
-TEST(VdirZoneDefinitionTest, aZoneDefinitionThatChangesMoreOftenThanYearlyIsNotUsed) {
+TEST(VdirZoneDefinitionTest, AZoneDefinitionThatChangesMoreOftenThanYearlyIsNotUsed) {
   testing::TemporaryDirectory directory;
   // An hourly observance would make libical expand thousands of changes a year.
   testing::writeFile(directory.path() / "store/cal/hourly.ics",

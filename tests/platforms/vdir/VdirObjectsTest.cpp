@@ -31,9 +31,9 @@ class VdirObjectsTest : public ::testing::Test {
   std::shared_ptr<VdirPlatform> platform_;
 };
 
-TEST_F(VdirObjectsTest, theGoldenTreeHasNoProblems) { EXPECT_TRUE(platform_->diagnostics().empty()); }
+TEST_F(VdirObjectsTest, TheGoldenTreeHasNoProblems) { EXPECT_TRUE(platform_->diagnostics().empty()); }
 
-TEST_F(VdirObjectsTest, summaryIsTheTitleAndUidTheExternalIdentifier) {
+TEST_F(VdirObjectsTest, SummaryIsTheTitleAndUidTheExternalIdentifier) {
   auto summary = event("summary.ics");
   EXPECT_EQ(summary->title(), "Dentist");
   EXPECT_EQ(summary->calendarItemExternalIdentifier(), "summary");
@@ -41,7 +41,7 @@ TEST_F(VdirObjectsTest, summaryIsTheTitleAndUidTheExternalIdentifier) {
   EXPECT_EQ(summary->calendarItemIdentifier(), "home/summary.ics");
 }
 
-TEST_F(VdirObjectsTest, dtstartAndDtendInAZoneAreInstantsAndTheZoneIsKept) {
+TEST_F(VdirObjectsTest, DtstartAndDtendInAZoneAreInstantsAndTheZoneIsKept) {
   auto summary = event("summary.ics");
   EXPECT_EQ(summary->startDate(), utc(2026, 3, 10, 8));  // 09:00 CET
   EXPECT_EQ(summary->endDate(), utc(2026, 3, 10, 9));
@@ -51,41 +51,41 @@ TEST_F(VdirObjectsTest, dtstartAndDtendInAZoneAreInstantsAndTheZoneIsKept) {
   EXPECT_FALSE(summary->isDetached());
 }
 
-TEST_F(VdirObjectsTest, descriptionIsTheNotesWithEscapesResolved) {
+TEST_F(VdirObjectsTest, DescriptionIsTheNotesWithEscapesResolved) {
   EXPECT_EQ(event("description.ics")->notes(), "Bring the forms, and the card.\nSecond line.");
 }
 
-TEST_F(VdirObjectsTest, locationIsTheLocationText) {
+TEST_F(VdirObjectsTest, LocationIsTheLocationText) {
   EXPECT_EQ(event("location.ics")->location(), "Café Central, Vienna");
   EXPECT_EQ(event("location.ics")->structuredLocation(), nullptr);
 }
 
-TEST_F(VdirObjectsTest, urlIsTheLink) {
+TEST_F(VdirObjectsTest, UrlIsTheLink) {
   EXPECT_EQ(event("url.ics")->URL(), platform::URL("https://example.org/meeting?id=7"));
   EXPECT_EQ(event("summary.ics")->URL(), std::nullopt);
 }
 
-TEST_F(VdirObjectsTest, createdIsTheCreationDate) {
+TEST_F(VdirObjectsTest, CreatedIsTheCreationDate) {
   EXPECT_EQ(event("created.ics")->creationDate(), utc(2025, 1, 2, 3, 4, 5));
   EXPECT_EQ(event("summary.ics")->creationDate(), std::nullopt);
 }
 
-TEST_F(VdirObjectsTest, lastModifiedIsTheLastModifiedDate) {
+TEST_F(VdirObjectsTest, LastModifiedIsTheLastModifiedDate) {
   EXPECT_EQ(event("last-modified.ics")->lastModifiedDate(), utc(2025, 6, 7, 8, 9, 10));
 }
 
-TEST_F(VdirObjectsTest, statusMapsConfirmedTentativeAndCancelled) {
+TEST_F(VdirObjectsTest, StatusMapsConfirmedTentativeAndCancelled) {
   EXPECT_EQ(event("status.ics")->status(), 2);
   EXPECT_EQ(event("status-cancelled.ics")->status(), 3);
   EXPECT_EQ(event("summary.ics")->status(), 0);
 }
 
-TEST_F(VdirObjectsTest, transpTransparentIsFreeAndOpaqueIsBusy) {
+TEST_F(VdirObjectsTest, TranspTransparentIsFreeAndOpaqueIsBusy) {
   EXPECT_EQ(event("transp.ics")->availability(), 1);
   EXPECT_EQ(event("summary.ics")->availability(), 0);
 }
 
-TEST_F(VdirObjectsTest, attendeesCarryNameRoleStatusTypeAndAddress) {
+TEST_F(VdirObjectsTest, AttendeesCarryNameRoleStatusTypeAndAddress) {
   auto attendees = event("attendee.ics")->attendees();
   ASSERT_TRUE(attendees);
   ASSERT_EQ(attendees->size(), 5u);
@@ -112,7 +112,7 @@ TEST_F(VdirObjectsTest, attendeesCarryNameRoleStatusTypeAndAddress) {
   EXPECT_EQ(event("summary.ics")->attendees(), std::nullopt);
 }
 
-TEST_F(VdirObjectsTest, anAttendeeWithOneOfTheUsersAddressesIsTheCurrentUser) {
+TEST_F(VdirObjectsTest, AnAttendeeWithOneOfTheUsersAddressesIsTheCurrentUser) {
   auto options = testing::platformOptions(testData("mapping"), access_.path() / "access.json");
   options.store.userAddresses = {"ME@example.org"};
   auto platform = VdirPlatform::make(options);
@@ -121,7 +121,7 @@ TEST_F(VdirObjectsTest, anAttendeeWithOneOfTheUsersAddressesIsTheCurrentUser) {
   EXPECT_FALSE((*attendees)[0]->isCurrentUser());
 }
 
-TEST_F(VdirObjectsTest, organizerIsAParticipantWithItsName) {
+TEST_F(VdirObjectsTest, OrganizerIsAParticipantWithItsName) {
   auto organizer = event("organizer.ics")->organizer();
   ASSERT_NE(organizer, nullptr);
   EXPECT_EQ(organizer->name(), "Bo Chen");
@@ -129,7 +129,7 @@ TEST_F(VdirObjectsTest, organizerIsAParticipantWithItsName) {
   EXPECT_EQ(event("summary.ics")->organizer(), nullptr);
 }
 
-TEST_F(VdirObjectsTest, relativeTriggersAreOffsetsFromTheStartEvenWhenRelatedToTheEnd) {
+TEST_F(VdirObjectsTest, RelativeTriggersAreOffsetsFromTheStartEvenWhenRelatedToTheEnd) {
   auto alarms = event("alarm-relative.ics")->alarms();
   ASSERT_TRUE(alarms);
   ASSERT_EQ(alarms->size(), 2u);
@@ -140,7 +140,7 @@ TEST_F(VdirObjectsTest, relativeTriggersAreOffsetsFromTheStartEvenWhenRelatedToT
   EXPECT_EQ((*alarms)[1]->type(), 1);                  // audio
 }
 
-TEST_F(VdirObjectsTest, absoluteTriggersAreAbsoluteDates) {
+TEST_F(VdirObjectsTest, AbsoluteTriggersAreAbsoluteDates) {
   auto alarms = event("alarm-absolute.ics")->alarms();
   ASSERT_TRUE(alarms);
   ASSERT_EQ(alarms->size(), 1u);
@@ -148,7 +148,7 @@ TEST_F(VdirObjectsTest, absoluteTriggersAreAbsoluteDates) {
   EXPECT_EQ((*alarms)[0]->type(), 3);  // email
 }
 
-TEST_F(VdirObjectsTest, geoIsAStructuredLocationTitledByTheLocation) {
+TEST_F(VdirObjectsTest, GeoIsAStructuredLocationTitledByTheLocation) {
   auto location = event("geo.ics")->structuredLocation();
   ASSERT_NE(location, nullptr);
   EXPECT_EQ(location->title(), "Brocken");
@@ -157,7 +157,7 @@ TEST_F(VdirObjectsTest, geoIsAStructuredLocationTitledByTheLocation) {
   EXPECT_DOUBLE_EQ(location->geoLocation()->longitude(), 10.615);
 }
 
-TEST_F(VdirObjectsTest, appleStructuredLocationGivesTitleRadiusAndCoordinates) {
+TEST_F(VdirObjectsTest, AppleStructuredLocationGivesTitleRadiusAndCoordinates) {
   auto location = event("structured-location.ics")->structuredLocation();
   ASSERT_NE(location, nullptr);
   EXPECT_EQ(location->title(), "King's Cross Station");
@@ -167,14 +167,14 @@ TEST_F(VdirObjectsTest, appleStructuredLocationGivesTitleRadiusAndCoordinates) {
   EXPECT_DOUBLE_EQ(location->geoLocation()->longitude(), -0.1238);
 }
 
-TEST_F(VdirObjectsTest, travelDurationIsTheTravelTimeInSeconds) {
+TEST_F(VdirObjectsTest, TravelDurationIsTheTravelTimeInSeconds) {
   auto travel = event("travel-duration.ics")->valueForKey("travelTime");
   ASSERT_TRUE(travel && travel->number());
   EXPECT_EQ(travel->number()->doubleValue(), 2700.0);
   EXPECT_EQ(event("summary.ics")->valueForKey("travelTime"), std::nullopt);
 }
 
-TEST_F(VdirObjectsTest, rrulePartsBecomeTheRecurrenceRule) {
+TEST_F(VdirObjectsTest, RrulePartsBecomeTheRecurrenceRule) {
   auto rules = event("rrule.ics")->recurrenceRules();
   ASSERT_TRUE(rules);
   ASSERT_EQ(rules->size(), 1u);
@@ -203,7 +203,7 @@ TEST_F(VdirObjectsTest, rrulePartsBecomeTheRecurrenceRule) {
   EXPECT_EQ(event("summary.ics")->recurrenceRules(), std::nullopt);
 }
 
-TEST_F(VdirObjectsTest, allDayEventsSpanLocalMidnights) {
+TEST_F(VdirObjectsTest, AllDayEventsSpanLocalMidnights) {
   auto holiday = event("all-day.ics");
   EXPECT_TRUE(holiday->isAllDay());
   EXPECT_EQ(holiday->startDate(), utc(2026, 3, 9, 23));  // 10 March, 00:00 in Berlin
@@ -211,20 +211,20 @@ TEST_F(VdirObjectsTest, allDayEventsSpanLocalMidnights) {
   EXPECT_EQ(holiday->timeZone(), std::nullopt);
 }
 
-TEST_F(VdirObjectsTest, floatingTimesAreLocalTimes) {
+TEST_F(VdirObjectsTest, FloatingTimesAreLocalTimes) {
   auto wakeUp = event("floating.ics");
   EXPECT_EQ(wakeUp->startDate(), utc(2026, 3, 10, 6));
   EXPECT_EQ(wakeUp->endDate(), utc(2026, 3, 10, 6, 15));
   EXPECT_EQ(wakeUp->timeZone(), std::nullopt);
 }
 
-TEST_F(VdirObjectsTest, utcTimesAreInUtc) {
+TEST_F(VdirObjectsTest, UtcTimesAreInUtc) {
   auto call = event("utc.ics");
   EXPECT_EQ(call->startDate(), utc(2026, 3, 10, 12));
   EXPECT_EQ(call->timeZone(), platform::TimeZone("UTC"));
 }
 
-TEST_F(VdirObjectsTest, collectionsAreCalendarsWithTitleColourAndSource) {
+TEST_F(VdirObjectsTest, CollectionsAreCalendarsWithTitleColourAndSource) {
   auto calendar = event("summary.ics")->calendar();
   ASSERT_NE(calendar, nullptr);
   EXPECT_EQ(calendar->calendarIdentifier(), "home");
@@ -241,7 +241,7 @@ TEST_F(VdirObjectsTest, collectionsAreCalendarsWithTitleColourAndSource) {
   EXPECT_EQ(calendar->type(), 0);
 }
 
-TEST_F(VdirObjectsTest, aTodoWithADateDueKeepsYearMonthAndDayOnly) {
+TEST_F(VdirObjectsTest, ATodoWithADateDueKeepsYearMonthAndDayOnly) {
   auto milk = reminder("due-date.ics");
   EXPECT_EQ(milk->title(), "Buy milk");
   platform::DateComponents due;
@@ -255,7 +255,7 @@ TEST_F(VdirObjectsTest, aTodoWithADateDueKeepsYearMonthAndDayOnly) {
   EXPECT_EQ(milk->calendar()->allowedEntityTypes(), platform::EKEntityMaskReminder);
 }
 
-TEST_F(VdirObjectsTest, aTodoWithZonedTimesKeepsTheirFieldsAndZone) {
+TEST_F(VdirObjectsTest, ATodoWithZonedTimesKeepsTheirFieldsAndZone) {
   auto call = reminder("due-time.ics");
   platform::DateComponents due;
   due.timeZone = platform::TimeZone("Europe/Berlin");
@@ -272,7 +272,7 @@ TEST_F(VdirObjectsTest, aTodoWithZonedTimesKeepsTheirFieldsAndZone) {
   EXPECT_EQ(call->timeZone(), platform::TimeZone("Europe/Berlin"));
 }
 
-TEST_F(VdirObjectsTest, aCompletedTodoHasItsCompletionDate) {
+TEST_F(VdirObjectsTest, ACompletedTodoHasItsCompletionDate) {
   auto taxes = reminder("completed.ics");
   EXPECT_TRUE(taxes->isCompleted());
   EXPECT_EQ(taxes->completionDate(), utc(2026, 3, 5, 10, 15));
@@ -281,7 +281,7 @@ TEST_F(VdirObjectsTest, aCompletedTodoHasItsCompletionDate) {
   EXPECT_EQ(reminder("no-due.ics")->dueDateComponents(), std::nullopt);
 }
 
-TEST_F(VdirObjectsTest, aMissingFileIsNoEventAndAReminderIsNoEvent) {
+TEST_F(VdirObjectsTest, AMissingFileIsNoEventAndAReminderIsNoEvent) {
   EXPECT_EQ(platform_->store()->firstOccurrence("home/nothing.ics"), nullptr);
   EXPECT_EQ(platform_->store()->firstOccurrence("tasks/due-date.ics"), nullptr);
   EXPECT_EQ(platform_->store()->reminder("home/summary.ics"), nullptr);

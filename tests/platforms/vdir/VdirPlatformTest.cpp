@@ -40,7 +40,7 @@ struct ManagerOverVdir {
   rivet::RivetImpetus impetus{"test", std::nullopt, "VdirPlatformTest", "test()", 1};
 };
 
-TEST(VdirPlatformTest, aMovedOccurrenceIsFoundAgainByItsIdentifier) {
+TEST(VdirPlatformTest, AMovedOccurrenceIsFoundAgainByItsIdentifier) {
   ManagerOverVdir world(testData("series"));
   auto march = world.manager->getEventInstances(utc(2026, 3, 1), utc(2026, 4, 1), VespCalendarQuery::all());
   ASSERT_TRUE(march.has_value());
@@ -58,7 +58,7 @@ TEST(VdirPlatformTest, aMovedOccurrenceIsFoundAgainByItsIdentifier) {
   EXPECT_EQ(*again, *moved);
 }
 
-TEST(VdirPlatformTest, anOccurrenceMovedAwayIsFoundByItsOriginalDate) {
+TEST(VdirPlatformTest, AnOccurrenceMovedAwayIsFoundByItsOriginalDate) {
   ManagerOverVdir world(testData("series"));
   auto moved = world.manager->getEventInstance(VespEventInstanceIdentifier("cal/moved.ics", utc(2026, 3, 12, 13)));
   ASSERT_TRUE(moved.has_value()) << moved.error().description();
@@ -66,7 +66,7 @@ TEST(VdirPlatformTest, anOccurrenceMovedAwayIsFoundByItsOriginalDate) {
   EXPECT_EQ(moved->startDate(), utc(2026, 4, 20, 12));
 }
 
-TEST(VdirPlatformTest, anIdentifierOfNoOccurrenceIsAFailureNotAnotherOccurrence) {
+TEST(VdirPlatformTest, AnIdentifierOfNoOccurrenceIsAFailureNotAnotherOccurrence) {
   ManagerOverVdir world(testData("series"));
   // Thursdays only: a Friday is no occurrence of the series.
   auto missing = world.manager->getEventInstance(VespEventInstanceIdentifier("cal/moved.ics", utc(2026, 3, 13, 13)));
@@ -77,7 +77,7 @@ TEST(VdirPlatformTest, anIdentifierOfNoOccurrenceIsAFailureNotAnotherOccurrence)
   EXPECT_EQ(unknown.error().message(), "No such event");
 }
 
-TEST(VdirPlatformTest, everyOccurrenceOfAYearInAGeneratedStoreResolvesToAnEqualRecord) {
+TEST(VdirPlatformTest, EveryOccurrenceOfAYearInAGeneratedStoreResolvesToAnEqualRecord) {
   TemporaryDirectory generated;
   fs::path root = generated.path() / "store";
   std::string command = "python3 '" + std::string(VESP_GEN_VDIR) + "' --root '" + root.string() +
@@ -97,7 +97,7 @@ TEST(VdirPlatformTest, everyOccurrenceOfAYearInAGeneratedStoreResolvesToAnEqualR
   EXPECT_GT(detached, 0u);
 }
 
-TEST(VdirPlatformTest, aChangedFileReachesTheManagersBusWithinASecond) {
+TEST(VdirPlatformTest, AChangedFileReachesTheManagersBusWithinASecond) {
   TemporaryDirectory root;
   testing::writeFile(root.path() / "c/a.ics", testing::simpleEvent("a", "Before", "20260310T090000Z", "20260310T100000Z"));
   ManagerOverVdir world(root.path(), true);
@@ -122,7 +122,7 @@ TEST(VdirPlatformTest, aChangedFileReachesTheManagersBusWithinASecond) {
   EXPECT_EQ((*instances)[0].title(), "After");
 }
 
-TEST(VdirPlatformTest, remindersOfAPeriodAndOneReminderByIdentifier) {
+TEST(VdirPlatformTest, RemindersOfAPeriodAndOneReminderByIdentifier) {
   ManagerOverVdir world(testData("mapping"));
   auto reminders = world.manager->getReminders(utc(2026, 3, 1), utc(2026, 3, 12), VespCalendarQuery::all());
   ASSERT_TRUE(reminders.has_value()) << reminders.error().description();
@@ -135,7 +135,7 @@ TEST(VdirPlatformTest, remindersOfAPeriodAndOneReminderByIdentifier) {
   EXPECT_FALSE(world.manager->getReminder("tasks/none.ics").has_value());
 }
 
-TEST(VdirPlatformTest, calendarsAndListsAreTheCollections) {
+TEST(VdirPlatformTest, CalendarsAndListsAreTheCollections) {
   ManagerOverVdir world(testData("mapping"));
   auto calendars = world.manager->getAllEventCalendars();
   ASSERT_TRUE(calendars.has_value());

@@ -67,7 +67,7 @@ const std::string kTodo =
     "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Vesp tests//EN\r\nBEGIN:VTODO\r\nUID:t\r\nSUMMARY:Todo\r\n"
     "END:VTODO\r\nEND:VCALENDAR\r\n";
 
-TEST(VdirStoreTest, accountsAreSourcesAndCollectionsAreCalendarsByWhatTheyHold) {
+TEST(VdirStoreTest, AccountsAreSourcesAndCollectionsAreCalendarsByWhatTheyHold) {
   TemporaryDirectory root, config;
   writeFile(root.path() / "work/meetings/a.ics", simpleEvent("a", "A", "20260310T090000Z", "20260310T100000Z"));
   writeFile(root.path() / "work/meetings/displayname", "Meetings\n");
@@ -96,7 +96,7 @@ TEST(VdirStoreTest, accountsAreSourcesAndCollectionsAreCalendarsByWhatTheyHold) 
   EXPECT_EQ(store->calendarsForEntityType(platform::EKEntityTypeEvent)[2], calendars[2]);
 }
 
-TEST(VdirStoreTest, aCollectionWithoutColourGetsAStableDefaultAndABadColourIsReported) {
+TEST(VdirStoreTest, ACollectionWithoutColourGetsAStableDefaultAndABadColourIsReported) {
   TemporaryDirectory root, config;
   writeFile(root.path() / "a/x.ics", simpleEvent("x", "X", "20260310T090000Z", "20260310T100000Z"));
   writeFile(root.path() / "b/color", "red");
@@ -112,7 +112,7 @@ TEST(VdirStoreTest, aCollectionWithoutColourGetsAStableDefaultAndABadColourIsRep
               ::testing::Contains(::testing::Field(&VdirDiagnostic::path, "b/color")));
 }
 
-TEST(VdirStoreTest, brokenFilesAreReportedAndEverythingElseIsServed) {
+TEST(VdirStoreTest, BrokenFilesAreReportedAndEverythingElseIsServed) {
   TemporaryDirectory config;
   auto platform = VdirPlatform::make(testing::platformOptions(testData("broken"), config.path() / "access.json"));
   std::set<std::string> titles;
@@ -128,7 +128,7 @@ TEST(VdirStoreTest, brokenFilesAreReportedAndEverythingElseIsServed) {
   EXPECT_FALSE(reported.count("cal/good.ics"));
 }
 
-TEST(VdirStoreTest, anEventWithoutSummaryOrUidIsRepairedAndReported) {
+TEST(VdirStoreTest, AnEventWithoutSummaryOrUidIsRepairedAndReported) {
   TemporaryDirectory root, config;
   writeFile(root.path() / "c/bare.ics",
             "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nBEGIN:VEVENT\r\nDTSTART:20260310T090000Z\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
@@ -141,7 +141,7 @@ TEST(VdirStoreTest, anEventWithoutSummaryOrUidIsRepairedAndReported) {
   EXPECT_EQ(platform->diagnostics().size(), 2u);
 }
 
-TEST(VdirStoreTest, aFileWithSeveralEventsAndToDosServesThemAllUnderTheirOwnIdentifiers) {
+TEST(VdirStoreTest, AFileWithSeveralEventsAndToDosServesThemAllUnderTheirOwnIdentifiers) {
   TemporaryDirectory root, config;
   writeFile(root.path() / "c/export.ics",
             "BEGIN:VCALENDAR\r\nVERSION:2.0\r\n"
@@ -165,7 +165,7 @@ TEST(VdirStoreTest, aFileWithSeveralEventsAndToDosServesThemAllUnderTheirOwnIden
   EXPECT_EQ(calendar.size(), 1u);  // a collection holding both kinds is also a reminder list
 }
 
-TEST(VdirStoreTest, bytesThatAreNotUtf8AreReplacedAndNamesAreEscapedInIdentifiers) {
+TEST(VdirStoreTest, BytesThatAreNotUtf8AreReplacedAndNamesAreEscapedInIdentifiers) {
   TemporaryDirectory root, config;
   writeFile(root.path() / "caf\xE9/100%.ics", simpleEvent("u\xFF", "Caf\xE9 \xF0\x9F\x8E\x82", "20260310T090000Z", "20260310T100000Z"));
   writeFile(root.path() / "caf\xE9/displayname", "Bistro \xC3");
@@ -181,7 +181,7 @@ TEST(VdirStoreTest, bytesThatAreNotUtf8AreReplacedAndNamesAreEscapedInIdentifier
   EXPECT_THAT(platform->diagnostics(), ::testing::Contains(::testing::Field(&VdirDiagnostic::path, "caf%E9/100%25.ics")));
 }
 
-TEST(VdirStoreTest, anEscapeBeforeAMultiByteCharacterStillGivesUtf8) {
+TEST(VdirStoreTest, AnEscapeBeforeAMultiByteCharacterStillGivesUtf8) {
   TemporaryDirectory root, config;
   // libical's unescaping takes one byte after a backslash, which would split the character.
   writeFile(root.path() / "c/a.ics", simpleEvent("a", "Caf\\\xC3\xA9", "20260310T090000Z", "20260310T100000Z",
@@ -194,7 +194,7 @@ TEST(VdirStoreTest, anEscapeBeforeAMultiByteCharacterStillGivesUtf8) {
   EXPECT_THAT(*event->notes(), ::testing::HasSubstr(" and more"));
 }
 
-TEST(VdirStoreTest, aLongProblemIsShortenedBetweenCharacters) {
+TEST(VdirStoreTest, ALongProblemIsShortenedBetweenCharacters) {
   TemporaryDirectory root, config;
   // An unreadable line of two-byte characters: its quote in the problem is cut short.
   std::string line;
@@ -211,7 +211,7 @@ TEST(VdirStoreTest, aLongProblemIsShortenedBetweenCharacters) {
   }
 }
 
-TEST(VdirStoreTest, theSameUidInTwoCollectionsGivesTwoIdentifiers) {
+TEST(VdirStoreTest, TheSameUidInTwoCollectionsGivesTwoIdentifiers) {
   TemporaryDirectory root, config;
   writeFile(root.path() / "a/same.ics", simpleEvent("same", "One", "20260310T090000Z", "20260310T100000Z"));
   writeFile(root.path() / "b/same.ics", simpleEvent("same", "Two", "20260310T090000Z", "20260310T100000Z"));
@@ -222,7 +222,7 @@ TEST(VdirStoreTest, theSameUidInTwoCollectionsGivesTwoIdentifiers) {
   EXPECT_EQ(events[0]->calendarItemExternalIdentifier(), events[1]->calendarItemExternalIdentifier());
 }
 
-TEST(VdirStoreTest, filesOutsideCollectionsLinksOutOfTheRootAndHugeFilesAreSkippedAndReported) {
+TEST(VdirStoreTest, FilesOutsideCollectionsLinksOutOfTheRootAndHugeFilesAreSkippedAndReported) {
   TemporaryDirectory root, outside, config;
   writeFile(root.path() / "stray.ics", simpleEvent("s", "Stray", "20260310T090000Z", "20260310T100000Z"));
   writeFile(outside.path() / "secret.ics", simpleEvent("x", "Secret", "20260310T090000Z", "20260310T100000Z"));
@@ -241,7 +241,7 @@ TEST(VdirStoreTest, filesOutsideCollectionsLinksOutOfTheRootAndHugeFilesAreSkipp
   EXPECT_THAT(reported, ::testing::ElementsAre("c/big.ics", "c/link.ics", "stray.ics"));
 }
 
-TEST(VdirStoreTest, aRescanRereadsOnlyTheFilesThatChanged) {
+TEST(VdirStoreTest, ARescanRereadsOnlyTheFilesThatChanged) {
   TemporaryDirectory root, config;
   for (int i = 0; i < 10; ++i)
     writeFile(root.path() / "c" / (std::to_string(i) + ".ics"),
@@ -266,7 +266,7 @@ TEST(VdirStoreTest, aRescanRereadsOnlyTheFilesThatChanged) {
   EXPECT_EQ(platform->store()->firstOccurrence("c/5.ics"), nullptr);
 }
 
-TEST(VdirStoreTest, aWatchedChangeReachesEveryConnectionWithinASecond) {
+TEST(VdirStoreTest, AWatchedChangeReachesEveryConnectionWithinASecond) {
   TemporaryDirectory root, config;
   writeFile(root.path() / "c/a.ics", simpleEvent("a", "Before", "20260310T090000Z", "20260310T100000Z"));
   auto platform = VdirPlatform::make(testing::platformOptions(root.path(), config.path() / "access.json", true));
@@ -281,7 +281,7 @@ TEST(VdirStoreTest, aWatchedChangeReachesEveryConnectionWithinASecond) {
   EXPECT_EQ(events[0]->title(), "After");
 }
 
-TEST(VdirStoreTest, aBurstOfWritesBecomesFewNotificationsAndTheFinalStateIsServed) {
+TEST(VdirStoreTest, ABurstOfWritesBecomesFewNotificationsAndTheFinalStateIsServed) {
   TemporaryDirectory root, config;
   fs::create_directories(root.path() / "c");
   auto platform = VdirPlatform::make(testing::platformOptions(root.path(), config.path() / "access.json", true));
@@ -311,7 +311,7 @@ TEST(VdirStoreTest, aBurstOfWritesBecomesFewNotificationsAndTheFinalStateIsServe
   EXPECT_LT(counter.count(), 50);
 }
 
-TEST(VdirStoreTest, theStoreRootRemovedAndRecreatedIsServedAgain) {
+TEST(VdirStoreTest, TheStoreRootRemovedAndRecreatedIsServedAgain) {
   TemporaryDirectory parent, config;
   fs::path root = parent.path() / "store";
   writeFile(root / "c/a.ics", simpleEvent("a", "First", "20260310T090000Z", "20260310T100000Z"));
@@ -332,7 +332,7 @@ TEST(VdirStoreTest, theStoreRootRemovedAndRecreatedIsServedAgain) {
   EXPECT_EQ(events[0]->title(), "Second");
 }
 
-TEST(VdirStoreTest, reminderPredicatesSelectByDueAndCompletionDatesOnAPlatformThread) {
+TEST(VdirStoreTest, ReminderPredicatesSelectByDueAndCompletionDatesOnAPlatformThread) {
   TemporaryDirectory config;
   auto platform = VdirPlatform::make(testing::platformOptions(testData("mapping"), config.path() / "access.json"));
   auto store = platform->makeEventStore();
@@ -395,7 +395,7 @@ struct AccessAnswer {
   }
 };
 
-TEST(VdirStoreTest, accessIsNotDeterminedUntilTheUserAnswersAndTheAnswerIsKept) {
+TEST(VdirStoreTest, AccessIsNotDeterminedUntilTheUserAnswersAndTheAnswerIsKept) {
   TemporaryDirectory config;
   auto options = testing::platformOptions(testData("mapping"), config.path() / "vesp/access.json");
   std::vector<std::pair<platform::EKEntityType, std::optional<std::string>>> asked;
@@ -435,7 +435,7 @@ TEST(VdirStoreTest, accessIsNotDeterminedUntilTheUserAnswersAndTheAnswerIsKept) 
   EXPECT_EQ(asked.size(), 2u);
 }
 
-TEST(VdirStoreTest, withoutAConsentHandlerARequestFailsAndDecidesNothing) {
+TEST(VdirStoreTest, WithoutAConsentHandlerARequestFailsAndDecidesNothing) {
   TemporaryDirectory config;
   auto platform = VdirPlatform::make(testing::platformOptions(testData("mapping"), config.path() / "access.json"));
   AccessAnswer answer;
@@ -449,7 +449,7 @@ TEST(VdirStoreTest, withoutAConsentHandlerARequestFailsAndDecidesNothing) {
   EXPECT_FALSE(fs::exists(config.path() / "access.json"));
 }
 
-TEST(VdirStoreTest, aStoreRootThatIsNoReadableDirectoryIsRestricted) {
+TEST(VdirStoreTest, AStoreRootThatIsNoReadableDirectoryIsRestricted) {
   TemporaryDirectory config;
   writeFile(config.path() / "not-a-directory", "x");
   auto platform = VdirPlatform::make(testing::platformOptions(config.path() / "not-a-directory", config.path() / "access.json"));
@@ -460,7 +460,7 @@ TEST(VdirStoreTest, aStoreRootThatIsNoReadableDirectoryIsRestricted) {
   EXPECT_FALSE(answer.wait().first);
 }
 
-TEST(VdirStoreTest, readingWatchingAndAskingNeverChangeTheTree) {
+TEST(VdirStoreTest, ReadingWatchingAndAskingNeverChangeTheTree) {
   TemporaryDirectory root, config;
   fs::copy(testData("series"), root.path(), fs::copy_options::recursive);
   fs::copy(testData("mapping"), root.path() / "account", fs::copy_options::recursive);
@@ -483,7 +483,7 @@ TEST(VdirStoreTest, readingWatchingAndAskingNeverChangeTheTree) {
   EXPECT_EQ(testing::treeState(root.path()), before);
 }
 
-TEST(VdirStoreTest, aStoreLetGoOfOnItsWatchersThreadEndsCleanly) {
+TEST(VdirStoreTest, AStoreLetGoOfOnItsWatchersThreadEndsCleanly) {
   TemporaryDirectory root, config;
   writeFile(root.path() / "c/a.ics", simpleEvent("a", "A", "20260310T090000Z", "20260310T100000Z"));
   auto options = testing::platformOptions(root.path(), config.path() / "access.json", true).store;
@@ -541,7 +541,7 @@ std::set<std::string> titlesOn10March(VdirStore& store) {
   return titles;
 }
 
-TEST(VdirStoreTest, aFileDeletedBetweenListingAndReadingIsLeftOutWithoutAProblem) {
+TEST(VdirStoreTest, AFileDeletedBetweenListingAndReadingIsLeftOutWithoutAProblem) {
   TemporaryDirectory root, config;
   writeFile(root.path() / "c/a.ics", simpleEvent("a", "A", "20260310T090000Z", "20260310T100000Z"));
   writeFile(root.path() / "c/b.ics", simpleEvent("b", "B", "20260310T090000Z", "20260310T100000Z"));
@@ -558,7 +558,7 @@ TEST(VdirStoreTest, aFileDeletedBetweenListingAndReadingIsLeftOutWithoutAProblem
   EXPECT_TRUE(platform->diagnostics().empty());
 }
 
-TEST(VdirStoreTest, aFileRenamedBetweenListingAndReadingIsServedByTheNextRescan) {
+TEST(VdirStoreTest, AFileRenamedBetweenListingAndReadingIsServedByTheNextRescan) {
   TemporaryDirectory root, config;
   writeFile(root.path() / "c/a.ics", simpleEvent("a", "A", "20260310T090000Z", "20260310T100000Z"));
   auto options = testing::platformOptions(root.path(), config.path() / "access.json");
@@ -574,7 +574,7 @@ TEST(VdirStoreTest, aFileRenamedBetweenListingAndReadingIsServedByTheNextRescan)
   EXPECT_NE(platform->store()->firstOccurrence("c/z-renamed.ics"), nullptr);
 }
 
-TEST(VdirStoreTest, aFileTruncatedWhileBeingReadIsRepairedOrReportedAndItsWholeVersionIsServedNext) {
+TEST(VdirStoreTest, AFileTruncatedWhileBeingReadIsRepairedOrReportedAndItsWholeVersionIsServedNext) {
   TemporaryDirectory root, config;
   std::string whole = simpleEvent("a", "Whole", "20260310T090000Z", "20260310T100000Z");
   writeFile(root.path() / "c/a.ics", simpleEvent("a", "Old", "20260310T090000Z", "20260310T100000Z"));
@@ -597,7 +597,7 @@ TEST(VdirStoreTest, aFileTruncatedWhileBeingReadIsRepairedOrReportedAndItsWholeV
   EXPECT_TRUE(platform->diagnostics().empty());
 }
 
-TEST(VdirStoreTest, aCollectionThatBecomesUnreadableLeavesTheRestServedAndComesBack) {
+TEST(VdirStoreTest, ACollectionThatBecomesUnreadableLeavesTheRestServedAndComesBack) {
   TemporaryDirectory root, config;
   writeFile(root.path() / "a/x.ics", simpleEvent("x", "X", "20260310T090000Z", "20260310T100000Z"));
   writeFile(root.path() / "b/y.ics", simpleEvent("y", "Y", "20260310T090000Z", "20260310T100000Z"));
@@ -625,7 +625,7 @@ TEST(VdirStoreTest, aCollectionThatBecomesUnreadableLeavesTheRestServedAndComesB
   EXPECT_THAT(titlesOn10March(*platform->store()), ::testing::ElementsAre("X", "Y"));
 }
 
-TEST(VdirStoreTest, anOverflowedEventQueueLeadsToAFullRescan) {
+TEST(VdirStoreTest, AnOverflowedEventQueueLeadsToAFullRescan) {
   TemporaryDirectory root, config;
   writeFile(root.path() / "c/a.ics", simpleEvent("a", "Before", "20260310T090000Z", "20260310T100000Z"));
   auto platform = VdirPlatform::make(testing::platformOptions(root.path(), config.path() / "access.json", true));
@@ -639,7 +639,7 @@ TEST(VdirStoreTest, anOverflowedEventQueueLeadsToAFullRescan) {
   EXPECT_THAT(titlesOn10March(*platform->store()), ::testing::ElementsAre("After"));
 }
 
-TEST(VdirStoreTest, theAccessFileIsReplacedWholeAndReadableByItsOwnerOnly) {
+TEST(VdirStoreTest, TheAccessFileIsReplacedWholeAndReadableByItsOwnerOnly) {
   TemporaryDirectory config;
   VdirAccess access((config.path() / "access.json").string(), "vesp");
   ASSERT_EQ(access.record(platform::EKEntityTypeEvent, true), std::nullopt);
@@ -664,7 +664,7 @@ TEST(VdirStoreTest, theAccessFileIsReplacedWholeAndReadableByItsOwnerOnly) {
 
 // Eight threads query events and reminders while another rewrites, adds and deletes files for a
 // while (VESP_LOAD_SECONDS, default 60): every answer must show each file wholly in one version.
-TEST(VdirStoreTest, underLoadEveryAnswerIsAConsistentViewOfWholeFiles) {
+TEST(VdirStoreTest, UnderLoadEveryAnswerIsAConsistentViewOfWholeFiles) {
   const char* configured = std::getenv("VESP_LOAD_SECONDS");
   const double seconds = configured ? std::atof(configured) : 60.0;
   TemporaryDirectory root, config;
@@ -736,7 +736,7 @@ TEST(VdirStoreTest, underLoadEveryAnswerIsAConsistentViewOfWholeFiles) {
   EXPECT_EQ(served, expected);
 }
 
-TEST(VdirStoreTest, queriesWhileFilesChangeSeeEachFileWhollyOldOrWhollyNew) {
+TEST(VdirStoreTest, QueriesWhileFilesChangeSeeEachFileWhollyOldOrWhollyNew) {
   TemporaryDirectory root, config;
   const int files = 12;
   for (int file = 0; file < files; ++file) writeFile(root.path() / "c" / (std::to_string(file) + ".ics"), versionedSeries(file, 0));
@@ -783,7 +783,7 @@ TEST(VdirStoreTest, queriesWhileFilesChangeSeeEachFileWhollyOldOrWhollyNew) {
 
 // The calendar files two Debian packages ship for their own tests, each file its own collection:
 // every file is served or diagnosed, and serving them converts into records without a stop.
-TEST(VdirStoreTest, everyFileOfThePublicTestCorporaIsServedOrDiagnosed) {
+TEST(VdirStoreTest, EveryFileOfThePublicTestCorporaIsServedOrDiagnosed) {
   TemporaryDirectory root, config;
   std::size_t copied = 0;
   for (const char* package : {"evolution-data-server-tests", "python3-icalendar"}) {

@@ -1,0 +1,213 @@
+// What every platform we serve promises the library, run over each of them: the memory platform and
+// the vdir platform over a tree on disk. Each world holds the same contents: calendars "Work" and
+// "Home", the event "Standup" [10:00, 11:00) and the instant "Ping" at 12:00 in Work, "Dinner"
+// [18:00, 19:00) in Home, all on 2 March 2026 (UTC), and access granted to both kinds.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include "platforms/memory/MemoryPlatform.h"
+#include "platforms/vdir/VdirPlatform.h"
+#include "tests/platforms/vdir/VdirTestSupport.h"
+
+namespace vesp {
+namespace {
+
+using platform::Date;
+using vdir::testing::utc;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::UnorderedElementsAre;
+namespace fs = std::filesystem;
+
+struct MemoryWorld {
+  static constexpr const char* name = "Memory";
+  MemoryWorld() {
+    auto source = memory->addSource("Local");
+    auto work = memory->addCalendar("Work", source);
+    auto home = memory->addCalendar("Home", source);
+    memory->addEvent(work, "Standup", utc(2026, 3, 2, 10), utc(2026, 3, 2, 11));
+    memory->addEvent(work, "Ping", utc(2026, 3, 2, 12), utc(2026, 3, 2, 12));
+    memory->addEvent(home, "Dinner", utc(2026, 3, 2, 18), utc(2026, 3, 2, 19));
+    memory->setAuthorizationStatus(platform::EKEntityTypeEvent, platform::EKAuthorizationStatusAuthorized);
+    memory->setAuthorizationStatus(platform::EKEntityTypeReminder, platform::EKAuthorizationStatusAuthorized);
+  }
+  std::shared_ptr<platform::Platform> platform() { return memory; }
+  // The contents change, and the platform announces it as it does.
+  void change() {
+    memory->addEvent(memory->addCalendar("Later", memory->addSource("Local")), "New", utc(2026, 3, 3),
+                     utc(2026, 3, 3, 1));
+    memory->postStoreChanged();
+  }
+
+  std::shared_ptr<memory::MemoryPlatform> memory = memory::MemoryPlatform::make();
+};
+
+struct VdirWorld {
+  static constexpr const char* name = "Vdir";
+  VdirWorld() {
+    using vdir::testing::simpleEvent;
+    using vdir::testing::writeFile;
+    writeFile(root.path() / "work/standup.ics",
+              simpleEvent("standup", "Standup", "20260302T100000Z", "20260302T110000Z"));
+    writeFile(root.path() / "work/ping.ics", simpleEvent("ping", "Ping", "20260302T120000Z", "20260302T120000Z"));
+    writeFile(root.path() / "home/dinner.ics",
+              simpleEvent("dinner", "Dinner", "20260302T180000Z", "20260302T190000Z"));
+    writeFile(root.path() / "work/displayname", "Work");
+    writeFile(root.path() / "home/displayname", "Home");
+    writeFile(config.path() / "access.json",
+              R"({"version": 1, "applications": {"vesp": {"events": "authorized", "reminders": "authorized"}}})");
+    auto options = vdir::testing::platformOptions(root.path(), config.path() / "access.json");
+    options.store.cacheDirectory = "";
+    vdirPlatform = vdir::VdirPlatform::make(std::move(options));
+  }
+  std::shared_ptr<platform::Platform> platform() { return vdirPlatform; }
+  void change() {
+    vdir::testing::writeFile(root.path() / "later/new.ics",
+                             vdir::testing::simpleEvent("new", "New", "20260303T000000Z", "20260303T010000Z"));
+    ASSERT_TRUE(vdirPlatform->refresh());
+  }
+
+  vdir::testing::TemporaryDirectory root, config;
+  std::shared_ptr<vdir::VdirPlatform> vdirPlatform;
+};
+
+struct WorldNames {
+  template <class World>
+  static std::string GetName(int) {
+    return World::name;
+  }
+};
+
+template <class World>
+class PlatformContractTest : public ::testing::Test {
+ protected:
+  World world;
+  std::shared_ptr<platform::EKEventStore> store = world.platform()->makeEventStore();
+
+  std::vector<std::string> titles(Date start, Date end, const platform::EKEventStore::CalendarList& calendars) {
+    std::vector<std::string> found;
+    for (const auto& event : store->eventsMatchingPredicate(store->predicateForEventsWithStartDate(start, end, calendars)))
+      found.push_back(event->title().value_or("(none)"));
+    return found;
+  }
+  std::shared_ptr<platform::EKCalendar> calendarTitled(const std::string& title) {
+    for (auto& calendar : store->calendarsForEntityType(platform::EKEntityTypeEvent))
+      if (calendar->title() == title) return calendar;
+    ADD_FAILURE() << "no calendar " << title;
+    return nullptr;
+  }
+};
+
+using Worlds = ::testing::Types<MemoryWorld, VdirWorld>;
+TYPED_TEST_SUITE(PlatformContractTest, Worlds, WorldNames);
+
+TYPED_TEST(PlatformContractTest, AWindowSelectsWhatOverlapsItsStartInclusiveEndExclusive) {
+  EXPECT_THAT(this->titles(utc(2026, 3, 2, 9), utc(2026, 3, 2, 10), std::nullopt), IsEmpty());
+  EXPECT_THAT(this->titles(utc(2026, 3, 2, 10, 59, 59), utc(2026, 3, 2, 11), std::nullopt), ElementsAre("Standup"));
+  EXPECT_THAT(this->titles(utc(2026, 3, 2, 11), utc(2026, 3, 2, 12), std::nullopt), IsEmpty());
+  // An instant is selected by the windows that contain its start.
+  EXPECT_THAT(this->titles(utc(2026, 3, 2, 12), utc(2026, 3, 2, 12, 0, 1), std::nullopt), ElementsAre("Ping"));
+  EXPECT_THAT(this->titles(utc(2026, 3, 2), utc(2026, 3, 3), std::nullopt),
+              UnorderedElementsAre("Standup", "Ping", "Dinner"));
+}
+
+TYPED_TEST(PlatformContractTest, AnAbsentCalendarListIsEveryCalendarAndAnEmptyOneNone) {
+  const Date start = utc(2026, 3, 2), end = utc(2026, 3, 3);
+  EXPECT_EQ(this->titles(start, end, std::nullopt).size(), 3u);
+  EXPECT_THAT(this->titles(start, end, std::vector<std::shared_ptr<platform::EKCalendar>>{}), IsEmpty());
+  EXPECT_THAT(this->titles(start, end, std::vector{this->calendarTitled("Home")}), ElementsAre("Dinner"));
+}
+
+TYPED_TEST(PlatformContractTest, AnEventsCalendarIsTheObjectTheStoreListsForIt) {
+  auto work = this->calendarTitled("Work");
+  ASSERT_TRUE(work);
+  auto store = this->store;
+  auto events =
+      store->eventsMatchingPredicate(store->predicateForEventsWithStartDate(utc(2026, 3, 2, 10), utc(2026, 3, 2, 11),
+                                                                             std::nullopt));
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0]->calendar(), work);
+  EXPECT_EQ(this->calendarTitled("Work"), work);
+}
+
+// Waits for a completion and records how often and where it was called.
+struct CompletionProbe {
+  std::mutex mutex;
+  std::condition_variable called;
+  int calls = 0;
+  std::thread::id thread;
+  void record() {
+    std::lock_guard lock(mutex);
+    ++calls;
+    thread = std::this_thread::get_id();
+    called.notify_all();
+  }
+  // True when the first call came within ten seconds; then waits a little for a wrong second one.
+  bool awaitOnce() {
+    std::unique_lock lock(mutex);
+    if (!called.wait_for(lock, std::chrono::seconds(10), [&] { return calls > 0; })) return false;
+    called.wait_for(lock, std::chrono::milliseconds(50), [&] { return calls > 1; });
+    return true;
+  }
+};
+
+TYPED_TEST(PlatformContractTest, AnAccessCompletionIsCalledOnceOnAPlatformThread) {
+  CompletionProbe probe;
+  bool granted = false;
+  this->store->requestAccessToEntityType(platform::EKEntityTypeEvent,
+                                         [&](bool answer, std::optional<platform::NSError>) {
+                                           granted = answer;
+                                           probe.record();
+                                         });
+  ASSERT_TRUE(probe.awaitOnce());
+  std::lock_guard lock(probe.mutex);
+  EXPECT_EQ(probe.calls, 1);
+  EXPECT_NE(probe.thread, std::this_thread::get_id());
+  EXPECT_TRUE(granted);
+}
+
+TYPED_TEST(PlatformContractTest, AReminderFetchCompletesOnceOnAPlatformThread) {
+  CompletionProbe probe;
+  bool delivered = false;
+  auto predicate = this->store->predicateForIncompleteRemindersWithDueDateStarting(std::nullopt, std::nullopt,
+                                                                                   std::nullopt);
+  (void)this->store->fetchRemindersMatchingPredicate(
+      predicate, [&](std::optional<std::vector<std::shared_ptr<platform::EKReminder>>> reminders) {
+        delivered = reminders.has_value();
+        probe.record();
+      });
+  ASSERT_TRUE(probe.awaitOnce());
+  std::lock_guard lock(probe.mutex);
+  EXPECT_EQ(probe.calls, 1);
+  EXPECT_NE(probe.thread, std::this_thread::get_id());
+  EXPECT_TRUE(delivered);
+}
+
+TYPED_TEST(PlatformContractTest, AChangePostsOneNotificationPerConnection) {
+  auto platform = this->world.platform();
+  auto second = platform->makeEventStore();
+  std::mutex mutex;
+  std::map<const platform::NSObject*, int> posts;
+  auto observer = std::make_shared<int>(0);
+  platform->defaultCenter()->addObserver(
+      observer, "changed:",
+      [&](const platform::Notification& notification) {
+        std::lock_guard lock(mutex);
+        ++posts[notification.object.get()];
+      },
+      platform::EKEventStoreChangedNotification, nullptr);
+  this->world.change();
+  std::lock_guard lock(mutex);
+  EXPECT_EQ(posts[this->store.get()], 1);
+  EXPECT_EQ(posts[second.get()], 1);
+  // And the change is there for every connection.
+  EXPECT_THAT(this->titles(utc(2026, 3, 3), utc(2026, 3, 3, 1), std::nullopt), ElementsAre("New"));
+}
+
+}  // namespace
+}  // namespace vesp

@@ -258,6 +258,258 @@ T valueOrExit(rivet::RivetResult<T> result, int status) {
   return std::move(result).value();
 }
 
+// Everything the command line sets.
+struct Arguments {
+  std::string store = defaultStore();
+  bool asJSON = false, yes = false, verbose = false;
+  std::string from, to;                  // events, reminders
+  std::vector<std::string> calendarIds;  // events --calendar, reminders --list
+  std::string identifier;                // event IDENTIFIER, reminder ID
+  std::size_t count = 0;                 // watch --count
+  std::string accessKind;                // access KIND
+  bool request = false, reset = false;   // access --request, --reset
+};
+
+// What a subcommand runs with.
+struct Invocation {
+  const Arguments& args;
+  Session& session;
+  std::ostream& out;
+  std::ostream& err;
+  HumanStyle style;
+  const sigset_t& stopSignals;
+};
+
+void runCalendars(Invocation& call, platform::EKEntityType type) {
+  call.session.requireAccess(type, true);
+  auto& manager = call.session.manager();
+  auto found = valueOrExit(
+      type == platform::EKEntityTypeEvent ? manager.getAllEventCalendars() : manager.getAllReminderLists(),
+      kExitFailure);
+  if (call.args.asJSON)
+    writeArray(call.out, found);
+  else
+    printCalendars(call.out, found, call.style);
+}
+
+// The period of --from and --to: today and a week by default.
+std::pair<Date, Date> periodOf(const Arguments& args) {
+  Date start = args.from.empty() ? localMidnightToday() : parseDate(args.from, "--from");
+  Date end = args.to.empty() ? addLocalDays(start, 7) : parseDate(args.to, "--to");
+  if (end <= start) throw Exit{kExitUsage, "vesp: --to must be later than --from"};
+  return {start, end};
+}
+
+void runEvents(Invocation& call) {
+  auto [start, end] = periodOf(call.args);
+  call.session.requireAccess(platform::EKEntityTypeEvent, true);
+  auto& manager = call.session.manager();
+  auto query = queryOf(call.args.calendarIds, valueOrExit(manager.getAllEventCalendars(), kExitFailure), "calendars");
+  auto found = valueOrExit(manager.getEventInstances(start, end, query), kExitFailure);
+  if (call.args.asJSON)
+    writeArray(call.out, found);
+  else
+    printAgenda(call.out, found, call.style);
+}
+
+void runReminders(Invocation& call) {
+  auto [start, end] = periodOf(call.args);
+  call.session.requireAccess(platform::EKEntityTypeReminder, true);
+  auto& manager = call.session.manager();
+  auto query =
+      queryOf(call.args.calendarIds, valueOrExit(manager.getAllReminderLists(), kExitFailure), "reminder-lists");
+  auto found = valueOrExit(manager.getReminders(start, end, query), kExitFailure);
+  if (call.args.asJSON)
+    writeArray(call.out, found);
+  else
+    printReminders(call.out, found, call.style);
+}
+
+void runEvent(Invocation& call) {
+  std::optional<VespEventInstanceIdentifier> decoded;
+  try {
+    decoded = VespJSONDecoder().decode<VespEventInstanceIdentifier>(call.args.identifier);
+  } catch (const VespDecodingError& error) {
+    throw Exit{kExitUsage, "vesp: \"" + call.args.identifier + "\" is not an occurrence identifier (" + error.what() +
+                               "); `vesp events --json` prints them under eventInstanceIdentifier"};
+  }
+  call.session.requireAccess(platform::EKEntityTypeEvent, true);
+  auto found = valueOrExit(call.session.manager().getEventInstance(*decoded), kExitNotFound);
+  if (call.args.asJSON)
+    call.out << toJSON(found).dump(2, ' ', false, json::error_handler_t::replace) << '\n';
+  else
+    printEvent(call.out, found, call.style);
+}
+
+void runReminder(Invocation& call) {
+  call.session.requireAccess(platform::EKEntityTypeReminder, true);
+  auto found = valueOrExit(call.session.manager().getReminder(call.args.identifier), kExitNotFound);
+  if (call.args.asJSON)
+    call.out << toJSON(found).dump(2, ' ', false, json::error_handler_t::replace) << '\n';
+  else
+    printReminder(call.out, found, call.style);
+}
+
+// Prints a line per change until SIGINT or SIGTERM, or until --count changes were printed.
+void runWatch(Invocation& call) {
+  call.session.requireAccess(platform::EKEntityTypeEvent, true);
+  auto& manager = call.session.manager();
+  std::mutex mutex;
+  std::size_t seen = 0;
+  const std::size_t count = call.args.count;
+  auto print = [&](const char* what) {
+    std::lock_guard lock(mutex);
+    if (count && seen >= count) return;
+    ++seen;
+    if (call.args.asJSON)
+      call.out << json{{"time", Date::now().iso8601()}, {"changed", what}}.dump(-1, ' ', false,
+                                                                                 json::error_handler_t::replace)
+               << std::endl;
+    else
+      call.out << Date::now().iso8601() << "  " << what << " changed" << std::endl;
+    if (count && seen == count) ::kill(::getpid(), SIGUSR1);
+  };
+  auto eventToken = manager.eventStoreChangedEventBus().subscribe(
+      [&](const VespEventStoreChangedEvent&, const rivet::RivetVia&) { print("events"); });
+  auto reminderToken = manager.reminderStoreChangedEventBus().subscribe(
+      [&](const VespReminderStoreChangedEvent&, const rivet::RivetVia&) { print("reminders"); });
+  if (!call.args.asJSON) call.err << "Watching " << call.args.store << " (Ctrl-C to stop)" << std::endl;
+  int signal = 0;
+  sigwait(&call.stopSignals, &signal);
+  eventToken.cancel();
+  reminderToken.cancel();
+}
+
+// The entity types that `access KIND` names: both when none is given.
+std::vector<platform::EKEntityType> accessTypes(const Arguments& args) {
+  std::vector<platform::EKEntityType> types;
+  if (args.accessKind != "reminders") types.push_back(platform::EKEntityTypeEvent);
+  if (args.accessKind != "events") types.push_back(platform::EKEntityTypeReminder);
+  return types;
+}
+
+// Forgets the decisions of `access --reset`, before any store connection reads them.
+void resetAccess(const Arguments& args) {
+  const char* accessFile = std::getenv("VESP_ACCESS_FILE");
+  vdir::VdirAccess decisions(accessFile && *accessFile ? accessFile : vdir::VdirAccess::defaultFile(), "vesp");
+  for (auto type : accessTypes(args))
+    if (auto failure = decisions.record(type, std::nullopt)) throw Exit{kExitFailure, "vesp: " + *failure};
+}
+
+void runAccess(Invocation& call) {
+  json result = json::object();
+  for (auto type : accessTypes(call.args)) {
+    if (call.args.request && !::isatty(STDIN_FILENO) && !call.args.yes &&
+        call.session.status(type) == VespAuthorisationStatus::notDetermined)
+      throw Exit{kExitNoAccess, std::string("vesp: cannot ask for access to your ") + kindName(type) +
+                                    " without a terminal; pass --yes to grant it"};
+    VespAuthorisationStatus state = call.args.request ? call.session.settle(type, true) : call.session.status(type);
+    // The manager folds the platform's restricted into denied; say which it is.
+    if (call.session.platform().authorizationStatusForEntityType(type) == platform::EKAuthorizationStatusRestricted)
+      state = VespAuthorisationStatus::restricted;
+    result[kindName(type)] = std::string(description(state));
+  }
+  if (call.args.asJSON) {
+    call.out << result.dump(2, ' ', false, json::error_handler_t::replace) << '\n';
+  } else {
+    for (auto& [kind, state] : result.items()) call.out << kind << ": " << state.get<std::string>() << '\n';
+    call.out << "(decisions are kept in " << call.session.platform().access()->file() << ")\n";
+  }
+}
+
+void runDoctor(Invocation& call) {
+  auto diagnostics = call.session.platform().diagnostics();
+  auto snapshot = call.session.platform().store()->snapshot();
+  std::size_t items = 0;
+  for (const auto& collection : snapshot->collections) items += collection.items.size();
+  if (call.args.asJSON) {
+    json array = json::array();
+    for (const auto& diagnostic : diagnostics) array.push_back(toJSON(diagnostic));
+    call.out << json{{"store", call.args.store}, {"collections", snapshot->collections.size()}, {"items", items},
+                     {"problems", array}}
+                    .dump(2, ' ', false, json::error_handler_t::replace)
+             << '\n';
+    return;
+  }
+  call.out << call.args.store << ": " << snapshot->collections.size() << " collections, " << items
+           << " items served\n";
+  if (diagnostics.empty()) call.out << "No problems found.\n";
+  for (const auto& diagnostic : diagnostics)
+    call.out << neutralised(diagnostic.path) << ": " << vdir::description(diagnostic.action) << ": "
+             << neutralised(diagnostic.problem) << '\n';
+}
+
+// One subcommand: its parser and what it runs.
+struct Subcommand {
+  CLI::App* parser;
+  std::function<void(Invocation&)> run;
+};
+
+void addGlobalOptions(CLI::App& app, Arguments& args) {
+  app.require_subcommand(1);
+  app.add_option("--store", args.store, "The store's root directory (default: $VESP_STORE, else ~/.calendars)")
+      ->capture_default_str();
+  app.add_flag("--json", args.asJSON, "Print one JSON document instead of the human view");
+  app.add_flag("--yes", args.yes, "Answer yes when asked for access to the store (for scripts)");
+  app.add_flag("--verbose", args.verbose, "Log the library's failures to stderr, one JSON object per line");
+  app.footer("Exit status: 0 success, 1 failure, 2 bad arguments, 3 access not granted, 4 no store, 5 not found.\n"
+             "Dates are YYYY-MM-DD or YYYY-MM-DDTHH:MM[:SS] in local time, or UTC with a trailing Z.\n"
+             "Colour is used on a terminal unless NO_COLOR is set.");
+}
+
+std::vector<Subcommand> addSubcommands(CLI::App& app, Arguments& args) {
+  std::vector<Subcommand> commands;
+  commands.push_back({app.add_subcommand("calendars", "List the event calendars"),
+                      [](Invocation& call) { runCalendars(call, platform::EKEntityTypeEvent); }});
+  commands.push_back({app.add_subcommand("reminder-lists", "List the reminder lists"),
+                      [](Invocation& call) { runCalendars(call, platform::EKEntityTypeReminder); }});
+
+  auto* events = app.add_subcommand("events", "List the occurrences of events in a period, as an agenda");
+  events->add_option("--from", args.from, "First day or time (default: today)");
+  events->add_option("--to", args.to, "End, exclusive (default: seven days after --from)");
+  events->add_option("--calendar", args.calendarIds, "Only this calendar (repeatable; `vesp calendars` lists them)");
+  commands.push_back({events, runEvents});
+
+  auto* event = app.add_subcommand("event", "Show one occurrence, found by its identifier");
+  event->add_option("IDENTIFIER", args.identifier,
+                    "The occurrence identifier in its JSON coded form, as `vesp events --json` prints it "
+                    "under eventInstanceIdentifier")
+      ->required();
+  commands.push_back({event, runEvent});
+
+  auto* reminders = app.add_subcommand("reminders", "List reminders due, or completed, in a period");
+  reminders->add_option("--from", args.from, "First day or time (default: today)");
+  reminders->add_option("--to", args.to, "End, exclusive (default: seven days after --from)");
+  reminders->add_option("--list", args.calendarIds,
+                        "Only this reminder list (repeatable; `vesp reminder-lists` lists them)");
+  commands.push_back({reminders, runReminders});
+
+  auto* reminder = app.add_subcommand("reminder", "Show one reminder");
+  reminder->add_option("ID", args.identifier, "The reminder's calendarItemIdentifier, as `vesp reminders --json` prints it")
+      ->required();
+  commands.push_back({reminder, runReminder});
+
+  auto* watch = app.add_subcommand("watch", "Print a line for each change of the store until interrupted");
+  watch->add_option("--count", args.count, "Stop after this many changes (default: never)");
+  commands.push_back({watch, runWatch});
+
+  auto* access = app.add_subcommand("access", "Show, request or reset this program's access to events and reminders");
+  access->add_option("KIND", args.accessKind, "events or reminders (default: both)")
+      ->check(CLI::IsMember({"events", "reminders"}));
+  access->add_flag("--request", args.request, "Ask for access when it has not been decided (needs a terminal or --yes)");
+  access->add_flag("--reset", args.reset, "Forget the decision, so that the next request asks again");
+  commands.push_back({access, runAccess});
+
+  commands.push_back(
+      {app.add_subcommand("doctor", "List what in the store was skipped or repaired, and why"), runDoctor});
+  return commands;
+}
+
+bool colourWanted() {
+  const char* term = std::getenv("TERM");
+  return ::isatty(STDOUT_FILENO) && !std::getenv("NO_COLOR") && std::string(term ? term : "dumb") != "dumb";
+}
+
 }  // namespace
 
 int runVesp(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
@@ -265,60 +517,9 @@ int runVesp(int argc, const char* const* argv, std::ostream& out, std::ostream& 
                "The store is a directory of collections (ROOT/<collection>/ or ROOT/<account>/<collection>/),\n"
                "each a directory of .ics files, as vdirsyncer writes them.",
                "vesp"};
-  app.require_subcommand(1);
-  std::string store = defaultStore();
-  bool asJSON = false, yes = false, verbose = false;
-  app.add_option("--store", store, "The store's root directory (default: $VESP_STORE, else ~/.calendars)")
-      ->capture_default_str();
-  app.add_flag("--json", asJSON, "Print one JSON document instead of the human view");
-  app.add_flag("--yes", yes, "Answer yes when asked for access to the store (for scripts)");
-  app.add_flag("--verbose", verbose, "Log the library's failures to stderr, one JSON object per line");
-  app.footer("Exit status: 0 success, 1 failure, 2 bad arguments, 3 access not granted, 4 no store, 5 not found.\n"
-             "Dates are YYYY-MM-DD or YYYY-MM-DDTHH:MM[:SS] in local time, or UTC with a trailing Z.\n"
-             "Colour is used on a terminal unless NO_COLOR is set.");
-
-  auto* calendars = app.add_subcommand("calendars", "List the event calendars");
-  auto* lists = app.add_subcommand("reminder-lists", "List the reminder lists");
-
-  std::string from, to;
-  std::vector<std::string> calendarIds;
-  auto* events = app.add_subcommand("events", "List the occurrences of events in a period, as an agenda");
-  events->add_option("--from", from, "First day or time (default: today)");
-  events->add_option("--to", to, "End, exclusive (default: seven days after --from)");
-  events->add_option("--calendar", calendarIds, "Only this calendar (repeatable; `vesp calendars` lists them)");
-
-  std::string identifier;
-  auto* event = app.add_subcommand("event", "Show one occurrence, found by its identifier");
-  event->add_option("IDENTIFIER", identifier,
-                    "The occurrence identifier in its JSON coded form, as `vesp events --json` prints it "
-                    "under eventInstanceIdentifier")
-      ->required();
-
-  std::string remindersFrom, remindersTo;
-  std::vector<std::string> listIds;
-  auto* reminders = app.add_subcommand("reminders", "List reminders due, or completed, in a period");
-  reminders->add_option("--from", remindersFrom, "First day or time (default: today)");
-  reminders->add_option("--to", remindersTo, "End, exclusive (default: seven days after --from)");
-  reminders->add_option("--list", listIds, "Only this reminder list (repeatable; `vesp reminder-lists` lists them)");
-
-  std::string reminderId;
-  auto* reminder = app.add_subcommand("reminder", "Show one reminder");
-  reminder->add_option("ID", reminderId, "The reminder's calendarItemIdentifier, as `vesp reminders --json` prints it")
-      ->required();
-
-  std::size_t count = 0;
-  auto* watch = app.add_subcommand("watch", "Print a line for each change of the store until interrupted");
-  watch->add_option("--count", count, "Stop after this many changes (default: never)");
-
-  std::string accessKind;
-  bool request = false, reset = false;
-  auto* access = app.add_subcommand("access", "Show, request or reset this program's access to events and reminders");
-  access->add_option("KIND", accessKind, "events or reminders (default: both)")->check(CLI::IsMember({"events", "reminders"}));
-  access->add_flag("--request", request, "Ask for access when it has not been decided (needs a terminal or --yes)");
-  access->add_flag("--reset", reset, "Forget the decision, so that the next request asks again");
-
-  auto* doctor = app.add_subcommand("doctor", "List what in the store was skipped or repaired, and why");
-
+  Arguments args;
+  addGlobalOptions(app, args);
+  auto commands = addSubcommands(app, args);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -328,12 +529,11 @@ int runVesp(int argc, const char* const* argv, std::ostream& out, std::ostream& 
     err << failure.str();
     return status == 0 ? kExitSuccess : kExitUsage;
   }
-
-  const HumanStyle style{::isatty(STDOUT_FILENO) && !std::getenv("NO_COLOR") &&
-                         std::string(std::getenv("TERM") ? std::getenv("TERM") : "dumb") != "dumb"};
+  auto chosen = std::find_if(commands.begin(), commands.end(), [](const Subcommand& c) { return c.parser->parsed(); });
+  const std::string name = chosen->parser->get_name();
   try {
-    if (!access->parsed() && !std::filesystem::is_directory(store))
-      throw Exit{kExitNoStore, "vesp: there is no calendar store at " + store +
+    if (name != "access" && !std::filesystem::is_directory(args.store))
+      throw Exit{kExitNoStore, "vesp: there is no calendar store at " + args.store +
                                    " (give its directory with --store, or set VESP_STORE)"};
     // A watch ends on SIGINT or SIGTERM; they are taken by this thread alone, so they are blocked
     // before the library starts any thread.
@@ -342,144 +542,13 @@ int runVesp(int argc, const char* const* argv, std::ostream& out, std::ostream& 
     sigaddset(&stopSignals, SIGINT);
     sigaddset(&stopSignals, SIGTERM);
     sigaddset(&stopSignals, SIGUSR1);
-    if (watch->parsed()) pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
-    const char* accessFile = std::getenv("VESP_ACCESS_FILE");
-    if (access->parsed() && reset) {
-      vdir::VdirAccess decisions(accessFile && *accessFile ? accessFile : vdir::VdirAccess::defaultFile(), "vesp");
-      for (auto type : {platform::EKEntityTypeEvent, platform::EKEntityTypeReminder}) {
-        if ((type == platform::EKEntityTypeEvent && accessKind == "reminders") ||
-            (type == platform::EKEntityTypeReminder && accessKind == "events"))
-          continue;
-        if (auto failure = decisions.record(type, std::nullopt)) throw Exit{kExitFailure, "vesp: " + *failure};
-      }
-    }
+    if (name == "watch") pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    if (name == "access" && args.reset) resetAccess(args);
 
-    Session session(store, watch->parsed(), yes, verbose, err);
-    session.setYes(yes);
-    auto& manager = session.manager();
-
-    if (calendars->parsed() || lists->parsed()) {
-      auto type = calendars->parsed() ? platform::EKEntityTypeEvent : platform::EKEntityTypeReminder;
-      session.requireAccess(type, true);
-      auto found = valueOrExit(calendars->parsed() ? manager.getAllEventCalendars() : manager.getAllReminderLists(),
-                               kExitFailure);
-      if (asJSON) {
-        writeArray(out, found);
-      } else {
-        printCalendars(out, found, style);
-      }
-    } else if (events->parsed() || reminders->parsed()) {
-      bool forEvents = events->parsed();
-      auto type = forEvents ? platform::EKEntityTypeEvent : platform::EKEntityTypeReminder;
-      const std::string& first = forEvents ? from : remindersFrom;
-      const std::string& last = forEvents ? to : remindersTo;
-      Date start = first.empty() ? localMidnightToday() : parseDate(first, "--from");
-      Date end = last.empty() ? addLocalDays(start, 7) : parseDate(last, "--to");
-      if (end <= start) throw Exit{kExitUsage, "vesp: --to must be later than --from"};
-      session.requireAccess(type, true);
-      if (forEvents) {
-        auto query = queryOf(calendarIds, valueOrExit(manager.getAllEventCalendars(), kExitFailure), "calendars");
-        auto found = valueOrExit(manager.getEventInstances(start, end, query), kExitFailure);
-        if (asJSON) {
-          writeArray(out, found);
-        } else {
-          printAgenda(out, found, style);
-        }
-      } else {
-        auto query = queryOf(listIds, valueOrExit(manager.getAllReminderLists(), kExitFailure), "reminder-lists");
-        auto found = valueOrExit(manager.getReminders(start, end, query), kExitFailure);
-        if (asJSON) {
-          writeArray(out, found);
-        } else {
-          printReminders(out, found, style);
-        }
-      }
-    } else if (event->parsed()) {
-      std::optional<VespEventInstanceIdentifier> decoded;
-      try {
-        decoded = VespJSONDecoder().decode<VespEventInstanceIdentifier>(identifier);
-      } catch (const VespDecodingError& error) {
-        throw Exit{kExitUsage, "vesp: \"" + identifier + "\" is not an occurrence identifier (" + error.what() +
-                                   "); `vesp events --json` prints them under eventInstanceIdentifier"};
-      }
-      session.requireAccess(platform::EKEntityTypeEvent, true);
-      auto found = valueOrExit(manager.getEventInstance(*decoded), kExitNotFound);
-      if (asJSON)
-        out << toJSON(found).dump(2, ' ', false, json::error_handler_t::replace) << '\n';
-      else
-        printEvent(out, found, style);
-    } else if (reminder->parsed()) {
-      session.requireAccess(platform::EKEntityTypeReminder, true);
-      auto found = valueOrExit(manager.getReminder(reminderId), kExitNotFound);
-      if (asJSON)
-        out << toJSON(found).dump(2, ' ', false, json::error_handler_t::replace) << '\n';
-      else
-        printReminder(out, found, style);
-    } else if (watch->parsed()) {
-      session.requireAccess(platform::EKEntityTypeEvent, true);
-      std::mutex mutex;
-      std::size_t seen = 0;
-      auto print = [&](const char* what) {
-        std::lock_guard lock(mutex);
-        if (count && seen >= count) return;
-        ++seen;
-        if (asJSON)
-          out << json{{"time", Date::now().iso8601()}, {"changed", what}}.dump(-1, ' ', false, json::error_handler_t::replace) << std::endl;
-        else
-          out << Date::now().iso8601() << "  " << what << " changed" << std::endl;
-        if (count && seen == count) ::kill(::getpid(), SIGUSR1);
-      };
-      auto eventToken = manager.eventStoreChangedEventBus().subscribe(
-          [&](const VespEventStoreChangedEvent&, const rivet::RivetVia&) { print("events"); });
-      auto reminderToken = manager.reminderStoreChangedEventBus().subscribe(
-          [&](const VespReminderStoreChangedEvent&, const rivet::RivetVia&) { print("reminders"); });
-      if (!asJSON) err << "Watching " << store << " (Ctrl-C to stop)" << std::endl;
-      int signal = 0;
-      sigwait(&stopSignals, &signal);
-      eventToken.cancel();
-      reminderToken.cancel();
-    } else if (access->parsed()) {
-      std::vector<platform::EKEntityType> types;
-      if (accessKind != "reminders") types.push_back(platform::EKEntityTypeEvent);
-      if (accessKind != "events") types.push_back(platform::EKEntityTypeReminder);
-      json result = json::object();
-      for (auto type : types) {
-        if (request && !::isatty(STDIN_FILENO) && !yes &&
-            session.status(type) == VespAuthorisationStatus::notDetermined)
-          throw Exit{kExitNoAccess, std::string("vesp: cannot ask for access to your ") + kindName(type) +
-                                        " without a terminal; pass --yes to grant it"};
-        VespAuthorisationStatus state = request ? session.settle(type, true) : session.status(type);
-        // The manager folds the platform's restricted into denied; say which it is.
-        if (session.platform().authorizationStatusForEntityType(type) == platform::EKAuthorizationStatusRestricted)
-          state = VespAuthorisationStatus::restricted;
-        result[kindName(type)] = std::string(description(state));
-      }
-      if (asJSON) {
-        out << result.dump(2, ' ', false, json::error_handler_t::replace) << '\n';
-      } else {
-        for (auto& [kind, state] : result.items()) out << kind << ": " << state.get<std::string>() << '\n';
-        out << "(decisions are kept in " << session.platform().access()->file() << ")\n";
-      }
-    } else if (doctor->parsed()) {
-      auto diagnostics = session.platform().diagnostics();
-      auto snapshot = session.platform().store()->snapshot();
-      std::size_t items = 0;
-      for (const auto& collection : snapshot->collections) items += collection.items.size();
-      if (asJSON) {
-        json array = json::array();
-        for (const auto& diagnostic : diagnostics) array.push_back(toJSON(diagnostic));
-        out << json{{"store", store}, {"collections", snapshot->collections.size()}, {"items", items},
-                    {"problems", array}}
-                   .dump(2, ' ', false, json::error_handler_t::replace)
-            << '\n';
-      } else {
-        out << store << ": " << snapshot->collections.size() << " collections, " << items << " items served\n";
-        if (diagnostics.empty()) out << "No problems found.\n";
-        for (const auto& diagnostic : diagnostics)
-          out << neutralised(diagnostic.path) << ": " << vdir::description(diagnostic.action) << ": "
-              << neutralised(diagnostic.problem) << '\n';
-      }
-    }
+    Session session(args.store, name == "watch", args.yes, args.verbose, err);
+    session.setYes(args.yes);
+    Invocation call{args, session, out, err, HumanStyle{colourWanted()}, stopSignals};
+    chosen->run(call);
     return kExitSuccess;
   } catch (const Exit& exit) {
     err << exit.message << '\n';

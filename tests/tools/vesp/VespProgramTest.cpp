@@ -62,7 +62,7 @@ class VespProgramTest : public ::testing::Test {
   TemporaryDirectory config_;
 };
 
-TEST_F(VespProgramTest, helpListsEveryCommand) {
+TEST_F(VespProgramTest, HelpListsEveryCommand) {
   auto help = vesp({"--help"});
   EXPECT_EQ(help.status, 0);
   for (const char* command : {"calendars", "reminder-lists", "events", "event", "reminders", "reminder", "watch",
@@ -74,13 +74,13 @@ TEST_F(VespProgramTest, helpListsEveryCommand) {
   EXPECT_THAT(events.out, ::testing::HasSubstr("--calendar"));
 }
 
-TEST_F(VespProgramTest, aMissingStoreIsAClearError) {
+TEST_F(VespProgramTest, AMissingStoreIsAClearError) {
   auto run = vesp({"--store", (config_.path() / "nowhere").string(), "--yes", "calendars"});
   EXPECT_EQ(run.status, 4);
   EXPECT_THAT(run.err, ::testing::HasSubstr("there is no calendar store at"));
 }
 
-TEST_F(VespProgramTest, withoutATerminalOrYesAQuerySaysHowToGrantAccess) {
+TEST_F(VespProgramTest, WithoutATerminalOrYesAQuerySaysHowToGrantAccess) {
   auto run = vesp({"--store", store("series"), "events"});
   EXPECT_EQ(run.status, 3);
   EXPECT_THAT(run.err, ::testing::HasSubstr("vesp access events --request"));
@@ -88,7 +88,7 @@ TEST_F(VespProgramTest, withoutATerminalOrYesAQuerySaysHowToGrantAccess) {
   EXPECT_FALSE(fs::exists(config_.path() / "access.json"));
 }
 
-TEST_F(VespProgramTest, accessIsShownRequestedAndReset) {
+TEST_F(VespProgramTest, AccessIsShownRequestedAndReset) {
   auto before = vesp({"--store", store("series"), "--json", "access"});
   EXPECT_EQ(before.status, 0) << before.err;
   EXPECT_EQ(json::parse(before.out), json({{"events", "notDetermined"}, {"reminders", "notDetermined"}}));
@@ -101,7 +101,7 @@ TEST_F(VespProgramTest, accessIsShownRequestedAndReset) {
   EXPECT_EQ(vesp({"--store", store("series"), "calendars"}).status, 3);
 }
 
-TEST_F(VespProgramTest, badDatesUnknownCalendarsAndUnknownIdentifiersAreClearErrors) {
+TEST_F(VespProgramTest, BadDatesUnknownCalendarsAndUnknownIdentifiersAreClearErrors) {
   auto badDate = vesp({"--store", store("series"), "--yes", "events", "--from", "2026-02-30"});
   EXPECT_EQ(badDate.status, 2);
   EXPECT_THAT(badDate.err, ::testing::HasSubstr("--from"));
@@ -122,7 +122,7 @@ TEST_F(VespProgramTest, badDatesUnknownCalendarsAndUnknownIdentifiersAreClearErr
   EXPECT_EQ(vesp({"--store", store("series"), "frobnicate"}).status, 2);
 }
 
-TEST_F(VespProgramTest, eventsAsJsonUseTheDataModelsFieldNamesAndFindTheirOccurrenceAgain) {
+TEST_F(VespProgramTest, EventsAsJsonUseTheDataModelsFieldNamesAndFindTheirOccurrenceAgain) {
   auto run = vesp({"--store", store("series"), "--yes", "--json", "events", "--from", "2026-03-28", "--to", "2026-03-29"});
   ASSERT_EQ(run.status, 0) << run.err;
   auto events = json::parse(run.out);
@@ -146,7 +146,7 @@ TEST_F(VespProgramTest, eventsAsJsonUseTheDataModelsFieldNamesAndFindTheirOccurr
   EXPECT_THAT(human.out, ::testing::HasSubstr("moved from"));
 }
 
-TEST_F(VespProgramTest, theAgendaIsGroupedByLocalDay) {
+TEST_F(VespProgramTest, TheAgendaIsGroupedByLocalDay) {
   auto run = vesp({"--store", store("series"), "--yes", "events", "--from", "2026-03-27", "--to", "2026-03-29"});
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_THAT(run.out, ::testing::HasSubstr("Fri 27 Mar 2026\n"));
@@ -156,7 +156,7 @@ TEST_F(VespProgramTest, theAgendaIsGroupedByLocalDay) {
   EXPECT_EQ(run.out.find('\x1b'), std::string::npos);  // no colour without a terminal
 }
 
-TEST_F(VespProgramTest, remindersListsAndOneReminder) {
+TEST_F(VespProgramTest, RemindersListsAndOneReminder) {
   auto lists = vesp({"--store", store("mapping"), "--yes", "--json", "reminder-lists"});
   ASSERT_EQ(lists.status, 0) << lists.err;
   EXPECT_EQ(json::parse(lists.out)[0]["title"], "Tasks");
@@ -172,7 +172,7 @@ TEST_F(VespProgramTest, remindersListsAndOneReminder) {
   EXPECT_EQ(milk["priority"], "high");
 }
 
-TEST_F(VespProgramTest, doctorListsEachProblemOfTheBrokenCorpus) {
+TEST_F(VespProgramTest, DoctorListsEachProblemOfTheBrokenCorpus) {
   auto run = vesp({"--store", store("broken"), "--json", "doctor"});
   ASSERT_EQ(run.status, 0) << run.err;
   auto report = json::parse(run.out);
@@ -186,7 +186,7 @@ TEST_F(VespProgramTest, doctorListsEachProblemOfTheBrokenCorpus) {
   EXPECT_THAT(human.out, ::testing::HasSubstr("cal/no-dtstart.ics: skipped: VEVENT \"no-dtstart\" has no DTSTART"));
 }
 
-TEST_F(VespProgramTest, controlCharactersFromFilesNeverReachTheTerminal) {
+TEST_F(VespProgramTest, ControlCharactersFromFilesNeverReachTheTerminal) {
   TemporaryDirectory root;
   writeFile(root.path() / "c/evil.ics", vdir::testing::simpleEvent("evil", "Title\\n\x1b]0;owned\x07 end",
                                                                    "20260310T090000Z", "20260310T100000Z"));
@@ -197,7 +197,7 @@ TEST_F(VespProgramTest, controlCharactersFromFilesNeverReachTheTerminal) {
   EXPECT_THAT(run.out, ::testing::HasSubstr("\\x1B]0;owned\\x07 end"));
 }
 
-TEST_F(VespProgramTest, watchPrintsALinePerStoreChange) {
+TEST_F(VespProgramTest, WatchPrintsALinePerStoreChange) {
   TemporaryDirectory root;
   writeFile(root.path() / "c/a.ics", vdir::testing::simpleEvent("a", "A", "20260310T090000Z", "20260310T100000Z"));
   ASSERT_EQ(vesp({"--store", root.path().string(), "--yes", "access", "--request"}).status, 0);
@@ -266,11 +266,11 @@ void expectAgreementOnAGeneratedStore(VespProgramTest& test,
   expectAgreement(test, vesp, root);
 }
 
-TEST_F(VespProgramTest, occurrencesOfAGenerated1000EventStoreAgreeWithAnIndependentExpansion) {
+TEST_F(VespProgramTest, OccurrencesOfAGenerated1000EventStoreAgreeWithAnIndependentExpansion) {
   expectAgreementOnAGeneratedStore(*this, [&](const auto& arguments) { return vesp(arguments); }, 1000, 3);
 }
 
-TEST_F(VespProgramTest, occurrencesOfAGenerated10000EventStoreAgreeWithAnIndependentExpansion) {
+TEST_F(VespProgramTest, OccurrencesOfAGenerated10000EventStoreAgreeWithAnIndependentExpansion) {
   expectAgreementOnAGeneratedStore(*this, [&](const auto& arguments) { return vesp(arguments); }, 10000, 4);
 }
 

@@ -12,7 +12,6 @@
 #include "Vesp/VespEventInstance.h"
 #include "Vesp/VespReminder.h"
 #include "platforms/vdir/VdirPlatform.h"
-#include "platforms/vdir/VdirText.h"
 #include "tests/platforms/vdir/VdirTestSupport.h"
 
 namespace vesp::vdir {
@@ -179,36 +178,6 @@ TEST(VdirStoreTest, BytesThatAreNotUtf8AreReplacedAndNamesAreEscapedInIdentifier
   EXPECT_EQ(events[0]->calendar()->title(), "Bistro \xEF\xBF\xBD");
   EXPECT_NE(platform->store()->firstOccurrence("caf%E9/100%25.ics"), nullptr);
   EXPECT_THAT(platform->diagnostics(), ::testing::Contains(::testing::Field(&VdirDiagnostic::path, "caf%E9/100%25.ics")));
-}
-
-TEST(VdirStoreTest, AnEscapeBeforeAMultiByteCharacterStillGivesUtf8) {
-  TemporaryDirectory root, config;
-  // libical's unescaping takes one byte after a backslash, which would split the character.
-  writeFile(root.path() / "c/a.ics", simpleEvent("a", "Caf\\\xC3\xA9", "20260310T090000Z", "20260310T100000Z",
-                                                  "DESCRIPTION:Risks\\\xEF\xBF\xBD and more\r\n"));
-  auto platform = VdirPlatform::make(testing::platformOptions(root.path(), config.path() / "access.json"));
-  auto event = platform->store()->firstOccurrence("c/a.ics");
-  ASSERT_NE(event, nullptr);
-  EXPECT_TRUE(isValidUtf8(*event->title())) << *event->title();
-  EXPECT_TRUE(isValidUtf8(*event->notes())) << *event->notes();
-  EXPECT_THAT(*event->notes(), ::testing::HasSubstr(" and more"));
-}
-
-TEST(VdirStoreTest, ALongProblemIsShortenedBetweenCharacters) {
-  TemporaryDirectory root, config;
-  // An unreadable line of two-byte characters: its quote in the problem is cut short.
-  std::string line;
-  for (int i = 0; i < 400; ++i) line += "\xC3\xA9";
-  // Two files, the second shifted by one byte, so that one of the cuts falls inside a character.
-  writeFile(root.path() / "c/a.ics", simpleEvent("a", "A", "20260310T090000Z", "20260310T100000Z", line + "\r\n"));
-  writeFile(root.path() / "c/b.ics", simpleEvent("b", "B", "20260310T090000Z", "20260310T100000Z", "x" + line + "\r\n"));
-  auto platform = VdirPlatform::make(testing::platformOptions(root.path(), config.path() / "access.json"));
-  auto diagnostics = platform->diagnostics();
-  ASSERT_FALSE(diagnostics.empty());
-  for (const auto& diagnostic : diagnostics) {
-    EXPECT_TRUE(isValidUtf8(diagnostic.problem)) << diagnostic.problem;
-    EXPECT_LT(diagnostic.problem.size(), 260u);
-  }
 }
 
 TEST(VdirStoreTest, TheSameUidInTwoCollectionsGivesTwoIdentifiers) {
@@ -637,29 +606,6 @@ TEST(VdirStoreTest, AnOverflowedEventQueueLeadsToAFullRescan) {
   ASSERT_TRUE(counter.waitFor(1, std::chrono::milliseconds(2000)));
   EXPECT_EQ(platform->store()->overflowCount(), 1u);
   EXPECT_THAT(titlesOn10March(*platform->store()), ::testing::ElementsAre("After"));
-}
-
-TEST(VdirStoreTest, TheAccessFileIsReplacedWholeAndReadableByItsOwnerOnly) {
-  TemporaryDirectory config;
-  VdirAccess access((config.path() / "access.json").string(), "vesp");
-  ASSERT_EQ(access.record(platform::EKEntityTypeEvent, true), std::nullopt);
-  struct stat first {};
-  ::stat((config.path() / "access.json").c_str(), &first);
-  ASSERT_EQ(access.record(platform::EKEntityTypeReminder, false), std::nullopt);
-  struct stat second {};
-  ::stat((config.path() / "access.json").c_str(), &second);
-  EXPECT_NE(first.st_ino, second.st_ino);  // a new file renamed into place, never rewritten in place
-  EXPECT_EQ(second.st_mode & 0777, 0600u);
-  std::vector<std::string> names;
-  for (const auto& entry : fs::directory_iterator(config.path())) names.push_back(entry.path().filename().string());
-  EXPECT_THAT(names, ::testing::ElementsAre("access.json"));  // no temporary file left behind
-  EXPECT_EQ(access.status(platform::EKEntityTypeEvent), platform::EKAuthorizationStatusAuthorized);
-  EXPECT_EQ(access.status(platform::EKEntityTypeReminder), platform::EKAuthorizationStatusDenied);
-  // A damaged file reads as no decision, and the next decision replaces it.
-  writeFile(config.path() / "access.json", "{not json");
-  EXPECT_EQ(access.status(platform::EKEntityTypeEvent), platform::EKAuthorizationStatusNotDetermined);
-  ASSERT_EQ(access.record(platform::EKEntityTypeEvent, true), std::nullopt);
-  EXPECT_EQ(access.status(platform::EKEntityTypeEvent), platform::EKAuthorizationStatusAuthorized);
 }
 
 // Eight threads query events and reminders while another rewrites, adds and deletes files for a

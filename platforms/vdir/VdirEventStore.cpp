@@ -117,7 +117,7 @@ std::string VdirEventStore::fetchRemindersMatchingPredicate(const std::shared_pt
                                                             ReminderFetchCompletion completion) {
   std::string identifier;
   {
-    std::lock_guard lock(mutex_);
+    rivet::RivetMutexLock lock(mutex_);
     identifier = "fetch-" + std::to_string(nextFetch_++);
   }
   auto reminders = std::dynamic_pointer_cast<VdirReminderPredicate>(predicate);
@@ -147,7 +147,7 @@ void VdirEventStore::requestAccessToEntityType(platform::EKEntityType entityType
       return completion(false, platform::NSError(VdirErrorDomain, 2, "No consent handler: the user cannot be asked"));
     bool granted = false;
     {
-      std::lock_guard lock(services->consentMutex);
+      rivet::RivetMutexLock lock(services->consentMutex);
       // Another connection may have asked while this one waited.
       status = services->access->status(entityType);
       if (status != platform::EKAuthorizationStatusNotDetermined)

@@ -16,6 +16,7 @@
 #include "support/platform/EKEventStore.h"
 #include "support/platform/NSBundle.h"
 #include "support/platform/NSNotificationCenter.h"
+#include "support/rivet/RivetMutex.h"
 #include "support/rivet/RivetSerialQueue.h"
 
 namespace vesp::vdir {
@@ -30,7 +31,7 @@ struct VdirServices {
   std::shared_ptr<platform::NSNotificationCenter> center;
   std::shared_ptr<platform::NSBundle> bundle;
   VdirConsentHandler consentHandler;
-  std::mutex consentMutex;  // one question at a time
+  rivet::RivetMutex consentMutex;  // one question at a time
 
   // The authorisation status: restricted when the store root exists but cannot be read.
   platform::EKAuthorizationStatus authorizationStatus(platform::EKEntityType entityType) const;
@@ -67,8 +68,8 @@ class VdirEventStore : public platform::EKEventStore {
   std::shared_ptr<VdirServices> services_;
   std::uint64_t listenerToken_ = 0;
   std::unique_ptr<rivet::RivetSerialQueue> queue_;
-  std::mutex mutex_;
-  std::uint64_t nextFetch_ = 1;
+  rivet::RivetMutex mutex_;
+  std::uint64_t nextFetch_ RIVET_GUARDED_BY(mutex_) = 1;
 };
 
 }  // namespace vesp::vdir

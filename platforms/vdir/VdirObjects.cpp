@@ -224,35 +224,35 @@ std::string VdirReminder::description() const {
 }
 
 std::shared_ptr<platform::EKCalendar> VdirNewEvent::calendar() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return calendar_;
 }
 std::optional<platform::Date> VdirNewEvent::endDate() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return end_;
 }
 bool VdirNewEvent::isAllDay() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return allDay_;
 }
 std::optional<platform::Date> VdirNewEvent::startDate() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return start_;
 }
 void VdirNewEvent::setStartDate(platform::Date startDate) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   start_ = startDate;
 }
 void VdirNewEvent::setEndDate(platform::Date endDate) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   end_ = endDate;
 }
 void VdirNewEvent::setAllDay(bool allDay) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   allDay_ = allDay;
 }
 void VdirNewEvent::setCalendar(std::shared_ptr<platform::EKCalendar> calendar) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   calendar_ = std::move(calendar);
 }
 

@@ -16,6 +16,7 @@
 #include "support/platform/EKReminder.h"
 #include "support/platform/EKSource.h"
 #include "support/platform/EKStructuredLocation.h"
+#include "support/rivet/RivetMutex.h"
 
 namespace vesp::vdir {
 
@@ -190,7 +191,7 @@ class VdirNewEvent : public platform::EKEvent {
   bool isDetached() const override { return false; }
   std::shared_ptr<platform::EKParticipant> organizer() const override { return nullptr; }
   std::optional<platform::Date> startDate() const override;
-  platform::EKEventStatus status() const override { return 0; }
+  platform::EKEventStatus status() const override { return platform::EKEventStatusNone; }
   std::shared_ptr<platform::EKStructuredLocation> structuredLocation() const override { return nullptr; }
   std::optional<platform::AnyObject> valueForKey(const std::string&) const override { return std::nullopt; }
   void setStartDate(platform::Date startDate) override;
@@ -199,10 +200,10 @@ class VdirNewEvent : public platform::EKEvent {
   void setCalendar(std::shared_ptr<platform::EKCalendar> calendar) override;
 
  private:
-  mutable std::mutex mutex_;
-  std::optional<platform::Date> start_, end_;
-  bool allDay_ = false;
-  std::shared_ptr<platform::EKCalendar> calendar_;
+  mutable rivet::RivetMutex mutex_;
+  std::optional<platform::Date> start_ RIVET_GUARDED_BY(mutex_), end_ RIVET_GUARDED_BY(mutex_);
+  bool allDay_ RIVET_GUARDED_BY(mutex_) = false;
+  std::shared_ptr<platform::EKCalendar> calendar_ RIVET_GUARDED_BY(mutex_);
 };
 
 }  // namespace vesp::vdir

@@ -115,17 +115,18 @@ VdirStore::VdirStore(VdirStoreOptions options) : options_(std::move(options)), z
               "\ncounted=" + std::to_string(options_.maximumCountedOccurrences) +
               "\nlargest=" + std::to_string(options_.maximumFileSize) + "\naddresses=";
   for (const auto& address : options_.userAddresses) cacheKey_ += address + ",";
-  cacheStatus_.path = cacheFilePath(directory, cacheKey_);
+  cacheFile_ = cacheFilePath(directory, cacheKey_);
+  cacheStatus_.path = cacheFile_;
   // Read while the first scan lists the tree; the scan waits for it before it looks at files.
   pendingCache_ = std::async(std::launch::async, [this] {
-    return readCache(cacheStatus_.path, cacheKey_, *zones_, threads(), cacheLoadProblem_);
+    return readCache(cacheFile_, cacheKey_, *zones_, threads(), cacheLoadProblem_);
   });
 }
 
 void VdirStore::takePendingCache() {
   if (!pendingCache_.valid()) return;
   auto records = pendingCache_.get();
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   cacheStatus_.loadProblem = cacheLoadProblem_;
   if (!records) return;
   cacheStatus_.loaded = true;
@@ -150,7 +151,7 @@ VdirStore::~VdirStore() {
   flushCache();
   // Items may outlive the store (in objects a host still holds), but they never touch zones again.
   {
-    std::lock_guard lock(indexMutex_);
+    rivet::RivetMutexLock lock(indexMutex_);
     index_.reset();
   }
   files_.clear();
@@ -164,12 +165,12 @@ unsigned VdirStore::threads() const {
 }
 
 VdirCacheStatus VdirStore::cacheStatus() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return cacheStatus_;
 }
 
 std::shared_ptr<const VdirSnapshot> VdirStore::snapshot() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return snapshot_;
 }
 
@@ -180,28 +181,28 @@ bool VdirStore::refresh() {
 }
 
 std::uint64_t VdirStore::addChangeListener(std::function<void()> listener) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   std::uint64_t token = nextToken_++;
   listeners_.emplace(token, std::move(listener));
   return token;
 }
 
 void VdirStore::removeChangeListener(std::uint64_t token) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   listeners_.erase(token);
 }
 
 void VdirStore::notifyListeners() {
   std::vector<std::function<void()>> listeners;
   {
-    std::lock_guard lock(mutex_);
+    rivet::RivetMutexLock lock(mutex_);
     for (auto& [token, listener] : listeners_) listeners.push_back(listener);
   }
   for (auto& listener : listeners) listener();
 }
 
 std::vector<VdirDiagnostic> VdirStore::diagnostics() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   std::vector<VdirDiagnostic> all = snapshot_->diagnostics;
   for (const auto& diagnostic : runtime_)
     if (std::find(all.begin(), all.end(), diagnostic) == all.end()) all.push_back(diagnostic);
@@ -209,14 +210,17 @@ std::vector<VdirDiagnostic> VdirStore::diagnostics() const {
 }
 
 void VdirStore::reportRuntime(VdirDiagnostic diagnostic) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   if (std::find(runtime_.begin(), runtime_.end(), diagnostic) == runtime_.end()) runtime_.push_back(std::move(diagnostic));
 }
 
 bool VdirStore::rescan() {
-  std::lock_guard rescanLock(rescanMutex_);
+  rivet::RivetMutexLock rescanLock(rescanMutex_);
   // The cache written after the last scan reads files_, which this scan replaces.
   if (cacheWriter_.joinable()) cacheWriter_.join();
+  // The scan's helpers (some on worker threads) use these while this thread holds rescanMutex_.
+  VdirFileRecords* const previousFiles = &files_;
+  auto* const sources = &sources_;
   ++rescans_;
   timespec now{};
   ::clock_gettime(CLOCK_REALTIME, &now);
@@ -365,7 +369,7 @@ bool VdirStore::rescan() {
     pending.push_back(std::move(collection));
   };
   auto sourceFor = [&](const std::string& identifier, platform::EKSourceType type, const std::string& title) {
-    auto& source = sources_[identifier];
+    auto& source = (*sources)[identifier];
     if (!source || source->title() != title || source->sourceType() != type)
       source = std::make_shared<VdirSource>(identifier, type, title);
     return source;
@@ -458,9 +462,9 @@ bool VdirStore::rescan() {
       return;
     }
     setVersion(slot.record, status);
-    if (slot.previous != kNone && files_[slot.previous].second.sameVersion(slot.record)) {
+    if (slot.previous != kNone && (*previousFiles)[slot.previous].second.sameVersion(slot.record)) {
       // Each record is matched to one file at most, and files_ is replaced after the scan.
-      slot.record = std::move(files_[slot.previous].second);
+      slot.record = std::move((*previousFiles)[slot.previous].second);
     } else if (static_cast<std::uintmax_t>(status.st_size) > options_.maximumFileSize) {
       slot.record.diagnostics.push_back(tooLarge(slot.relative, status.st_size));
     } else {
@@ -612,7 +616,7 @@ bool VdirStore::rescan() {
   files_ = std::move(seen);
   calendars_ = std::move(calendars);
   {
-    std::lock_guard lock(mutex_);
+    rivet::RivetMutexLock lock(mutex_);
     snapshot_ = std::move(next);
     if (changed) runtime_.clear();
   }
@@ -622,15 +626,15 @@ bool VdirStore::rescan() {
 }
 
 void VdirStore::flushCache() {
-  std::lock_guard rescanLock(rescanMutex_);
+  rivet::RivetMutexLock rescanLock(rescanMutex_);
   if (cacheWriter_.joinable()) cacheWriter_.join();
 }
 
 void VdirStore::writeCache(std::int64_t scannedAt) {
   std::size_t left = 0;
   std::string bytes = encodeCache(cacheKey_, files_, *zones_, scannedAt, left);
-  auto failure = writeCacheFile(cacheStatus_.path, bytes);
-  std::lock_guard lock(mutex_);
+  auto failure = writeCacheFile(cacheFile_, bytes);
+  rivet::RivetMutexLock lock(mutex_);
   if (failure) {
     cacheStatus_.writeProblem = *failure;
     return;
@@ -865,12 +869,12 @@ struct VdirStore::TimeIndex {
 };
 
 std::shared_ptr<VdirStore::TimeIndex> VdirStore::indexFor(const std::shared_ptr<const VdirSnapshot>& snapshot) {
-  // REQUIRES: indexMutex_ held.
   if (index_ && index_->snapshot == snapshot) return index_;
   auto index = std::make_shared<TimeIndex>(snapshot);
   // Expansions of series that are still there (the same item, kept alive by both snapshots) carry over.
   if (index_) {
     auto carry = [&](const TimeIndex::Entry& entry) {
+      indexMutex_.assertHeld();  // called only from here, under it
       auto found = index_->periods.find(entry.series);
       if (found == index_->periods.end()) return;
       for (const auto& [period, data] : found->second) index->cachedOccurrences += data.occurrences.size();
@@ -898,7 +902,7 @@ std::vector<std::shared_ptr<platform::EKEvent>> VdirStore::events(
   if (calendars)
     for (std::size_t c = 0; c < chosen.size(); ++c) chosen[c] = calendars->count(current->collections[c].identifier) > 0;
   {
-    std::lock_guard lock(indexMutex_);
+    rivet::RivetMutexLock lock(indexMutex_);
     auto index = indexFor(current);
     std::vector<VdirOccurrence> occurrences;
     const auto began = std::chrono::steady_clock::now();

@@ -18,7 +18,9 @@
 // an index over time (only series that can overlap the window are looked at) and a cache of each
 // recurring series' occurrences by period, so libical's iterator runs once per series and period.
 //
-// Thread safety: every member function may be called from any thread.
+// Thread safety: every member function may be called from any thread. Window queries (events)
+// from every connection run one at a time: they share the time index and its cached expansions
+// under one lock, held while libical expands. Other calls do not wait for them.
 #pragma once
 
 #include <sys/types.h>
@@ -44,6 +46,7 @@
 #include "platforms/vdir/VdirExpansion.h"
 #include "platforms/vdir/VdirItem.h"
 #include "platforms/vdir/VdirObjects.h"
+#include "support/rivet/RivetMutex.h"
 
 namespace vesp::vdir {
 
@@ -130,7 +133,7 @@ class VdirStore : public std::enable_shared_from_this<VdirStore> {
 
  private:
   explicit VdirStore(VdirStoreOptions options);
-  bool rescan();
+  bool rescan() RIVET_EXCLUDES(rescanMutex_, indexMutex_, mutex_);
   // What the watcher's thread needs, shared with it so that it outlives the store if need be.
   struct WatchState {
     ~WatchState();
@@ -149,34 +152,43 @@ class VdirStore : public std::enable_shared_from_this<VdirStore> {
                                                const VdirOccurrence& occurrence) const;
 
   struct TimeIndex;
-  std::shared_ptr<TimeIndex> indexFor(const std::shared_ptr<const VdirSnapshot>& snapshot);
-  void writeCache(std::int64_t scannedAt);
-  void takePendingCache();
+  std::shared_ptr<TimeIndex> indexFor(const std::shared_ptr<const VdirSnapshot>& snapshot)
+      RIVET_REQUIRES(indexMutex_);
+  // Runs on cacheWriter_, reading files_ without rescanMutex_: every writer of files_ holds that
+  // mutex and joins cacheWriter_ first, which the analysis cannot follow.
+  void writeCache(std::int64_t scannedAt) RIVET_NO_THREAD_SAFETY_ANALYSIS;
+  void takePendingCache() RIVET_REQUIRES(rescanMutex_);
   unsigned threads() const;
 
-  VdirStoreOptions options_;
-  std::shared_ptr<VdirZones> zones_;
+  // Constant after construction.
+  VdirStoreOptions options_;  // addresses lower-cased by the constructor
+  std::shared_ptr<VdirZones> zones_;  // let go of only by the destructor
   std::unique_ptr<VdirClock> clock_;
+  std::string cacheKey_;   // empty: no cache
+  std::string cacheFile_;  // where the cache is kept
 
-  mutable std::mutex mutex_;  // guards snapshot_, listeners_, runtime_
-  std::shared_ptr<const VdirSnapshot> snapshot_;
-  std::map<std::uint64_t, std::function<void()>> listeners_;
-  std::uint64_t nextToken_ = 1;
-  std::vector<VdirDiagnostic> runtime_;
-
-  std::mutex rescanMutex_;  // one rescan at a time; guards files_, calendars_, cache*_
-  std::thread cacheWriter_;  // writes the cache after a scan; reads files_ until joined
-  VdirFileRecords files_;
-  bool cacheStale_ = true;  // the cache on disk does not hold what files_ holds
-  std::string cacheKey_;
-  VdirCacheStatus cacheStatus_;  // guarded by mutex_
-  std::future<std::optional<VdirFileRecords>> pendingCache_;  // the cache being read for the first scan
+  // Lock order: rescanMutex_, then indexMutex_, then mutex_. A query holds indexMutex_ for the
+  // whole of its expansion, so queries of every connection run one at a time.
+  rivet::RivetMutex rescanMutex_;  // one rescan at a time
+  std::thread cacheWriter_;        // writes the cache after a scan; reads files_ until joined
+  VdirFileRecords files_ RIVET_GUARDED_BY(rescanMutex_);
+  bool cacheStale_ RIVET_GUARDED_BY(rescanMutex_) = true;  // the cache on disk does not hold files_
+  // The cache being read for the first scan, and why it could not be used; written by the reading
+  // thread, read once the future is ready.
+  std::future<std::optional<VdirFileRecords>> pendingCache_ RIVET_GUARDED_BY(rescanMutex_);
   std::string cacheLoadProblem_;
+  std::map<std::string, std::shared_ptr<VdirCalendar>> calendars_ RIVET_GUARDED_BY(rescanMutex_);
+  std::map<std::string, std::shared_ptr<VdirSource>> sources_ RIVET_GUARDED_BY(rescanMutex_);
 
-  std::mutex indexMutex_;  // guards index_ and the expansions it caches
-  std::shared_ptr<TimeIndex> index_;
-  std::map<std::string, std::shared_ptr<VdirCalendar>> calendars_;
-  std::map<std::string, std::shared_ptr<VdirSource>> sources_;
+  rivet::RivetMutex indexMutex_ RIVET_ACQUIRED_AFTER(rescanMutex_);
+  std::shared_ptr<TimeIndex> index_ RIVET_GUARDED_BY(indexMutex_);  // with the expansions it caches
+
+  mutable rivet::RivetMutex mutex_ RIVET_ACQUIRED_AFTER(indexMutex_);
+  std::shared_ptr<const VdirSnapshot> snapshot_ RIVET_GUARDED_BY(mutex_);
+  std::map<std::uint64_t, std::function<void()>> listeners_ RIVET_GUARDED_BY(mutex_);
+  std::uint64_t nextToken_ RIVET_GUARDED_BY(mutex_) = 1;
+  std::vector<VdirDiagnostic> runtime_ RIVET_GUARDED_BY(mutex_);
+  VdirCacheStatus cacheStatus_ RIVET_GUARDED_BY(mutex_);
 
   std::atomic<std::uint64_t> rescans_{0}, parses_{0}, expansions_{0};
   std::shared_ptr<WatchState> watchState_;

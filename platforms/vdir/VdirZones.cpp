@@ -8,8 +8,8 @@ namespace vesp::vdir {
 namespace {
 
 // libical's table of built-in zones is process-wide and unguarded; so is this lock.
-std::mutex& builtinZoneMutex() {
-  static std::mutex mutex;
+rivet::RivetMutex& builtinZoneMutex() {
+  static rivet::RivetMutex mutex;
   return mutex;
 }
 
@@ -17,9 +17,33 @@ void setUpLibicalZones() {
   static std::once_flag once;
   // Loads zone.tab and sets up the UTC zone before any other thread can ask for either.
   std::call_once(once, [] {
-    std::lock_guard lock(builtinZoneMutex());
+    rivet::RivetMutexLock lock(builtinZoneMutex());
     icaltimezone_get_builtin_timezones();
   });
+}
+
+// A zone of its own for `definition`, or null when it cannot give offsets. A definition needs at
+// least one STANDARD or DAYLIGHT observance, and observances that recur yearly at most: libical
+// expands a zone's changes for every year it is asked about, and an hourly rule there costs
+// seconds per zone.
+icaltimezone* zoneOfDefinition(icalcomponent* definition) {
+  icalcomponent* copy = icalcomponent_new_clone(definition);
+  bool usable = icalcomponent_get_first_component(copy, ICAL_XSTANDARD_COMPONENT) ||
+                icalcomponent_get_first_component(copy, ICAL_XDAYLIGHT_COMPONENT);
+  for (auto kind : {ICAL_XSTANDARD_COMPONENT, ICAL_XDAYLIGHT_COMPONENT})
+    for (icalcomponent* observance = icalcomponent_get_first_component(copy, kind); usable && observance;
+         observance = icalcomponent_get_next_component(copy, kind))
+      for (icalproperty* rule = icalcomponent_get_first_property(observance, ICAL_RRULE_PROPERTY); usable && rule;
+           rule = icalcomponent_get_next_property(observance, ICAL_RRULE_PROPERTY))
+        usable = icalproperty_get_rrule(rule).freq == ICAL_YEARLY_RECURRENCE;
+  if (usable) {
+    // The zone owns the copy only once it is set (a definition without a TZID is refused).
+    icaltimezone* zone = icaltimezone_new();
+    if (zone && icaltimezone_set_component(zone, copy)) return zone;
+    if (zone) icaltimezone_free(zone, 1);
+  }
+  icalcomponent_free(copy);
+  return nullptr;
 }
 
 }  // namespace
@@ -30,7 +54,7 @@ icaltimezone* builtinZone(const std::string& name) {
   thread_local std::unordered_map<std::string, icaltimezone*> seen;
   if (auto found = seen.find(name); found != seen.end()) return found->second;
   setUpLibicalZones();
-  std::lock_guard lock(builtinZoneMutex());
+  rivet::RivetMutexLock lock(builtinZoneMutex());
   // libical appends a zone it had to load by name at every such look-up: ask it once per name.
   static std::unordered_map<std::string, icaltimezone*> known;
   auto [at, inserted] = known.emplace(name, nullptr);
@@ -92,7 +116,7 @@ std::pair<const icaltimezone*, std::string> VdirZones::zoneFor(const std::string
 std::pair<const icaltimezone*, std::string> VdirZones::zoneFor(const std::string& tzid,
                                                               const std::string& definitionText) {
   {
-    std::lock_guard lock(mutex_);
+    rivet::RivetMutexLock lock(mutex_);
     auto found = defined_.find(tzid + '\n' + definitionText);
     if (found != defined_.end() && found->second.first) return found->second;
   }
@@ -112,45 +136,29 @@ std::pair<const icaltimezone*, std::string> VdirZones::build(const std::string& 
   if (definition) {
     std::string key = tzid + '\n';
     key += text;
-    std::unique_lock lock(mutex_);
-    auto found = defined_.find(key);
-    if (found != defined_.end()) {
-      if (found->second.first) return found->second;
-    } else {
+    bool knownUnusable = false;
+    {
+      rivet::RivetMutexLock lock(mutex_);
+      if (auto found = defined_.find(key); found != defined_.end()) {
+        if (found->second.first) return found->second;
+        knownUnusable = true;
+      }
+    }
+    if (!knownUnusable) {
       // Built outside the lock: another thread may build the same zone meanwhile; the first to
       // file it wins and the other copy is let go.
-      lock.unlock();
-      icaltimezone* zone = icaltimezone_new();
-      icalcomponent* copy = icalcomponent_new_clone(definition);
-      // A definition needs at least one STANDARD or DAYLIGHT observance to give offsets, and
-      // observances that recur yearly at most: libical expands a zone's changes for every year
-      // it is asked about, and an hourly rule there costs seconds per zone.
-      bool usable = icalcomponent_get_first_component(copy, ICAL_XSTANDARD_COMPONENT) ||
-                    icalcomponent_get_first_component(copy, ICAL_XDAYLIGHT_COMPONENT);
-      for (auto kind : {ICAL_XSTANDARD_COMPONENT, ICAL_XDAYLIGHT_COMPONENT})
-        for (icalcomponent* observance = icalcomponent_get_first_component(copy, kind); usable && observance;
-             observance = icalcomponent_get_next_component(copy, kind))
-          for (icalproperty* rule = icalcomponent_get_first_property(observance, ICAL_RRULE_PROPERTY); usable && rule;
-               rule = icalcomponent_get_next_property(observance, ICAL_RRULE_PROPERTY))
-            usable = icalproperty_get_rrule(rule).freq == ICAL_YEARLY_RECURRENCE;
-      // The zone owns the copy only once it is set (a definition without a TZID is refused).
-      bool set = usable && zone && icaltimezone_set_component(zone, copy);
-      if (set) {
-        lock.lock();
-        auto [at, inserted] = defined_.emplace(key, std::make_pair(zone, name));
-        if (inserted) {
-          keys_.emplace(zone, key);
-          return {zone, name};
-        }
-        lock.unlock();
-        icaltimezone_free(zone, 1);
-        if (at->second.first) return at->second;
-      } else {
-        icalcomponent_free(copy);
-        if (zone) icaltimezone_free(zone, 1);
-        lock.lock();
-        defined_.emplace(key, std::make_pair(nullptr, name));
+      icaltimezone* zone = zoneOfDefinition(definition);
+      std::pair<icaltimezone*, std::string> filed;
+      bool inserted = false;
+      {
+        rivet::RivetMutexLock lock(mutex_);
+        auto [at, isNew] = defined_.emplace(key, std::make_pair(zone, name));
+        inserted = isNew;
+        if (inserted && zone) keys_.emplace(zone, key);
+        filed = at->second;
       }
+      if (!inserted && zone) icaltimezone_free(zone, 1);
+      if (filed.first) return filed;
     }
   }
   if (name == "UTC" || name == "GMT" || name == "Etc/UTC") return {utcZone(), "UTC"};
@@ -160,7 +168,7 @@ std::pair<const icaltimezone*, std::string> VdirZones::build(const std::string& 
 }
 
 std::optional<std::pair<std::string, std::string>> VdirZones::definitionOf(const icaltimezone* zone) const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   auto found = keys_.find(zone);
   if (found == keys_.end()) return std::nullopt;
   auto cut = found->second.find('\n');
@@ -168,7 +176,7 @@ std::optional<std::pair<std::string, std::string>> VdirZones::definitionOf(const
 }
 
 std::size_t VdirZones::definedZoneCount() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return defined_.size();
 }
 

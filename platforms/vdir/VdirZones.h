@@ -19,6 +19,8 @@
 #include <string_view>
 #include <utility>
 
+#include "support/rivet/RivetMutex.h"
+
 namespace vesp::vdir {
 
 class VdirZones {
@@ -48,9 +50,10 @@ class VdirZones {
   std::pair<const icaltimezone*, std::string> build(const std::string& tzid, icalcomponent* definition,
                                                     std::string_view text);
 
-  mutable std::mutex mutex_;
-  std::map<std::string, std::pair<icaltimezone*, std::string>> defined_;  // by TZID and definition text
-  std::map<const icaltimezone*, std::string> keys_;                        // the key of each zone built
+  mutable rivet::RivetMutex mutex_;
+  // By TZID and definition text; a null zone: that definition is unusable.
+  std::map<std::string, std::pair<icaltimezone*, std::string>> defined_ RIVET_GUARDED_BY(mutex_);
+  std::map<const icaltimezone*, std::string> keys_ RIVET_GUARDED_BY(mutex_);  // the key of each zone built
 };
 
 // The built-in (system) zone of an IANA name, or null. Every look-up is serialised on one

@@ -1,17 +1,20 @@
 // The user's access decisions, per application and entity type, kept in a small JSON file:
 //   {"version": 1, "applications": {"vesp": {"events": "authorized", "reminders": "denied"}}}
 // A type without a decision is not determined. The file is replaced atomically (written beside it,
-// then renamed) and is readable and writable by its owner only.
+// then renamed) and is readable and writable by its owner only. It is read again only when its
+// version (inode, size, times) changed, or when it changed too recently for its times to tell.
 //
 // Thread safety: every member function may be called from any thread.
 #pragma once
 
+#include <array>
+#include <cstdint>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include "support/platform/EKTypes.h"
+#include "support/rivet/RivetMutex.h"
 
 namespace vesp::vdir {
 
@@ -35,8 +38,17 @@ class VdirAccess {
  private:
   std::string file_;
   std::string application_;
-  mutable std::mutex mutex_;
-  std::map<platform::EKEntityType, std::optional<bool>> overrides_;  // decisions the file could not keep
+  // Serialises reading and replacing the file within this process.
+  mutable rivet::RivetMutex mutex_;
+  // Decisions the file could not keep.
+  std::map<platform::EKEntityType, std::optional<bool>> overrides_ RIVET_GUARDED_BY(mutex_);
+  // The decisions of this application as last read, and the file's version then (device, inode,
+  // size, modification and change times; absent: read again at the next question).
+  using FileVersion = std::array<std::int64_t, 6>;
+  mutable std::map<platform::EKEntityType, platform::EKAuthorizationStatus> read_ RIVET_GUARDED_BY(mutex_);
+  mutable std::optional<FileVersion> readVersion_ RIVET_GUARDED_BY(mutex_);
+
+  void readIfChanged() const RIVET_REQUIRES(mutex_);
 };
 
 }  // namespace vesp::vdir

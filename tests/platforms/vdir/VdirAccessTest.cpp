@@ -2,9 +2,11 @@
 // replaced whole, readable by its owner only, and forgiving of a damaged or foreign file.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <ctime>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -72,13 +74,47 @@ TEST(VdirAccessTest, ADecisionIsKeptUnderItsApplicationAndEntityType) {
   EXPECT_EQ(VdirAccess(file.string(), "calendar-host").status(EKEntityTypeEvent), EKAuthorizationStatusNotDetermined);
 }
 
-TEST(VdirAccessTest, TheFileIsReadAtEveryQuestionSoAnotherProcessesDecisionCounts) {
+TEST(VdirAccessTest, AnotherProcessesDecisionIsSeenAtTheNextQuestion) {
   TemporaryDirectory config;
   const fs::path file = config.path() / "access.json";
   VdirAccess access(file.string(), "vesp");
   EXPECT_EQ(access.status(EKEntityTypeReminder), EKAuthorizationStatusNotDetermined);
-  writeFile(file, R"({"version": 1, "applications": {"vesp": {"reminders": "denied"}}})");
+  writeFile(file, R"({"applications": {"vesp": {"events": "denied", "reminders": "authorized"}}})");
+  EXPECT_EQ(access.status(EKEntityTypeReminder), EKAuthorizationStatusAuthorized);
+  // Rewritten in place at once with the same size: too recent for its times to tell, so read again.
+  writeFile(file, R"({"applications": {"vesp": {"events": "authorized", "reminders": "denied"}}})");
   EXPECT_EQ(access.status(EKEntityTypeReminder), EKAuthorizationStatusDenied);
+  EXPECT_EQ(access.status(EKEntityTypeEvent), EKAuthorizationStatusAuthorized);
+}
+
+TEST(VdirAccessTest, ChangesAreSeenHoweverTheFileIsReplaced) {
+  TemporaryDirectory config;
+  const fs::path file = config.path() / "access.json";
+  // Puts the modification time an hour back, as a copy that keeps times would.
+  auto age = [&] {
+    timespec times[2];
+    ::clock_gettime(CLOCK_REALTIME, &times[0]);
+    times[0].tv_sec -= 3600;
+    times[1] = times[0];
+    ASSERT_EQ(::utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
+  };
+  writeFile(file, R"({"applications": {"vesp": {"events": "denied"}}})");
+  age();
+  VdirAccess access(file.string(), "vesp");
+  EXPECT_EQ(access.status(EKEntityTypeEvent), EKAuthorizationStatusDenied);
+  // Replaced by another file (a new inode) with an old modification time of its own.
+  writeFile(config.path() / "next.json", R"({"applications": {"vesp": {"events": "authorized"}}})");
+  fs::rename(config.path() / "next.json", file);
+  age();
+  EXPECT_EQ(access.status(EKEntityTypeEvent), EKAuthorizationStatusAuthorized);
+  // Rewritten in place with the same size and the old modification time.
+  writeFile(file, R"({"applications": {"vesp": {"events": "denied!!!!"}}})");
+  age();
+  EXPECT_EQ(access.status(EKEntityTypeEvent), EKAuthorizationStatusNotDetermined);
+  fs::remove(file);
+  EXPECT_EQ(access.status(EKEntityTypeEvent), EKAuthorizationStatusNotDetermined);
+  writeFile(file, R"({"applications": {"vesp": {"events": "denied"}}})");
+  EXPECT_EQ(access.status(EKEntityTypeEvent), EKAuthorizationStatusDenied);
 }
 
 TEST(VdirAccessTest, OtherApplicationsAndUnknownKeysSurviveADecision) {

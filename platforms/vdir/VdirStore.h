@@ -11,6 +11,8 @@
 // thread turns a burst of changes into one rescan and one call of each change listener (on that
 // thread); an overflowed event queue costs a full rescan, never a missed change.
 //
+// The scan itself is VdirScanner's; the store swaps its snapshots, keeps the cache and tells listeners.
+//
 // The store only ever reads: files are opened read-only and nothing under the root is written.
 //
 // Opening is quick: files are parsed on every core, and a persistent cache (see VdirCache) holds
@@ -46,36 +48,12 @@
 #include "platforms/vdir/VdirExpansion.h"
 #include "platforms/vdir/VdirItem.h"
 #include "platforms/vdir/VdirObjects.h"
+#include "platforms/vdir/VdirSnapshot.h"
 #include "support/rivet/RivetMutex.h"
 
 namespace vesp::vdir {
 
 class VdirZones;
-
-struct VdirCollection {
-  std::string identifier;  // its path within the store: "work/meetings" (names escaped, see VdirText)
-  std::string directory;   // where it is on disk
-  std::shared_ptr<VdirCalendar> calendar;
-  std::vector<std::shared_ptr<const VdirItem>> items;  // by file name
-};
-
-struct VdirSnapshot {
-  std::vector<VdirCollection> collections;  // by identifier
-  // Where each event series and to-do is, by its identifier.
-  struct Entry {
-    std::size_t collection = 0, item = 0;
-    bool todo = false;
-    std::size_t index = 0;  // in the item's series or to-dos
-  };
-  // (Keys point into the items' own strings, which live as long as the snapshot.)
-  std::unordered_map<std::string_view, Entry> entries;
-  // The files served, by path.
-  std::unordered_set<std::string_view> paths;
-  std::vector<VdirDiagnostic> diagnostics;
-  bool rootExists = false;
-  bool rootReadable = false;
-  std::uint64_t generation = 0;
-};
 
 class VdirStore : public std::enable_shared_from_this<VdirStore> {
  public:

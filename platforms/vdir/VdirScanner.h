@@ -1,0 +1,87 @@
+// One scan of a vdir tree: from the root, the records of the scan before and the files on disk to
+// the next snapshot, the records that go with it and the problems found, in four steps that run
+// (and can be tested) one at a time:
+//
+//   list()   every collection and its .ics files, sorted, on the calling thread;
+//   look()   each file's version against the scan before, taking over unchanged records (every core);
+//   read()   read and parse what is new or changed (every core);
+//   finish() the snapshot and the records, in listing order; problems in the order they were met.
+//
+// A scanner is used once, by one thread; it reads files and never writes them.
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platforms/vdir/VdirCache.h"
+#include "platforms/vdir/VdirObjects.h"
+#include "platforms/vdir/VdirOptions.h"
+#include "platforms/vdir/VdirSnapshot.h"
+
+namespace vesp::vdir {
+
+class VdirClock;
+class VdirZones;
+
+using VdirSources = std::map<std::string, std::shared_ptr<VdirSource>>;
+using VdirCalendars = std::map<std::string, std::shared_ptr<VdirCalendar>>;
+
+struct VdirScanResult {
+  std::shared_ptr<VdirSnapshot> snapshot;  // its generation is the caller's to set
+  VdirFileRecords records;                 // of the files served, in listing order
+  VdirCalendars calendars;                 // by identifier
+  std::size_t reread = 0;                  // files look() found new or changed
+};
+
+class VdirScanner {
+ public:
+  // `threads` workers look at and parse files (at least one).
+  VdirScanner(const VdirStoreOptions& options, VdirZones& zones, const VdirClock& clock, unsigned threads);
+  ~VdirScanner();
+  VdirScanner(const VdirScanner&) = delete;
+  VdirScanner& operator=(const VdirScanner&) = delete;
+
+  // Lists the tree. Accounts' sources are taken from `sources` when unchanged, else made there.
+  void list(VdirSources& sources);
+  // Compares each listed file with its record in `previous` (the scan before's, in its order) and
+  // moves the records of unchanged files out of it.
+  void look(VdirFileRecords& previous);
+  // Reads and parses the files look() found new or changed. Returns how many it parsed.
+  std::size_t read();
+  // The snapshot; a collection whose calendar fields are unchanged keeps its calendar from `previous`.
+  VdirScanResult finish(const VdirCalendars& previous);
+
+ private:
+  struct Slot;
+  struct Problem;
+  struct Collection;
+  struct Listed;
+  struct Listing;
+  Listing listDirectory(std::string directory, const std::string& relative);
+  bool insideRoot(const Listing& listing, const Listed& entry, const std::string& relative);
+  void addCollection(Listing listing, const std::string& identifier, const std::shared_ptr<VdirSource>& source,
+                     platform::EKCalendarType type);
+  void matchPrevious(const VdirFileRecords& previous);
+  void lookAt(Slot& slot, VdirFileRecords& previous) const;
+  bool readSlot(Slot& slot) const;  // whether it parsed the file
+  VdirCollection assemble(Collection& pending, const VdirCalendars& previous, VdirScanResult& result);
+  void problem(std::string path, VdirDiagnostic::Action action, std::string text);
+
+  const VdirStoreOptions& options_;
+  VdirZones& zones_;
+  const VdirClock& clock_;
+  const unsigned threads_;
+  std::shared_ptr<VdirSnapshot> next_;
+  std::string rootPrefix_;  // the canonical root and "/": symbolic links must stay under it
+  std::vector<int> directories_;  // the collections' directories, open while their files are read
+  std::vector<Slot> slots_;
+  std::vector<Problem> problems_;
+  std::vector<Collection> collections_;
+  std::vector<std::size_t> toParse_;
+};
+
+}  // namespace vesp::vdir

@@ -1,10 +1,6 @@
 #include "platforms/vdir/VdirStore.h"
 
-#include <dirent.h>
 #include <fcntl.h>
-#include <poll.h>
-#include <sys/inotify.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,17 +15,12 @@
 
 #include "platforms/vdir/VdirScanner.h"
 #include "platforms/vdir/VdirText.h"
+#include "platforms/vdir/VdirWatcher.h"
 #include "platforms/vdir/VdirZones.h"
 
 namespace fs = std::filesystem;
 
 namespace vesp::vdir {
-
-namespace {
-
-bool hidden(const std::string& name) { return name.empty() || name[0] == '.'; }
-
-}  // namespace
 
 std::shared_ptr<VdirStore> VdirStore::make(VdirStoreOptions options) {
   std::shared_ptr<VdirStore> store(new VdirStore(std::move(options)));
@@ -237,123 +228,30 @@ VdirStore::WatchState::~WatchState() {
 // store may go (even from this thread, when a listener let go of the last reference) at any time;
 // its state lives on in `state` until the loop sees the stop request.
 void VdirStore::watch(std::weak_ptr<VdirStore> weak, std::shared_ptr<WatchState> state, std::promise<void>* ready) {
-  const VdirStoreOptions& options_ = state->options;
-  int fd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-  if (fd < 0) {
-    if (auto store = weak.lock())
-      store->reportRuntime({".", VdirDiagnostic::Action::skipped,
-                            std::string("the store cannot be watched: ") + std::strerror(errno)});
+  const VdirStoreOptions& options = state->options;
+  VdirWatcher watcher(options.root, options.quietPeriod, options.maximumDelay, state->stopPipe[0],
+                      state->dropNextEvents, state->overflows);
+  if (auto problem = watcher.problem()) {
+    if (auto store = weak.lock()) store->reportRuntime({".", VdirDiagnostic::Action::skipped, *problem});
     ready->set_value();
     return;
   }
-  const std::uint32_t mask = IN_CREATE | IN_DELETE | IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_FROM | IN_MOVED_TO |
-                             IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
-  std::map<int, std::string> watches;
-  bool rootWatched = false;
-  auto sync = [&] {
-    std::set<std::string> wanted{options_.root};
-    auto store = weak.lock();
-    if (!store) return false;
-    auto current = store->snapshot();
-    store.reset();
-    for (const auto& collection : current->collections) {
-      wanted.insert(collection.directory);
-      auto parent = fs::path(collection.directory).parent_path().string();
-      if (parent != options_.root) wanted.insert(parent);
-    }
-    // Account directories without collections yet, so that new collections in them are seen.
-    std::error_code e;
-    for (fs::directory_iterator it(options_.root, e); !e && it != fs::directory_iterator(); it.increment(e)) {
-      std::error_code d;
-      if (it->is_directory(d) && !hidden(it->path().filename().string())) wanted.insert(it->path().string());
-    }
-    std::set<std::string> have;
-    for (auto& [wd, path] : watches) have.insert(path);
-    bool added = false;
-    for (const auto& path : wanted) {
-      if (have.count(path)) continue;
-      int wd = ::inotify_add_watch(fd, path.c_str(), mask);
-      if (wd >= 0) {
-        watches[wd] = path;
-        added = true;
-      }
-    }
-    rootWatched = false;
-    for (auto& [wd, path] : watches)
-      if (path == options_.root) rootWatched = true;
-    return added;
+  // Watches what the latest snapshot holds; false once the store is gone.
+  auto watchSnapshot = [&] {
+    std::shared_ptr<const VdirSnapshot> current;
+    if (auto store = weak.lock()) current = store->snapshot();
+    return current && watcher.watch(VdirWatcher::directoriesOf(*current, options.root));
   };
-  sync();
+  watchSnapshot();
   state->watching = true;
   ready->set_value();
-
-  using Clock = std::chrono::steady_clock;
-  bool dirty = false;
-  Clock::time_point first{}, last{};
-  alignas(inotify_event) char buffer[64 * 1024];
-  for (;;) {
-    auto now = Clock::now();
-    // A directory watched only after the rescan that found it may have changed in between: a
-    // new watch is followed by one more rescan.
-    auto rescanAndWatch = [&] {
-      if (auto store = weak.lock()) {
-        if (store->rescan()) store->notifyListeners();
-      }
-      if (sync()) {
-        dirty = true;
-        first = last = Clock::now();
-      }
-    };
-    if (dirty && (now - last >= options_.quietPeriod || now - first >= options_.maximumDelay)) {
-      dirty = false;
-      rescanAndWatch();
-      continue;
+  while (watcher.next() == VdirWatcher::Wake::changed) {
+    if (auto store = weak.lock()) {
+      if (store->rescan()) store->notifyListeners();
     }
-    int timeout = -1;
-    if (dirty) {
-      auto quiet = options_.quietPeriod - (now - last);
-      auto latest = options_.maximumDelay - (now - first);
-      auto wait = std::min(quiet, std::chrono::duration_cast<Clock::duration>(latest));
-      timeout = static_cast<int>(std::max<long long>(
-          1, std::chrono::duration_cast<std::chrono::milliseconds>(wait).count() + 1));
-    } else if (!rootWatched) {
-      timeout = 1000;  // the root is gone: look for it again every second
-    }
-    pollfd fds[2] = {{fd, POLLIN, 0}, {state->stopPipe[0], POLLIN, 0}};
-    int ready = ::poll(fds, 2, timeout);
-    if (ready < 0 && errno != EINTR) break;
-    if (fds[1].revents) break;
-    if (ready == 0 && !dirty && !rootWatched) {
-      rescanAndWatch();
-      continue;
-    }
-    if (!(fds[0].revents & POLLIN)) continue;
-    for (;;) {
-      ssize_t length = ::read(fd, buffer, sizeof buffer);
-      if (length <= 0) break;
-      // A simulated overflow: these events are lost, and the queue reports an overflow instead.
-      if (state->dropNextEvents.exchange(false)) {
-        inotify_event* overflow = reinterpret_cast<inotify_event*>(buffer);
-        *overflow = inotify_event{-1, IN_Q_OVERFLOW, 0, 0};
-        length = sizeof(inotify_event);
-      }
-      for (char* at = buffer; at < buffer + length;) {
-        auto* event = reinterpret_cast<inotify_event*>(at);
-        if (event->mask & IN_Q_OVERFLOW) ++state->overflows;
-        if (event->mask & IN_IGNORED) {
-          watches.erase(event->wd);
-          if (!std::any_of(watches.begin(), watches.end(), [&](auto& w) { return w.second == options_.root; }))
-            rootWatched = false;
-        }
-        at += sizeof(inotify_event) + event->len;
-      }
-      // Any event, an overflow included, leads to a full rescan once the burst is over.
-      if (!dirty) first = Clock::now();
-      dirty = true;
-      last = Clock::now();
-    }
+    // A directory watched only after the rescan that found it may have changed in between.
+    if (watchSnapshot()) watcher.markChanged();
   }
-  ::close(fd);
   state->watching = false;
 }
 

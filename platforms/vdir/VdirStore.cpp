@@ -347,6 +347,76 @@ struct VdirStore::TimeIndex {
     auto to = std::lower_bound(unbounded.begin(), unbounded.end(), b, byFirst);
     for (auto it = unbounded.begin(); it != to; ++it) visit(*it);
   }
+
+  // Adds to `out` the occurrences of a recurring series that overlap [a, b), from its cached
+  // periods, expanding those not cached yet. False (and nothing added) when the window is too wide
+  // to keep or a limit cut an expansion short: the caller then expands the window itself.
+  bool occurrencesThroughPeriods(const VdirSeriesData& series, double a, double b, const VdirClock& clock,
+                                 const VdirExpansionLimits& limits, std::atomic<std::uint64_t>& expansions,
+                                 std::vector<VdirOccurrence>& out) {
+    const auto p0 = static_cast<std::int64_t>(std::floor(a / kPeriod));
+    const auto p1 = std::max(p0, static_cast<std::int64_t>(std::ceil(b / kPeriod)) - 1);
+    // Windows of many periods (years) are expanded as they are, not kept.
+    if (p1 - p0 >= kMaximumCachedPeriodsPerQuery) return false;
+    auto& cache = periods[&series];
+    if (!fill(series, cache, p0, p1, clock, limits, expansions)) return false;
+    // Each occurrence is taken from the first period of the window it overlaps.
+    for (std::int64_t p = p0; p <= p1; ++p) {
+      const double periodStart = static_cast<double>(p) * kPeriod;
+      for (const auto& occurrence : cache[p].occurrences) {
+        if (p > p0 && occurrence.start < periodStart) continue;
+        bool overlapping = occurrence.end <= occurrence.start ? occurrence.start >= a && occurrence.start < b
+                                                              : occurrence.start < b && occurrence.end > a;
+        if (overlapping) out.push_back(occurrence);
+      }
+    }
+    return true;
+  }
+
+ private:
+  // Expands the periods p0..p1 of `series` not in `cache`, each run of them with one iterator.
+  // False when a limit cut one of them short (now or before).
+  bool fill(const VdirSeriesData& series, std::map<std::int64_t, Period>& cache, std::int64_t p0, std::int64_t p1,
+            const VdirClock& clock, const VdirExpansionLimits& limits, std::atomic<std::uint64_t>& expansions) {
+    std::vector<VdirOccurrence> occurrences;
+    for (std::int64_t p = p0; p <= p1;) {
+      if (auto have = cache.find(p); have != cache.end()) {
+        if (have->second.cut) return false;
+        ++p;
+        continue;
+      }
+      std::int64_t q = p;
+      while (q + 1 <= p1 && !cache.count(q + 1)) ++q;
+      if (cachedOccurrences > kMaximumCachedOccurrences) forgetAllBut(cache);
+      occurrences.clear();
+      std::string problem;
+      ++expansions;
+      bool complete = expandSeries(series, clock, static_cast<double>(p) * kPeriod,
+                                   static_cast<double>(q + 1) * kPeriod, limits, occurrences, problem);
+      for (std::int64_t k = p; k <= q; ++k) cache[k].cut = !complete;
+      if (!complete) return false;
+      for (const auto& occurrence : occurrences) {
+        auto first = static_cast<std::int64_t>(std::floor(occurrence.start / kPeriod));
+        auto last = occurrence.end > occurrence.start
+                        ? static_cast<std::int64_t>(std::ceil(occurrence.end / kPeriod)) - 1
+                        : first;
+        for (std::int64_t k = std::max(first, p); k <= std::min(last, q); ++k) {
+          cache[k].occurrences.push_back(occurrence);
+          ++cachedOccurrences;
+        }
+      }
+      p = q + 1;
+    }
+    return true;
+  }
+
+  // Memory is bounded: the cached expansions start over rather than grow without end.
+  void forgetAllBut(const std::map<std::int64_t, Period>& keep) {
+    for (auto& [other, list] : periods)
+      if (&list != &keep) list.clear();
+    cachedOccurrences = 0;
+    for (const auto& [period, data] : keep) cachedOccurrences += data.occurrences.size();
+  }
 };
 
 std::shared_ptr<VdirStore::TimeIndex> VdirStore::indexFor(const std::shared_ptr<const VdirSnapshot>& snapshot) {
@@ -390,7 +460,6 @@ std::vector<std::shared_ptr<platform::EKEvent>> VdirStore::events(
     std::optional<std::string> stopped;
     std::size_t visited = 0;
     using Entry = TimeIndex::Entry;
-    constexpr double P = TimeIndex::kPeriod;
     auto cut = [&](const Entry& entry, const std::string& problem) {
       reportRuntime({current->collections[entry.collection].items[entry.item]->relativePath,
                      VdirDiagnostic::Action::truncated, problem});
@@ -413,56 +482,12 @@ std::vector<std::shared_ptr<platform::EKEvent>> VdirStore::events(
           return;
         }
       }
-      const VdirSeriesData& series = *entry.series;
-      if (!series.isRecurring()) return direct(entry);
-      const auto p0 = static_cast<std::int64_t>(std::floor(a / P));
-      const auto p1 = std::max(p0, static_cast<std::int64_t>(std::ceil(b / P)) - 1);
-      // Windows of many periods (years) are expanded as they are, not kept.
-      if (p1 - p0 >= TimeIndex::kMaximumCachedPeriodsPerQuery) return direct(entry);
-      auto& cache = index->periods[&series];
-      // Expand each run of uncached periods with one iterator.
-      for (std::int64_t p = p0; p <= p1;) {
-        if (auto have = cache.find(p); have != cache.end()) {
-          if (have->second.cut) return direct(entry);
-          ++p;
-          continue;
-        }
-        std::int64_t q = p;
-        while (q + 1 <= p1 && !cache.count(q + 1)) ++q;
-        if (index->cachedOccurrences > TimeIndex::kMaximumCachedOccurrences) {
-          // Memory is bounded: start over rather than grow without end.
-          for (auto& [other, list] : index->periods)
-            if (&list != &cache) list.clear();
-          index->cachedOccurrences = 0;
-          for (const auto& [period, data] : cache) index->cachedOccurrences += data.occurrences.size();
-        }
-        occurrences.clear();
-        std::string problem;
-        ++expansions_;
-        bool complete = expandSeries(series, *clock_, static_cast<double>(p) * P, static_cast<double>(q + 1) * P,
-                                     options_.limits, occurrences, problem);
-        for (std::int64_t k = p; k <= q; ++k) cache[k].cut = !complete;
-        if (!complete) return direct(entry);
-        for (const auto& occurrence : occurrences) {
-          auto first = static_cast<std::int64_t>(std::floor(occurrence.start / P));
-          auto last = occurrence.end > occurrence.start ? static_cast<std::int64_t>(std::ceil(occurrence.end / P)) - 1 : first;
-          for (std::int64_t k = std::max(first, p); k <= std::min(last, q); ++k) {
-            cache[k].occurrences.push_back(occurrence);
-            ++index->cachedOccurrences;
-          }
-        }
-        p = q + 1;
-      }
-      // Each occurrence is taken from the first period of the window it overlaps.
-      for (std::int64_t p = p0; p <= p1; ++p) {
-        const double periodStart = static_cast<double>(p) * P;
-        for (const auto& occurrence : cache[p].occurrences) {
-          if (p > p0 && occurrence.start < periodStart) continue;
-          bool overlapping = occurrence.end <= occurrence.start ? occurrence.start >= a && occurrence.start < b
-                                                                : occurrence.start < b && occurrence.end > a;
-          if (overlapping) found.push_back({entry.collection, entry.item, &series, occurrence});
-        }
-      }
+      if (!entry.series->isRecurring()) return direct(entry);
+      occurrences.clear();
+      if (!index->occurrencesThroughPeriods(*entry.series, a, b, *clock_, options_.limits, expansions_, occurrences))
+        return direct(entry);
+      for (const auto& occurrence : occurrences)
+        found.push_back({entry.collection, entry.item, entry.series, occurrence});
     };
     if (b > a) index->candidates(a, b, visit);
     if (stopped) reportRuntime({".", VdirDiagnostic::Action::truncated, *stopped});

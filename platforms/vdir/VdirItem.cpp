@@ -818,15 +818,19 @@ void computeBounds(VdirSeriesData& series, const VdirClock& clock) {
   if (!endless) series.lastEnd = last + slack;
 }
 
-}  // namespace
+// VEVENTs of one UID, in the order the file has them, each with its component.
+struct EventGroup {
+  std::string uid;
+  std::vector<std::pair<VdirComponentData, icalcomponent*>> masters;
+  std::vector<std::pair<VdirComponentData, icalcomponent*>> overrides;
+};
 
-VdirParseResult parseItem(const std::string& relativePath, const std::string& fileName, const std::string& text,
-                          const VdirParseContext& context) {
-  VdirParseResult result;
-  Reader reader(relativePath, context, result.diagnostics);
+// Parses the text into `root`, repairing what can be repaired. False (and said why) when there is
+// nothing to read.
+bool parseText(const std::string& text, Reader& reader, ComponentHolder& root) {
   if (text.find('\0') != std::string::npos) {
     reader.report(VdirDiagnostic::Action::skipped, "not an iCalendar file (binary content)");
-    return result;
+    return false;
   }
   // The library hands out UTF-8 only: other bytes become U+FFFD before anything is read.
   std::string utf8;
@@ -837,7 +841,6 @@ VdirParseResult parseItem(const std::string& relativePath, const std::string& fi
     reader.report(VdirDiagnostic::Action::repaired, "bytes that are not UTF-8 were replaced by U+FFFD");
   }
   reader.collectZoneTexts(*source);
-  ComponentHolder root;
   root.component = icalparser_parse_string(source->c_str());
   if (!root.component && source->find("BEGIN:VCALENDAR") != std::string::npos) {
     // A file that ends early (cut off, or missing its END lines) is closed and read again.
@@ -846,121 +849,109 @@ VdirParseResult parseItem(const std::string& relativePath, const std::string& fi
       if (root.component) reader.report(VdirDiagnostic::Action::repaired, "the file ends early: its END lines were added");
     }
   }
-  if (!root.component) {
-    reader.report(VdirDiagnostic::Action::skipped, "not an iCalendar file (does not parse)");
-    return result;
-  }
-  // The parser hands back a VCALENDAR, or an XROOT holding several.
-  std::vector<icalcomponent*> calendars;
-  if (icalcomponent_isa(root.component) == ICAL_VCALENDAR_COMPONENT) {
-    calendars.push_back(root.component);
-  } else if (icalcomponent_isa(root.component) == ICAL_XROOT_COMPONENT) {
-    for (icalcomponent* c = icalcomponent_get_first_component(root.component, ICAL_VCALENDAR_COMPONENT); c;
-         c = icalcomponent_get_next_component(root.component, ICAL_VCALENDAR_COMPONENT))
-      calendars.push_back(c);
-  } else if (icalcomponent_isa(root.component) == ICAL_VEVENT_COMPONENT ||
-             icalcomponent_isa(root.component) == ICAL_VTODO_COMPONENT) {
-    reader.report(VdirDiagnostic::Action::repaired, "item not wrapped in a VCALENDAR");
-    calendars.push_back(root.component);
-  }
-  if (calendars.empty()) {
-    reader.report(VdirDiagnostic::Action::skipped, "no VCALENDAR in the file");
-    return result;
-  }
-  reader.collectErrors(root.component);
+  if (!root.component) reader.report(VdirDiagnostic::Action::skipped, "not an iCalendar file (does not parse)");
+  return root.component != nullptr;
+}
 
-  auto item = std::make_shared<VdirItem>();
-  item->relativePath = relativePath;
-  // VEVENTs grouped by UID, in the order their UIDs first appear.
-  struct Group {
-    std::string uid;
-    std::vector<std::pair<VdirComponentData, icalcomponent*>> masters;
-    std::vector<std::pair<VdirComponentData, icalcomponent*>> overrides;
-  };
-  std::vector<Group> groups;
-  auto groupOf = [&](const std::string& uid) -> Group& {
+// The calendars the parser handed back: a VCALENDAR, the VCALENDARs of an XROOT, or a bare
+// VEVENT or VTODO standing for its own calendar.
+std::vector<icalcomponent*> calendarsOf(icalcomponent* root, Reader& reader) {
+  std::vector<icalcomponent*> calendars;
+  const auto kind = icalcomponent_isa(root);
+  if (kind == ICAL_VCALENDAR_COMPONENT) {
+    calendars.push_back(root);
+  } else if (kind == ICAL_XROOT_COMPONENT) {
+    for (icalcomponent* c = icalcomponent_get_first_component(root, ICAL_VCALENDAR_COMPONENT); c;
+         c = icalcomponent_get_next_component(root, ICAL_VCALENDAR_COMPONENT))
+      calendars.push_back(c);
+  } else if (kind == ICAL_VEVENT_COMPONENT || kind == ICAL_VTODO_COMPONENT) {
+    reader.report(VdirDiagnostic::Action::repaired, "item not wrapped in a VCALENDAR");
+    calendars.push_back(root);
+  }
+  if (calendars.empty()) reader.report(VdirDiagnostic::Action::skipped, "no VCALENDAR in the file");
+  return calendars;
+}
+
+// Reads the VEVENTs (grouped by UID, in the order their UIDs first appear) and VTODOs of the
+// calendars. Returns whether there was any VEVENT, readable or not.
+bool readComponents(const std::vector<icalcomponent*>& calendars, icalcomponent* root, Reader& reader,
+                    std::vector<EventGroup>& groups, std::vector<VdirComponentData>& todos) {
+  auto groupOf = [&](const std::string& uid) -> EventGroup& {
     for (auto& group : groups)
       if (group.uid == uid) return group;
-    groups.push_back(Group{uid, {}, {}});
+    groups.push_back(EventGroup{uid, {}, {}});
     return groups.back();
   };
   bool sawEvent = false;
+  auto visit = [&](icalcomponent* component) {
+    auto kind = icalcomponent_isa(component);
+    if (kind == ICAL_VEVENT_COMPONENT) {
+      sawEvent = true;
+      VdirComponentData data;
+      if (!reader.readEvent(component, data)) return;
+      keepUtf8(data);
+      EventGroup& group = groupOf(data.uid);
+      (data.recurrenceInstant ? group.overrides : group.masters).emplace_back(std::move(data), component);
+    } else if (kind == ICAL_VTODO_COMPONENT) {
+      VdirComponentData data;
+      reader.readTodo(component, data);
+      keepUtf8(data);
+      todos.push_back(std::move(data));
+    }
+  };
   for (icalcomponent* calendar : calendars) {
     reader.collectZones(calendar);
-    auto visit = [&](icalcomponent* component) {
-      auto kind = icalcomponent_isa(component);
-      if (kind == ICAL_VEVENT_COMPONENT) {
-        sawEvent = true;
-        VdirComponentData data;
-        if (!reader.readEvent(component, data)) return;
-        keepUtf8(data);
-        Group& group = groupOf(data.uid);
-        if (data.recurrenceInstant)
-          group.overrides.emplace_back(std::move(data), component);
-        else
-          group.masters.emplace_back(std::move(data), component);
-      } else if (kind == ICAL_VTODO_COMPONENT) {
-        VdirComponentData data;
-        reader.readTodo(component, data);
-        keepUtf8(data);
-        item->todos.push_back(std::move(data));
-      }
-    };
-    if (calendar == root.component && icalcomponent_isa(calendar) != ICAL_VCALENDAR_COMPONENT) {
+    if (calendar == root && icalcomponent_isa(calendar) != ICAL_VCALENDAR_COMPONENT) {
       visit(calendar);
-    } else {
-      for (icalcomponent* c = icalcomponent_get_first_component(calendar, ICAL_ANY_COMPONENT); c;
-           c = icalcomponent_get_next_component(calendar, ICAL_ANY_COMPONENT))
-        visit(c);
+      continue;
+    }
+    for (icalcomponent* c = icalcomponent_get_first_component(calendar, ICAL_ANY_COMPONENT); c;
+         c = icalcomponent_get_next_component(calendar, ICAL_ANY_COMPONENT))
+      visit(c);
+  }
+  return sawEvent;
+}
+
+// One UID's series: its master (the first, when there are several), recurrence and overrides.
+VdirSeriesData seriesOf(EventGroup& group, Reader& reader, const std::string& fileName, const VdirClock& clock) {
+  VdirSeriesData series;
+  // Some exporters write a series as an RRULE on a component with a RECURRENCE-ID and no master:
+  // that component is served as the series' master.
+  if (group.masters.empty()) {
+    auto ruled = std::find_if(group.overrides.begin(), group.overrides.end(), [](const auto& override) {
+      return icalcomponent_get_first_property(override.second, ICAL_RRULE_PROPERTY) != nullptr;
+    });
+    if (ruled != group.overrides.end()) {
+      reader.report(VdirDiagnostic::Action::repaired,
+                    "VEVENT \"" + group.uid + "\" has an RRULE and a RECURRENCE-ID but no master: served as the series");
+      ruled->first.recurrenceInstant.reset();
+      group.masters.push_back(std::move(*ruled));
+      group.overrides.erase(ruled);
     }
   }
-  for (auto& group : groups) {
-    VdirSeriesData series;
-    // Some exporters write a series as an RRULE on a component with a RECURRENCE-ID and no master:
-    // that component is served as the series' master.
-    if (group.masters.empty()) {
-      auto ruled = std::find_if(group.overrides.begin(), group.overrides.end(), [](const auto& override) {
-        return icalcomponent_get_first_property(override.second, ICAL_RRULE_PROPERTY) != nullptr;
-      });
-      if (ruled != group.overrides.end()) {
-        reader.report(VdirDiagnostic::Action::repaired,
-                      "VEVENT \"" + group.uid + "\" has an RRULE and a RECURRENCE-ID but no master: served as the series");
-        ruled->first.recurrenceInstant.reset();
-        group.masters.push_back(std::move(*ruled));
-        group.overrides.erase(ruled);
-      }
-    }
-    if (!group.masters.empty()) {
-      if (group.masters.size() > 1)
-        reader.report(VdirDiagnostic::Action::skipped, "UID \"" + group.uid + "\" has " +
-                                                           std::to_string(group.masters.size()) +
-                                                           " master VEVENTs: only the first is served");
-      series.master = std::move(group.masters.front().first);
-      reader.readRecurrence(group.masters.front().second, series);
-    }
-    for (auto& override : group.overrides) series.overrides.push_back(std::move(override.first));
-    std::sort(series.overrides.begin(), series.overrides.end(),
-              [](const auto& a, const auto& b) { return *a.recurrenceInstant < *b.recurrenceInstant; });
-    if (group.uid.empty()) {
-      reader.report(VdirDiagnostic::Action::repaired, "VEVENT has no UID: the file name stands in");
-      if (series.master) series.master->uid = fileName;
-      for (auto& override : series.overrides) override.uid = fileName;
-    }
-    computeBounds(series, *context.clock);
-    item->series.push_back(std::move(series));
+  if (!group.masters.empty()) {
+    if (group.masters.size() > 1)
+      reader.report(VdirDiagnostic::Action::skipped, "UID \"" + group.uid + "\" has " +
+                                                         std::to_string(group.masters.size()) +
+                                                         " master VEVENTs: only the first is served");
+    series.master = std::move(group.masters.front().first);
+    reader.readRecurrence(group.masters.front().second, series);
   }
-  for (auto& todo : item->todos) {
-    if (todo.uid.empty()) {
-      reader.report(VdirDiagnostic::Action::repaired, "VTODO has no UID: the file name stands in");
-      todo.uid = fileName;
-    }
+  for (auto& override : group.overrides) series.overrides.push_back(std::move(override.first));
+  std::sort(series.overrides.begin(), series.overrides.end(),
+            [](const auto& a, const auto& b) { return *a.recurrenceInstant < *b.recurrenceInstant; });
+  if (group.uid.empty()) {
+    reader.report(VdirDiagnostic::Action::repaired, "VEVENT has no UID: the file name stands in");
+    if (series.master) series.master->uid = fileName;
+    for (auto& override : series.overrides) override.uid = fileName;
   }
-  if (item->series.empty() && item->todos.empty()) {
-    if (!sawEvent) reader.report(VdirDiagnostic::Action::skipped, "no VEVENT or VTODO in the file");
-    return result;
-  }
-  // Identifiers: the first entry keeps the path; each further one adds its UID, or its position
-  // when its UID is missing or taken.
+  computeBounds(series, clock);
+  return series;
+}
+
+// Identifiers: the first entry keeps the path; each further one adds its UID, or its position
+// when its UID is missing or taken.
+void nameEntries(VdirItem& item, const std::string& relativePath, const std::string& fileName) {
   std::set<std::string> taken;
   std::size_t position = 0;
   auto identify = [&](const std::string& uid) {
@@ -973,9 +964,39 @@ VdirParseResult parseItem(const std::string& relativePath, const std::string& fi
     }
     return identifier;
   };
-  for (auto& series : item->series)
+  for (auto& series : item.series)
     series.identifier = identify(series.master ? series.master->uid : series.overrides.front().uid);
-  for (auto& todo : item->todos) todo.todoData->identifier = identify(todo.uid);
+  for (auto& todo : item.todos) todo.todoData->identifier = identify(todo.uid);
+}
+
+}  // namespace
+
+VdirParseResult parseItem(const std::string& relativePath, const std::string& fileName, const std::string& text,
+                          const VdirParseContext& context) {
+  VdirParseResult result;
+  Reader reader(relativePath, context, result.diagnostics);
+  ComponentHolder root;
+  if (!parseText(text, reader, root)) return result;
+  const std::vector<icalcomponent*> calendars = calendarsOf(root.component, reader);
+  if (calendars.empty()) return result;
+  reader.collectErrors(root.component);
+
+  auto item = std::make_shared<VdirItem>();
+  item->relativePath = relativePath;
+  std::vector<EventGroup> groups;
+  const bool sawEvent = readComponents(calendars, root.component, reader, groups, item->todos);
+  for (auto& group : groups) item->series.push_back(seriesOf(group, reader, fileName, *context.clock));
+  for (auto& todo : item->todos) {
+    if (todo.uid.empty()) {
+      reader.report(VdirDiagnostic::Action::repaired, "VTODO has no UID: the file name stands in");
+      todo.uid = fileName;
+    }
+  }
+  if (item->series.empty() && item->todos.empty()) {
+    if (!sawEvent) reader.report(VdirDiagnostic::Action::skipped, "no VEVENT or VTODO in the file");
+    return result;
+  }
+  nameEntries(*item, relativePath, fileName);
   result.item = item;
   return result;
 }

@@ -20,7 +20,7 @@ MemoryDeliveryThread::~MemoryDeliveryThread() {
   std::vector<Task> scheduled;
   std::vector<std::function<void()>> held;
   {
-    std::lock_guard lock(shared_->mutex);
+    rivet::RivetMutexLock lock(shared_->mutex);
     shared_->stopping = true;
     scheduled.swap(shared_->scheduled);
     held.swap(shared_->held);
@@ -34,19 +34,19 @@ MemoryDeliveryThread::~MemoryDeliveryThread() {
 }
 
 void MemoryDeliveryThread::run(const std::shared_ptr<Shared>& shared) {
-  std::unique_lock lock(shared->mutex);
+  rivet::RivetMutexLock lock(shared->mutex);
   for (;;) {
     if (shared->stopping) return;
     if (shared->scheduled.empty()) {
       shared->idle.notify_all();
-      shared->wake.wait(lock);
+      lock.wait(shared->wake);
       continue;
     }
     auto due = shared->scheduled.front().due;
     if (Clock::now() < due) {
       // Nothing is due now: those waiting for idleness may go on.
       shared->idle.notify_all();
-      shared->wake.wait_until(lock, due);
+      lock.waitUntil(shared->wake, due);
       continue;
     }
     std::pop_heap(shared->scheduled.begin(), shared->scheduled.end(), [](auto& a, auto& b) { return later(a, b); });
@@ -68,7 +68,7 @@ void MemoryDeliveryThread::schedule(Shared& shared, Clock::time_point due, std::
 
 void MemoryDeliveryThread::deliver(MemoryDelivery delivery, std::function<void()> task) {
   // Everything under the lock: once it is released, a task may already have destroyed this thread.
-  std::lock_guard lock(shared_->mutex);
+  rivet::RivetMutexLock lock(shared_->mutex);
   if (shared_->stopping) return;
   switch (delivery.kind) {
     case MemoryDelivery::Kind::immediately: schedule(*shared_, Clock::now(), std::move(task)); break;
@@ -85,7 +85,7 @@ void MemoryDeliveryThread::deliver(MemoryDelivery delivery, std::function<void()
 }
 
 std::size_t MemoryDeliveryThread::releaseHeld() {
-  std::lock_guard lock(shared_->mutex);
+  rivet::RivetMutexLock lock(shared_->mutex);
   std::size_t count = shared_->held.size();
   auto now = Clock::now();
   for (auto& task : shared_->held) schedule(*shared_, now, std::move(task));
@@ -95,18 +95,20 @@ std::size_t MemoryDeliveryThread::releaseHeld() {
 }
 
 std::size_t MemoryDeliveryThread::heldCount() const {
-  std::lock_guard lock(shared_->mutex);
+  rivet::RivetMutexLock lock(shared_->mutex);
   return shared_->held.size();
 }
 
 void MemoryDeliveryThread::waitUntilIdle() {
   if (isDeliveryThread()) return;
-  std::unique_lock lock(shared_->mutex);
-  shared_->idle.wait(lock, [&] {
+  rivet::RivetMutexLock lock(shared_->mutex);
+  auto idle = [&] {
+    shared_->mutex.assertHeld();  // called only below, under the lock
     if (shared_->stopping) return true;
     if (shared_->running) return false;
     return shared_->scheduled.empty() || shared_->scheduled.front().due > Clock::now();
-  });
+  };
+  while (!idle()) lock.wait(shared_->idle);
 }
 
 }  // namespace vesp::memory

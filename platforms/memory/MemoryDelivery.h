@@ -11,9 +11,10 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
+
+#include "support/rivet/RivetMutex.h"
 
 namespace vesp::memory {
 
@@ -56,17 +57,18 @@ class MemoryDeliveryThread {
     std::function<void()> run;
   };
   struct Shared {
-    mutable std::mutex mutex;
+    mutable rivet::RivetMutex mutex;
     std::condition_variable wake;
     std::condition_variable idle;
-    std::vector<Task> scheduled;  // a heap ordered by (due, sequence)
-    std::vector<std::function<void()>> held;
-    std::uint64_t nextSequence = 0;
-    bool running = false;
-    bool stopping = false;
+    std::vector<Task> scheduled RIVET_GUARDED_BY(mutex);  // a heap ordered by (due, sequence)
+    std::vector<std::function<void()>> held RIVET_GUARDED_BY(mutex);
+    std::uint64_t nextSequence RIVET_GUARDED_BY(mutex) = 0;
+    bool running RIVET_GUARDED_BY(mutex) = false;
+    bool stopping RIVET_GUARDED_BY(mutex) = false;
   };
   static void run(const std::shared_ptr<Shared>& shared);
-  static void schedule(Shared& shared, Clock::time_point due, std::function<void()> task);
+  static void schedule(Shared& shared, Clock::time_point due, std::function<void()> task)
+      RIVET_REQUIRES(shared.mutex);
 
   std::shared_ptr<Shared> shared_;
   std::thread thread_;

@@ -17,98 +17,98 @@ MemoryWorld::MemoryWorld()
 MemoryWorld::~MemoryWorld() = default;
 
 void MemoryWorld::addSource(std::shared_ptr<MemorySource> source) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   sources_.push_back(std::move(source));
 }
 void MemoryWorld::addCalendar(std::shared_ptr<MemoryCalendar> calendar) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   calendars_.push_back(std::move(calendar));
 }
 void MemoryWorld::addEvent(std::shared_ptr<MemoryEvent> event) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   if (std::find(events_.begin(), events_.end(), event) == events_.end()) events_.push_back(std::move(event));
 }
 void MemoryWorld::addReminder(std::shared_ptr<MemoryReminder> reminder) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   if (std::find(reminders_.begin(), reminders_.end(), reminder) == reminders_.end())
     reminders_.push_back(std::move(reminder));
 }
 bool MemoryWorld::removeEvent(const platform::EKEvent* event) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return std::erase_if(events_, [&](const auto& e) { return e.get() == event; }) > 0;
 }
 bool MemoryWorld::removeReminder(const platform::EKReminder* reminder) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return std::erase_if(reminders_, [&](const auto& r) { return r.get() == reminder; }) > 0;
 }
 void MemoryWorld::removeCalendar(const std::string& calendarIdentifier) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   std::erase_if(calendars_, [&](const auto& c) { return c->fields().calendarIdentifier == calendarIdentifier; });
 }
 std::vector<std::shared_ptr<MemorySource>> MemoryWorld::sources() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return sources_;
 }
 std::vector<std::shared_ptr<MemoryCalendar>> MemoryWorld::calendars() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return calendars_;
 }
 std::vector<std::shared_ptr<MemoryEvent>> MemoryWorld::events() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return events_;
 }
 std::vector<std::shared_ptr<MemoryReminder>> MemoryWorld::reminders() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return reminders_;
 }
 
 void MemoryWorld::setAuthorizationStatus(EKEntityType entityType, platform::EKAuthorizationStatus status) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   statuses_[entityType] = status;
 }
 platform::EKAuthorizationStatus MemoryWorld::authorizationStatus(EKEntityType entityType) const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   auto found = statuses_.find(entityType);
   return found == statuses_.end() ? platform::EKAuthorizationStatusNotDetermined : found->second;
 }
 
 void MemoryWorld::setAccessAnswer(EKEntityType entityType, MemoryAccessAnswer answer) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   accessAnswers_[entityType] = std::move(answer);
 }
 MemoryAccessAnswer MemoryWorld::accessAnswer(EKEntityType entityType) const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   auto found = accessAnswers_.find(entityType);
   return found == accessAnswers_.end() ? MemoryAccessAnswer{} : found->second;
 }
 std::vector<MemoryAccessRequest> MemoryWorld::accessRequests() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return accessRequests_;
 }
 std::size_t MemoryWorld::recordAccessRequest(EKEntityType entityType) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   accessRequests_.push_back(MemoryAccessRequest{entityType, false});
   return accessRequests_.size() - 1;
 }
 void MemoryWorld::markAccessRequestAnswered(std::size_t index) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   accessRequests_.at(index).answered = true;
 }
 
 void MemoryWorld::scriptReminderFetches(std::vector<MemoryFetchScript> scripts) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   fetchScripts_.assign(scripts.begin(), scripts.end());
 }
 void MemoryWorld::setDefaultFetchScript(MemoryFetchScript script) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   defaultFetchScript_ = script;
 }
 std::size_t MemoryWorld::reminderFetchCount() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return fetchCount_;
 }
 MemoryFetchScript MemoryWorld::takeFetchScript() {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   ++fetchCount_;
   if (fetchScripts_.empty()) return defaultFetchScript_;
   MemoryFetchScript script = fetchScripts_.front();
@@ -117,12 +117,12 @@ MemoryFetchScript MemoryWorld::takeFetchScript() {
 }
 
 void MemoryWorld::registerStore(const std::shared_ptr<MemoryEventStore>& store) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   std::erase_if(stores_, [](const auto& weak) { return weak.expired(); });
   stores_.push_back(store);
 }
 std::vector<std::shared_ptr<MemoryEventStore>> MemoryWorld::stores() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   std::vector<std::shared_ptr<MemoryEventStore>> alive;
   for (const auto& weak : stores_)
     if (auto store = weak.lock()) alive.push_back(std::move(store));
@@ -133,7 +133,7 @@ void MemoryWorld::postStoreChanged() {
 }
 
 std::string MemoryWorld::nextIdentifier(const std::string& prefix) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return prefix + "-" + std::to_string(++counters_[prefix]);
 }
 

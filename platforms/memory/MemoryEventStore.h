@@ -26,7 +26,6 @@
 #include <deque>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -35,6 +34,7 @@
 #include "platforms/memory/MemoryObjects.h"
 #include "support/platform/EKEventStore.h"
 #include "support/platform/NSNotificationCenter.h"
+#include "support/rivet/RivetMutex.h"
 
 namespace vesp::memory {
 
@@ -118,19 +118,19 @@ class MemoryWorld {
   void markAccessRequestAnswered(std::size_t index);
   MemoryFetchScript takeFetchScript();
 
-  mutable std::mutex mutex_;
-  std::vector<std::shared_ptr<MemorySource>> sources_;
-  std::vector<std::shared_ptr<MemoryCalendar>> calendars_;
-  std::vector<std::shared_ptr<MemoryEvent>> events_;
-  std::vector<std::shared_ptr<MemoryReminder>> reminders_;
-  std::map<platform::EKEntityType, platform::EKAuthorizationStatus> statuses_;
-  std::map<platform::EKEntityType, MemoryAccessAnswer> accessAnswers_;
-  std::vector<MemoryAccessRequest> accessRequests_;
-  std::deque<MemoryFetchScript> fetchScripts_;
-  MemoryFetchScript defaultFetchScript_;
-  std::size_t fetchCount_ = 0;
-  std::vector<std::weak_ptr<MemoryEventStore>> stores_;
-  std::map<std::string, std::uint64_t> counters_;
+  mutable rivet::RivetMutex mutex_;
+  std::vector<std::shared_ptr<MemorySource>> sources_ RIVET_GUARDED_BY(mutex_);
+  std::vector<std::shared_ptr<MemoryCalendar>> calendars_ RIVET_GUARDED_BY(mutex_);
+  std::vector<std::shared_ptr<MemoryEvent>> events_ RIVET_GUARDED_BY(mutex_);
+  std::vector<std::shared_ptr<MemoryReminder>> reminders_ RIVET_GUARDED_BY(mutex_);
+  std::map<platform::EKEntityType, platform::EKAuthorizationStatus> statuses_ RIVET_GUARDED_BY(mutex_);
+  std::map<platform::EKEntityType, MemoryAccessAnswer> accessAnswers_ RIVET_GUARDED_BY(mutex_);
+  std::vector<MemoryAccessRequest> accessRequests_ RIVET_GUARDED_BY(mutex_);
+  std::deque<MemoryFetchScript> fetchScripts_ RIVET_GUARDED_BY(mutex_);
+  MemoryFetchScript defaultFetchScript_ RIVET_GUARDED_BY(mutex_);
+  std::size_t fetchCount_ RIVET_GUARDED_BY(mutex_) = 0;
+  std::vector<std::weak_ptr<MemoryEventStore>> stores_ RIVET_GUARDED_BY(mutex_);
+  std::map<std::string, std::uint64_t> counters_ RIVET_GUARDED_BY(mutex_);
   std::shared_ptr<platform::NSNotificationCenter> center_;
   std::shared_ptr<MemoryScreenLog> screenLog_;
   MemoryDeliveryThread deliveries_;  // last: destroyed first, before what its tasks may touch

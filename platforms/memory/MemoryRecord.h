@@ -4,9 +4,10 @@
 
 #include <atomic>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <vector>
+
+#include "support/rivet/RivetMutex.h"
 
 namespace vesp::memory {
 
@@ -21,41 +22,41 @@ class MemoryRecord {
 
   // A copy of every field.
   Fields fields() const {
-    std::lock_guard lock(mutex_);
+    rivet::RivetMutexLock lock(mutex_);
     return fields_;
   }
   void setFields(Fields fields) {
-    std::lock_guard lock(mutex_);
+    rivet::RivetMutexLock lock(mutex_);
     fields_ = std::move(fields);
   }
   // Changes fields in place, under the object's lock.
   void update(const std::function<void(Fields&)>& change) {
-    std::lock_guard lock(mutex_);
+    rivet::RivetMutexLock lock(mutex_);
     change(fields_);
   }
 
   // The names of the attributes read through the platform interface, in order.
   std::vector<std::string> reads() const {
-    std::lock_guard lock(mutex_);
+    rivet::RivetMutexLock lock(mutex_);
     return reads_;
   }
   void clearReads() {
-    std::lock_guard lock(mutex_);
+    rivet::RivetMutexLock lock(mutex_);
     reads_.clear();
   }
 
  protected:
   template <class Read>
   auto read(const char* name, Read&& reader) const {
-    std::lock_guard lock(mutex_);
+    rivet::RivetMutexLock lock(mutex_);
     if (memoryReadLogging.load(std::memory_order_relaxed)) reads_.emplace_back(name);
     return reader(fields_);
   }
 
  private:
-  mutable std::mutex mutex_;
-  Fields fields_;
-  mutable std::vector<std::string> reads_;
+  mutable rivet::RivetMutex mutex_;
+  Fields fields_ RIVET_GUARDED_BY(mutex_);
+  mutable std::vector<std::string> reads_ RIVET_GUARDED_BY(mutex_);
 };
 
 }  // namespace vesp::memory

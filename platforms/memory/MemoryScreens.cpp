@@ -9,27 +9,27 @@ namespace vesp::memory {
 using platform::UIViewController;
 
 void MemoryScreenLog::record(MemoryScreenLogEntry entry) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   entries_.push_back(std::move(entry));
 }
 std::vector<MemoryScreenLogEntry> MemoryScreenLog::entries() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return entries_;
 }
 std::size_t MemoryScreenLog::presentationCount() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   std::size_t count = 0;
   for (const auto& entry : entries_) count += entry.kind == MemoryScreenLogEntry::Kind::presented;
   return count;
 }
 std::size_t MemoryScreenLog::dismissalCount() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   std::size_t count = 0;
   for (const auto& entry : entries_) count += entry.kind == MemoryScreenLogEntry::Kind::dismissed;
   return count;
 }
 void MemoryScreenLog::clear() {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   entries_.clear();
 }
 
@@ -38,15 +38,15 @@ MemoryScreenLinks* MemoryScreenLinks::links(const std::shared_ptr<UIViewControll
 }
 
 std::shared_ptr<UIViewController> MemoryScreenLinks::presentedViewController() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return presented_;
 }
 std::shared_ptr<UIViewController> MemoryScreenLinks::presentingViewController() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return presenting_.lock();
 }
 std::shared_ptr<UIViewController> MemoryScreenLinks::parentViewController() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return parent_.lock();
 }
 bool MemoryScreenLinks::isOnScreen() const {
@@ -56,18 +56,18 @@ bool MemoryScreenLinks::isOnScreen() const {
   return parentLinks && parentLinks->presentingViewController() != nullptr;
 }
 void MemoryScreenLinks::setParent(std::weak_ptr<UIViewController> parent) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   parent_ = std::move(parent);
 }
 
 void MemoryScreenLinks::present(const std::shared_ptr<UIViewController>& self,
                                 std::shared_ptr<UIViewController> viewController, bool animated) {
   if (auto presentedLinks = viewController ? links(viewController) : nullptr) {
-    std::lock_guard lock(presentedLinks->mutex_);
+    rivet::RivetMutexLock lock(presentedLinks->mutex_);
     presentedLinks->presenting_ = self;
   }
   log_->record(MemoryScreenLogEntry{MemoryScreenLogEntry::Kind::presented, self, viewController, animated});
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   presented_ = std::move(viewController);
 }
 
@@ -84,12 +84,12 @@ void MemoryScreenLinks::dismiss(const std::shared_ptr<UIViewController>& self, b
   }
   log_->record(MemoryScreenLogEntry{MemoryScreenLogEntry::Kind::dismissed, self, target, animated});
   if (auto targetLinks = links(target)) {
-    std::lock_guard lock(targetLinks->mutex_);
+    rivet::RivetMutexLock lock(targetLinks->mutex_);
     targetLinks->presenting_.reset();
   }
   if (auto presenterLinks = presenter ? links(presenter) : nullptr) {
     std::shared_ptr<UIViewController> released;
-    std::lock_guard lock(presenterLinks->mutex_);
+    rivet::RivetMutexLock lock(presenterLinks->mutex_);
     if (presenterLinks->presented_ == target) released = std::move(presenterLinks->presented_);
   }
 }
@@ -112,19 +112,19 @@ MemoryEventViewController::MemoryEventViewController(std::shared_ptr<MemoryScree
     : MemoryPresenting(std::move(log)), world_(std::move(world)) {}
 
 void MemoryEventViewController::setEvent(std::shared_ptr<platform::EKEvent> event) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   event_ = std::move(event);
 }
 std::shared_ptr<platform::EKEvent> MemoryEventViewController::event() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return event_;
 }
 void MemoryEventViewController::setDelegate(std::weak_ptr<platform::EKEventViewDelegate> delegate) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   delegate_ = std::move(delegate);
 }
 std::shared_ptr<platform::EKEventViewDelegate> MemoryEventViewController::delegate() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return delegate_.lock();
 }
 bool MemoryEventViewController::complete(platform::EKEventViewAction action) {
@@ -145,34 +145,34 @@ bool MemoryEventViewController::deleteEvent() {
 // Event edit screen.
 
 void MemoryEventEditViewController::setEventStore(std::shared_ptr<platform::EKEventStore> eventStore) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   store_ = std::move(eventStore);
   settingOrder_.emplace_back("eventStore");
 }
 std::shared_ptr<platform::EKEventStore> MemoryEventEditViewController::eventStore() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return store_;
 }
 void MemoryEventEditViewController::setEvent(std::shared_ptr<platform::EKEvent> event) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   event_ = std::move(event);
   settingOrder_.emplace_back("event");
 }
 std::shared_ptr<platform::EKEvent> MemoryEventEditViewController::event() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return event_;
 }
 void MemoryEventEditViewController::setEditViewDelegate(std::weak_ptr<platform::EKEventEditViewDelegate> delegate) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   delegate_ = std::move(delegate);
   settingOrder_.emplace_back("editViewDelegate");
 }
 std::shared_ptr<platform::EKEventEditViewDelegate> MemoryEventEditViewController::editViewDelegate() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return delegate_.lock();
 }
 std::vector<std::string> MemoryEventEditViewController::settingOrder() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return settingOrder_;
 }
 bool MemoryEventEditViewController::complete(platform::EKEventEditViewAction action) {
@@ -210,35 +210,35 @@ MemoryCalendarChooser::MemoryCalendarChooser(std::shared_ptr<MemoryScreenLog> lo
       eventStore_(std::move(eventStore)) {}
 
 void MemoryCalendarChooser::setSelectedCalendars(platform::EKCalendarSet calendars) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   selected_ = std::move(calendars);
 }
 platform::EKCalendarSet MemoryCalendarChooser::selectedCalendars() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return selected_;
 }
 void MemoryCalendarChooser::setDelegate(std::weak_ptr<platform::EKCalendarChooserDelegate> delegate) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   delegate_ = std::move(delegate);
 }
 std::shared_ptr<platform::EKCalendarChooserDelegate> MemoryCalendarChooser::delegate() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return delegate_.lock();
 }
 void MemoryCalendarChooser::setShowsDoneButton(bool shows) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   showsDone_ = shows;
 }
 bool MemoryCalendarChooser::showsDoneButton() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return showsDone_;
 }
 void MemoryCalendarChooser::setShowsCancelButton(bool shows) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   showsCancel_ = shows;
 }
 bool MemoryCalendarChooser::showsCancelButton() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return showsCancel_;
 }
 bool MemoryCalendarChooser::select(platform::EKCalendarSet calendars) {

@@ -12,11 +12,11 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "support/platform/Screens.h"
+#include "support/rivet/RivetMutex.h"
 
 namespace vesp::memory {
 
@@ -41,8 +41,8 @@ class MemoryScreenLog {
   void clear();
 
  private:
-  mutable std::mutex mutex_;
-  std::vector<MemoryScreenLogEntry> entries_;
+  mutable rivet::RivetMutex mutex_;
+  std::vector<MemoryScreenLogEntry> entries_ RIVET_GUARDED_BY(mutex_);
 };
 
 // The presentation links every memory screen keeps: what it presents, what presents it, and the
@@ -73,10 +73,10 @@ class MemoryScreenLinks {
   void setParent(std::weak_ptr<platform::UIViewController> parent);
 
   std::shared_ptr<MemoryScreenLog> log_;
-  mutable std::mutex mutex_;
-  std::shared_ptr<platform::UIViewController> presented_;
-  std::weak_ptr<platform::UIViewController> presenting_;
-  std::weak_ptr<platform::UIViewController> parent_;
+  mutable rivet::RivetMutex mutex_;
+  std::shared_ptr<platform::UIViewController> presented_ RIVET_GUARDED_BY(mutex_);
+  std::weak_ptr<platform::UIViewController> presenting_ RIVET_GUARDED_BY(mutex_);
+  std::weak_ptr<platform::UIViewController> parent_ RIVET_GUARDED_BY(mutex_);
 };
 
 // Presentation and dismissal for a screen interface, completing at once.
@@ -142,9 +142,9 @@ class MemoryEventViewController final : public MemoryPresenting<platform::EKEven
  private:
   bool complete(platform::EKEventViewAction action);
   std::weak_ptr<MemoryWorld> world_;
-  mutable std::mutex mutex_;
-  std::shared_ptr<platform::EKEvent> event_;
-  std::weak_ptr<platform::EKEventViewDelegate> delegate_;
+  mutable rivet::RivetMutex mutex_;
+  std::shared_ptr<platform::EKEvent> event_ RIVET_GUARDED_BY(mutex_);
+  std::weak_ptr<platform::EKEventViewDelegate> delegate_ RIVET_GUARDED_BY(mutex_);
 };
 
 class MemoryEventEditViewController final : public MemoryPresenting<platform::EKEventEditViewController> {
@@ -171,11 +171,11 @@ class MemoryEventEditViewController final : public MemoryPresenting<platform::EK
 
  private:
   bool complete(platform::EKEventEditViewAction action);
-  mutable std::mutex mutex_;
-  std::shared_ptr<platform::EKEventStore> store_;
-  std::shared_ptr<platform::EKEvent> event_;
-  std::weak_ptr<platform::EKEventEditViewDelegate> delegate_;
-  std::vector<std::string> settingOrder_;
+  mutable rivet::RivetMutex mutex_;
+  std::shared_ptr<platform::EKEventStore> store_ RIVET_GUARDED_BY(mutex_);
+  std::shared_ptr<platform::EKEvent> event_ RIVET_GUARDED_BY(mutex_);
+  std::weak_ptr<platform::EKEventEditViewDelegate> delegate_ RIVET_GUARDED_BY(mutex_);
+  std::vector<std::string> settingOrder_ RIVET_GUARDED_BY(mutex_);
 };
 
 class MemoryCalendarChooser final : public MemoryPresenting<platform::EKCalendarChooser> {
@@ -209,11 +209,11 @@ class MemoryCalendarChooser final : public MemoryPresenting<platform::EKCalendar
   platform::EKCalendarChooserDisplayStyle displayStyle_;
   platform::EKEntityType entityType_;
   std::shared_ptr<platform::EKEventStore> eventStore_;
-  mutable std::mutex mutex_;
-  platform::EKCalendarSet selected_;
-  std::weak_ptr<platform::EKCalendarChooserDelegate> delegate_;
-  bool showsDone_ = false;
-  bool showsCancel_ = false;
+  mutable rivet::RivetMutex mutex_;
+  platform::EKCalendarSet selected_ RIVET_GUARDED_BY(mutex_);
+  std::weak_ptr<platform::EKCalendarChooserDelegate> delegate_ RIVET_GUARDED_BY(mutex_);
+  bool showsDone_ RIVET_GUARDED_BY(mutex_) = false;
+  bool showsCancel_ RIVET_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace vesp::memory

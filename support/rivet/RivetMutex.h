@@ -12,6 +12,8 @@
 //   };
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
 #include <mutex>
 
 #if defined(__clang__)
@@ -51,19 +53,36 @@ class RIVET_CAPABILITY("mutex") RivetMutex {
   void assertHeld() const RIVET_ASSERT_CAPABILITY(this) {}
 
  private:
+  friend class RivetMutexLock;
   std::mutex mutex_;
 };
 
-// Holds a RivetMutex for its scope.
+// Holds a RivetMutex for its scope. It can let go of it for a while (unlock, then lock again)
+// and wait on a condition variable, which releases the mutex while it waits and holds it again
+// when the wait returns. Write the condition as a loop around wait(), so that the analysis sees
+// the guarded members read under the mutex:
+//
+//   rivet::RivetMutexLock lock(mutex_);
+//   while (queue_.empty()) lock.wait(arrived_);
 class RIVET_SCOPED_CAPABILITY RivetMutexLock {
  public:
-  explicit RivetMutexLock(RivetMutex& mutex) RIVET_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
-  ~RivetMutexLock() RIVET_RELEASE() { mutex_.unlock(); }
+  explicit RivetMutexLock(RivetMutex& mutex) RIVET_ACQUIRE(mutex) : lock_(mutex.mutex_) {}
+  ~RivetMutexLock() RIVET_RELEASE() {}
   RivetMutexLock(const RivetMutexLock&) = delete;
   RivetMutexLock& operator=(const RivetMutexLock&) = delete;
 
+  void unlock() RIVET_RELEASE() { lock_.unlock(); }
+  void lock() RIVET_ACQUIRE() { lock_.lock(); }
+
+  void wait(std::condition_variable& condition) { condition.wait(lock_); }
+  // Returns false when the time came first.
+  template <class Clock, class Duration>
+  bool waitUntil(std::condition_variable& condition, const std::chrono::time_point<Clock, Duration>& time) {
+    return condition.wait_until(lock_, time) == std::cv_status::no_timeout;
+  }
+
  private:
-  RivetMutex& mutex_;
+  std::unique_lock<std::mutex> lock_;
 };
 
 }  // namespace rivet

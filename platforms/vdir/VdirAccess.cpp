@@ -10,9 +10,9 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
+
+#include "platforms/vdir/VdirFiles.h"
 
 namespace vesp::vdir {
 
@@ -28,12 +28,21 @@ nlohmann::json parsed(const std::string& text) {
   return json;
 }
 
+// Far more than any access file holds; a larger one is read as no decisions.
+constexpr std::uintmax_t kLargestFile = 64u << 20;
+
+// The text of the open file, empty when it cannot be read.
+std::string textOf(int fd) {
+  auto text = readOpenFile(fd, 0, kLargestFile);
+  return text && text->size() <= kLargestFile ? std::move(text).value() : std::string();
+}
+
 nlohmann::json readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return nlohmann::json::object();
-  std::stringstream text;
-  text << in.rdbuf();
-  return parsed(text.str());
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return nlohmann::json::object();
+  std::string text = textOf(fd);
+  ::close(fd);
+  return parsed(text);
 }
 
 platform::EKAuthorizationStatus decisionOf(const nlohmann::json& json, const std::string& application,
@@ -93,13 +102,7 @@ void VdirAccess::readIfChanged() const {
   }
   std::string text;
   if (fd >= 0) {
-    char buffer[4096];
-    for (;;) {
-      ssize_t got = ::read(fd, buffer, sizeof buffer);
-      if (got < 0 && errno == EINTR) continue;
-      if (got <= 0) break;
-      text.append(buffer, static_cast<std::size_t>(got));
-    }
+    text = textOf(fd);
     ::close(fd);
   }
   auto json = parsed(text);
@@ -130,31 +133,9 @@ std::optional<std::string> VdirAccess::record(platform::EKEntityType entityType,
   std::filesystem::path path(file_);
   std::error_code error;
   if (path.has_parent_path()) std::filesystem::create_directories(path.parent_path(), error);
-  std::string temporary = file_ + ".tmp." + std::to_string(::getpid());
-  std::string text = json.dump(2) + "\n";
-  int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  auto written = replaceFile(file_, json.dump(2) + "\n", 0600, VdirDurability::synced);
   std::optional<std::string> failure;
-  if (fd < 0) {
-    failure = "cannot write " + temporary + ": " + std::strerror(errno);
-  } else {
-    const char* at = text.data();
-    std::size_t left = text.size();
-    while (left > 0) {
-      ssize_t written = ::write(fd, at, left);
-      if (written < 0 && errno == EINTR) continue;
-      if (written <= 0) {
-        failure = "cannot write " + temporary + ": " + std::strerror(errno);
-        break;
-      }
-      at += written;
-      left -= static_cast<std::size_t>(written);
-    }
-    if (!failure && ::fsync(fd) != 0) failure = "cannot write " + temporary + ": " + std::strerror(errno);
-    ::close(fd);
-    if (!failure && ::rename(temporary.c_str(), file_.c_str()) != 0)
-      failure = "cannot replace " + file_ + ": " + std::strerror(errno);
-    if (failure) ::unlink(temporary.c_str());
-  }
+  if (!written) failure = written.error().message();
   if (failure)
     overrides_[entityType] = granted;
   else

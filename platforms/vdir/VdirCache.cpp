@@ -15,6 +15,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "platforms/vdir/VdirFiles.h"
 #include "platforms/vdir/VdirText.h"
 #include "platforms/vdir/VdirZones.h"
 
@@ -707,35 +708,11 @@ std::optional<VdirFileRecords> readCache(const std::string& path, const std::str
 
 std::optional<std::string> writeCacheFile(const std::string& path, std::string_view bytes) {
   std::error_code error;
-  fs::path target(path);
-  fs::create_directories(target.parent_path(), error);
+  fs::create_directories(fs::path(path).parent_path(), error);
   if (error) return "the cache directory cannot be made: " + error.message();
-  std::random_device random;
-  std::string temporary = path + ".tmp-" + std::to_string(::getpid()) + "-" + std::to_string(random());
-  int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-  if (fd < 0) return errorText("the cache cannot be written");
-  std::size_t written = 0;
-  while (written < bytes.size()) {
-    ssize_t count = ::write(fd, bytes.data() + written, bytes.size() - written);
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) {
-      std::string message = errorText("the cache cannot be written");
-      ::close(fd);
-      ::unlink(temporary.c_str());
-      return message;
-    }
-    written += static_cast<std::size_t>(count);
-  }
-  if (::close(fd) != 0) {
-    std::string message = errorText("the cache cannot be written");
-    ::unlink(temporary.c_str());
-    return message;
-  }
-  if (::rename(temporary.c_str(), path.c_str()) != 0) {
-    std::string message = errorText("the cache cannot be put in place");
-    ::unlink(temporary.c_str());
-    return message;
-  }
+  // Not synced: a cache damaged by a crash fails its check when read and is rebuilt.
+  auto written = replaceFile(path, bytes, 0600, VdirDurability::unsynced);
+  if (!written) return "the cache cannot be written: " + written.error().message();
   return std::nullopt;
 }
 

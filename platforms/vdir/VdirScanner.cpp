@@ -17,6 +17,7 @@
 #include <thread>
 #include <unordered_map>
 
+#include "platforms/vdir/VdirFiles.h"
 #include "platforms/vdir/VdirText.h"
 
 namespace fs = std::filesystem;
@@ -98,22 +99,6 @@ void runOnEveryCore(unsigned threads, std::size_t count, std::size_t perThread,
   for (unsigned i = 1; i < workers; ++i) pool.emplace_back(some);
   some();
   for (auto& thread : pool) thread.join();
-}
-
-// Reads an open file whole, at most `limit` bytes and one more; the error number on failure.
-int readWhole(int fd, std::size_t expected, std::uintmax_t limit, std::string& text) {
-  text.reserve(expected);
-  char buffer[65536];
-  ssize_t count;
-  while ((count = ::read(fd, buffer, sizeof buffer)) != 0) {
-    if (count < 0) {
-      if (errno == EINTR) continue;
-      return errno;
-    }
-    text.append(buffer, static_cast<std::size_t>(count));
-    if (text.size() > limit) break;
-  }
-  return 0;
 }
 
 }  // namespace
@@ -371,15 +356,20 @@ bool VdirScanner::readSlot(Slot& slot) const {
     slot.record.diagnostics.push_back(tooLarge(slot.relative, status.st_size, options_.maximumFileSize));
     return false;
   }
-  std::string text;
-  int error = readWhole(fd, static_cast<std::size_t>(status.st_size), options_.maximumFileSize, text);
+  auto text = readOpenFile(fd, static_cast<std::size_t>(status.st_size), options_.maximumFileSize);
   ::close(fd);
-  if (error != 0) {
-    slot.record.diagnostics.push_back(unreadable(slot.relative, error));
+  if (!text) {
+    slot.record.diagnostics.push_back({slot.relative, VdirDiagnostic::Action::skipped, text.error().message()});
+    return false;
+  }
+  if (text->size() > options_.maximumFileSize) {
+    slot.record.diagnostics.push_back({slot.relative, VdirDiagnostic::Action::skipped,
+                                       "file grew past the limit of " + std::to_string(options_.maximumFileSize) +
+                                           " bytes while it was read"});
     return false;
   }
   VdirParseContext context{&zones_, &clock_, &options_.userAddresses, options_.maximumCountedOccurrences};
-  auto parsed = parseItem(slot.relative, slot.name, text, context);
+  auto parsed = parseItem(slot.relative, slot.name, *text, context);
   slot.record.item = std::move(parsed.item);
   slot.record.diagnostics = std::move(parsed.diagnostics);
   return true;

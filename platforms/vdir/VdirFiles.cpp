@@ -1,0 +1,93 @@
+#include "platforms/vdir/VdirFiles.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <random>
+
+namespace vesp::vdir {
+
+namespace {
+
+rivet::RivetError failure(const std::string& what, int error, const char* function, std::uint64_t line) {
+  return rivet::RivetError(what + ": " + std::strerror(error), std::nullopt, "VdirFiles", function, line);
+}
+
+// Writes all of `bytes`, retrying after interruptions; 0 or the error number.
+int writeAll(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    ssize_t count = ::write(fd, bytes.data(), bytes.size());
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return count < 0 ? errno : EIO;
+    bytes.remove_prefix(static_cast<std::size_t>(count));
+  }
+  return 0;
+}
+
+int syncDirectory(const std::string& directory) {
+  int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return errno;
+  int error = ::fsync(fd) == 0 ? 0 : errno;
+  ::close(fd);
+  return error;
+}
+
+}  // namespace
+
+rivet::RivetResult<std::string> readOpenFile(int fd, std::size_t sizeHint, std::uintmax_t limit) {
+  std::string text;
+  text.reserve(static_cast<std::size_t>(std::min<std::uintmax_t>(sizeHint, limit + 1)));
+  char buffer[65536];
+  for (;;) {
+    ssize_t count = ::read(fd, buffer, sizeof buffer);
+    if (count == 0) break;
+    if (count < 0) {
+      if (errno == EINTR) continue;
+      return failure("file cannot be read", errno, "readOpenFile", __LINE__);
+    }
+    text.append(buffer, static_cast<std::size_t>(count));
+    if (text.size() > limit) {
+      text.resize(static_cast<std::size_t>(limit + 1));
+      break;
+    }
+  }
+  return text;
+}
+
+rivet::RivetResult<void> replaceFile(const std::string& path, std::string_view bytes, mode_t mode,
+                                     VdirDurability durability) {
+  const std::filesystem::path target(path);
+  std::string directory = target.parent_path().string();
+  if (directory.empty()) directory = ".";
+  std::random_device random;
+  const std::string temporary = (target.parent_path() / ("." + target.filename().string() + "." +
+                                                         std::to_string(::getpid()) + "-" +
+                                                         std::to_string(random()) + ".tmp"))
+                                    .string();
+  int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+  if (fd < 0) return failure("cannot write " + temporary, errno, "replaceFile", __LINE__);
+  int error = writeAll(fd, bytes);
+  // The mode asked for, whatever the umask took away.
+  if (error == 0 && ::fchmod(fd, mode) != 0) error = errno;
+  if (error == 0 && durability == VdirDurability::synced && ::fsync(fd) != 0) error = errno;
+  if (::close(fd) != 0 && error == 0) error = errno;
+  if (error != 0) {
+    ::unlink(temporary.c_str());
+    return failure("cannot write " + temporary, error, "replaceFile", __LINE__);
+  }
+  if (::rename(temporary.c_str(), path.c_str()) != 0) {
+    error = errno;
+    ::unlink(temporary.c_str());
+    return failure("cannot replace " + path, error, "replaceFile", __LINE__);
+  }
+  if (durability == VdirDurability::synced && (error = syncDirectory(directory)) != 0)
+    return failure("cannot sync " + directory, error, "replaceFile", __LINE__);
+  return rivet::RivetResultVoidSuccess;
+}
+
+}  // namespace vesp::vdir

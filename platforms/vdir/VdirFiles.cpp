@@ -62,13 +62,13 @@ rivet::RivetResult<std::string> readOpenFile(int fd, std::size_t sizeHint, std::
 rivet::RivetResult<void> replaceFile(const std::string& path, std::string_view bytes, mode_t mode,
                                      VdirDurability durability) {
   const std::filesystem::path target(path);
-  std::string directory = target.parent_path().string();
-  if (directory.empty()) directory = ".";
+  const std::filesystem::path directory = target.has_parent_path() ? target.parent_path() : ".";
   std::random_device random;
-  const std::string temporary = (target.parent_path() / ("." + target.filename().string() + "." +
-                                                         std::to_string(::getpid()) + "-" +
-                                                         std::to_string(random()) + ".tmp"))
-                                    .string();
+  std::string name(1, '.');
+  name.append(target.filename().string());
+  name.append(1, '.').append(std::to_string(::getpid()));
+  name.append(1, '-').append(std::to_string(random())).append(".tmp");
+  const std::string temporary = (directory / name).string();
   int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
   if (fd < 0) return failure("cannot write " + temporary, errno, "replaceFile", __LINE__);
   int error = writeAll(fd, bytes);
@@ -85,8 +85,8 @@ rivet::RivetResult<void> replaceFile(const std::string& path, std::string_view b
     ::unlink(temporary.c_str());
     return failure("cannot replace " + path, error, "replaceFile", __LINE__);
   }
-  if (durability == VdirDurability::synced && (error = syncDirectory(directory)) != 0)
-    return failure("cannot sync " + directory, error, "replaceFile", __LINE__);
+  if (durability == VdirDurability::synced && (error = syncDirectory(directory.string())) != 0)
+    return failure("cannot sync " + directory.string(), error, "replaceFile", __LINE__);
   return rivet::RivetResultVoidSuccess;
 }
 

@@ -55,9 +55,6 @@ struct VdirStoreOptions {
   std::uintmax_t maximumFileSize = 16u * 1024u * 1024u;
   VdirExpansionLimits limits;
   std::size_t maximumCountedOccurrences = 100000;
-  // Fault injection for tests: called with each file's path just before it is looked at, so that
-  // a test can delete, rename or truncate it between listing and reading.
-  std::function<void(const std::string& path)> beforeRead;
   // Where the persistent cache is kept: absent, the user's cache directory
   // (defaultCacheDirectory()); empty, nowhere (no cache).
   std::optional<std::string> cacheDirectory;

@@ -157,8 +157,9 @@ struct VdirScanner::Listing {
   }
 };
 
-VdirScanner::VdirScanner(const VdirStoreOptions& options, VdirZones& zones, const VdirClock& clock, unsigned threads)
-    : options_(options), zones_(zones), clock_(clock), threads_(std::max(1u, threads)),
+VdirScanner::VdirScanner(const VdirStoreOptions& options, VdirZones& zones, const VdirClock& clock, unsigned threads,
+                         const VdirScanHooks& hooks)
+    : options_(options), hooks_(hooks), zones_(zones), clock_(clock), threads_(std::max(1u, threads)),
       next_(std::make_shared<VdirSnapshot>()) {}
 
 VdirScanner::~VdirScanner() {
@@ -326,8 +327,8 @@ void VdirScanner::lookAt(Slot& slot, VdirFileRecords& previous) const {
 
 void VdirScanner::look(VdirFileRecords& previous) {
   // The fault injection hook runs first, in listing order.
-  if (options_.beforeRead)
-    for (const auto& slot : slots_) options_.beforeRead(slot.relative);
+  if (hooks_.beforeLooking)
+    for (const auto& slot : slots_) hooks_.beforeLooking(slot.relative);
   matchPrevious(previous);
   runOnEveryCore(threads_, slots_.size(), 1024, [&](std::size_t at) { lookAt(slots_[at], previous); });
   for (std::size_t i = 0; i < slots_.size(); ++i)

@@ -11,6 +11,8 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -30,6 +32,16 @@ class VdirZones;
 using VdirSources = std::map<std::string, std::shared_ptr<VdirSource>>;
 using VdirCalendars = std::map<std::string, std::shared_ptr<VdirCalendar>>;
 
+// Fault injection for tests.
+struct VdirScanHooks {
+  // Called with each listed file's path, in listing order, just before the files are looked at,
+  // so that a test can delete, rename or truncate one between listing and reading.
+  std::function<void(const std::string& path)> beforeLooking;
+  // The time of a scan, in nanoseconds since 1970 (none: the real clock). A file changed within
+  // the timestamp granularity before it is not cached.
+  std::function<std::int64_t()> now;
+};
+
 struct VdirScanResult {
   std::shared_ptr<VdirSnapshot> snapshot;  // its generation is the caller's to set
   VdirFileRecords records;                 // of the files served, in listing order
@@ -40,7 +52,8 @@ struct VdirScanResult {
 class VdirScanner {
  public:
   // `threads` workers look at and parse files (at least one).
-  VdirScanner(const VdirStoreOptions& options, VdirZones& zones, const VdirClock& clock, unsigned threads);
+  VdirScanner(const VdirStoreOptions& options, VdirZones& zones, const VdirClock& clock, unsigned threads,
+              const VdirScanHooks& hooks = {});
   ~VdirScanner();
   VdirScanner(const VdirScanner&) = delete;
   VdirScanner& operator=(const VdirScanner&) = delete;
@@ -72,6 +85,7 @@ class VdirScanner {
   void problem(std::string path, VdirDiagnostic::Action action, std::string text);
 
   const VdirStoreOptions& options_;
+  const VdirScanHooks hooks_;
   VdirZones& zones_;
   const VdirClock& clock_;
   const unsigned threads_;

@@ -22,8 +22,8 @@ namespace fs = std::filesystem;
 
 namespace vesp::vdir {
 
-std::shared_ptr<VdirStore> VdirStore::make(VdirStoreOptions options) {
-  std::shared_ptr<VdirStore> store(new VdirStore(std::move(options)));
+std::shared_ptr<VdirStore> VdirStore::make(VdirStoreOptions options, VdirScanHooks hooks) {
+  std::shared_ptr<VdirStore> store(new VdirStore(std::move(options), std::move(hooks)));
   store->rescan();
   if (store->options_.watch) {
     auto state = std::make_shared<WatchState>();
@@ -42,7 +42,8 @@ std::shared_ptr<VdirStore> VdirStore::make(VdirStoreOptions options) {
   return store;
 }
 
-VdirStore::VdirStore(VdirStoreOptions options) : options_(std::move(options)), zones_(std::make_shared<VdirZones>()) {
+VdirStore::VdirStore(VdirStoreOptions options, VdirScanHooks hooks)
+    : options_(std::move(options)), zones_(std::make_shared<VdirZones>()), hooks_(std::move(hooks)) {
   for (auto& address : options_.userAddresses)
     for (char& c : address) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   clock_ = std::make_unique<VdirClock>(options_.localTimeZone.empty() ? systemLocalZoneName() : options_.localTimeZone);
@@ -164,9 +165,10 @@ bool VdirStore::rescan() {
   ++rescans_;
   timespec now{};
   ::clock_gettime(CLOCK_REALTIME, &now);
-  const std::int64_t scannedAt = static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+  const std::int64_t scannedAt =
+      hooks_.now ? hooks_.now() : static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
 
-  VdirScanner scanner(options_, *zones_, *clock_, threads());
+  VdirScanner scanner(options_, *zones_, *clock_, threads(), hooks_);
   scanner.list(sources_);
   // The cache, read while the tree was listed, holds the records of the scan before the first.
   takePendingCache();

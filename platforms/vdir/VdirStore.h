@@ -48,6 +48,7 @@
 #include "platforms/vdir/VdirExpansion.h"
 #include "platforms/vdir/VdirItem.h"
 #include "platforms/vdir/VdirObjects.h"
+#include "platforms/vdir/VdirScanner.h"
 #include "platforms/vdir/VdirSnapshot.h"
 #include "support/rivet/RivetMutex.h"
 
@@ -57,8 +58,8 @@ class VdirZones;
 
 class VdirStore : public std::enable_shared_from_this<VdirStore> {
  public:
-  // Reads the tree once and, when asked, starts watching it.
-  static std::shared_ptr<VdirStore> make(VdirStoreOptions options);
+  // Reads the tree once and, when asked, starts watching it. `hooks` are for tests.
+  static std::shared_ptr<VdirStore> make(VdirStoreOptions options, VdirScanHooks hooks = {});
   ~VdirStore();
   VdirStore(const VdirStore&) = delete;
   VdirStore& operator=(const VdirStore&) = delete;
@@ -110,7 +111,7 @@ class VdirStore : public std::enable_shared_from_this<VdirStore> {
   bool isWatching() const { return watchState_ && watchState_->watching.load(); }
 
  private:
-  explicit VdirStore(VdirStoreOptions options);
+  VdirStore(VdirStoreOptions options, VdirScanHooks hooks);
   bool rescan() RIVET_EXCLUDES(rescanMutex_, indexMutex_, mutex_);
   // What the watcher's thread needs, shared with it so that it outlives the store if need be.
   struct WatchState {
@@ -144,6 +145,7 @@ class VdirStore : public std::enable_shared_from_this<VdirStore> {
   std::unique_ptr<VdirClock> clock_;
   std::string cacheKey_;   // empty: no cache
   std::string cacheFile_;  // where the cache is kept
+  VdirScanHooks hooks_;
 
   // Lock order: rescanMutex_, then indexMutex_, then mutex_. A query holds indexMutex_ for the
   // whole of its expansion, so queries of every connection run one at a time.

@@ -65,15 +65,14 @@ std::string event(int number, const std::string& title) {
 void makeStore(const fs::path& root, int count) {
   for (int day = 1; day <= count; ++day)
     writeFile(root / "cal" / ("e" + std::to_string(day) + ".ics"), event(day, "Event " + std::to_string(day)));
-  // Files changed within the file system's timestamp granularity of a scan are not cached.
-  std::this_thread::sleep_for(std::chrono::milliseconds(120));
 }
 
 std::string cacheFileOf(const VdirStore& store) { return store.cacheStatus().path; }
 
-// A store opened once its cache is written (it is written in the background).
-std::shared_ptr<VdirStore> openFlushed(const VdirStoreOptions& options) {
-  auto store = VdirStore::make(options);
+// A store opened once its cache is written (it is written in the background). Its scans' clock
+// is ahead of the files' times unless the test asks for the real one.
+std::shared_ptr<VdirStore> openFlushed(const VdirStoreOptions& options, VdirScanHooks hooks = testing::settledClock()) {
+  auto store = VdirStore::make(options, std::move(hooks));
   store->flushCache();
   return store;
 }
@@ -100,7 +99,6 @@ TEST(VdirCacheTest, EveryFieldOfTheMappingAndSeriesCorporaSurvivesTheCache) {
   for (const char* corpus : {"mapping", "series"}) {
     TemporaryDirectory directory;
     fs::copy(testData(corpus), directory.path() / "store", fs::copy_options::recursive);
-    std::this_thread::sleep_for(std::chrono::milliseconds(120));
     auto options = storeOptions(directory.path() / "store", directory.path() / "cache");
     auto uncached = openFlushed([&] {
       auto o = options;
@@ -127,7 +125,6 @@ TEST(VdirCacheTest, OnlyTheFilesThatChangedAreParsedAgain) {
   openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"));
   writeFile(directory.path() / "store/cal/e3.ics", event(3, "Changed three"));
   writeFile(directory.path() / "store/cal/e7.ics", event(7, "Changed seven, and longer"));
-  std::this_thread::sleep_for(std::chrono::milliseconds(120));
   auto reopened = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"));
   EXPECT_TRUE(reopened->cacheStatus().loaded);
   EXPECT_EQ(reopened->parseCount(), 2u);
@@ -157,13 +154,13 @@ TEST(VdirCacheTest, AFileChangedWithinTheTimestampGranularityOfTheScanIsNeverTru
   ASSERT_EQ(::stat(file.c_str(), &before), 0);
   // Opened at once: the file's times are as new as the scan, so a change within the same tick
   // could keep size and times as they are.
-  auto first = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  auto first = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"), {});
   EXPECT_THAT(titles(*first), ::testing::ElementsAre("cal/racy.ics Version A"));
   // Changed to another text of the same size, its modification time put back as it was.
   writeFile(file, event(4, "Version B"));
   timespec times[2] = {before.st_atim, before.st_mtim};
   ASSERT_EQ(::utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
-  auto second = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  auto second = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"), {});
   EXPECT_EQ(second->parseCount(), 1u);  // not taken from the cache
   EXPECT_THAT(titles(*second), ::testing::ElementsAre("cal/racy.ics Version B"));
 }

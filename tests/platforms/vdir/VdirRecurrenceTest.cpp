@@ -301,10 +301,9 @@ TEST(VdirRecurrenceTest, SkipSurvivesTheCache) {
   writeFile(root.path() / "cal" / "skip.ics",
             eventFile("skip", {"DTSTART;VALUE=DATE:20140131",
                                "RRULE:RSCALE=GREGORIAN;FREQ=MONTHLY;SKIP=BACKWARD;UNTIL=20140430"}));
-  std::this_thread::sleep_for(std::chrono::milliseconds(120));  // older than a scan's timestamp granularity
   const std::vector<std::string> expected = {"20140131", "20140228", "20140331", "20140430"};
   {
-    auto cold = VdirStore::make(optionsFor(root.path(), "UTC", cache.path().string()));
+    auto cold = VdirStore::make(optionsFor(root.path(), "UTC", cache.path().string()), testing::settledClock());
     EXPECT_EQ(starts(*cold, utc(2014, 1, 1), utc(2015, 1, 1), "UTC", 100, true), expected);
     cold->flushCache();
   }
@@ -631,7 +630,6 @@ TEST(VdirRecurrencePropertyTest, TheCacheGivesExactlyTheAnswersOfAColdOpen) {
     writeFile(root.path() / "cal" / ("s" + std::to_string(n) + ".ics"), eventFile("s" + std::to_string(n), series.lines));
   };
   for (int n = 0; n < 80; ++n) writeSeries(n);
-  std::this_thread::sleep_for(std::chrono::milliseconds(120));  // older than a scan's timestamp granularity
   const std::vector<std::pair<platform::Date, platform::Date>> windows = {
       {utc(2022, 1, 1), utc(2023, 1, 1)}, {utc(2022, 3, 1), utc(2022, 4, 1)}, {utc(2025, 6, 1), utc(2025, 6, 2)}};
   auto answer = [&](VdirStore& store) {
@@ -641,7 +639,9 @@ TEST(VdirRecurrencePropertyTest, TheCacheGivesExactlyTheAnswersOfAColdOpen) {
     return records;
   };
   auto coldOpen = [&] { return VdirStore::make(optionsFor(root.path(), "Europe/Berlin")); };
-  auto cachedOpen = [&] { return VdirStore::make(optionsFor(root.path(), "Europe/Berlin", cache.path().string())); };
+  auto cachedOpen = [&] {
+    return VdirStore::make(optionsFor(root.path(), "Europe/Berlin", cache.path().string()), testing::settledClock());
+  };
   auto expectSame = [](const std::vector<VespEventInstance>& got, const std::vector<VespEventInstance>& expected) {
     ASSERT_EQ(got.size(), expected.size());
     for (std::size_t i = 0; i < got.size(); ++i)
@@ -659,7 +659,6 @@ TEST(VdirRecurrencePropertyTest, TheCacheGivesExactlyTheAnswersOfAColdOpen) {
     warm->flushCache();
   }
   for (int n = 0; n < 80; n += 9) writeSeries(n);
-  std::this_thread::sleep_for(std::chrono::milliseconds(120));
   auto changed = cachedOpen();
   ASSERT_TRUE(changed->cacheStatus().loaded) << changed->cacheStatus().loadProblem;
   expectSame(answer(*changed), answer(*coldOpen()));

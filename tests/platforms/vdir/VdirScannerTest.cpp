@@ -30,7 +30,7 @@ class VdirScannerTest : public ::testing::Test {
 
   // One whole scan over the records and calendars of the scan before (kept for the next one).
   VdirScanResult scan(std::size_t* parsed = nullptr) {
-    VdirScanner scanner(options_, zones_, clock_, 2);
+    VdirScanner scanner(options_, zones_, clock_, 2, hooks_);
     scanner.list(sources_);
     scanner.look(records_);
     std::size_t count = scanner.read();
@@ -57,6 +57,7 @@ class VdirScannerTest : public ::testing::Test {
 
   TemporaryDirectory root_;
   VdirStoreOptions options_;
+  VdirScanHooks hooks_;
   VdirZones zones_;
   VdirClock clock_{"Europe/Berlin"};
   VdirSources sources_;
@@ -131,7 +132,7 @@ TEST_F(VdirScannerTest, AFileRemovedBetweenListingAndLookingIsLeftOutWithoutAPro
   writeFile(root_.path() / "cal" / "a.ics", event("a"));
   writeFile(root_.path() / "cal" / "b.ics", event("b"));
   scan();
-  options_.beforeRead = [&](const std::string& path) {
+  hooks_.beforeLooking = [&](const std::string& path) {
     if (path == "cal/a.ics") std::filesystem::remove(root_.path() / "cal" / "a.ics");
   };
 

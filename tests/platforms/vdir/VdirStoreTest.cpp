@@ -516,15 +516,16 @@ TEST(VdirStoreTest, AFileDeletedBetweenListingAndReadingIsLeftOutWithoutAProblem
   writeFile(root.path() / "c/b.ics", simpleEvent("b", "B", "20260310T090000Z", "20260310T100000Z"));
   auto options = testing::platformOptions(root.path(), config.path() / "access.json");
   bool armed = false;
-  options.store.beforeRead = [&](const std::string& path) {
+  VdirScanHooks hooks;
+  hooks.beforeLooking = [&](const std::string& path) {
     if (armed && path == "c/b.ics") fs::remove(root.path() / "c/b.ics");
   };
-  auto platform = VdirPlatform::make(options);
+  auto store = VdirStore::make(options.store, hooks);
   writeFile(root.path() / "c/b.ics", simpleEvent("b", "B2", "20260310T090000Z", "20260310T100000Z"));
   armed = true;
-  platform->store()->refresh();
-  EXPECT_THAT(titlesOn10March(*platform->store()), ::testing::ElementsAre("A"));
-  EXPECT_TRUE(platform->diagnostics().empty());
+  store->refresh();
+  EXPECT_THAT(titlesOn10March(*store), ::testing::ElementsAre("A"));
+  EXPECT_TRUE(store->diagnostics().empty());
 }
 
 TEST(VdirStoreTest, AFileRenamedBetweenListingAndReadingIsServedByTheNextRescan) {
@@ -532,15 +533,16 @@ TEST(VdirStoreTest, AFileRenamedBetweenListingAndReadingIsServedByTheNextRescan)
   writeFile(root.path() / "c/a.ics", simpleEvent("a", "A", "20260310T090000Z", "20260310T100000Z"));
   auto options = testing::platformOptions(root.path(), config.path() / "access.json");
   int renames = 0;
-  options.store.beforeRead = [&](const std::string& path) {
+  VdirScanHooks hooks;
+  hooks.beforeLooking = [&](const std::string& path) {
     if (path == "c/new.ics" && renames++ == 0) fs::rename(root.path() / "c/new.ics", root.path() / "c/z-renamed.ics");
   };
-  auto platform = VdirPlatform::make(options);
+  auto store = VdirStore::make(options.store, hooks);
   writeFile(root.path() / "c/new.ics", simpleEvent("n", "New", "20260310T090000Z", "20260310T100000Z"));
-  platform->store()->refresh();  // lists new.ics, finds it gone, and does not list z-renamed.ics yet
-  platform->store()->refresh();  // the next rescan sees the truth
-  EXPECT_THAT(titlesOn10March(*platform->store()), ::testing::ElementsAre("A", "New"));
-  EXPECT_NE(platform->store()->firstOccurrence("c/z-renamed.ics"), nullptr);
+  store->refresh();  // lists new.ics, finds it gone, and does not list z-renamed.ics yet
+  store->refresh();  // the next rescan sees the truth
+  EXPECT_THAT(titlesOn10March(*store), ::testing::ElementsAre("A", "New"));
+  EXPECT_NE(store->firstOccurrence("c/z-renamed.ics"), nullptr);
 }
 
 TEST(VdirStoreTest, AFileTruncatedWhileBeingReadIsRepairedOrReportedAndItsWholeVersionIsServedNext) {
@@ -549,21 +551,22 @@ TEST(VdirStoreTest, AFileTruncatedWhileBeingReadIsRepairedOrReportedAndItsWholeV
   writeFile(root.path() / "c/a.ics", simpleEvent("a", "Old", "20260310T090000Z", "20260310T100000Z"));
   auto options = testing::platformOptions(root.path(), config.path() / "access.json");
   bool truncate = false;
-  options.store.beforeRead = [&](const std::string& path) {
+  VdirScanHooks hooks;
+  hooks.beforeLooking = [&](const std::string& path) {
     if (truncate && path == "c/a.ics") {
       writeFile(root.path() / path, whole.substr(0, whole.size() / 2));
       truncate = false;
     }
   };
-  auto platform = VdirPlatform::make(options);
+  auto store = VdirStore::make(options.store, hooks);
   truncate = true;
   writeFile(root.path() / "c/a.ics", whole);
-  platform->store()->refresh();
-  EXPECT_FALSE(platform->diagnostics().empty());  // what the half file lacked is said
-  writeFile(root.path() / "c/a.ics", whole);      // the writer finishes
-  platform->store()->refresh();
-  EXPECT_THAT(titlesOn10March(*platform->store()), ::testing::ElementsAre("Whole"));
-  EXPECT_TRUE(platform->diagnostics().empty());
+  store->refresh();
+  EXPECT_FALSE(store->diagnostics().empty());  // what the half file lacked is said
+  writeFile(root.path() / "c/a.ics", whole);   // the writer finishes
+  store->refresh();
+  EXPECT_THAT(titlesOn10March(*store), ::testing::ElementsAre("Whole"));
+  EXPECT_TRUE(store->diagnostics().empty());
 }
 
 TEST(VdirStoreTest, ACollectionThatBecomesUnreadableLeavesTheRestServedAndComesBack) {

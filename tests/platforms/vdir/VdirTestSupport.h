@@ -70,6 +70,18 @@ inline std::string simpleEvent(const std::string& uid, const std::string& summar
          extra + "END:VEVENT\r\nEND:VCALENDAR\r\n";
 }
 
+// A scan clock ten seconds ahead of the real one: files written just now already count as
+// settled (older than a scan's timestamp granularity), so they are cached without waiting.
+inline VdirScanHooks settledClock() {
+  VdirScanHooks hooks;
+  hooks.now = [] {
+    auto now = std::chrono::system_clock::now() + std::chrono::seconds(10);
+    return static_cast<std::int64_t>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(now.time_since_epoch()).count());
+  };
+  return hooks;
+}
+
 inline VdirPlatformOptions platformOptions(const fs::path& root, const fs::path& accessFile, bool watch = false) {
   VdirPlatformOptions options;
   options.store.root = root.string();

@@ -19,6 +19,6 @@ std::ostream& operator<<(std::ostream& out, VespAuthorisationStatus status);
 
 // The state identifier writes "authorization" with a z, unlike the type; both are deliberate.
 template <>
-struct rivet::RivetStateIdentifier<vesp::VespAuthorisationStatus> {
+struct vesp::rivet::RivetStateIdentifier<vesp::VespAuthorisationStatus> {
   static std::string_view identifier() { return "com.ambrel.vesp.state.calendar-manager.authorization"; }
 };

@@ -23,8 +23,8 @@ int main(int argc, char** argv) {
     double open = bench::secondsSince(began);
     auto results = bench::runWindows(arguments, [&](const bench::Window& window) {
       std::vector<std::pair<std::string, long long>> occurrences;
-      auto events = store->events(platform::Date::fromTimeIntervalSince1970(static_cast<double>(window.start)),
-                                  platform::Date::fromTimeIntervalSince1970(static_cast<double>(window.end)),
+      auto events = store->events(vesp::platform::Date::fromTimeIntervalSince1970(static_cast<double>(window.start)),
+                                  vesp::platform::Date::fromTimeIntervalSince1970(static_cast<double>(window.end)),
                                   std::nullopt);
       occurrences.reserve(events.size());
       for (const auto& event : events)

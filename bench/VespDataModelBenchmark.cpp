@@ -18,7 +18,7 @@ std::shared_ptr<vesp::memory::MemoryEvent> populatedEvent() {
   for (int i = 0; i < 10; ++i) fields.item.attendees->push_back(makeParticipant("Attendee " + std::to_string(i)));
   fields.item.alarms.emplace();
   for (int i = 0; i < 5; ++i) fields.item.alarms->push_back(makeAlarm(-300.0 * (i + 1)));
-  fields.item.recurrenceRules = std::vector<std::shared_ptr<platform::EKRecurrenceRule>>{makeRule(), makeRule()};
+  fields.item.recurrenceRules = std::vector<std::shared_ptr<vesp::platform::EKRecurrenceRule>>{makeRule(), makeRule()};
   return makeEvent(fields);
 }
 
@@ -42,7 +42,7 @@ BENCHMARK(convertReminder);
 
 void encodeIdentifier(benchmark::State& state) {
   vesp::VespJSONEncoder encoder;
-  auto identifier = vesp::VespEventInstanceIdentifier::withOccurrenceDate("E1-4F2A-9C1B", platform::Date(694224000.5));
+  auto identifier = vesp::VespEventInstanceIdentifier::withOccurrenceDate("E1-4F2A-9C1B", vesp::platform::Date(694224000.5));
   for (auto _ : state) benchmark::DoNotOptimize(encoder.encode(identifier));
 }
 BENCHMARK(encodeIdentifier);
@@ -50,7 +50,7 @@ BENCHMARK(encodeIdentifier);
 void decodeIdentifier(benchmark::State& state) {
   vesp::VespJSONDecoder decoder;
   std::string json = vesp::VespJSONEncoder().encode(
-      vesp::VespEventInstanceIdentifier::withOccurrenceDate("E1-4F2A-9C1B", platform::Date(694224000.5)));
+      vesp::VespEventInstanceIdentifier::withOccurrenceDate("E1-4F2A-9C1B", vesp::platform::Date(694224000.5)));
   for (auto _ : state) benchmark::DoNotOptimize(decoder.decode<vesp::VespEventInstanceIdentifier>(json));
 }
 BENCHMARK(decodeIdentifier);

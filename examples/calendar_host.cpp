@@ -9,36 +9,36 @@
 #include "support/keel/KeelManagerFramework.h"
 #include "support/rivet/RivetJsonLineLogger.h"
 
-using platform::Date;
+using vesp::platform::Date;
 
 namespace {
 
 // The platform a real host would get from its system; here, memory with a little content.
 std::shared_ptr<vesp::memory::MemoryPlatform> samplePlatform(Date monday) {
   auto platform = vesp::memory::MemoryPlatform::make();
-  platform->setInfoDictionaryValue("NSCalendarsUsageDescription", platform::AnyObject("Shows your week"));
-  platform->setInfoDictionaryValue("NSRemindersUsageDescription", platform::AnyObject("Shows your to-dos"));
-  platform->setInfoDictionaryValue("NSContactsUsageDescription", platform::AnyObject("Names your attendees"));
+  platform->setInfoDictionaryValue("NSCalendarsUsageDescription", vesp::platform::AnyObject("Shows your week"));
+  platform->setInfoDictionaryValue("NSRemindersUsageDescription", vesp::platform::AnyObject("Shows your to-dos"));
+  platform->setInfoDictionaryValue("NSContactsUsageDescription", vesp::platform::AnyObject("Names your attendees"));
   auto source = platform->addSource("On this device");
   auto work = platform->addCalendar("Work", source);
   auto home = platform->addCalendar("Home", source);
-  auto lists = platform->addCalendar("Errands", source, platform::EKEntityMaskReminder);
+  auto lists = platform->addCalendar("Errands", source, vesp::platform::EKEntityMaskReminder);
   auto standup = platform->addEvent(work, "Standup", monday.addingTimeInterval(9 * 3600), monday.addingTimeInterval(9.25 * 3600));
   for (int day = 1; day < 5; ++day) platform->addOccurrence(standup, monday.addingTimeInterval(day * 86400.0 + 9 * 3600));
   platform->addEvent(home, "Dinner with Sam", monday.addingTimeInterval(2 * 86400.0 + 19 * 3600),
                      monday.addingTimeInterval(2 * 86400.0 + 21 * 3600));
-  platform::DateComponents due;
+  vesp::platform::DateComponents due;
   due.year = 2026;
   due.month = 11;
   due.day = 25;
   platform->addReminder(lists, "Buy milk", due);
   // The user will say yes when asked.
-  platform->setAccessAnswer(platform::EKEntityTypeEvent, {});
-  platform->setAccessAnswer(platform::EKEntityTypeReminder, {});
+  platform->setAccessAnswer(vesp::platform::EKEntityTypeEvent, {});
+  platform->setAccessAnswer(vesp::platform::EKEntityTypeReminder, {});
   return platform;
 }
 
-void check(const rivet::RivetResult<void>& result, const char* what) {
+void check(const vesp::rivet::RivetResult<void>& result, const char* what) {
   if (!result) std::cerr << what << " failed:\n" << result.error().description() << "\n";
 }
 
@@ -47,12 +47,12 @@ void check(const rivet::RivetResult<void>& result, const char* what) {
 int main() {
   const Date monday = Date::fromTimeIntervalSince1970(1795392000);  // Monday 2026-11-23 00:00 UTC
   auto memory = samplePlatform(monday);
-  platform::Platform::installDefault(memory);  // what a host does once at start-up
+  vesp::platform::Platform::installDefault(memory);  // what a host does once at start-up
 
-  auto logger = rivet::RivetJsonLineLogger::toStream(std::cerr);
+  auto logger = vesp::rivet::RivetJsonLineLogger::toStream(std::cerr);
   auto manager = vesp::VespCalendarManager::make(logger);
-  keel::KeelManagerFramework framework;
-  rivet::RivetImpetus launch("host application launched", std::nullopt, "calendar_host", "main()", 1);
+  vesp::keel::KeelManagerFramework framework;
+  vesp::rivet::RivetImpetus launch("host application launched", std::nullopt, "calendar_host", "main()", 1);
   check(framework.registerManager(manager), "registering the calendar manager");
   check(framework.setUpAll(launch), "set-up");
   check(framework.applicationDidBecomeActive(launch), "activation");
@@ -62,7 +62,7 @@ int main() {
   std::mutex mutex;
   std::condition_variable answered;
   int authorised = 0;
-  auto onAuthorised = [&](const auto& transition, const rivet::RivetVia&) {
+  auto onAuthorised = [&](const auto& transition, const vesp::rivet::RivetVia&) {
     if (transition.newState != vesp::VespAuthorisationStatus::authorised) return;
     std::lock_guard lock(mutex);
     ++authorised;
@@ -102,7 +102,7 @@ int main() {
 
   // Another application changes the store; subscribers hear of it on the bus's thread.
   std::atomic<int> changes{0};
-  auto storeChanges = manager->eventStoreChangedEventBus().subscribe([&](const vesp::VespEventStoreChangedEvent&, const rivet::RivetVia& via) {
+  auto storeChanges = manager->eventStoreChangedEventBus().subscribe([&](const vesp::VespEventStoreChangedEvent&, const vesp::rivet::RivetVia& via) {
     ++changes;
     std::cout << "\nstore changed, via " << via.provenance().back().name << "\n";
   });
@@ -111,6 +111,6 @@ int main() {
 
   check(framework.applicationDidEnterBackground(launch), "background");
   check(framework.tearDownAll(launch), "tear-down");
-  platform::Platform::installDefault(nullptr);
+  vesp::platform::Platform::installDefault(nullptr);
   return changes == 1 ? 0 : 1;
 }

@@ -44,7 +44,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   VdirCalendarFields fields;
   fields.identifier = "account/calendar";
   fields.title = "Calendar";
-  fields.color = ::platform::CGColorCreate(0.1, 0.2, 0.3, 1.0);
+  fields.color = ::vesp::platform::CGColorCreate(0.1, 0.2, 0.3, 1.0);
   fields.source = std::make_shared<VdirSource>(".", 0, "Local");
   auto calendar = std::make_shared<VdirCalendar>(fields);
   // Low limits, as in the store-road harness: the limits are exercised, not their size.
@@ -67,9 +67,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
           occurrenceFields.component = occurrence.component;
           occurrenceFields.calendar = calendar;
           occurrenceFields.eventIdentifier = series.identifier;
-          occurrenceFields.start = ::platform::Date::fromTimeIntervalSince1970(occurrence.start);
-          occurrenceFields.end = ::platform::Date::fromTimeIntervalSince1970(occurrence.end);
-          occurrenceFields.occurrence = ::platform::Date::fromTimeIntervalSince1970(occurrence.occurrence);
+          occurrenceFields.start = ::vesp::platform::Date::fromTimeIntervalSince1970(occurrence.start);
+          occurrenceFields.end = ::vesp::platform::Date::fromTimeIntervalSince1970(occurrence.end);
+          occurrenceFields.occurrence = ::vesp::platform::Date::fromTimeIntervalSince1970(occurrence.occurrence);
           occurrenceFields.detached = occurrence.detached;
           VdirEvent event(occurrenceFields);
           vesp::VespEventInstance instance(event);

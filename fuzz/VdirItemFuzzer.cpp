@@ -53,8 +53,8 @@ World& world() {
   return *instance;
 }
 
-platform::Date utc(int year, int month, int day) {
-  return platform::Date::fromTimeIntervalSince1970(vesp::vdir::civilSecondsSince1970(year, month, day, 0, 0, 0));
+vesp::platform::Date utc(int year, int month, int day) {
+  return vesp::platform::Date::fromTimeIntervalSince1970(vesp::vdir::civilSecondsSince1970(year, month, day, 0, 0, 0));
 }
 
 }  // namespace

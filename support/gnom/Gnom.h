@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-namespace Gnom::SecondsIn::Gregorian {
+namespace vesp::Gnom::SecondsIn::Gregorian {
 
 struct Minute {
   static constexpr std::uint16_t count = 60;
@@ -18,4 +18,4 @@ struct Week {
   static constexpr std::uint32_t count = 7u * Day::count;
 };
 
-}  // namespace Gnom::SecondsIn::Gregorian
+}  // namespace vesp::Gnom::SecondsIn::Gregorian

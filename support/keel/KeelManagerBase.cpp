@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <string>
 
-namespace keel {
+namespace vesp::keel {
 
 using rivet::RivetResult;
 using rivet::RivetResultVoidSuccess;
@@ -63,4 +63,4 @@ RivetResult<void> KeelManagerBase::ensureDependencies(const std::vector<KeelMana
   return RivetResultVoidSuccess;
 }
 
-}  // namespace keel
+}  // namespace vesp::keel

@@ -15,7 +15,7 @@
 #include "support/rivet/RivetResult.h"
 #include "support/rivet/RivetVia.h"
 
-namespace keel {
+namespace vesp::keel {
 
 class KeelManagerBase : public virtual KeelManaging {
  public:
@@ -48,4 +48,4 @@ class KeelManagerBase : public virtual KeelManaging {
   std::atomic<KeelManagerRunningState> runningState_{KeelManagerRunningState::notSetUp};
 };
 
-}  // namespace keel
+}  // namespace vesp::keel

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <map>
 
-namespace keel {
+namespace vesp::keel {
 
 using rivet::RivetArgs;
 using rivet::RivetResult;
@@ -163,4 +163,4 @@ RivetResult<void> KeelManagerFramework::tearDownAll(const RivetVia& via) {
                &KeelManagerBase::allManagersDidTearDown, KeelManagerRunningState::tornDown, true);
 }
 
-}  // namespace keel
+}  // namespace vesp::keel

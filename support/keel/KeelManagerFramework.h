@@ -19,7 +19,7 @@
 #include "support/rivet/RivetResult.h"
 #include "support/rivet/RivetVia.h"
 
-namespace keel {
+namespace vesp::keel {
 
 class KeelManagerFramework {
  public:
@@ -50,4 +50,4 @@ class KeelManagerFramework {
   bool setUp_ = false;
 };
 
-}  // namespace keel
+}  // namespace vesp::keel

@@ -1,6 +1,6 @@
 #include "support/keel/KeelManagerRunningState.h"
 
-namespace keel {
+namespace vesp::keel {
 
 std::string_view description(KeelManagerRunningState state) {
   switch (state) {
@@ -16,4 +16,4 @@ std::string_view description(KeelManagerRunningState state) {
 
 std::ostream& operator<<(std::ostream& out, KeelManagerRunningState state) { return out << description(state); }
 
-}  // namespace keel
+}  // namespace vesp::keel

@@ -4,11 +4,11 @@
 #include <ostream>
 #include <string_view>
 
-namespace keel {
+namespace vesp::keel {
 
 enum class KeelManagerRunningState { notSetUp, setUp, active, background, tornDown, failed };
 
 std::string_view description(KeelManagerRunningState state);
 std::ostream& operator<<(std::ostream& out, KeelManagerRunningState state);
 
-}  // namespace keel
+}  // namespace vesp::keel

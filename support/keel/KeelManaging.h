@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace keel {
+namespace vesp::keel {
 
 class KeelManagerBase;
 
@@ -19,4 +19,4 @@ class KeelManaging {
   virtual std::vector<std::shared_ptr<KeelManagerBase>> managersDirectlyDependedUpon() const = 0;
 };
 
-}  // namespace keel
+}  // namespace vesp::keel

@@ -1,6 +1,6 @@
 #include "support/plat/PlatLocation.h"
 
-namespace plat {
+namespace vesp::plat {
 
 PlatLocation::PlatLocation(double latitude, double longitude, double altitude, double horizontalAccuracy,
                            double verticalAccuracy, platform::Date timestamp)
@@ -20,4 +20,4 @@ std::ostream& operator<<(std::ostream& out, const PlatLocation& location) {
              << location.altitude() << ")";
 }
 
-}  // namespace plat
+}  // namespace vesp::plat

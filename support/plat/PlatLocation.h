@@ -6,7 +6,7 @@
 #include "support/platform/CLLocation.h"
 #include "support/platform/Date.h"
 
-namespace plat {
+namespace vesp::plat {
 
 class PlatLocation {
  public:
@@ -34,4 +34,4 @@ class PlatLocation {
 
 std::ostream& operator<<(std::ostream& out, const PlatLocation& location);
 
-}  // namespace plat
+}  // namespace vesp::plat

@@ -1,6 +1,6 @@
 #include "support/platform/AnyObject.h"
 
-namespace platform {
+namespace vesp::platform {
 
 const char* AnyObject::className() const {
   switch (value_.index()) {
@@ -20,4 +20,4 @@ std::ostream& operator<<(std::ostream& out, const AnyObject& object) {
   return out << "<null>";
 }
 
-}  // namespace platform
+}  // namespace vesp::platform

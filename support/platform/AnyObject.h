@@ -11,7 +11,7 @@
 #include "support/platform/NSNumber.h"
 #include "support/platform/URL.h"
 
-namespace platform {
+namespace vesp::platform {
 
 struct NSNull {
   friend bool operator==(NSNull, NSNull) { return true; }
@@ -43,4 +43,4 @@ class AnyObject {
 
 std::ostream& operator<<(std::ostream& out, const AnyObject& object);
 
-}  // namespace platform
+}  // namespace vesp::platform

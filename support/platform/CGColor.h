@@ -5,7 +5,7 @@
 #include <memory>
 #include <ostream>
 
-namespace platform {
+namespace vesp::platform {
 
 class CGColor {
  public:
@@ -40,4 +40,4 @@ inline std::ostream& operator<<(std::ostream& out, const CGColor& color) {
              << ")";
 }
 
-}  // namespace platform
+}  // namespace vesp::platform

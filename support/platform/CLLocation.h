@@ -5,7 +5,7 @@
 
 #include "support/platform/Date.h"
 
-namespace platform {
+namespace vesp::platform {
 
 class CLLocation {
  public:
@@ -36,4 +36,4 @@ inline std::ostream& operator<<(std::ostream& out, const CLLocation& location) {
   return out << "CLLocation(" << location.latitude() << ", " << location.longitude() << ")";
 }
 
-}  // namespace platform
+}  // namespace vesp::platform

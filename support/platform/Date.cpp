@@ -4,7 +4,7 @@
 #include <cmath>
 #include <cstdio>
 
-namespace platform {
+namespace vesp::platform {
 
 Date Date::now() {
   auto since1970 = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
@@ -45,4 +45,4 @@ std::string Date::iso8601() const {
 
 std::ostream& operator<<(std::ostream& out, Date date) { return out << date.iso8601(); }
 
-}  // namespace platform
+}  // namespace vesp::platform

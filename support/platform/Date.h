@@ -7,7 +7,7 @@
 #include <ostream>
 #include <string>
 
-namespace platform {
+namespace vesp::platform {
 
 class Date {
  public:
@@ -40,11 +40,11 @@ class Date {
 
 std::ostream& operator<<(std::ostream& out, Date date);
 
-}  // namespace platform
+}  // namespace vesp::platform
 
 template <>
-struct std::hash<platform::Date> {
-  std::size_t operator()(platform::Date date) const noexcept {
+struct std::hash<vesp::platform::Date> {
+  std::size_t operator()(vesp::platform::Date date) const noexcept {
     double seconds = date.timeIntervalSinceReferenceDate();
     return std::hash<double>{}(seconds == 0.0 ? 0.0 : seconds);
   }

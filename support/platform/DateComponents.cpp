@@ -1,6 +1,6 @@
 #include "support/platform/DateComponents.h"
 
-namespace platform {
+namespace vesp::platform {
 
 std::ostream& operator<<(std::ostream& out, const DateComponents& c) {
   out << "DateComponents(";
@@ -32,4 +32,4 @@ std::ostream& operator<<(std::ostream& out, const DateComponents& c) {
   return out << ")";
 }
 
-}  // namespace platform
+}  // namespace vesp::platform

@@ -9,7 +9,7 @@
 
 #include "support/platform/TimeZone.h"
 
-namespace platform {
+namespace vesp::platform {
 
 struct DateComponents {
   std::optional<std::string> calendar;  // calendar system identifier, e.g. "gregorian"
@@ -35,4 +35,4 @@ struct DateComponents {
 // DateComponents(year: 2026, month: 11, day: 22, timeZone: UTC), present components only.
 std::ostream& operator<<(std::ostream& out, const DateComponents& components);
 
-}  // namespace platform
+}  // namespace vesp::platform

@@ -9,7 +9,7 @@
 #include "support/platform/EKTypes.h"
 #include "support/platform/NSObject.h"
 
-namespace platform {
+namespace vesp::platform {
 
 class EKAlarm : public NSObject {
  public:
@@ -21,4 +21,4 @@ class EKAlarm : public NSObject {
   virtual EKAlarmType type() const = 0;
 };
 
-}  // namespace platform
+}  // namespace vesp::platform

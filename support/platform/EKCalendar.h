@@ -11,7 +11,7 @@
 #include "support/platform/EKTypes.h"
 #include "support/platform/NSObject.h"
 
-namespace platform {
+namespace vesp::platform {
 
 class EKCalendar : public NSObject {
  public:
@@ -31,4 +31,4 @@ class EKCalendar : public NSObject {
 
 using EKCalendarSet = std::set<std::shared_ptr<EKCalendar>>;
 
-}  // namespace platform
+}  // namespace vesp::platform

@@ -16,7 +16,7 @@
 #include "support/platform/TimeZone.h"
 #include "support/platform/URL.h"
 
-namespace platform {
+namespace vesp::platform {
 
 class EKCalendarItem : public NSObject {
  public:
@@ -35,4 +35,4 @@ class EKCalendarItem : public NSObject {
   virtual std::optional<std::vector<std::shared_ptr<EKRecurrenceRule>>> recurrenceRules() const = 0;
 };
 
-}  // namespace platform
+}  // namespace vesp::platform

@@ -10,7 +10,7 @@
 #include "support/platform/EKCalendarItem.h"
 #include "support/platform/EKStructuredLocation.h"
 
-namespace platform {
+namespace vesp::platform {
 
 class EKEvent : public EKCalendarItem {
  public:
@@ -35,4 +35,4 @@ class EKEvent : public EKCalendarItem {
   virtual void setCalendar(std::shared_ptr<EKCalendar> calendar) = 0;
 };
 
-}  // namespace platform
+}  // namespace vesp::platform

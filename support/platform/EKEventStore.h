@@ -17,7 +17,7 @@
 #include "support/platform/NSError.h"
 #include "support/platform/NSObject.h"
 
-namespace platform {
+namespace vesp::platform {
 
 // An opaque query, made by a store and understood only by that store's kind.
 class EKPredicate : public NSObject {};
@@ -56,4 +56,4 @@ class EKEventStore : public NSObject {
   virtual void requestAccessToEntityType(EKEntityType entityType, AccessCompletion completion) = 0;
 };
 
-}  // namespace platform
+}  // namespace vesp::platform

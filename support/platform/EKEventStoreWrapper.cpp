@@ -3,7 +3,7 @@
 #include "support/platform/EKTypes.h"
 #include "support/rivet/RivetFatal.h"
 
-namespace platform {
+namespace vesp::platform {
 
 EKEventStoreWrapper::EKEventStoreWrapper(std::shared_ptr<EKEventStore> target) : target_(std::move(target)) {
   if (!target_) rivet::fatalError("EKEventStoreWrapper made without a target store");
@@ -31,4 +31,4 @@ void EKEventStoreWrapper::forwardChanges(const std::shared_ptr<NSNotificationCen
 
 std::string EKEventStoreWrapper::description() const { return "<EKEventStore wrapping " + target_->description() + ">"; }
 
-}  // namespace platform
+}  // namespace vesp::platform

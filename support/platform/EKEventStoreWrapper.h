@@ -16,7 +16,7 @@
 #include "support/platform/EKEventStore.h"
 #include "support/platform/NSNotificationCenter.h"
 
-namespace platform {
+namespace vesp::platform {
 
 class EKEventStoreWrapper : public EKEventStore {
  public:
@@ -68,4 +68,4 @@ class EKEventStoreWrapper : public EKEventStore {
   std::shared_ptr<EKEventStore> target_;
 };
 
-}  // namespace platform
+}  // namespace vesp::platform

@@ -8,7 +8,7 @@
 #include "support/platform/NSObject.h"
 #include "support/platform/URL.h"
 
-namespace platform {
+namespace vesp::platform {
 
 class EKParticipant : public NSObject {
  public:
@@ -20,4 +20,4 @@ class EKParticipant : public NSObject {
   virtual platform::URL URL() const = 0;
 };
 
-}  // namespace platform
+}  // namespace vesp::platform

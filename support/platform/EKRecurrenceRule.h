@@ -12,7 +12,7 @@
 #include "support/platform/EKTypes.h"
 #include "support/platform/NSObject.h"
 
-namespace platform {
+namespace vesp::platform {
 
 class EKRecurrenceEnd : public NSObject {
  public:
@@ -43,4 +43,4 @@ class EKRecurrenceRule : public NSObject {
   virtual NumberList weeksOfTheYear() const = 0;
 };
 
-}  // namespace platform
+}  // namespace vesp::platform

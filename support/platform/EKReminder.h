@@ -7,7 +7,7 @@
 #include "support/platform/DateComponents.h"
 #include "support/platform/EKCalendarItem.h"
 
-namespace platform {
+namespace vesp::platform {
 
 class EKReminder : public EKCalendarItem {
  public:
@@ -19,4 +19,4 @@ class EKReminder : public EKCalendarItem {
   virtual std::optional<DateComponents> startDateComponents() const = 0;
 };
 
-}  // namespace platform
+}  // namespace vesp::platform

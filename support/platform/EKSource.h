@@ -6,7 +6,7 @@
 #include "support/platform/EKTypes.h"
 #include "support/platform/NSObject.h"
 
-namespace platform {
+namespace vesp::platform {
 
 class EKSource : public NSObject {
  public:
@@ -15,4 +15,4 @@ class EKSource : public NSObject {
   virtual std::string title() const = 0;
 };
 
-}  // namespace platform
+}  // namespace vesp::platform

@@ -7,7 +7,7 @@
 #include "support/platform/CLLocation.h"
 #include "support/platform/NSObject.h"
 
-namespace platform {
+namespace vesp::platform {
 
 class EKStructuredLocation : public NSObject {
  public:
@@ -16,4 +16,4 @@ class EKStructuredLocation : public NSObject {
   virtual std::optional<std::string> title() const = 0;
 };
 
-}  // namespace platform
+}  // namespace vesp::platform

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-namespace platform {
+namespace vesp::platform {
 
 using EKEntityType = std::int64_t;
 inline constexpr EKEntityType EKEntityTypeEvent = 0;
@@ -140,4 +140,4 @@ inline constexpr EKEventEditViewAction EKEventEditViewActionDeleted = 2;
 // The name of the notification a store posts, with itself as object, when its contents change.
 inline const std::string EKEventStoreChangedNotification = "EKEventStoreChangedNotification";
 
-}  // namespace platform
+}  // namespace vesp::platform

@@ -1,6 +1,6 @@
 #include "support/platform/NSBundle.h"
 
-namespace platform {
+namespace vesp::platform {
 
 std::optional<AnyObject> NSBundle::objectForInfoDictionaryKey(const std::string& key) const {
   std::lock_guard lock(mutex_);
@@ -17,4 +17,4 @@ void NSBundle::setObjectForInfoDictionaryKey(const std::string& key, std::option
     infoDictionary_.erase(key);
 }
 
-}  // namespace platform
+}  // namespace vesp::platform

@@ -10,7 +10,7 @@
 
 #include "support/platform/AnyObject.h"
 
-namespace platform {
+namespace vesp::platform {
 
 class NSBundle {
  public:
@@ -27,4 +27,4 @@ class NSBundle {
   std::map<std::string, AnyObject> infoDictionary_;
 };
 
-}  // namespace platform
+}  // namespace vesp::platform

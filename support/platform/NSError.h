@@ -5,7 +5,7 @@
 #include <ostream>
 #include <string>
 
-namespace platform {
+namespace vesp::platform {
 
 class NSError {
  public:
@@ -29,4 +29,4 @@ inline std::ostream& operator<<(std::ostream& out, const NSError& error) {
              << "\")";
 }
 
-}  // namespace platform
+}  // namespace vesp::platform

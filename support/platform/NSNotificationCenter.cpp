@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace platform {
+namespace vesp::platform {
 
 std::string Notification::description() const {
   return "Notification(" + name + ", " + (object ? object->description() : std::string("nil")) + ")";
@@ -48,4 +48,4 @@ std::vector<NSNotificationCenter::Observation> NSNotificationCenter::observation
   return list;
 }
 
-}  // namespace platform
+}  // namespace vesp::platform

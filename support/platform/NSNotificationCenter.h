@@ -17,7 +17,7 @@
 
 #include "support/platform/NSObject.h"
 
-namespace platform {
+namespace vesp::platform {
 
 struct Notification {
   std::string name;
@@ -70,4 +70,4 @@ class NSNotificationCenter {
   std::vector<Entry> entries_;
 };
 
-}  // namespace platform
+}  // namespace vesp::platform

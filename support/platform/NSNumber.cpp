@@ -3,7 +3,7 @@
 #include <cmath>
 #include <limits>
 
-namespace platform {
+namespace vesp::platform {
 
 double NSNumber::doubleValue() const {
   return std::visit([](auto value) { return static_cast<double>(value); }, value_);
@@ -34,4 +34,4 @@ std::ostream& operator<<(std::ostream& out, const NSNumber& number) {
   return out << number.integerValue();
 }
 
-}  // namespace platform
+}  // namespace vesp::platform

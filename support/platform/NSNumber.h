@@ -6,7 +6,7 @@
 #include <ostream>
 #include <variant>
 
-namespace platform {
+namespace vesp::platform {
 
 class NSNumber {
  public:
@@ -36,4 +36,4 @@ class NSNumber {
 
 std::ostream& operator<<(std::ostream& out, const NSNumber& number);
 
-}  // namespace platform
+}  // namespace vesp::platform

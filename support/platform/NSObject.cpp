@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <typeinfo>
 
-namespace platform {
+namespace vesp::platform {
 
 std::string NSObject::description() const {
   char address[32];
@@ -11,4 +11,4 @@ std::string NSObject::description() const {
   return std::string("<object ") + address + ">";
 }
 
-}  // namespace platform
+}  // namespace vesp::platform

@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-namespace platform {
+namespace vesp::platform {
 
 class NSObject : public std::enable_shared_from_this<NSObject> {
  public:
@@ -13,4 +13,4 @@ class NSObject : public std::enable_shared_from_this<NSObject> {
   virtual std::string description() const;
 };
 
-}  // namespace platform
+}  // namespace vesp::platform

@@ -4,7 +4,7 @@
 
 #include "support/rivet/RivetFatal.h"
 
-namespace platform {
+namespace vesp::platform {
 
 namespace {
 std::mutex defaultMutex;
@@ -39,4 +39,4 @@ PlatformWrapper::PlatformWrapper(std::shared_ptr<Platform> target) : target_(std
   if (!target_) rivet::fatalError("PlatformWrapper made without a target platform");
 }
 
-}  // namespace platform
+}  // namespace vesp::platform

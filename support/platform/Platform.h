@@ -16,7 +16,7 @@
 #include "support/platform/Screens.h"
 #include "support/rivet/RivetDispatchGroup.h"
 
-namespace platform {
+namespace vesp::platform {
 
 class Platform {
  public:
@@ -97,4 +97,4 @@ class PlatformWrapper : public Platform {
   std::shared_ptr<Platform> target_;
 };
 
-}  // namespace platform
+}  // namespace vesp::platform

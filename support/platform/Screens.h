@@ -16,7 +16,7 @@
 #include "support/platform/EKTypes.h"
 #include "support/platform/NSObject.h"
 
-namespace platform {
+namespace vesp::platform {
 
 class EKEventViewController;
 class EKEventEditViewController;
@@ -95,4 +95,4 @@ class EKCalendarChooser : public UIViewController {
   virtual bool showsCancelButton() const = 0;
 };
 
-}  // namespace platform
+}  // namespace vesp::platform

@@ -5,7 +5,7 @@
 #include <ostream>
 #include <string>
 
-namespace platform {
+namespace vesp::platform {
 
 class TimeZone {
  public:
@@ -21,11 +21,11 @@ inline std::ostream& operator<<(std::ostream& out, const TimeZone& zone) {
   return out << "TimeZone(" << zone.identifier() << ")";
 }
 
-}  // namespace platform
+}  // namespace vesp::platform
 
 template <>
-struct std::hash<platform::TimeZone> {
-  std::size_t operator()(const platform::TimeZone& zone) const noexcept {
+struct std::hash<vesp::platform::TimeZone> {
+  std::size_t operator()(const vesp::platform::TimeZone& zone) const noexcept {
     return std::hash<std::string>{}(zone.identifier());
   }
 };

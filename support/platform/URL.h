@@ -5,7 +5,7 @@
 #include <ostream>
 #include <string>
 
-namespace platform {
+namespace vesp::platform {
 
 class URL {
  public:
@@ -24,11 +24,11 @@ class URL {
 
 inline std::ostream& operator<<(std::ostream& out, const URL& url) { return out << url.absoluteString(); }
 
-}  // namespace platform
+}  // namespace vesp::platform
 
 template <>
-struct std::hash<platform::URL> {
-  std::size_t operator()(const platform::URL& url) const noexcept {
+struct std::hash<vesp::platform::URL> {
+  std::size_t operator()(const vesp::platform::URL& url) const noexcept {
     return std::hash<std::string>{}(url.absoluteString());
   }
 };

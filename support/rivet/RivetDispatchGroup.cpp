@@ -3,7 +3,7 @@
 #include <chrono>
 #include <cmath>
 
-namespace rivet {
+namespace vesp::rivet {
 
 void RivetDispatchGroup::enter() {
   std::lock_guard lock(mutex_);
@@ -40,4 +40,4 @@ std::int64_t RivetDispatchGroup::count() const {
   return count_;
 }
 
-}  // namespace rivet
+}  // namespace vesp::rivet

@@ -10,7 +10,7 @@
 
 #include "support/rivet/RivetResult.h"
 
-namespace rivet {
+namespace vesp::rivet {
 
 class RivetDispatchGroup {
  public:
@@ -34,4 +34,4 @@ class RivetDispatchGroup {
   std::int64_t count_ = 0;
 };
 
-}  // namespace rivet
+}  // namespace vesp::rivet

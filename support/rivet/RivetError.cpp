@@ -2,7 +2,7 @@
 
 #include <sstream>
 
-namespace rivet {
+namespace vesp::rivet {
 
 RivetError::RivetError(std::string message, std::optional<RivetArgs> args, std::string fileName,
                        std::string functionName, std::uint64_t lineNumber,
@@ -54,4 +54,4 @@ bool operator==(const RivetError& lhs, const RivetError& rhs) {
 
 std::ostream& operator<<(std::ostream& out, const RivetError& error) { return out << error.description(); }
 
-}  // namespace rivet
+}  // namespace vesp::rivet

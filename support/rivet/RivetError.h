@@ -13,7 +13,7 @@
 #include "support/platform/NSError.h"
 #include "support/rivet/RivetValue.h"
 
-namespace rivet {
+namespace vesp::rivet {
 
 class RivetError {
  public:
@@ -58,4 +58,4 @@ class RivetError {
 
 std::ostream& operator<<(std::ostream& out, const RivetError& error);
 
-}  // namespace rivet
+}  // namespace vesp::rivet

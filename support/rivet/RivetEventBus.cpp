@@ -3,7 +3,7 @@
 #include <exception>
 #include <utility>
 
-namespace rivet {
+namespace vesp::rivet {
 
 RivetEventBusCore::RivetEventBusCore(std::string identifier, std::shared_ptr<RivetLogging> logger)
     : state_(std::make_shared<State>()), queue_("event bus " + identifier) {
@@ -108,4 +108,4 @@ std::size_t RivetEventBusCore::subscriberCount() const {
   return state_->handlers.size();
 }
 
-}  // namespace rivet
+}  // namespace vesp::rivet

@@ -24,7 +24,7 @@
 #include "support/rivet/RivetSerialQueue.h"
 #include "support/rivet/RivetVia.h"
 
-namespace rivet {
+namespace vesp::rivet {
 
 // The type-level identifier of an event type. By default the event's static `identifier()`;
 // specialise it for types that cannot have one.
@@ -144,4 +144,4 @@ class RivetEventBus {
   RivetEventBusCore core_;
 };
 
-}  // namespace rivet
+}  // namespace vesp::rivet

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-namespace rivet {
+namespace vesp::rivet {
 
 void fatalError(std::string_view message) {
   std::fprintf(stderr, "Fatal error: %.*s\n", static_cast<int>(message.size()), message.data());
@@ -11,4 +11,4 @@ void fatalError(std::string_view message) {
   std::abort();
 }
 
-}  // namespace rivet
+}  // namespace vesp::rivet

@@ -3,10 +3,10 @@
 
 #include <string_view>
 
-namespace rivet {
+namespace vesp::rivet {
 
 // Prints "Fatal error: <message>" to stderr and aborts. Used where the platform breaks a contract
 // that the library relies on; never returns, in every build mode.
 [[noreturn]] void fatalError(std::string_view message);
 
-}  // namespace rivet
+}  // namespace vesp::rivet

@@ -5,7 +5,7 @@
 #include <ctime>
 #include <nlohmann/json.hpp>
 
-namespace rivet {
+namespace vesp::rivet {
 
 namespace {
 
@@ -135,4 +135,4 @@ void RivetJsonLineLogger::write(std::string_view level, const RivetError& error,
 void RivetJsonLineLogger::reportFailure(const RivetError& error, const RivetVia& via) { write("failure", error, via); }
 void RivetJsonLineLogger::reportAnomaly(const RivetError& error, const RivetVia& via) { write("anomaly", error, via); }
 
-}  // namespace rivet
+}  // namespace vesp::rivet

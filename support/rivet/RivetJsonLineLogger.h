@@ -16,7 +16,7 @@
 #include "support/rivet/RivetLogging.h"
 #include "support/rivet/RivetResult.h"
 
-namespace rivet {
+namespace vesp::rivet {
 
 class RivetJsonLineLogger final : public RivetLogging {
  public:
@@ -45,4 +45,4 @@ class RivetJsonLineLogger final : public RivetLogging {
   Clock clock_;
 };
 
-}  // namespace rivet
+}  // namespace vesp::rivet

@@ -7,7 +7,7 @@
 #include "support/rivet/RivetError.h"
 #include "support/rivet/RivetVia.h"
 
-namespace rivet {
+namespace vesp::rivet {
 
 class RivetLogging {
  public:
@@ -20,4 +20,4 @@ class RivetLogging {
   virtual void reportAnomaly(const RivetError& error, const RivetVia& via) = 0;
 };
 
-}  // namespace rivet
+}  // namespace vesp::rivet

@@ -37,7 +37,7 @@
 #define RIVET_RETURN_CAPABILITY(x) RIVET_THREAD_ANNOTATION(lock_returned(x))
 #define RIVET_NO_THREAD_SAFETY_ANALYSIS RIVET_THREAD_ANNOTATION(no_thread_safety_analysis)
 
-namespace rivet {
+namespace vesp::rivet {
 
 // std::mutex, with the annotations the analysis needs. Not recursive.
 class RIVET_CAPABILITY("mutex") RivetMutex {
@@ -85,4 +85,4 @@ class RIVET_SCOPED_CAPABILITY RivetMutexLock {
   std::unique_lock<std::mutex> lock_;
 };
 
-}  // namespace rivet
+}  // namespace vesp::rivet

@@ -1,6 +1,6 @@
 #include "support/rivet/RivetRecordingLogger.h"
 
-namespace rivet {
+namespace vesp::rivet {
 
 void RivetRecordingLogger::record(Level level, const RivetError& error, const RivetVia& via) {
   auto retained = via.retain();
@@ -36,4 +36,4 @@ void RivetRecordingLogger::clear() {
   entries_.clear();
 }
 
-}  // namespace rivet
+}  // namespace vesp::rivet

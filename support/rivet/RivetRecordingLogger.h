@@ -11,7 +11,7 @@
 
 #include "support/rivet/RivetLogging.h"
 
-namespace rivet {
+namespace vesp::rivet {
 
 class RivetRecordingLogger final : public RivetLogging {
  public:
@@ -39,4 +39,4 @@ class RivetRecordingLogger final : public RivetLogging {
   std::vector<Entry> entries_;
 };
 
-}  // namespace rivet
+}  // namespace vesp::rivet

@@ -1,6 +1,6 @@
 #include "support/rivet/RivetResult.h"
 
-namespace rivet {
+namespace vesp::rivet {
 
 struct RivetResultVoidSuccessMaker {
   static RivetResult<void> make() { return RivetResult<void>(); }
@@ -8,4 +8,4 @@ struct RivetResultVoidSuccessMaker {
 
 const RivetResult<void> RivetResultVoidSuccess = RivetResultVoidSuccessMaker::make();
 
-}  // namespace rivet
+}  // namespace vesp::rivet

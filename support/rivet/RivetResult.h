@@ -14,7 +14,7 @@
 #include "support/rivet/RivetError.h"
 #include "support/rivet/RivetFatal.h"
 
-namespace rivet {
+namespace vesp::rivet {
 
 // Success carrying a value, or failure carrying a RivetError. Member names follow std::expected.
 template <class T>
@@ -133,4 +133,4 @@ std::ostream& operator<<(std::ostream& out, const RivetResult<T>& result) {
   }
 }
 
-}  // namespace rivet
+}  // namespace vesp::rivet

@@ -2,7 +2,7 @@
 
 #include "support/rivet/RivetFatal.h"
 
-namespace rivet {
+namespace vesp::rivet {
 
 RivetSerialQueue::RivetSerialQueue(std::string label)
     : label_(std::move(label)), shared_(std::make_shared<Shared>()), thread_([shared = shared_] { run(shared); }) {}
@@ -61,4 +61,4 @@ void RivetSerialQueue::sync(const std::function<void()>& task) {
 
 bool RivetSerialQueue::isCurrent() const { return std::this_thread::get_id() == thread_.get_id(); }
 
-}  // namespace rivet
+}  // namespace vesp::rivet

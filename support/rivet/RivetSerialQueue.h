@@ -13,7 +13,7 @@
 #include <string>
 #include <thread>
 
-namespace rivet {
+namespace vesp::rivet {
 
 class RivetSerialQueue {
  public:
@@ -45,4 +45,4 @@ class RivetSerialQueue {
   std::thread thread_;
 };
 
-}  // namespace rivet
+}  // namespace vesp::rivet

@@ -26,7 +26,7 @@
 #include "support/rivet/RivetSerialQueue.h"
 #include "support/rivet/RivetVia.h"
 
-namespace rivet {
+namespace vesp::rivet {
 
 // The type-level identifier of a state type. By default the state's static `identifier()`;
 // specialise it for enumerations, which cannot have one.
@@ -200,4 +200,4 @@ class RivetStateMachine {
   RivetSerialQueue queue_;  // last: destroyed first, finishing queued steps while the rest is alive
 };
 
-}  // namespace rivet
+}  // namespace vesp::rivet

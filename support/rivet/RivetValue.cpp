@@ -3,7 +3,7 @@
 #include <charconv>
 #include <cmath>
 
-namespace rivet {
+namespace vesp::rivet {
 
 RivetValue::RivetValue(List values) : storage_(std::make_shared<const List>(std::move(values))) {}
 RivetValue::RivetValue(RivetArgs dictionary) : storage_(std::make_shared<const RivetArgs>(std::move(dictionary))) {}
@@ -147,4 +147,4 @@ std::string RivetArgs::description() const {
 std::ostream& operator<<(std::ostream& out, const RivetValue& value) { return out << value.description(); }
 std::ostream& operator<<(std::ostream& out, const RivetArgs& args) { return out << args.description(); }
 
-}  // namespace rivet
+}  // namespace vesp::rivet

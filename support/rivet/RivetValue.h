@@ -16,7 +16,7 @@
 #include <variant>
 #include <vector>
 
-namespace rivet {
+namespace vesp::rivet {
 
 class RivetArgs;
 class RivetValue;
@@ -126,4 +126,4 @@ class RivetArgs {
 std::ostream& operator<<(std::ostream& out, const RivetValue& value);
 std::ostream& operator<<(std::ostream& out, const RivetArgs& args);
 
-}  // namespace rivet
+}  // namespace vesp::rivet

@@ -4,7 +4,7 @@
 
 #include "support/rivet/RivetFatal.h"
 
-namespace rivet {
+namespace vesp::rivet {
 
 std::string RivetViaLink::description() const {
   std::ostringstream out;
@@ -73,4 +73,4 @@ RivetViaLink RivetImpetus::link() const {
 
 std::ostream& operator<<(std::ostream& out, const RivetVia& via) { return out << via.description(); }
 
-}  // namespace rivet
+}  // namespace vesp::rivet

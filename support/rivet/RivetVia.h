@@ -14,7 +14,7 @@
 
 #include "support/rivet/RivetValue.h"
 
-namespace rivet {
+namespace vesp::rivet {
 
 class RivetJunction;
 
@@ -127,4 +127,4 @@ class RivetImpetus final : public RivetVia {
 
 std::ostream& operator<<(std::ostream& out, const RivetVia& via);
 
-}  // namespace rivet
+}  // namespace vesp::rivet

@@ -1,24 +1,42 @@
 // Uses the installed headers by their repository paths and links the installed libraries: the
-// memory platform, and the vdir platform over a one-file store.
+// memory platform, and the vdir platform over a one-file store, beside a host's own `platform` and
+// `rivet` names.
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <string_view>
 
 #include "Vesp/VespEventInstance.h"
 #include "Vesp/VespJSONCoder.h"
 #include "platforms/memory/MemoryPlatform.h"
 #include "platforms/vdir/VdirPlatform.h"
 
+// A host's own names, as Vesp's support libraries once had them at global scope. Each function
+// here has the signature of one Vesp's libraries define, now under `vesp`: neither the compiler
+// nor the linker may find two of anything.
+namespace platform {
+struct Date {
+  static Date now();
+  double seconds = 0;
+};
+Date Date::now() { return Date{42}; }
+}  // namespace platform
+namespace rivet {
+void fatalError(std::string_view message) { std::cerr << message; }
+}  // namespace rivet
+
 int main() {
+  rivet::fatalError("");
+  if (platform::Date::now().seconds != 42) return 1;
   auto platform = vesp::memory::MemoryPlatform::make();
   auto calendar = platform->addCalendar("Work", platform->addSource("Local"));
-  platform->addEvent(calendar, "Standup", platform::Date(0), platform::Date(900));
+  platform->addEvent(calendar, "Standup", vesp::platform::Date(0), vesp::platform::Date(900));
   auto store = platform->makeEventStore();
   auto events = store->eventsMatchingPredicate(
-      store->predicateForEventsWithStartDate(platform::Date(0), platform::Date(3600), std::nullopt));
+      store->predicateForEventsWithStartDate(vesp::platform::Date(0), vesp::platform::Date(3600), std::nullopt));
   if (events.size() != 1) return 1;
   vesp::VespEventInstance event(*events[0]);
   std::cout << "installed Vesp read " << event.title() << ": "
@@ -42,7 +60,7 @@ int main() {
   vdir->flushCache();
   bool cached = !vdir->cacheStatus().path.empty();
   auto found = vdirStore->eventsMatchingPredicate(
-      vdirStore->predicateForEventsWithStartDate(platform::Date(0), platform::Date(3600), std::nullopt));
+      vdirStore->predicateForEventsWithStartDate(vesp::platform::Date(0), vesp::platform::Date(3600), std::nullopt));
   std::filesystem::remove_all(root);
   if (found.size() != 1 || changed || cached || !vdir->diagnostics().empty()) return 1;
   std::cout << "installed Vesp read " << vesp::VespEventInstance(*found[0]).title() << " from a vdir store\n";

@@ -5,7 +5,7 @@
 
 #include "support/rivet/RivetResult.h"
 
-namespace rivet::testing {
+namespace vesp::rivet::testing {
 
 // The result is a success.
 MATCHER(IsRivetSuccess, negation ? "is a failure" : "is a success") {
@@ -32,4 +32,4 @@ MATCHER_P(IsRivetFailure, matcher, "is a failure whose message " + ::testing::De
   return ::testing::ExplainMatchResult(matcher, arg.error().message(), result_listener);
 }
 
-}  // namespace rivet::testing
+}  // namespace vesp::rivet::testing

@@ -5,7 +5,7 @@
 
 #include "tests/support/RivetMatchers.h"
 
-namespace keel {
+namespace vesp::keel {
 namespace {
 
 using ::testing::Eq;
@@ -77,4 +77,4 @@ TEST(KeelManagerRunningStateTest, PrintsItsName) {
 }
 
 }  // namespace
-}  // namespace keel
+}  // namespace vesp::keel

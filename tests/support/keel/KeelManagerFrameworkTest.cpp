@@ -5,7 +5,7 @@
 
 #include "tests/support/RivetMatchers.h"
 
-namespace keel {
+namespace vesp::keel {
 namespace {
 
 using ::testing::ElementsAre;
@@ -164,4 +164,4 @@ TEST(KeelManagerFrameworkTest, AFailingManagerStopsTheRoundAndIsMarkedFailed) {
 }
 
 }  // namespace
-}  // namespace keel
+}  // namespace vesp::keel

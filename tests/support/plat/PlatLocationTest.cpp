@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-namespace plat {
+namespace vesp::plat {
 namespace {
 
 TEST(PlatLocationTest, CopiesEveryAttributeOfThePlatformLocation) {
@@ -25,4 +25,4 @@ TEST(PlatLocationTest, LocationsAreEqualWhenEveryAttributeIs) {
 }
 
 }  // namespace
-}  // namespace plat
+}  // namespace vesp::plat

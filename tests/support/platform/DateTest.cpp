@@ -7,7 +7,7 @@
 
 #include <unordered_set>
 
-namespace platform {
+namespace vesp::platform {
 namespace {
 
 TEST(DateTest, CountsSecondsFromTheReferenceDate) {
@@ -43,4 +43,4 @@ TEST(DateTest, NowIsAfterTheDayThisTestWasWritten) {
 }
 
 }  // namespace
-}  // namespace platform
+}  // namespace vesp::platform

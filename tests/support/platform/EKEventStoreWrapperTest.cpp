@@ -4,7 +4,7 @@
 
 #include "platforms/memory/MemoryPlatform.h"
 
-namespace platform {
+namespace vesp::platform {
 namespace {
 
 using vesp::memory::MemoryEventStore;
@@ -69,4 +69,4 @@ TEST(EKEventStoreWrapperDeathTest, AWrapperNeedsATarget) {
 }
 
 }  // namespace
-}  // namespace platform
+}  // namespace vesp::platform

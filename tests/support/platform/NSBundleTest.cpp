@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-namespace platform {
+namespace vesp::platform {
 namespace {
 
 TEST(NSBundleTest, AnswersOnlyForKeysItDeclares) {
@@ -16,4 +16,4 @@ TEST(NSBundleTest, AnswersOnlyForKeysItDeclares) {
 }
 
 }  // namespace
-}  // namespace platform
+}  // namespace vesp::platform

@@ -4,7 +4,7 @@
 
 #include <thread>
 
-namespace platform {
+namespace vesp::platform {
 namespace {
 
 class Poster : public NSObject {};
@@ -102,4 +102,4 @@ TEST(NSNotificationCenterTest, AnObserverMayRemoveItselfWhileBeingCalled) {
 }
 
 }  // namespace
-}  // namespace platform
+}  // namespace vesp::platform

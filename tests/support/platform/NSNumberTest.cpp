@@ -5,7 +5,7 @@
 #include <cmath>
 #include <limits>
 
-namespace platform {
+namespace vesp::platform {
 namespace {
 
 TEST(NSNumberTest, NegativeIntegersWrapToTheirTwosComplementAsUnsigned) {
@@ -28,4 +28,4 @@ TEST(NSNumberTest, LargeUnsignedValuesStayExact) {
 }
 
 }  // namespace
-}  // namespace platform
+}  // namespace vesp::platform

@@ -4,7 +4,7 @@
 
 #include "platforms/memory/MemoryPlatform.h"
 
-namespace platform {
+namespace vesp::platform {
 namespace {
 
 TEST(PlatformTest, TheInstalledDefaultIsWhatDefaultAnswers) {
@@ -62,4 +62,4 @@ TEST(PlatformDeathTest, AWrapperWithoutATargetStopsTheProcess) {
 }
 
 }  // namespace
-}  // namespace platform
+}  // namespace vesp::platform

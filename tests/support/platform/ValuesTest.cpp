@@ -9,7 +9,7 @@
 #include "support/platform/TimeZone.h"
 #include "support/platform/URL.h"
 
-namespace platform {
+namespace vesp::platform {
 namespace {
 
 TEST(CGColorTest, ReferencesAreEqualByColourNotByObject) {
@@ -60,4 +60,4 @@ TEST(AnyObjectTest, TellsNumbersFromOtherValues) {
 }
 
 }  // namespace
-}  // namespace platform
+}  // namespace vesp::platform

@@ -8,7 +8,7 @@
 
 #include "tests/support/RivetMatchers.h"
 
-namespace rivet {
+namespace vesp::rivet {
 namespace {
 
 using ::testing::Eq;
@@ -69,4 +69,4 @@ TEST(RivetDispatchGroupDeathTest, AnUnbalancedLeaveStopsTheProcess) {
 }
 
 }  // namespace
-}  // namespace rivet
+}  // namespace vesp::rivet

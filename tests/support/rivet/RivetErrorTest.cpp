@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-namespace rivet {
+namespace vesp::rivet {
 namespace {
 
 using ::testing::HasSubstr;
@@ -71,4 +71,4 @@ TEST(RivetErrorTest, RenderingNamesTheFrameworkError) {
 }
 
 }  // namespace
-}  // namespace rivet
+}  // namespace vesp::rivet

@@ -12,7 +12,7 @@
 
 #include "support/rivet/RivetRecordingLogger.h"
 
-namespace rivet {
+namespace vesp::rivet {
 namespace {
 
 struct NumberEvent {
@@ -253,4 +253,4 @@ TEST(RivetEventBusTest, ATokenThatOutlivesItsBusIsHarmless) {
 }
 
 }  // namespace
-}  // namespace rivet
+}  // namespace vesp::rivet

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-namespace rivet {
+namespace vesp::rivet {
 namespace {
 
 using Json = nlohmann::json;
@@ -110,4 +110,4 @@ TEST(RivetJsonLineLoggerTest, InvalidUtf8InAMessageIsReplacedNotFatal) {
 }
 
 }  // namespace
-}  // namespace rivet
+}  // namespace vesp::rivet

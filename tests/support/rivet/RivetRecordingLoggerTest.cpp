@@ -4,7 +4,7 @@
 
 #include <thread>
 
-namespace rivet {
+namespace vesp::rivet {
 namespace {
 
 TEST(RivetRecordingLoggerTest, RecordsEachReportWithItsLevelErrorAndVia) {
@@ -33,4 +33,4 @@ TEST(RivetRecordingLoggerTest, WaitForCountReturnsWhenReportsArriveFromAnotherTh
 }
 
 }  // namespace
-}  // namespace rivet
+}  // namespace vesp::rivet

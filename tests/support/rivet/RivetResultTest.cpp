@@ -5,7 +5,7 @@
 
 #include "tests/support/RivetMatchers.h"
 
-namespace rivet {
+namespace vesp::rivet {
 namespace {
 
 using ::testing::Eq;
@@ -71,4 +71,4 @@ TEST(RivetResultDeathTest, ErrorOfASuccessStopsTheProcess) {
 }
 
 }  // namespace
-}  // namespace rivet
+}  // namespace vesp::rivet

@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-namespace rivet {
+namespace vesp::rivet {
 namespace {
 
 TEST(RivetSerialQueueTest, RunsTasksOneAtATimeInSubmissionOrder) {
@@ -69,4 +69,4 @@ TEST(RivetSerialQueueDeathTest, SyncFromItsOwnQueueStopsTheProcess) {
 }
 
 }  // namespace
-}  // namespace rivet
+}  // namespace vesp::rivet

@@ -10,7 +10,7 @@
 #include "support/rivet/RivetRecordingLogger.h"
 #include "tests/support/RivetMatchers.h"
 
-namespace rivet {
+namespace vesp::rivet {
 namespace {
 
 using ::testing::Eq;
@@ -223,4 +223,4 @@ TEST(RivetStateMachineTest, AFailedProductionIsWrapped) {
 }
 
 }  // namespace
-}  // namespace rivet
+}  // namespace vesp::rivet

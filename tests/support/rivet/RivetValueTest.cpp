@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-namespace rivet {
+namespace vesp::rivet {
 namespace {
 
 TEST(RivetValueTest, RendersEachKindReadably) {
@@ -60,4 +60,4 @@ TEST(RivetValueTest, TypedReadsAnswerOnlyForTheirKind) {
 }
 
 }  // namespace
-}  // namespace rivet
+}  // namespace vesp::rivet

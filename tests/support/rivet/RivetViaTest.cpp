@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-namespace rivet {
+namespace vesp::rivet {
 namespace {
 
 using ::testing::HasSubstr;
@@ -64,9 +64,9 @@ TEST(RivetViaTest, RetainingAJunctionSharesIt) {
 }
 
 }  // namespace
-}  // namespace rivet
+}  // namespace vesp::rivet
 
-namespace rivet {
+namespace vesp::rivet {
 namespace {
 
 TEST(RivetViaDeathTest, AJunctionWithoutAParentStopsTheProcess) {
@@ -75,4 +75,4 @@ TEST(RivetViaDeathTest, AJunctionWithoutAParentStopsTheProcess) {
 }
 
 }  // namespace
-}  // namespace rivet
+}  // namespace vesp::rivet

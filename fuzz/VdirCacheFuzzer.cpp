@@ -38,8 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::string_view payload(reinterpret_cast<const char*>(data), size);
   VdirZones zones;
   VdirClock clock("Europe/Berlin");
-  std::string problem;
-  auto records = decodeCache(sealCachePayload(payload), keyOf(payload), zones, 1, problem);
+  auto records = decodeCache(sealCachePayload(payload), keyOf(payload), zones, 1);
   if (!records) return 0;
   VdirCalendarFields fields;
   fields.identifier = "account/calendar";
@@ -57,6 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (const auto& series : record.item->series) {
       for (auto [from, to] : {std::pair{1793491200.0, 1796083200.0}, std::pair{1577836800.0, 1893456000.0}}) {
         std::vector<VdirOccurrence> occurrences;
+        std::string problem;
         expandSeries(series, clock, from, to, limits, occurrences, problem);
         std::size_t converted = 0;
         for (const auto& occurrence : occurrences) {

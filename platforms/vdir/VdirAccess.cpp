@@ -118,7 +118,7 @@ void VdirAccess::readIfChanged() const {
     readVersion_.reset();
 }
 
-std::optional<std::string> VdirAccess::record(platform::EKEntityType entityType, std::optional<bool> granted) {
+rivet::RivetResult<void> VdirAccess::record(platform::EKEntityType entityType, std::optional<bool> granted) {
   rivet::RivetMutexLock lock(mutex_);
   auto json = readFile(file_);
   json["version"] = 1;
@@ -134,14 +134,12 @@ std::optional<std::string> VdirAccess::record(platform::EKEntityType entityType,
   std::error_code error;
   if (path.has_parent_path()) std::filesystem::create_directories(path.parent_path(), error);
   auto written = replaceFile(file_, json.dump(2) + "\n", 0600, VdirDurability::synced);
-  std::optional<std::string> failure;
-  if (!written) failure = written.error().message();
-  if (failure)
+  if (!written)
     overrides_[entityType] = granted;
   else
     overrides_.erase(entityType);
   readVersion_.reset();
-  return failure;
+  return written;
 }
 
 }  // namespace vesp::vdir

@@ -15,6 +15,7 @@
 
 #include "support/platform/EKTypes.h"
 #include "support/rivet/RivetMutex.h"
+#include "support/rivet/RivetResult.h"
 
 namespace vesp::vdir {
 
@@ -28,9 +29,9 @@ class VdirAccess {
 
   // Not determined, denied or authorised, as the file says now.
   platform::EKAuthorizationStatus status(platform::EKEntityType entityType) const;
-  // Records a decision (or, with nothing, forgets it). Returns an error text when the file could
-  // not be written; the decision then holds for this process only.
-  std::optional<std::string> record(platform::EKEntityType entityType, std::optional<bool> granted);
+  // Records a decision (or, with nothing, forgets it). Fails when the file could not be written
+  // (the message says why); the decision then holds for this process only.
+  rivet::RivetResult<void> record(platform::EKEntityType entityType, std::optional<bool> granted);
 
   const std::string& file() const { return file_; }
   const std::string& application() const { return application_; }

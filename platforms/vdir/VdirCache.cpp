@@ -507,6 +507,11 @@ class Decoder {
 
 std::string errorText(const char* what) { return std::string(what) + ": " + std::strerror(errno); }
 
+// A failure whose message is the problem as the cache status reports it.
+rivet::RivetError cacheFailure(std::string problem, const char* function, std::uint64_t line) {
+  return rivet::RivetError(std::move(problem), std::nullopt, "VdirCache", function, line);
+}
+
 }  // namespace
 
 std::string defaultCacheDirectory() {
@@ -602,8 +607,8 @@ std::string sealCachePayload(std::string_view payload) {
   return out;
 }
 
-std::optional<VdirFileRecords> decodeCache(std::string_view bytes, const std::string& key, VdirZones& zones,
-                                           unsigned threads, std::string& problem) {
+rivet::RivetResult<VdirFileRecords> decodeCache(std::string_view bytes, const std::string& key, VdirZones& zones,
+                                                unsigned threads) {
   try {
     Reader header(bytes);
     if (header.take(sizeof kMagic) != std::string_view(kMagic, sizeof kMagic)) throw Corrupt("not a cache file");
@@ -670,50 +675,45 @@ std::optional<VdirFileRecords> decodeCache(std::string_view bytes, const std::st
       for (auto& entry : block) records.push_back(std::move(entry));
     return records;
   } catch (const std::exception& error) {
-    problem = error.what();
-    return std::nullopt;
+    return cacheFailure(error.what(), "decodeCache", __LINE__);
   }
 }
 
-std::optional<VdirFileRecords> readCache(const std::string& path, const std::string& key, VdirZones& zones,
-                                         unsigned threads, std::string& problem) {
+rivet::RivetResult<VdirFileRecords> readCache(const std::string& path, const std::string& key, VdirZones& zones,
+                                              unsigned threads) {
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    problem = errno == ENOENT ? "no cache yet" : errorText("the cache cannot be read");
-    return std::nullopt;
-  }
+  if (fd < 0)
+    return cacheFailure(errno == ENOENT ? "no cache yet" : errorText("the cache cannot be read"), "readCache", __LINE__);
   struct stat status {};
   if (::fstat(fd, &status) != 0) {
-    problem = errorText("the cache cannot be read");
+    auto failure = cacheFailure(errorText("the cache cannot be read"), "readCache", __LINE__);
     ::close(fd);
-    return std::nullopt;
+    return failure;
   }
   if (status.st_size == 0) {
     ::close(fd);
-    return decodeCache({}, key, zones, threads, problem);
+    return decodeCache({}, key, zones, threads);
   }
   // Mapped, not copied: decoding copies what it keeps. The file is replaced by rename, never
   // rewritten in place, so the mapping stays as it was read.
   const auto size = static_cast<std::size_t>(status.st_size);
   void* mapped = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_POPULATE, fd, 0);
   ::close(fd);
-  if (mapped == MAP_FAILED) {
-    problem = errorText("the cache cannot be read");
-    return std::nullopt;
-  }
-  auto records = decodeCache(std::string_view(static_cast<const char*>(mapped), size), key, zones, threads, problem);
+  if (mapped == MAP_FAILED) return cacheFailure(errorText("the cache cannot be read"), "readCache", __LINE__);
+  auto records = decodeCache(std::string_view(static_cast<const char*>(mapped), size), key, zones, threads);
   ::munmap(mapped, size);
   return records;
 }
 
-std::optional<std::string> writeCacheFile(const std::string& path, std::string_view bytes) {
+rivet::RivetResult<void> writeCacheFile(const std::string& path, std::string_view bytes) {
   std::error_code error;
   fs::create_directories(fs::path(path).parent_path(), error);
-  if (error) return "the cache directory cannot be made: " + error.message();
+  if (error) return cacheFailure("the cache directory cannot be made: " + error.message(), "writeCacheFile", __LINE__);
   // Not synced: a cache damaged by a crash fails its check when read and is rebuilt.
   auto written = replaceFile(path, bytes, 0600, VdirDurability::unsynced);
-  if (!written) return "the cache cannot be written: " + written.error().message();
-  return std::nullopt;
+  if (!written)
+    return cacheFailure("the cache cannot be written: " + written.error().message(), "writeCacheFile", __LINE__);
+  return rivet::RivetResultVoidSuccess;
 }
 
 }  // namespace vesp::vdir

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "platforms/vdir/VdirItem.h"
+#include "support/rivet/RivetResult.h"
 
 namespace vesp::vdir {
 
@@ -70,22 +71,23 @@ std::string encodeCache(const std::string& key, const VdirFileRecords& records, 
 // Whether a record with these times, looked at `scannedAt`, can be trusted (see encodeCache).
 bool trustedRecord(std::int64_t modified, std::int64_t changed, std::int64_t scannedAt);
 
-// The records of a cache's bytes, or nothing (and `problem` says why) when the bytes are not a
+// The records of a cache's bytes; a failure (whose message says why) when the bytes are not a
 // whole, undamaged cache of this format for `key`. Zones are rebuilt into `zones`. Decoding runs on
 // up to `threads` threads.
-std::optional<VdirFileRecords> decodeCache(std::string_view bytes, const std::string& key, VdirZones& zones,
-                                           unsigned threads, std::string& problem);
+rivet::RivetResult<VdirFileRecords> decodeCache(std::string_view bytes, const std::string& key, VdirZones& zones,
+                                                unsigned threads);
 
 // A cache's bytes around `payload`: the header with the payload's length and hash (for tests and
 // fuzzing, which need caches whose payload is damaged but whose header is right).
 std::string sealCachePayload(std::string_view payload);
 
-// Reads and decodes the cache file at `path`; nothing when it is absent or unusable.
-std::optional<VdirFileRecords> readCache(const std::string& path, const std::string& key, VdirZones& zones,
-                                         unsigned threads, std::string& problem);
+// Reads and decodes the cache file at `path`; a failure when it is absent ("no cache yet") or
+// unusable.
+rivet::RivetResult<VdirFileRecords> readCache(const std::string& path, const std::string& key, VdirZones& zones,
+                                              unsigned threads);
 
 // Writes `bytes` to `path` through a file beside it and an atomic rename, creating the directory
-// when needed. Returns what went wrong, or nothing.
-std::optional<std::string> writeCacheFile(const std::string& path, std::string_view bytes);
+// when needed.
+rivet::RivetResult<void> writeCacheFile(const std::string& path, std::string_view bytes);
 
 }  // namespace vesp::vdir

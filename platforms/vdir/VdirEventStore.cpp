@@ -158,8 +158,8 @@ void VdirEventStore::requestAccessToEntityType(platform::EKEntityType entityType
       if (auto value = services->bundle->objectForInfoDictionaryKey(key); value && value->string())
         usage = *value->string();
       granted = services->consentHandler(entityType, usage);
-      if (auto failure = services->access->record(entityType, granted))
-        return completion(granted, platform::NSError(VdirErrorDomain, 3, *failure));
+      if (auto recorded = services->access->record(entityType, granted); !recorded)
+        return completion(granted, platform::NSError(VdirErrorDomain, 3, recorded.error().message()));
     }
     completion(granted, std::nullopt);
   });

@@ -63,7 +63,7 @@ VdirStore::VdirStore(VdirStoreOptions options, VdirScanHooks hooks)
   cacheStatus_.path = cacheFile_;
   // Read while the first scan lists the tree; the scan waits for it before it looks at files.
   pendingCache_ = std::async(std::launch::async, [this] {
-    return readCache(cacheFile_, cacheKey_, *zones_, threads(), cacheLoadProblem_);
+    return readCache(cacheFile_, cacheKey_, *zones_, threads());
   });
 }
 
@@ -71,11 +71,13 @@ void VdirStore::takePendingCache() {
   if (!pendingCache_.valid()) return;
   auto records = pendingCache_.get();
   rivet::RivetMutexLock lock(mutex_);
-  cacheStatus_.loadProblem = cacheLoadProblem_;
-  if (!records) return;
+  if (!records) {
+    cacheStatus_.loadProblem = records.error().message();
+    return;
+  }
   cacheStatus_.loaded = true;
   cacheStatus_.loadedFiles = records->size();
-  files_ = std::move(*records);
+  files_ = std::move(records).value();
   cacheStale_ = false;
 }
 
@@ -209,10 +211,10 @@ void VdirStore::flushCache() {
 void VdirStore::writeCache(std::int64_t scannedAt) {
   std::size_t left = 0;
   std::string bytes = encodeCache(cacheKey_, files_, *zones_, scannedAt, left);
-  auto failure = writeCacheFile(cacheFile_, bytes);
+  auto written = writeCacheFile(cacheFile_, bytes);
   rivet::RivetMutexLock lock(mutex_);
-  if (failure) {
-    cacheStatus_.writeProblem = *failure;
+  if (!written) {
+    cacheStatus_.writeProblem = written.error().message();
     return;
   }
   ++cacheStatus_.writes;

@@ -153,10 +153,8 @@ class VdirStore : public std::enable_shared_from_this<VdirStore> {
   std::thread cacheWriter_;        // writes the cache after a scan; reads files_ until joined
   VdirFileRecords files_ RIVET_GUARDED_BY(rescanMutex_);
   bool cacheStale_ RIVET_GUARDED_BY(rescanMutex_) = true;  // the cache on disk does not hold files_
-  // The cache being read for the first scan, and why it could not be used; written by the reading
-  // thread, read once the future is ready.
-  std::future<std::optional<VdirFileRecords>> pendingCache_ RIVET_GUARDED_BY(rescanMutex_);
-  std::string cacheLoadProblem_;
+  // The cache being read for the first scan (or why it could not be used).
+  std::future<rivet::RivetResult<VdirFileRecords>> pendingCache_ RIVET_GUARDED_BY(rescanMutex_);
   std::map<std::string, std::shared_ptr<VdirCalendar>> calendars_ RIVET_GUARDED_BY(rescanMutex_);
   std::map<std::string, std::shared_ptr<VdirSource>> sources_ RIVET_GUARDED_BY(rescanMutex_);
 

@@ -393,7 +393,8 @@ void resetAccess(const Arguments& args) {
   const char* accessFile = std::getenv("VESP_ACCESS_FILE");
   vdir::VdirAccess decisions(accessFile && *accessFile ? accessFile : vdir::VdirAccess::defaultFile(), "vesp");
   for (auto type : accessTypes(args))
-    if (auto failure = decisions.record(type, std::nullopt)) throw Exit{kExitFailure, "vesp: " + *failure};
+    if (auto recorded = decisions.record(type, std::nullopt); !recorded)
+      throw Exit{kExitFailure, "vesp: " + recorded.error().message()};
 }
 
 void runAccess(Invocation& call) {

@@ -64,7 +64,7 @@ TEST(VdirAccessTest, ADecisionIsKeptUnderItsApplicationAndEntityType) {
   TemporaryDirectory config;
   const fs::path file = config.path() / "vesp/access.json";
   VdirAccess access(file.string(), "vesp");
-  ASSERT_EQ(access.record(EKEntityTypeEvent, true), std::nullopt);  // its directory is made
+  ASSERT_TRUE(access.record(EKEntityTypeEvent, true));  // its directory is made
   EXPECT_EQ(access.status(EKEntityTypeEvent), EKAuthorizationStatusAuthorized);
   EXPECT_EQ(access.status(EKEntityTypeReminder), EKAuthorizationStatusNotDetermined);
   EXPECT_EQ(fileContents(file),
@@ -122,7 +122,7 @@ TEST(VdirAccessTest, OtherApplicationsAndUnknownKeysSurviveADecision) {
   const fs::path file = config.path() / "access.json";
   writeFile(file, R"({"version": 1, "note": "kept", "applications": {"other": {"events": "denied"}}})");
   VdirAccess access(file.string(), "vesp");
-  ASSERT_EQ(access.record(EKEntityTypeReminder, false), std::nullopt);
+  ASSERT_TRUE(access.record(EKEntityTypeReminder, false));
   auto json = fileContents(file);
   EXPECT_EQ(json["note"], "kept");
   EXPECT_EQ(json["applications"]["other"]["events"], "denied");
@@ -134,9 +134,9 @@ TEST(VdirAccessTest, ForgettingADecisionMakesItNotDeterminedAgain) {
   TemporaryDirectory config;
   const fs::path file = config.path() / "access.json";
   VdirAccess access(file.string(), "vesp");
-  ASSERT_EQ(access.record(EKEntityTypeEvent, true), std::nullopt);
-  ASSERT_EQ(access.record(EKEntityTypeReminder, true), std::nullopt);
-  ASSERT_EQ(access.record(EKEntityTypeEvent, std::nullopt), std::nullopt);
+  ASSERT_TRUE(access.record(EKEntityTypeEvent, true));
+  ASSERT_TRUE(access.record(EKEntityTypeReminder, true));
+  ASSERT_TRUE(access.record(EKEntityTypeEvent, std::nullopt));
   EXPECT_EQ(access.status(EKEntityTypeEvent), EKAuthorizationStatusNotDetermined);
   EXPECT_EQ(access.status(EKEntityTypeReminder), EKAuthorizationStatusAuthorized);
   EXPECT_FALSE(fileContents(file)["applications"]["vesp"].contains("events"));
@@ -158,10 +158,10 @@ TEST(VdirAccessTest, WordsThatAreNoDecisionAreNotDetermined) {
 TEST(VdirAccessTest, TheFileIsReplacedWholeAndReadableByItsOwnerOnly) {
   TemporaryDirectory config;
   VdirAccess access((config.path() / "access.json").string(), "vesp");
-  ASSERT_EQ(access.record(EKEntityTypeEvent, true), std::nullopt);
+  ASSERT_TRUE(access.record(EKEntityTypeEvent, true));
   struct stat first {};
   ::stat((config.path() / "access.json").c_str(), &first);
-  ASSERT_EQ(access.record(EKEntityTypeReminder, false), std::nullopt);
+  ASSERT_TRUE(access.record(EKEntityTypeReminder, false));
   struct stat second {};
   ::stat((config.path() / "access.json").c_str(), &second);
   EXPECT_NE(first.st_ino, second.st_ino);  // a new file renamed into place, never rewritten in place
@@ -174,7 +174,7 @@ TEST(VdirAccessTest, TheFileIsReplacedWholeAndReadableByItsOwnerOnly) {
   // A damaged file reads as no decision, and the next decision replaces it.
   writeFile(config.path() / "access.json", "{not json");
   EXPECT_EQ(access.status(EKEntityTypeEvent), EKAuthorizationStatusNotDetermined);
-  ASSERT_EQ(access.record(EKEntityTypeEvent, true), std::nullopt);
+  ASSERT_TRUE(access.record(EKEntityTypeEvent, true));
   EXPECT_EQ(access.status(EKEntityTypeEvent), EKAuthorizationStatusAuthorized);
 }
 
@@ -183,13 +183,13 @@ TEST(VdirAccessTest, ADecisionTheFileCannotKeepHoldsForThisProcessOnly) {
   writeFile(config.path() / "not-a-directory", "x");
   const fs::path file = config.path() / "not-a-directory/access.json";
   VdirAccess access(file.string(), "vesp");
-  auto failure = access.record(EKEntityTypeEvent, true);
-  ASSERT_TRUE(failure);
-  EXPECT_THAT(*failure, ::testing::HasSubstr("cannot write"));
+  auto recorded = access.record(EKEntityTypeEvent, true);
+  ASSERT_FALSE(recorded);
+  EXPECT_THAT(recorded.error().message(), ::testing::HasSubstr("cannot write"));
   EXPECT_EQ(access.status(EKEntityTypeEvent), EKAuthorizationStatusAuthorized);
   EXPECT_EQ(VdirAccess(file.string(), "vesp").status(EKEntityTypeEvent), EKAuthorizationStatusNotDetermined);
   // Forgetting it is also kept for this process.
-  EXPECT_TRUE(access.record(EKEntityTypeEvent, std::nullopt));
+  EXPECT_FALSE(access.record(EKEntityTypeEvent, std::nullopt));
   EXPECT_EQ(access.status(EKEntityTypeEvent), EKAuthorizationStatusNotDetermined);
 }
 

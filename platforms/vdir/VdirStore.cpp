@@ -15,6 +15,7 @@
 
 #include "platforms/vdir/VdirScanner.h"
 #include "platforms/vdir/VdirText.h"
+#include "platforms/vdir/VdirTimeIndex.h"
 #include "platforms/vdir/VdirWatcher.h"
 #include "platforms/vdir/VdirZones.h"
 
@@ -280,165 +281,10 @@ std::shared_ptr<platform::EKEvent> VdirStore::makeEvent(const std::shared_ptr<co
   return std::make_shared<VdirEvent>(std::move(fields));
 }
 
-// The index over time of one snapshot, and the occurrences of its recurring series by period.
-//
-// Every series is bounded by its first possible start and last possible end (none for a rule
-// without end). Bounded series are kept by the length of those bounds, in classes of powers of
-// two, each sorted by first start: a window [a, b) looks in class k only at series starting in
-// [a - 2^k hours, b). Unbounded series are sorted by first start.
-//
-// A recurring series is expanded by libical's iterator one period (kPeriod seconds, from 1970) at
-// a time, for a run of uncached periods at once, and what it gave is kept: later queries over those
-// periods do not run the iterator again. A period whose expansion a limit cut short is marked, and
-// such a series is expanded for each query's own window, as before (nothing is lost to caching).
-struct VdirStore::TimeIndex {
-  static constexpr double kPeriod = 32 * 86400.0;
-  static constexpr double kLengthUnit = 3600.0;
-  static constexpr std::size_t kMaximumCachedOccurrences = 2000000;
-  static constexpr std::int64_t kMaximumCachedPeriodsPerQuery = 16;
-
-  struct Entry {
-    double first = 0.0, last = 0.0;  // last: +inf for no end
-    std::uint32_t collection = 0, item = 0;
-    const VdirSeriesData* series = nullptr;
-  };
-  struct Period {
-    std::vector<VdirOccurrence> occurrences;  // every occurrence overlapping the period
-    bool cut = false;                         // a limit cut its expansion short
-  };
-
-  std::shared_ptr<const VdirSnapshot> snapshot;
-  std::vector<std::vector<Entry>> bounded;  // by length class
-  std::vector<Entry> unbounded;
-  std::unordered_map<const VdirSeriesData*, std::map<std::int64_t, Period>> periods;
-  std::size_t cachedOccurrences = 0;
-
-  explicit TimeIndex(std::shared_ptr<const VdirSnapshot> from) : snapshot(std::move(from)) {
-    for (std::size_t c = 0; c < snapshot->collections.size(); ++c) {
-      const auto& items = snapshot->collections[c].items;
-      for (std::size_t i = 0; i < items.size(); ++i)
-        for (const auto& series : items[i]->series) {
-          Entry entry{series.firstStart, series.lastEnd.value_or(std::numeric_limits<double>::infinity()),
-                      static_cast<std::uint32_t>(c), static_cast<std::uint32_t>(i), &series};
-          if (!series.lastEnd) {
-            unbounded.push_back(entry);
-            continue;
-          }
-          std::size_t lengthClass = 0;
-          for (double span = kLengthUnit; span < entry.last - entry.first && lengthClass < 62; span *= 2) ++lengthClass;
-          if (bounded.size() <= lengthClass) bounded.resize(lengthClass + 1);
-          bounded[lengthClass].push_back(entry);
-        }
-    }
-    auto byFirst = [](const Entry& a, const Entry& b) { return a.first < b.first; };
-    for (auto& list : bounded) std::sort(list.begin(), list.end(), byFirst);
-    std::sort(unbounded.begin(), unbounded.end(), byFirst);
-  }
-
-  // Calls `visit` with every series that can have an occurrence overlapping [a, b), by the same
-  // test expandSeries makes.
-  template <typename Visit>
-  void candidates(double a, double b, Visit&& visit) const {
-    auto byFirst = [](const Entry& entry, double value) { return entry.first < value; };
-    double length = kLengthUnit;
-    for (const auto& list : bounded) {
-      auto from = std::lower_bound(list.begin(), list.end(), a - length, byFirst);
-      auto to = std::lower_bound(from, list.end(), b, byFirst);
-      for (auto it = from; it != to; ++it)
-        if (it->last > a) visit(*it);
-      length *= 2;
-    }
-    auto to = std::lower_bound(unbounded.begin(), unbounded.end(), b, byFirst);
-    for (auto it = unbounded.begin(); it != to; ++it) visit(*it);
-  }
-
-  // Adds to `out` the occurrences of a recurring series that overlap [a, b), from its cached
-  // periods, expanding those not cached yet. False (and nothing added) when the window is too wide
-  // to keep or a limit cut an expansion short: the caller then expands the window itself.
-  bool occurrencesThroughPeriods(const VdirSeriesData& series, double a, double b, const VdirClock& clock,
-                                 const VdirExpansionLimits& limits, std::atomic<std::uint64_t>& expansions,
-                                 std::vector<VdirOccurrence>& out) {
-    const auto p0 = static_cast<std::int64_t>(std::floor(a / kPeriod));
-    const auto p1 = std::max(p0, static_cast<std::int64_t>(std::ceil(b / kPeriod)) - 1);
-    // Windows of many periods (years) are expanded as they are, not kept.
-    if (p1 - p0 >= kMaximumCachedPeriodsPerQuery) return false;
-    auto& cache = periods[&series];
-    if (!fill(series, cache, p0, p1, clock, limits, expansions)) return false;
-    // Each occurrence is taken from the first period of the window it overlaps.
-    for (std::int64_t p = p0; p <= p1; ++p) {
-      const double periodStart = static_cast<double>(p) * kPeriod;
-      for (const auto& occurrence : cache[p].occurrences) {
-        if (p > p0 && occurrence.start < periodStart) continue;
-        bool overlapping = occurrence.end <= occurrence.start ? occurrence.start >= a && occurrence.start < b
-                                                              : occurrence.start < b && occurrence.end > a;
-        if (overlapping) out.push_back(occurrence);
-      }
-    }
-    return true;
-  }
-
- private:
-  // Expands the periods p0..p1 of `series` not in `cache`, each run of them with one iterator.
-  // False when a limit cut one of them short (now or before).
-  bool fill(const VdirSeriesData& series, std::map<std::int64_t, Period>& cache, std::int64_t p0, std::int64_t p1,
-            const VdirClock& clock, const VdirExpansionLimits& limits, std::atomic<std::uint64_t>& expansions) {
-    std::vector<VdirOccurrence> occurrences;
-    for (std::int64_t p = p0; p <= p1;) {
-      if (auto have = cache.find(p); have != cache.end()) {
-        if (have->second.cut) return false;
-        ++p;
-        continue;
-      }
-      std::int64_t q = p;
-      while (q + 1 <= p1 && !cache.count(q + 1)) ++q;
-      if (cachedOccurrences > kMaximumCachedOccurrences) forgetAllBut(cache);
-      occurrences.clear();
-      std::string problem;
-      ++expansions;
-      bool complete = expandSeries(series, clock, static_cast<double>(p) * kPeriod,
-                                   static_cast<double>(q + 1) * kPeriod, limits, occurrences, problem);
-      for (std::int64_t k = p; k <= q; ++k) cache[k].cut = !complete;
-      if (!complete) return false;
-      for (const auto& occurrence : occurrences) {
-        auto first = static_cast<std::int64_t>(std::floor(occurrence.start / kPeriod));
-        auto last = occurrence.end > occurrence.start
-                        ? static_cast<std::int64_t>(std::ceil(occurrence.end / kPeriod)) - 1
-                        : first;
-        for (std::int64_t k = std::max(first, p); k <= std::min(last, q); ++k) {
-          cache[k].occurrences.push_back(occurrence);
-          ++cachedOccurrences;
-        }
-      }
-      p = q + 1;
-    }
-    return true;
-  }
-
-  // Memory is bounded: the cached expansions start over rather than grow without end.
-  void forgetAllBut(const std::map<std::int64_t, Period>& keep) {
-    for (auto& [other, list] : periods)
-      if (&list != &keep) list.clear();
-    cachedOccurrences = 0;
-    for (const auto& [period, data] : keep) cachedOccurrences += data.occurrences.size();
-  }
-};
-
-std::shared_ptr<VdirStore::TimeIndex> VdirStore::indexFor(const std::shared_ptr<const VdirSnapshot>& snapshot) {
-  if (index_ && index_->snapshot == snapshot) return index_;
-  auto index = std::make_shared<TimeIndex>(snapshot);
-  // Expansions of series that are still there (the same item, kept alive by both snapshots) carry over.
-  if (index_) {
-    auto carry = [&](const TimeIndex::Entry& entry) {
-      indexMutex_.assertHeld();  // called only from here, under it
-      auto found = index_->periods.find(entry.series);
-      if (found == index_->periods.end()) return;
-      for (const auto& [period, data] : found->second) index->cachedOccurrences += data.occurrences.size();
-      index->periods.emplace(entry.series, std::move(found->second));
-    };
-    for (const auto& entry : index->unbounded) carry(entry);
-    for (const auto& list : index->bounded)
-      for (const auto& entry : list) carry(entry);
-  }
+std::shared_ptr<VdirTimeIndex> VdirStore::indexFor(const std::shared_ptr<const VdirSnapshot>& snapshot) {
+  if (index_ && index_->snapshot() == snapshot) return index_;
+  auto index = std::make_shared<VdirTimeIndex>(snapshot);
+  if (index_) index->carryOver(*index_);
   index_ = index;
   return index_;
 }
@@ -463,7 +309,7 @@ std::vector<std::shared_ptr<platform::EKEvent>> VdirStore::events(
     const auto began = std::chrono::steady_clock::now();
     std::optional<std::string> stopped;
     std::size_t visited = 0;
-    using Entry = TimeIndex::Entry;
+    using Entry = VdirTimeIndex::Entry;
     auto cut = [&](const Entry& entry, const std::string& problem) {
       reportRuntime({current->collections[entry.collection].items[entry.item]->relativePath,
                      VdirDiagnostic::Action::truncated, problem});

@@ -54,6 +54,7 @@
 
 namespace vesp::vdir {
 
+class VdirTimeIndex;
 class VdirZones;
 
 class VdirStore : public std::enable_shared_from_this<VdirStore> {
@@ -130,8 +131,7 @@ class VdirStore : public std::enable_shared_from_this<VdirStore> {
                                                const std::shared_ptr<VdirCalendar>& calendar,
                                                const VdirOccurrence& occurrence) const;
 
-  struct TimeIndex;
-  std::shared_ptr<TimeIndex> indexFor(const std::shared_ptr<const VdirSnapshot>& snapshot)
+  std::shared_ptr<VdirTimeIndex> indexFor(const std::shared_ptr<const VdirSnapshot>& snapshot)
       RIVET_REQUIRES(indexMutex_);
   // Runs on cacheWriter_, reading files_ without rescanMutex_: every writer of files_ holds that
   // mutex and joins cacheWriter_ first, which the analysis cannot follow.
@@ -159,7 +159,7 @@ class VdirStore : public std::enable_shared_from_this<VdirStore> {
   std::map<std::string, std::shared_ptr<VdirSource>> sources_ RIVET_GUARDED_BY(rescanMutex_);
 
   rivet::RivetMutex indexMutex_ RIVET_ACQUIRED_AFTER(rescanMutex_);
-  std::shared_ptr<TimeIndex> index_ RIVET_GUARDED_BY(indexMutex_);  // with the expansions it caches
+  std::shared_ptr<VdirTimeIndex> index_ RIVET_GUARDED_BY(indexMutex_);  // with the expansions it caches
 
   mutable rivet::RivetMutex mutex_ RIVET_ACQUIRED_AFTER(indexMutex_);
   std::shared_ptr<const VdirSnapshot> snapshot_ RIVET_GUARDED_BY(mutex_);

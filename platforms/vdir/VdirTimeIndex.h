@@ -1,0 +1,99 @@
+// The index over time of one snapshot's event series, and the occurrences of its recurring series
+// kept by period.
+//
+// Every series is bounded by its first possible start and last possible end (none for a rule
+// without end). Bounded series are kept by the length of those bounds, in classes of powers of
+// two, each sorted by first start: a window [a, b) looks in class k only at series starting in
+// [a - 2^k hours, b). Unbounded series are sorted by first start.
+//
+// A recurring series is expanded by libical's iterator one period (kPeriod seconds, from 1970) at
+// a time, for a run of uncached periods at once, and what it gave is kept: later queries over those
+// periods do not run the iterator again. A period whose expansion a limit cut short is marked, and
+// such a series is expanded for each query's own window instead (nothing is lost to caching). At
+// most kMaximumCachedOccurrences are kept; past that the kept expansions start over.
+//
+// Not thread-safe: its owner runs one query at a time over it.
+#pragma once
+
+#include <algorithm>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <unordered_map>
+#include <vector>
+
+#include "platforms/vdir/VdirExpansion.h"
+#include "platforms/vdir/VdirSnapshot.h"
+
+namespace vesp::vdir {
+
+class VdirTimeIndex {
+ public:
+  static constexpr double kPeriod = 32 * 86400.0;
+  static constexpr double kLengthUnit = 3600.0;
+  static constexpr std::size_t kMaximumCachedOccurrences = 2000000;
+  static constexpr std::int64_t kMaximumCachedPeriodsPerQuery = 16;
+
+  // One series, with its bounds and where it is in the snapshot.
+  struct Entry {
+    double first = 0.0, last = 0.0;  // last: +inf for no end
+    std::uint32_t collection = 0, item = 0;
+    const VdirSeriesData* series = nullptr;
+  };
+
+  explicit VdirTimeIndex(std::shared_ptr<const VdirSnapshot> snapshot);
+
+  const std::shared_ptr<const VdirSnapshot>& snapshot() const { return snapshot_; }
+  // Occurrences kept, over all series.
+  std::size_t cachedOccurrences() const { return cachedOccurrences_; }
+
+  // Takes over what `previous` kept for the series this snapshot still has (the same items, kept
+  // alive by both snapshots).
+  void carryOver(VdirTimeIndex& previous);
+
+  // Calls `visit` with every series that can have an occurrence overlapping [a, b), by the same
+  // test expandSeries makes.
+  template <typename Visit>
+  void candidates(double a, double b, Visit&& visit) const {
+    auto byFirst = [](const Entry& entry, double value) { return entry.first < value; };
+    double length = kLengthUnit;
+    for (const auto& list : bounded_) {
+      auto from = std::lower_bound(list.begin(), list.end(), a - length, byFirst);
+      auto to = std::lower_bound(from, list.end(), b, byFirst);
+      for (auto it = from; it != to; ++it)
+        if (it->last > a) visit(*it);
+      length *= 2;
+    }
+    auto to = std::lower_bound(unbounded_.begin(), unbounded_.end(), b, byFirst);
+    for (auto it = unbounded_.begin(); it != to; ++it) visit(*it);
+  }
+
+  // Adds to `out` the occurrences of a recurring series that overlap [a, b), from its kept
+  // periods, expanding those not kept yet (`expansions` counts the iterator runs). False (and
+  // nothing added) when the window is too wide to keep or a limit cut an expansion short: the
+  // caller then expands the window itself.
+  bool occurrencesThroughPeriods(const VdirSeriesData& series, double a, double b, const VdirClock& clock,
+                                 const VdirExpansionLimits& limits, std::atomic<std::uint64_t>& expansions,
+                                 std::vector<VdirOccurrence>& out);
+
+ private:
+  struct Period {
+    std::vector<VdirOccurrence> occurrences;  // every occurrence overlapping the period
+    bool cut = false;                         // a limit cut its expansion short
+  };
+  using Periods = std::map<std::int64_t, Period>;
+
+  bool fill(const VdirSeriesData& series, Periods& cache, std::int64_t p0, std::int64_t p1, const VdirClock& clock,
+            const VdirExpansionLimits& limits, std::atomic<std::uint64_t>& expansions);
+  void forgetAllBut(const Periods& keep);
+
+  std::shared_ptr<const VdirSnapshot> snapshot_;
+  std::vector<std::vector<Entry>> bounded_;  // by length class
+  std::vector<Entry> unbounded_;
+  std::unordered_map<const VdirSeriesData*, Periods> periods_;
+  std::size_t cachedOccurrences_ = 0;
+};
+
+}  // namespace vesp::vdir

@@ -44,7 +44,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   fields.identifier = "account/calendar";
   fields.title = "Calendar";
   fields.color = ::vesp::platform::CGColorCreate(0.1, 0.2, 0.3, 1.0);
-  fields.source = std::make_shared<VdirSource>(".", 0, "Local");
+  fields.source = std::make_shared<VdirSource>(".", ::vesp::platform::EKSourceTypeLocal, "Local");
   auto calendar = std::make_shared<VdirCalendar>(fields);
   // Low limits, as in the store-road harness: the limits are exercised, not their size.
   VdirExpansionLimits limits;

@@ -6,8 +6,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <random>
 
 namespace vesp::vdir {
@@ -88,6 +90,26 @@ rivet::RivetResult<void> replaceFile(const std::string& path, std::string_view b
   if (durability == VdirDurability::synced && (error = syncDirectory(directory.string())) != 0)
     return failure("cannot sync " + directory.string(), error, "replaceFile", __LINE__);
   return rivet::RivetResultVoidSuccess;
+}
+
+std::string systemLocalZoneName() {
+  if (const char* tz = std::getenv("TZ"); tz && *tz) {
+    std::string name = tz[0] == ':' ? tz + 1 : tz;
+    auto marker = name.find("zoneinfo/");
+    if (marker != std::string::npos) name = name.substr(marker + 9);
+    if (!name.empty()) return name;
+  }
+  char target[4096];
+  ssize_t length = ::readlink("/etc/localtime", target, sizeof target - 1);
+  if (length > 0) {
+    std::string path(target, static_cast<std::size_t>(length));
+    auto marker = path.find("zoneinfo/");
+    if (marker != std::string::npos) return path.substr(marker + 9);
+  }
+  std::ifstream file("/etc/timezone");
+  std::string name;
+  if (file && std::getline(file, name) && !name.empty()) return name;
+  return "UTC";
 }
 
 }  // namespace vesp::vdir

@@ -34,4 +34,7 @@ enum class VdirDurability {
 rivet::RivetResult<void> replaceFile(const std::string& path, std::string_view bytes, mode_t mode,
                                      VdirDurability durability);
 
+// The local zone's IANA name from TZ, /etc/localtime or /etc/timezone; "UTC" when none is found.
+std::string systemLocalZoneName();
+
 }  // namespace vesp::vdir

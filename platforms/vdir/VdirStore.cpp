@@ -13,6 +13,7 @@
 #include <limits>
 #include <unordered_map>
 
+#include "platforms/vdir/VdirFiles.h"
 #include "platforms/vdir/VdirScanner.h"
 #include "platforms/vdir/VdirText.h"
 #include "platforms/vdir/VdirTimeIndex.h"

@@ -1,10 +1,6 @@
 #include "platforms/vdir/VdirTime.h"
 
-#include <unistd.h>
-
 #include <cmath>
-#include <cstdlib>
-#include <fstream>
 
 #include "platforms/vdir/VdirZones.h"
 
@@ -76,26 +72,6 @@ icaltimetype VdirClock::wallClockLike(platform::Date instant, const VdirTime& li
   icaltimetype wall = icaltime_from_timet_with_zone(seconds, like.isDate() ? 1 : 0, zone);
   wall.zone = nullptr;
   return wall;
-}
-
-std::string systemLocalZoneName() {
-  if (const char* tz = std::getenv("TZ"); tz && *tz) {
-    std::string name = tz[0] == ':' ? tz + 1 : tz;
-    auto marker = name.find("zoneinfo/");
-    if (marker != std::string::npos) name = name.substr(marker + 9);
-    if (!name.empty()) return name;
-  }
-  char target[4096];
-  ssize_t length = readlink("/etc/localtime", target, sizeof target - 1);
-  if (length > 0) {
-    std::string path(target, static_cast<std::size_t>(length));
-    auto marker = path.find("zoneinfo/");
-    if (marker != std::string::npos) return path.substr(marker + 9);
-  }
-  std::ifstream file("/etc/timezone");
-  std::string name;
-  if (file && std::getline(file, name) && !name.empty()) return name;
-  return "UTC";
 }
 
 platform::DateComponents dateComponents(const VdirTime& time) {

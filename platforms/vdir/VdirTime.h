@@ -53,9 +53,6 @@ class VdirClock {
   icaltimezone* localZone_ = nullptr;  // null: UTC
 };
 
-// The local zone's IANA name from TZ, /etc/localtime or /etc/timezone; "UTC" when none is found.
-std::string systemLocalZoneName();
-
 // Date components of a time as the file states it: a DATE gives year, month and day only; a
 // DATE-TIME adds hour, minute and second, and its zone when it has one.
 platform::DateComponents dateComponents(const VdirTime& time);

@@ -7,7 +7,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
+#include <optional>
 #include <string>
 
 #include "platforms/vdir/VdirFiles.h"
@@ -86,6 +88,39 @@ TEST(VdirFilesTest, AFailedReplacementLeavesWhatWasThereAndNoTemporary) {
   auto nowhere = replaceFile((directory.path() / "absent" / "file").string(), "new", 0600, VdirDurability::synced);
   ASSERT_FALSE(nowhere);
   EXPECT_THAT(nowhere.error().message(), HasSubstr("cannot write"));
+}
+
+// Restores TZ when a test that set it ends.
+class ScopedTz {
+ public:
+  explicit ScopedTz(const char* value) {
+    if (const char* old = std::getenv("TZ")) old_ = old;
+    ::setenv("TZ", value, 1);
+  }
+  ~ScopedTz() {
+    if (old_)
+      ::setenv("TZ", old_->c_str(), 1);
+    else
+      ::unsetenv("TZ");
+  }
+
+ private:
+  std::optional<std::string> old_;
+};
+
+TEST(VdirFilesTest, TheSystemZoneIsReadFromTzFirst) {
+  {
+    ScopedTz tz(":Europe/Paris");
+    EXPECT_EQ(systemLocalZoneName(), "Europe/Paris");
+  }
+  {
+    ScopedTz tz("/usr/share/zoneinfo/Asia/Tokyo");
+    EXPECT_EQ(systemLocalZoneName(), "Asia/Tokyo");
+  }
+  {
+    ScopedTz tz("America/Chicago");
+    EXPECT_EQ(systemLocalZoneName(), "America/Chicago");
+  }
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 // floating times and dates, zones across their changes, and the way back to a wall clock.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -55,24 +54,6 @@ VdirTime zoned(const std::string& name, int year, int month, int day, int hour, 
 }
 
 double seconds(platform::Date date) { return date.timeIntervalSince1970(); }
-
-// Restores TZ when a test that set it ends.
-class ScopedTz {
- public:
-  explicit ScopedTz(const char* value) {
-    if (const char* old = std::getenv("TZ")) old_ = old;
-    ::setenv("TZ", value, 1);
-  }
-  ~ScopedTz() {
-    if (old_)
-      ::setenv("TZ", old_->c_str(), 1);
-    else
-      ::unsetenv("TZ");
-  }
-
- private:
-  std::optional<std::string> old_;
-};
 
 TEST(VdirTimeTest, CivilSecondsCountFromTheEpochInEveryEra) {
   EXPECT_EQ(civilSecondsSince1970(1970, 1, 1, 0, 0, 0), 0.0);
@@ -179,21 +160,6 @@ TEST(VdirTimeTest, DateComponentsSayWhatTheFileSays) {
   EXPECT_EQ(dateComponents(utcTime(2026, 11, 24, 9, 30)).timeZone, platform::TimeZone("UTC"));
   EXPECT_EQ(dateComponents(zoned("America/New_York", 2026, 11, 24, 9, 30)).timeZone,
             platform::TimeZone("America/New_York"));
-}
-
-TEST(VdirTimeTest, TheSystemZoneIsReadFromTzFirst) {
-  {
-    ScopedTz tz(":Europe/Paris");
-    EXPECT_EQ(systemLocalZoneName(), "Europe/Paris");
-  }
-  {
-    ScopedTz tz("/usr/share/zoneinfo/Asia/Tokyo");
-    EXPECT_EQ(systemLocalZoneName(), "Asia/Tokyo");
-  }
-  {
-    ScopedTz tz("America/Chicago");
-    EXPECT_EQ(systemLocalZoneName(), "America/Chicago");
-  }
 }
 
 }  // namespace

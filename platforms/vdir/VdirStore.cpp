@@ -303,9 +303,13 @@ std::vector<std::shared_ptr<platform::EKEvent>> VdirStore::events(
   std::vector<char> chosen(current->collections.size(), 1);
   if (calendars)
     for (std::size_t c = 0; c < chosen.size(); ++c) chosen[c] = calendars->count(current->collections[c].identifier) > 0;
+  std::shared_ptr<VdirTimeIndex> index;
   {
     rivet::RivetMutexLock lock(indexMutex_);
-    auto index = indexFor(current);
+    index = indexFor(current);
+  }
+  // The index guards what it keeps itself and expands outside its lock: queries run side by side.
+  {
     std::vector<VdirOccurrence> occurrences;
     const auto began = std::chrono::steady_clock::now();
     std::optional<std::string> stopped;

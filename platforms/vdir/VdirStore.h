@@ -21,8 +21,8 @@
 // recurring series' occurrences by period, so libical's iterator runs once per series and period.
 //
 // Thread safety: every member function may be called from any thread. Window queries (events)
-// from every connection run one at a time: they share the time index and its cached expansions
-// under one lock, held while libical expands. Other calls do not wait for them.
+// from every connection share the time index and its kept expansions; they wait for each other
+// only while taking or keeping expansions, never while libical expands.
 #pragma once
 
 #include <sys/types.h>
@@ -147,8 +147,8 @@ class VdirStore : public std::enable_shared_from_this<VdirStore> {
   std::string cacheFile_;  // where the cache is kept
   VdirScanHooks hooks_;
 
-  // Lock order: rescanMutex_, then indexMutex_, then mutex_. A query holds indexMutex_ for the
-  // whole of its expansion, so queries of every connection run one at a time.
+  // Lock order: rescanMutex_, then indexMutex_, then mutex_. A query holds indexMutex_ only to
+  // take the index of its snapshot (the index has its own lock for what it keeps).
   rivet::RivetMutex rescanMutex_;  // one rescan at a time
   std::thread cacheWriter_;        // writes the cache after a scan; reads files_ until joined
   VdirFileRecords files_ RIVET_GUARDED_BY(rescanMutex_);

@@ -28,76 +28,132 @@ VdirTimeIndex::VdirTimeIndex(std::shared_ptr<const VdirSnapshot> snapshot) : sna
   std::sort(unbounded_.begin(), unbounded_.end(), byFirst);
 }
 
-void VdirTimeIndex::carryOver(VdirTimeIndex& previous) {
-  auto carry = [&](const Entry& entry) {
-    auto found = previous.periods_.find(entry.series);
-    if (found == previous.periods_.end()) return;
-    for (const auto& [period, data] : found->second) cachedOccurrences_ += data.occurrences.size();
-    periods_.emplace(entry.series, std::move(found->second));
-    previous.periods_.erase(found);
-  };
-  for (const auto& entry : unbounded_) carry(entry);
-  for (const auto& list : bounded_)
-    for (const auto& entry : list) carry(entry);
+std::size_t VdirTimeIndex::cachedOccurrences() const {
+  rivet::RivetMutexLock lock(mutex_);
+  return cachedOccurrences_;
 }
 
-bool VdirTimeIndex::occurrencesThroughPeriods(const VdirSeriesData& series, double a, double b,
-                                              const VdirClock& clock, const VdirExpansionLimits& limits,
-                                              std::atomic<std::uint64_t>& expansions,
-                                              std::vector<VdirOccurrence>& out) {
-  const auto p0 = static_cast<std::int64_t>(std::floor(a / kPeriod));
-  const auto p1 = std::max(p0, static_cast<std::int64_t>(std::ceil(b / kPeriod)) - 1);
+void VdirTimeIndex::carryOver(VdirTimeIndex& previous) {
+  // The new index is not shared yet: no one else can hold its lock while the previous one's is taken.
+  rivet::RivetMutexLock lock(mutex_);
+  rivet::RivetMutexLock lockPrevious(previous.mutex_);
+  std::vector<const Entry*> entries;
+  for (const auto& entry : unbounded_) entries.push_back(&entry);
+  for (const auto& list : bounded_)
+    for (const auto& entry : list) entries.push_back(&entry);
+  for (const Entry* entry : entries) {
+    auto found = previous.periods_.find(entry->series);
+    if (found == previous.periods_.end()) continue;
+    for (const auto& [period, data] : found->second) cachedOccurrences_ += data.occurrences.size();
+    periods_.emplace(entry->series, std::move(found->second));
+    previous.periods_.erase(found);
+  }
+}
+
+namespace {
+
+std::int64_t firstPeriod(double a) { return static_cast<std::int64_t>(std::floor(a / VdirTimeIndex::kPeriod)); }
+
+std::int64_t lastPeriod(double a, double b) {
+  return std::max(firstPeriod(a), static_cast<std::int64_t>(std::ceil(b / VdirTimeIndex::kPeriod)) - 1);
+}
+
+}  // namespace
+
+VdirTimeIndex::Kept VdirTimeIndex::keptOccurrences(const VdirSeriesData& series, double a, double b,
+                                                   std::vector<VdirOccurrence>& out, Expansion* missing) const {
+  const std::int64_t p0 = firstPeriod(a), p1 = lastPeriod(a, b);
   // Windows of many periods (years) are expanded as they are, not kept.
-  if (p1 - p0 >= kMaximumCachedPeriodsPerQuery) return false;
-  auto& cache = periods_[&series];
-  if (!fill(series, cache, p0, p1, clock, limits, expansions)) return false;
+  if (p1 - p0 >= kMaximumCachedPeriodsPerQuery) return Kept::direct;
+  rivet::RivetMutexLock lock(mutex_);
+  auto found = periods_.find(&series);
+  const Periods* cache = found == periods_.end() ? nullptr : &found->second;
+  bool lacking = false;
+  auto isKept = [&](std::int64_t p) { return cache && cache->count(p) > 0; };
+  for (std::int64_t p = p0; p <= p1;) {
+    if (isKept(p)) {
+      if (cache->at(p).cut) return Kept::direct;
+      ++p;
+      continue;
+    }
+    lacking = true;
+    std::int64_t q = p;
+    while (q + 1 <= p1 && !isKept(q + 1)) ++q;
+    if (missing) missing->runs.push_back({p, q, true, {}});
+    p = q + 1;
+  }
+  if (lacking) {
+    if (missing) missing->series = &series;
+    return Kept::missing;
+  }
   // Each occurrence is taken from the first period of the window it overlaps.
   for (std::int64_t p = p0; p <= p1; ++p) {
     const double periodStart = static_cast<double>(p) * kPeriod;
-    for (const auto& occurrence : cache[p].occurrences) {
+    for (const auto& occurrence : cache->at(p).occurrences) {
       if (p > p0 && occurrence.start < periodStart) continue;
       bool overlapping = occurrence.end <= occurrence.start ? occurrence.start >= a && occurrence.start < b
                                                             : occurrence.start < b && occurrence.end > a;
       if (overlapping) out.push_back(occurrence);
     }
   }
-  return true;
+  return Kept::answered;
 }
 
-// Expands the periods p0..p1 of `series` not in `cache`, each run of them with one iterator.
-// False when a limit cut one of them short (now or before).
-bool VdirTimeIndex::fill(const VdirSeriesData& series, Periods& cache, std::int64_t p0, std::int64_t p1,
-                         const VdirClock& clock, const VdirExpansionLimits& limits,
-                         std::atomic<std::uint64_t>& expansions) {
-  std::vector<VdirOccurrence> occurrences;
-  for (std::int64_t p = p0; p <= p1;) {
-    if (auto have = cache.find(p); have != cache.end()) {
-      if (have->second.cut) return false;
-      ++p;
-      continue;
-    }
-    std::int64_t q = p;
-    while (q + 1 <= p1 && !cache.count(q + 1)) ++q;
-    if (cachedOccurrences_ > kMaximumCachedOccurrences) forgetAllBut(cache);
-    occurrences.clear();
+void VdirTimeIndex::expandPeriods(Expansion& missing, const VdirClock& clock, const VdirExpansionLimits& limits,
+                                  std::atomic<std::uint64_t>& expansions) {
+  for (auto& run : missing.runs) {
     std::string problem;
     ++expansions;
-    bool complete = expandSeries(series, clock, static_cast<double>(p) * kPeriod, static_cast<double>(q + 1) * kPeriod,
-                                 limits, occurrences, problem);
-    for (std::int64_t k = p; k <= q; ++k) cache[k].cut = !complete;
-    if (!complete) return false;
-    for (const auto& occurrence : occurrences) {
+    run.complete = expandSeries(*missing.series, clock, static_cast<double>(run.first) * kPeriod,
+                                static_cast<double>(run.last + 1) * kPeriod, limits, run.occurrences, problem);
+    if (!run.complete) {
+      missing.runs.resize(static_cast<std::size_t>(&run - missing.runs.data()) + 1);
+      return;
+    }
+  }
+}
+
+void VdirTimeIndex::keep(const Expansion& expansion) {
+  rivet::RivetMutexLock lock(mutex_);
+  auto& cache = periods_[expansion.series];
+  std::vector<Period*> added;
+  for (const auto& run : expansion.runs) {
+    if (cachedOccurrences_ > kMaximumCachedOccurrences) forgetAllBut(cache);
+    added.assign(static_cast<std::size_t>(run.last - run.first + 1), nullptr);
+    for (std::int64_t k = run.first; k <= run.last; ++k) {
+      auto [period, isNew] = cache.try_emplace(k);
+      if (!isNew) continue;
+      period->second.cut = !run.complete;
+      added[static_cast<std::size_t>(k - run.first)] = &period->second;
+    }
+    if (!run.complete) continue;
+    // An occurrence is kept in every period it overlaps (one of no length where it starts).
+    for (const auto& occurrence : run.occurrences) {
       auto first = static_cast<std::int64_t>(std::floor(occurrence.start / kPeriod));
       auto last = occurrence.end > occurrence.start ? static_cast<std::int64_t>(std::ceil(occurrence.end / kPeriod)) - 1
                                                     : first;
-      for (std::int64_t k = std::max(first, p); k <= std::min(last, q); ++k) {
-        cache[k].occurrences.push_back(occurrence);
-        ++cachedOccurrences_;
-      }
+      for (std::int64_t k = std::max(first, run.first); k <= std::min(last, run.last); ++k)
+        if (Period* period = added[static_cast<std::size_t>(k - run.first)]) {
+          period->occurrences.push_back(occurrence);
+          ++cachedOccurrences_;
+        }
     }
-    p = q + 1;
   }
-  return true;
+}
+
+bool VdirTimeIndex::occurrencesThroughPeriods(const VdirSeriesData& series, double a, double b,
+                                              const VdirClock& clock, const VdirExpansionLimits& limits,
+                                              std::atomic<std::uint64_t>& expansions,
+                                              std::vector<VdirOccurrence>& out) {
+  Expansion missing;
+  switch (keptOccurrences(series, a, b, out, &missing)) {
+    case Kept::answered: return true;
+    case Kept::direct: return false;
+    case Kept::missing: break;
+  }
+  expandPeriods(missing, clock, limits, expansions);
+  keep(missing);
+  return keptOccurrences(series, a, b, out) == Kept::answered;
 }
 
 // Memory is bounded: the kept expansions start over rather than grow without end.

@@ -12,7 +12,10 @@
 // such a series is expanded for each query's own window instead (nothing is lost to caching). At
 // most kMaximumCachedOccurrences are kept; past that the kept expansions start over.
 //
-// Not thread-safe: its owner runs one query at a time over it.
+// Thread-safe: the series lists are constant after construction, and the kept periods are guarded
+// by the index's own lock, which is never held while libical expands. Queries on one index thus
+// expand at the same time; two that lack the same period may both expand it, and the first to
+// keep it wins.
 #pragma once
 
 #include <algorithm>
@@ -26,6 +29,7 @@
 
 #include "platforms/vdir/VdirExpansion.h"
 #include "platforms/vdir/VdirSnapshot.h"
+#include "support/rivet/RivetMutex.h"
 
 namespace vesp::vdir {
 
@@ -47,11 +51,11 @@ class VdirTimeIndex {
 
   const std::shared_ptr<const VdirSnapshot>& snapshot() const { return snapshot_; }
   // Occurrences kept, over all series.
-  std::size_t cachedOccurrences() const { return cachedOccurrences_; }
+  std::size_t cachedOccurrences() const RIVET_EXCLUDES(mutex_);
 
   // Takes over what `previous` kept for the series this snapshot still has (the same items, kept
   // alive by both snapshots).
-  void carryOver(VdirTimeIndex& previous);
+  void carryOver(VdirTimeIndex& previous) RIVET_EXCLUDES(mutex_, previous.mutex_);
 
   // Calls `visit` with every series that can have an occurrence overlapping [a, b), by the same
   // test expandSeries makes.
@@ -70,13 +74,45 @@ class VdirTimeIndex {
     for (auto it = unbounded_.begin(); it != to; ++it) visit(*it);
   }
 
-  // Adds to `out` the occurrences of a recurring series that overlap [a, b), from its kept
-  // periods, expanding those not kept yet (`expansions` counts the iterator runs). False (and
-  // nothing added) when the window is too wide to keep or a limit cut an expansion short: the
-  // caller then expands the window itself.
+  // What the kept periods say about a recurring series over a window.
+  enum class Kept {
+    answered,  // every period of the window is kept: its occurrences were added
+    missing,   // some periods are not kept yet: expand them (expandPeriods), keep them, ask again
+    direct,    // the window is too wide to keep, or a limit cut a kept period: expand the window itself
+  };
+
+  // The periods of one series that a window lacked, expanded: runs of consecutive periods, each
+  // expanded by one iterator run. Made without the index, so without its owner's lock.
+  struct Expansion {
+    struct Run {
+      std::int64_t first = 0, last = 0;
+      bool complete = true;  // false: a limit cut it short, and later runs were not expanded
+      std::vector<VdirOccurrence> occurrences;
+    };
+    const VdirSeriesData* series = nullptr;
+    std::vector<Run> runs;
+  };
+
+  // Adds to `out` the kept occurrences of `series` overlapping [a, b) when the window is answered
+  // from kept periods; otherwise adds nothing and, when periods are missing, names them in
+  // `missing` (when given).
+  Kept keptOccurrences(const VdirSeriesData& series, double a, double b, std::vector<VdirOccurrence>& out,
+                       Expansion* missing = nullptr) const RIVET_EXCLUDES(mutex_);
+
+  // Expands the runs `missing` names (`expansions` counts the iterator runs). Reads only the series
+  // and the clock: safe to call on any thread, without the index.
+  static void expandPeriods(Expansion& missing, const VdirClock& clock, const VdirExpansionLimits& limits,
+                            std::atomic<std::uint64_t>& expansions);
+
+  // Keeps what expandPeriods gave. Periods kept meanwhile (by another query) stay as they are.
+  void keep(const Expansion& expansion) RIVET_EXCLUDES(mutex_);
+
+  // The three steps above in one (the lock taken around the first and last): adds the occurrences of a recurring series that overlap [a, b),
+  // from its kept periods, expanding those not kept yet. False (and nothing added) when the window
+  // is too wide to keep or a limit cut an expansion short: the caller then expands the window itself.
   bool occurrencesThroughPeriods(const VdirSeriesData& series, double a, double b, const VdirClock& clock,
                                  const VdirExpansionLimits& limits, std::atomic<std::uint64_t>& expansions,
-                                 std::vector<VdirOccurrence>& out);
+                                 std::vector<VdirOccurrence>& out) RIVET_EXCLUDES(mutex_);
 
  private:
   struct Period {
@@ -85,15 +121,16 @@ class VdirTimeIndex {
   };
   using Periods = std::map<std::int64_t, Period>;
 
-  bool fill(const VdirSeriesData& series, Periods& cache, std::int64_t p0, std::int64_t p1, const VdirClock& clock,
-            const VdirExpansionLimits& limits, std::atomic<std::uint64_t>& expansions);
-  void forgetAllBut(const Periods& keep);
+  void forgetAllBut(const Periods& keep) RIVET_REQUIRES(mutex_);
 
+  // Constant after construction.
   std::shared_ptr<const VdirSnapshot> snapshot_;
   std::vector<std::vector<Entry>> bounded_;  // by length class
   std::vector<Entry> unbounded_;
-  std::unordered_map<const VdirSeriesData*, Periods> periods_;
-  std::size_t cachedOccurrences_ = 0;
+
+  mutable rivet::RivetMutex mutex_;
+  std::unordered_map<const VdirSeriesData*, Periods> periods_ RIVET_GUARDED_BY(mutex_);
+  std::size_t cachedOccurrences_ RIVET_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace vesp::vdir

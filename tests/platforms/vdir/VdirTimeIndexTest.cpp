@@ -3,9 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <set>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "platforms/vdir/VdirTimeIndex.h"
@@ -163,6 +166,88 @@ TEST_F(VdirTimeIndexTest, TheNextSnapshotsIndexKeepsWhatWasExpandedForItemsItSti
   ASSERT_TRUE(after.occurrencesThroughPeriods(second->collections[0].items[1]->series[0], a, b, clock_, limits_,
                                               expansions_, out));
   EXPECT_GT(expansions_.load(), runs);  // a new item is expanded anew
+}
+
+TEST_F(VdirTimeIndexTest, TwoQueriesLackingTheSamePeriodsBothExpandAndTheFirstToKeepWins) {
+  auto snapshot = snapshotOf({kWeekly});
+  VdirTimeIndex index(snapshot);
+  const auto& series = snapshot->collections[0].items[0]->series[0];
+  const double a = seconds(2026, 2, 1), b = seconds(2026, 3, 1);
+  std::vector<VdirOccurrence> none;
+  VdirTimeIndex::Expansion first, second;
+  ASSERT_EQ(index.keptOccurrences(series, a, b, none, &first), VdirTimeIndex::Kept::missing);
+  ASSERT_EQ(index.keptOccurrences(series, a, b, none, &second), VdirTimeIndex::Kept::missing);
+  EXPECT_TRUE(none.empty());
+  ASSERT_EQ(first.runs.size(), 1u);
+  EXPECT_EQ(first.series, &series);
+
+  // Both expand without the index, as two queries on two threads do, and both keep.
+  VdirTimeIndex::expandPeriods(first, clock_, limits_, expansions_);
+  VdirTimeIndex::expandPeriods(second, clock_, limits_, expansions_);
+  EXPECT_EQ(expansions_.load(), 2u);
+  index.keep(first);
+  const auto kept = index.cachedOccurrences();
+  EXPECT_GT(kept, 0u);
+  index.keep(second);
+  EXPECT_EQ(index.cachedOccurrences(), kept);  // the periods were kept already
+
+  std::vector<VdirOccurrence> answer, direct;
+  ASSERT_EQ(index.keptOccurrences(series, a, b, answer), VdirTimeIndex::Kept::answered);
+  std::string problem;
+  ASSERT_TRUE(expandSeries(series, clock_, a, b, limits_, direct, problem));
+  EXPECT_EQ(starts(answer), starts(direct));
+}
+
+// A daily event at 09:00 in a zone known by name only (libical's built-in zones).
+std::string zonedDaily(const std::string& uid, const std::string& zone) {
+  return "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Vesp tests//EN\r\nBEGIN:VEVENT\r\nUID:" + uid +
+         "\r\nDTSTAMP:20260101T000000Z\r\nSUMMARY:Zoned\r\nDTSTART;TZID=" + zone +
+         ":20260105T090000\r\nDURATION:PT1H\r\nRRULE:FREQ=DAILY;BYDAY=MO,WE,FR\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n";
+}
+
+// Queries on several threads share one index, each expanding what it lacks outside the index's lock:
+// every answer is what a direct expansion of its window gives.
+TEST_F(VdirTimeIndexTest, QueriesFromManyThreadsOnOneIndexAgreeWithDirectExpansion) {
+  auto snapshot = snapshotOf({kWeekly,
+                              simpleEvent("daily", "Daily", "20260101T070000Z", "20260101T073000Z",
+                                          "RRULE:FREQ=DAILY\r\n"),
+                              simpleEvent("hourly", "Hourly", "20260101T000000Z", "20260101T001500Z",
+                                          "RRULE:FREQ=HOURLY;INTERVAL=7\r\n"),
+                              zonedDaily("new-york", "America/New_York"), zonedDaily("berlin", "Europe/Berlin"),
+                              zonedDaily("sydney", "Australia/Sydney")});
+  VdirTimeIndex index(snapshot);
+  const auto& items = snapshot->collections[0].items;
+  std::vector<std::pair<double, double>> windows;
+  for (int i = 0; i < 60; ++i) {
+    const double a = seconds(2026, 1, 1) + i * 9 * 86400.0 + i * 3600.0;
+    windows.emplace_back(a, a + (1 + (i * 7) % 60) * 86400.0);
+  }
+  auto answer = [&](std::size_t window, std::size_t item, bool throughIndex) {
+    const auto [a, b] = windows[window];
+    std::vector<VdirOccurrence> occurrences;
+    std::string problem;
+    if (!throughIndex || !index.occurrencesThroughPeriods(items[item]->series[0], a, b, clock_, limits_, expansions_,
+                                                          occurrences)) {
+      EXPECT_TRUE(expandSeries(items[item]->series[0], clock_, a, b, limits_, occurrences, problem)) << problem;
+    }
+    std::sort(occurrences.begin(), occurrences.end(), [](const auto& x, const auto& y) { return x.start < y.start; });
+    return starts(occurrences);
+  };
+  std::vector<std::vector<std::vector<double>>> expected(windows.size());
+  for (std::size_t w = 0; w < windows.size(); ++w)
+    for (std::size_t i = 0; i < items.size(); ++i) expected[w].push_back(answer(w, i, false));
+
+  std::vector<std::thread> threads;
+  for (std::size_t t = 0; t < 4; ++t)
+    threads.emplace_back([&, t] {
+      for (std::size_t round = 0; round < 3; ++round)
+        for (std::size_t k = 0; k < windows.size(); ++k) {
+          const std::size_t w = (k * (2 * t + 1) + round * 17) % windows.size();
+          for (std::size_t i = 0; i < items.size(); ++i) EXPECT_EQ(answer(w, i, true), expected[w][i]) << w << " " << i;
+        }
+    });
+  for (auto& thread : threads) thread.join();
+  EXPECT_GT(index.cachedOccurrences(), 0u);
 }
 
 }  // namespace

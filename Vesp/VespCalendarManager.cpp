@@ -66,9 +66,9 @@ const std::array<double, 10>& searchHalfWidths() {
 }  // namespace
 
 struct VespCalendarManager::Lifeline {
-  std::mutex mutex;
+  rivet::RivetMutex mutex;
   std::condition_variable condition;
-  bool released = false;
+  bool released RIVET_GUARDED_BY(mutex) = false;
 };
 
 // Where the event and reminder paths differ: stores, flags, machines, keys, texts and lines.
@@ -205,7 +205,7 @@ VespCalendarManager::VespCalendarManager(std::shared_ptr<rivet::RivetLogging> lo
       lifeline_(std::make_shared<Lifeline>()) {
   // An aliasing pointer: one made from `this` directly would claim enable_shared_from_this.
   std::shared_ptr<Lifeline> guard(lifeline_.get(), [lifeline = lifeline_](Lifeline*) {
-    std::lock_guard lock(lifeline->mutex);
+    rivet::RivetMutexLock lock(lifeline->mutex);
     lifeline->released = true;
     lifeline->condition.notify_all();
   });
@@ -221,8 +221,8 @@ VespCalendarManager::VespCalendarManager() {
 VespCalendarManager::~VespCalendarManager() {
   if (!lifeline_) return;
   anchor_.reset();
-  std::unique_lock lock(lifeline_->mutex);
-  lifeline_->condition.wait(lock, [this] { return lifeline_->released; });
+  rivet::RivetMutexLock lock(lifeline_->mutex);
+  while (!lifeline_->released) lock.wait(lifeline_->condition);
 }
 
 std::weak_ptr<VespCalendarManager> VespCalendarManager::weakSelf() const {
@@ -241,7 +241,7 @@ RivetValue VespCalendarManager::selfValue() const {
 }
 
 std::shared_ptr<VespCalendarPicker> VespCalendarManager::calendarChooser() const {
-  std::lock_guard lock(chooserMutex_);
+  rivet::RivetMutexLock lock(chooserMutex_);
   return calendarChooser_;
 }
 
@@ -545,8 +545,8 @@ RivetResult<std::vector<VespReminder>> VespCalendarManager::getReminders(Date st
 
   // Each fetch writes its own cell; a completion arriving after the wait still may, whole.
   struct Cell {
-    std::mutex mutex;
-    std::vector<std::shared_ptr<platform::EKReminder>> reminders;
+    rivet::RivetMutex mutex;
+    std::vector<std::shared_ptr<platform::EKReminder>> reminders RIVET_GUARDED_BY(mutex);
   };
   auto group = platform_->dispatch_group_create();
   auto fetch = [&](const std::shared_ptr<platform::EKPredicate>& predicate) {
@@ -555,7 +555,7 @@ RivetResult<std::vector<VespReminder>> VespCalendarManager::getReminders(Date st
     (void)reminderStore_->fetchRemindersMatchingPredicate(
         predicate, [cell, group](std::optional<std::vector<std::shared_ptr<platform::EKReminder>>> delivered) {
           {
-            std::lock_guard lock(cell->mutex);
+            rivet::RivetMutexLock lock(cell->mutex);
             cell->reminders = delivered ? std::move(*delivered) : std::vector<std::shared_ptr<platform::EKReminder>>{};
           }
           group->leave();
@@ -568,7 +568,7 @@ RivetResult<std::vector<VespReminder>> VespCalendarManager::getReminders(Date st
 
   std::vector<std::shared_ptr<platform::EKReminder>> combined;
   for (const auto& cell : {cellA, cellB}) {
-    std::lock_guard lock(cell->mutex);
+    rivet::RivetMutexLock lock(cell->mutex);
     combined.insert(combined.end(), cell->reminders.begin(), cell->reminders.end());
   }
   std::vector<VespReminder> reminders;
@@ -686,7 +686,7 @@ RivetResult<void> VespCalendarManager::pickEventCalendars(
   auto picker = std::make_shared<VespCalendarPicker>(std::move(callback), logger_, platform_);
   std::shared_ptr<VespCalendarPicker> replaced;
   {
-    std::lock_guard lock(chooserMutex_);
+    rivet::RivetMutexLock lock(chooserMutex_);
     replaced = std::exchange(calendarChooser_, picker);
   }
   replaced.reset();  // the earlier picker goes, whatever its screen is doing

@@ -11,7 +11,6 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 
 #include "Vesp/VespCalendarManaging.h"
 #include "Vesp/VespCalendarPicker.h"
@@ -19,6 +18,7 @@
 #include "support/keel/KeelManagerBase.h"
 #include "support/platform/Platform.h"
 #include "support/rivet/RivetLogging.h"
+#include "support/rivet/RivetMutex.h"
 
 namespace vesp {
 
@@ -132,8 +132,8 @@ class VespCalendarManager final : public keel::KeelManagerBase,
   const EntityTwin& twin(platform::EKEntityType entityType) const;
 
   std::shared_ptr<platform::Platform> platform_;
-  mutable std::mutex chooserMutex_;
-  std::shared_ptr<VespCalendarPicker> calendarChooser_;
+  mutable rivet::RivetMutex chooserMutex_;
+  std::shared_ptr<VespCalendarPicker> calendarChooser_ RIVET_GUARDED_BY(chooserMutex_);
   std::shared_ptr<platform::EKEventStore> eventStore_;
   std::shared_ptr<VespEventViewDelegate> eventViewDelegate_;
   std::atomic<bool> isObservingEventStore_{false};

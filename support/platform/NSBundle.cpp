@@ -3,14 +3,14 @@
 namespace vesp::platform {
 
 std::optional<AnyObject> NSBundle::objectForInfoDictionaryKey(const std::string& key) const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   auto found = infoDictionary_.find(key);
   if (found == infoDictionary_.end()) return std::nullopt;
   return found->second;
 }
 
 void NSBundle::setObjectForInfoDictionaryKey(const std::string& key, std::optional<AnyObject> object) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   if (object)
     infoDictionary_.insert_or_assign(key, std::move(*object));
   else

@@ -4,11 +4,11 @@
 #pragma once
 
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include "support/platform/AnyObject.h"
+#include "support/rivet/RivetMutex.h"
 
 namespace vesp::platform {
 
@@ -23,8 +23,8 @@ class NSBundle {
   void setObjectForInfoDictionaryKey(const std::string& key, std::optional<AnyObject> object);
 
  private:
-  mutable std::mutex mutex_;
-  std::map<std::string, AnyObject> infoDictionary_;
+  mutable rivet::RivetMutex mutex_;
+  std::map<std::string, AnyObject> infoDictionary_ RIVET_GUARDED_BY(mutex_);
 };
 
 }  // namespace vesp::platform

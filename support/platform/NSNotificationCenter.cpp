@@ -11,14 +11,14 @@ std::string Notification::description() const {
 void NSNotificationCenter::addObserver(std::weak_ptr<const void> observer, std::string selectorName, Selector selector,
                                        std::optional<std::string> name, const NSObject* object) {
   const void* identity = observer.lock().get();
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   entries_.push_back(Entry{std::move(observer), identity, std::move(selectorName),
                            std::make_shared<Selector>(std::move(selector)), std::move(name), object});
 }
 
 void NSNotificationCenter::removeObserver(const void* observer, std::optional<std::string> name,
                                           const NSObject* object) {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   std::erase_if(entries_, [&](const Entry& entry) {
     return entry.identity == observer && (!name || entry.name == name) && (!object || entry.object == object);
   });
@@ -29,7 +29,7 @@ void NSNotificationCenter::postNotificationName(const std::string& name, std::sh
   // Collect the matching live observers first: they are called without the lock held.
   std::vector<std::pair<std::shared_ptr<const void>, std::shared_ptr<Selector>>> calls;
   {
-    std::lock_guard lock(mutex_);
+    rivet::RivetMutexLock lock(mutex_);
     std::erase_if(entries_, [](const Entry& entry) { return entry.observer.expired(); });
     for (const auto& entry : entries_) {
       if (entry.name && *entry.name != name) continue;
@@ -41,7 +41,7 @@ void NSNotificationCenter::postNotificationName(const std::string& name, std::sh
 }
 
 std::vector<NSNotificationCenter::Observation> NSNotificationCenter::observations() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   std::vector<Observation> list;
   for (const auto& entry : entries_)
     list.push_back(Observation{entry.identity, entry.selectorName, entry.name, entry.object, !entry.observer.expired()});

@@ -10,12 +10,12 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "support/platform/NSObject.h"
+#include "support/rivet/RivetMutex.h"
 
 namespace vesp::platform {
 
@@ -66,8 +66,8 @@ class NSNotificationCenter {
     const NSObject* object;
   };
 
-  mutable std::mutex mutex_;
-  std::vector<Entry> entries_;
+  mutable rivet::RivetMutex mutex_;
+  std::vector<Entry> entries_ RIVET_GUARDED_BY(mutex_);
 };
 
 }  // namespace vesp::platform

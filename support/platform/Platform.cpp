@@ -1,14 +1,13 @@
 #include "support/platform/Platform.h"
 
-#include <mutex>
-
 #include "support/rivet/RivetFatal.h"
+#include "support/rivet/RivetMutex.h"
 
 namespace vesp::platform {
 
 namespace {
-std::mutex defaultMutex;
-std::shared_ptr<Platform>& defaultPlatform() {
+rivet::RivetMutex defaultMutex;
+std::shared_ptr<Platform>& defaultPlatform() RIVET_REQUIRES(defaultMutex) {
   static std::shared_ptr<Platform> platform;
   return platform;
 }
@@ -19,19 +18,19 @@ std::shared_ptr<rivet::RivetDispatchGroup> Platform::dispatch_group_create() {
 }
 
 std::shared_ptr<Platform> Platform::Default() {
-  std::lock_guard lock(defaultMutex);
+  rivet::RivetMutexLock lock(defaultMutex);
   if (!defaultPlatform())
     rivet::fatalError("No default platform is installed: call platform::Platform::installDefault at start-up");
   return defaultPlatform();
 }
 
 void Platform::installDefault(std::shared_ptr<Platform> platform) {
-  std::lock_guard lock(defaultMutex);
+  rivet::RivetMutexLock lock(defaultMutex);
   defaultPlatform() = std::move(platform);
 }
 
 bool Platform::hasDefault() {
-  std::lock_guard lock(defaultMutex);
+  rivet::RivetMutexLock lock(defaultMutex);
   return defaultPlatform() != nullptr;
 }
 

@@ -56,8 +56,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (const auto& series : record.item->series) {
       for (auto [from, to] : {std::pair{1793491200.0, 1796083200.0}, std::pair{1577836800.0, 1893456000.0}}) {
         std::vector<VdirOccurrence> occurrences;
-        std::string problem;
-        expandSeries(series, clock, from, to, limits, occurrences, problem);
+        // A cut expansion still converts what it found.
+        static_cast<void>(expandSeries(series, clock, from, to, limits, occurrences));
         std::size_t converted = 0;
         for (const auto& occurrence : occurrences) {
           if (++converted > 50) break;

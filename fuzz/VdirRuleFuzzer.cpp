@@ -30,9 +30,8 @@ Occurrences expand(const VdirSeriesData& series, const VdirClock& clock, double 
   limits.maximumIteratorStepsPerSeries = 20000;
   limits.maximumSecondsPerSeries = 1.0;
   std::vector<VdirOccurrence> found;
-  std::string problem;
   Occurrences result;
-  result.complete = expandSeries(series, clock, from, to, limits, found, problem);
+  result.complete = expandSeries(series, clock, from, to, limits, found).has_value();
   for (const auto& occurrence : found) result.spans.emplace_back(occurrence.start, occurrence.end);
   std::sort(result.spans.begin(), result.spans.end());
   return result;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <optional>
 #include <set>
 #include <string_view>
 
@@ -127,19 +128,20 @@ icalrecur_iterator* iteratorFrom(const icalrecurrencetype& rule, const VdirCompo
 }
 
 // Calls `each` with the start of every occurrence of `rule` from `from` (less any) to before
-// `until`; false when a limit cut it short (`problem` says which).
+// `until`; a failure when a limit cut it short (its message says which).
 template <typename Each>
-bool expandRule(const VdirRuleData& rule, const VdirComponentData& master, const VdirClock& clock, double masterStart,
-                double from, double until, ExpansionBudget& budget, Each&& each, std::string& problem) {
+rivet::RivetResult<void> expandRule(const VdirRuleData& rule, const VdirComponentData& master, const VdirClock& clock,
+                                    double masterStart, double from, double until, ExpansionBudget& budget,
+                                    Each&& each) {
   if (rule.countedStarts) {
     const auto& counted = *rule.countedStarts;
     for (auto it = std::lower_bound(counted.begin(), counted.end(), from); it != counted.end() && *it < until; ++it) each(*it);
-    return true;
+    return rivet::RivetResultVoidSuccess;
   }
-  if (rule.until && rule.until->timeIntervalSince1970() < from) return true;
+  if (rule.until && rule.until->timeIntervalSince1970() < from) return rivet::RivetResultVoidSuccess;
   icalrecur_iterator* iterator = iteratorFrom(rule.rule.expanded(), master, clock, masterStart, from);
-  if (!iterator) return true;
-  bool complete = true;
+  if (!iterator) return rivet::RivetResultVoidSuccess;
+  std::optional<std::string> problem;
   std::size_t kept = 0;
   for (icaltimetype next = icalrecur_iterator_next(iterator); !icaltime_is_null_time(next);
        next = icalrecur_iterator_next(iterator)) {
@@ -154,7 +156,6 @@ bool expandRule(const VdirRuleData& rule, const VdirComponentData& master, const
         overTime) {
       problem = "expansion stopped after " + std::to_string(found) + " occurrences and " +
                 std::to_string(budget.steps - 1) + " steps in one window" + (overTime ? " (time limit)" : "");
-      complete = false;
       break;
     }
     if (start >= from) {
@@ -163,7 +164,8 @@ bool expandRule(const VdirRuleData& rule, const VdirComponentData& master, const
     }
   }
   icalrecur_iterator_free(iterator);
-  return complete;
+  if (problem) return rivet::RivetError(std::move(*problem), std::nullopt, "VdirExpansion", "expandRule", __LINE__);
+  return rivet::RivetResultVoidSuccess;
 }
 
 }  // namespace
@@ -178,12 +180,14 @@ double occurrenceEnd(const VdirComponentData& component, const VdirClock& clock,
   return clock.instantLike(day, like).timeIntervalSince1970();
 }
 
-bool expandSeries(const VdirSeriesData& series, const VdirClock& clock, double windowStart, double windowEnd,
-                  const VdirExpansionLimits& limits, std::vector<VdirOccurrence>& out, std::string& problem) {
-  if (windowEnd <= windowStart) return true;
-  if (series.firstStart >= windowEnd) return true;
-  if (series.lastEnd && *series.lastEnd <= windowStart) return true;
-  bool complete = true;
+rivet::RivetResult<void> expandSeries(const VdirSeriesData& series, const VdirClock& clock, double windowStart,
+                                      double windowEnd, const VdirExpansionLimits& limits,
+                                      std::vector<VdirOccurrence>& out) {
+  if (windowEnd <= windowStart) return rivet::RivetResultVoidSuccess;
+  if (series.firstStart >= windowEnd) return rivet::RivetResultVoidSuccess;
+  if (series.lastEnd && *series.lastEnd <= windowStart) return rivet::RivetResultVoidSuccess;
+  // Set when a limit cut a rule short (the last such cut); every rule is still expanded as far as it goes.
+  std::optional<rivet::RivetResult<void>> cut;
 
   // Overrides are placed where they now are, whatever their original date.
   for (const auto& override : series.overrides) {
@@ -193,7 +197,7 @@ bool expandSeries(const VdirSeriesData& series, const VdirClock& clock, double w
     if (overlaps(start, end, windowStart, windowEnd))
       out.push_back(VdirOccurrence{&override, start, end, occurrence, series.master.has_value()});
   }
-  if (!series.master) return true;
+  if (!series.master) return rivet::RivetResultVoidSuccess;
   const VdirComponentData& master = *series.master;
 
   const double masterStart = clock.instant(master.start).timeIntervalSince1970();
@@ -203,9 +207,10 @@ bool expandSeries(const VdirSeriesData& series, const VdirClock& clock, double w
   // Occurrences of the exclusion rules in the same stretch of time come out first.
   std::set<double> excluded;
   for (const auto& rule : series.exclusionRules)
-    if (!expandRule(rule, master, clock, masterStart, earliest, windowEnd, budget,
-                    [&](double start) { excluded.insert(start); }, problem))
-      complete = false;
+    if (auto expanded = expandRule(rule, master, clock, masterStart, earliest, windowEnd, budget,
+                                   [&](double start) { excluded.insert(start); });
+        !expanded)
+      cut = std::move(expanded);
 
   std::set<double> starts;
   auto consider = [&](double start) {
@@ -223,11 +228,12 @@ bool expandSeries(const VdirSeriesData& series, const VdirClock& clock, double w
   for (const auto& rdate : series.rdates) consider(clock.instant(rdate).timeIntervalSince1970());
   for (const auto& rule : series.rules) {
     budget.found = &starts;
-    if (!expandRule(rule, master, clock, masterStart, earliest, windowEnd, budget, consider, problem)) complete = false;
+    if (auto expanded = expandRule(rule, master, clock, masterStart, earliest, windowEnd, budget, consider); !expanded)
+      cut = std::move(expanded);
   }
   for (double start : starts)
     out.push_back(VdirOccurrence{&master, start, occurrenceEnd(master, clock, start), start, false});
-  return complete;
+  return cut ? *std::move(cut) : rivet::RivetResultVoidSuccess;
 }
 
 }  // namespace vesp::vdir

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platforms/vdir/VdirItem.h"
+#include "support/rivet/RivetResult.h"
 
 namespace vesp::vdir {
 
@@ -22,10 +23,11 @@ struct VdirOccurrence {
 };
 
 // Appends the occurrences of `series` that overlap [windowStart, windowEnd) (seconds since 1970);
-// an occurrence of no length overlaps when it starts inside the window. Returns false when a limit
-// cut the expansion short (`problem` then says which).
-bool expandSeries(const VdirSeriesData& series, const VdirClock& clock, double windowStart, double windowEnd,
-                  const VdirExpansionLimits& limits, std::vector<VdirOccurrence>& out, std::string& problem);
+// an occurrence of no length overlaps when it starts inside the window. Fails when a limit cut the
+// expansion short (the error says which); `out` then holds the occurrences found before the cut.
+rivet::RivetResult<void> expandSeries(const VdirSeriesData& series, const VdirClock& clock, double windowStart,
+                                      double windowEnd, const VdirExpansionLimits& limits,
+                                      std::vector<VdirOccurrence>& out);
 
 // The end of an occurrence of `component` that starts at `start`.
 double occurrenceEnd(const VdirComponentData& component, const VdirClock& clock, double start);

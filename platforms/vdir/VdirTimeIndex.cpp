@@ -1,5 +1,6 @@
 #include "platforms/vdir/VdirTimeIndex.h"
 
+#include <array>
 #include <cmath>
 #include <limits>
 #include <string>
@@ -69,10 +70,16 @@ VdirTimeIndex::Kept VdirTimeIndex::keptOccurrences(const VdirSeriesData& series,
   auto found = periods_.find(&series);
   const Periods* cache = found == periods_.end() ? nullptr : &found->second;
   bool lacking = false;
-  auto isKept = [&](std::int64_t p) { return cache && cache->count(p) > 0; };
+  std::array<const Period*, kMaximumCachedPeriodsPerQuery> kept{};
+  if (cache)
+    for (std::int64_t p = p0; p <= p1; ++p)
+      if (auto period = cache->find(p); period != cache->end()) {
+        if (period->second.cut) return Kept::direct;
+        kept[static_cast<std::size_t>(p - p0)] = &period->second;
+      }
+  auto isKept = [&](std::int64_t p) { return kept[static_cast<std::size_t>(p - p0)] != nullptr; };
   for (std::int64_t p = p0; p <= p1;) {
     if (isKept(p)) {
-      if (cache->at(p).cut) return Kept::direct;
       ++p;
       continue;
     }
@@ -89,7 +96,7 @@ VdirTimeIndex::Kept VdirTimeIndex::keptOccurrences(const VdirSeriesData& series,
   // Each occurrence is taken from the first period of the window it overlaps.
   for (std::int64_t p = p0; p <= p1; ++p) {
     const double periodStart = static_cast<double>(p) * kPeriod;
-    for (const auto& occurrence : cache->at(p).occurrences) {
+    for (const auto& occurrence : kept[static_cast<std::size_t>(p - p0)]->occurrences) {
       if (p > p0 && occurrence.start < periodStart) continue;
       bool overlapping = occurrence.end <= occurrence.start ? occurrence.start >= a && occurrence.start < b
                                                             : occurrence.start < b && occurrence.end > a;
@@ -102,10 +109,10 @@ VdirTimeIndex::Kept VdirTimeIndex::keptOccurrences(const VdirSeriesData& series,
 void VdirTimeIndex::expandPeriods(Expansion& missing, const VdirClock& clock, const VdirExpansionLimits& limits,
                                   std::atomic<std::uint64_t>& expansions) {
   for (auto& run : missing.runs) {
-    std::string problem;
     ++expansions;
     run.complete = expandSeries(*missing.series, clock, static_cast<double>(run.first) * kPeriod,
-                                static_cast<double>(run.last + 1) * kPeriod, limits, run.occurrences, problem);
+                                static_cast<double>(run.last + 1) * kPeriod, limits, run.occurrences)
+                       .has_value();
     if (!run.complete) {
       missing.runs.resize(static_cast<std::size_t>(&run - missing.runs.data()) + 1);
       return;
@@ -129,9 +136,7 @@ void VdirTimeIndex::keep(const Expansion& expansion) {
     if (!run.complete) continue;
     // An occurrence is kept in every period it overlaps (one of no length where it starts).
     for (const auto& occurrence : run.occurrences) {
-      auto first = static_cast<std::int64_t>(std::floor(occurrence.start / kPeriod));
-      auto last = occurrence.end > occurrence.start ? static_cast<std::int64_t>(std::ceil(occurrence.end / kPeriod)) - 1
-                                                    : first;
+      const std::int64_t first = firstPeriod(occurrence.start), last = lastPeriod(occurrence.start, occurrence.end);
       for (std::int64_t k = std::max(first, run.first); k <= std::min(last, run.last); ++k)
         if (Period* period = added[static_cast<std::size_t>(k - run.first)]) {
           period->occurrences.push_back(occurrence);

@@ -107,9 +107,10 @@ class VdirTimeIndex {
   // Keeps what expandPeriods gave. Periods kept meanwhile (by another query) stay as they are.
   void keep(const Expansion& expansion) RIVET_EXCLUDES(mutex_);
 
-  // The three steps above in one (the lock taken around the first and last): adds the occurrences of a recurring series that overlap [a, b),
-  // from its kept periods, expanding those not kept yet. False (and nothing added) when the window
-  // is too wide to keep or a limit cut an expansion short: the caller then expands the window itself.
+  // The three steps above in one (the lock taken around the first and last): adds the occurrences
+  // of a recurring series that overlap [a, b), from its kept periods, expanding those not kept yet.
+  // False (and nothing added) when the window is too wide to keep or a limit cut an expansion
+  // short: the caller then expands the window itself.
   bool occurrencesThroughPeriods(const VdirSeriesData& series, double a, double b, const VdirClock& clock,
                                  const VdirExpansionLimits& limits, std::atomic<std::uint64_t>& expansions,
                                  std::vector<VdirOccurrence>& out) RIVET_EXCLUDES(mutex_);

@@ -86,8 +86,7 @@ TEST_F(VdirTimeIndexTest, APeriodIsExpandedOnceAndAnswersLikeADirectExpansion) {
 
   std::vector<VdirOccurrence> kept, direct;
   ASSERT_TRUE(index.occurrencesThroughPeriods(series, a, b, clock_, limits_, expansions_, kept));
-  std::string problem;
-  ASSERT_TRUE(expandSeries(series, clock_, a, b, limits_, direct, problem));
+  ASSERT_TRUE(expandSeries(series, clock_, a, b, limits_, direct).has_value());
   EXPECT_EQ(starts(kept), starts(direct));
   EXPECT_EQ(starts(kept).size(), 4u);
   const auto runs = expansions_.load();
@@ -110,10 +109,9 @@ TEST_F(VdirTimeIndexTest, AnOccurrenceAcrossTwoPeriodsIsGivenOnce) {
   VdirTimeIndex index(snapshot);
   const auto& series = snapshot->collections[0].items[0]->series[0];
   std::vector<VdirOccurrence> kept, direct;
-  std::string problem;
   const double a = boundary - 40 * 86400.0, b = boundary + 100 * 86400.0;
   ASSERT_TRUE(index.occurrencesThroughPeriods(series, a, b, clock_, limits_, expansions_, kept));
-  ASSERT_TRUE(expandSeries(series, clock_, a, b, limits_, direct, problem));
+  ASSERT_TRUE(expandSeries(series, clock_, a, b, limits_, direct).has_value());
   EXPECT_EQ(starts(kept), starts(direct));
   EXPECT_EQ(starts(kept), (std::vector<double>{seconds(2021, 2, 27), seconds(2021, 5, 2)}));
 }
@@ -193,8 +191,7 @@ TEST_F(VdirTimeIndexTest, TwoQueriesLackingTheSamePeriodsBothExpandAndTheFirstTo
 
   std::vector<VdirOccurrence> answer, direct;
   ASSERT_EQ(index.keptOccurrences(series, a, b, answer), VdirTimeIndex::Kept::answered);
-  std::string problem;
-  ASSERT_TRUE(expandSeries(series, clock_, a, b, limits_, direct, problem));
+  ASSERT_TRUE(expandSeries(series, clock_, a, b, limits_, direct).has_value());
   EXPECT_EQ(starts(answer), starts(direct));
 }
 
@@ -225,10 +222,10 @@ TEST_F(VdirTimeIndexTest, QueriesFromManyThreadsOnOneIndexAgreeWithDirectExpansi
   auto answer = [&](std::size_t window, std::size_t item, bool throughIndex) {
     const auto [a, b] = windows[window];
     std::vector<VdirOccurrence> occurrences;
-    std::string problem;
     if (!throughIndex || !index.occurrencesThroughPeriods(items[item]->series[0], a, b, clock_, limits_, expansions_,
                                                           occurrences)) {
-      EXPECT_TRUE(expandSeries(items[item]->series[0], clock_, a, b, limits_, occurrences, problem)) << problem;
+      auto expanded = expandSeries(items[item]->series[0], clock_, a, b, limits_, occurrences);
+      EXPECT_TRUE(expanded.has_value()) << (expanded ? "" : expanded.error().description());
     }
     std::sort(occurrences.begin(), occurrences.end(), [](const auto& x, const auto& y) { return x.start < y.start; });
     return starts(occurrences);

@@ -18,7 +18,7 @@ constexpr const char* kFile = "KeelManagerFramework";
 RivetResult<void> KeelManagerFramework::registerManager(std::shared_ptr<KeelManagerBase> manager) {
   const char* function = "registerManager(_:)";
   if (!manager) return RivetResult<void>("Cannot register a null manager", RivetArgs{}, kFile, function, __LINE__);
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   if (setUp_)
     return RivetResult<void>("Cannot register a manager after set-up", RivetArgs{{"manager", manager->identifier()}},
                              kFile, function, __LINE__);
@@ -31,7 +31,7 @@ RivetResult<void> KeelManagerFramework::registerManager(std::shared_ptr<KeelMana
 }
 
 std::vector<std::shared_ptr<KeelManagerBase>> KeelManagerFramework::managers() const {
-  std::lock_guard lock(mutex_);
+  rivet::RivetMutexLock lock(mutex_);
   return managers_;
 }
 
@@ -120,7 +120,7 @@ RivetResult<void> KeelManagerFramework::drive(const char* functionName, const Ri
 
 RivetResult<void> KeelManagerFramework::setUpAll(const RivetVia& via) {
   {
-    std::lock_guard lock(mutex_);
+    rivet::RivetMutexLock lock(mutex_);
     if (setUp_) return RivetResult<void>("Managers are already set up", RivetArgs{}, kFile, "setUpAll(via:)", __LINE__);
     setUp_ = true;
   }
@@ -131,7 +131,7 @@ RivetResult<void> KeelManagerFramework::setUpAll(const RivetVia& via) {
 RivetResult<void> KeelManagerFramework::applicationDidBecomeActive(const RivetVia& via) {
   const char* function = "applicationDidBecomeActive(via:)";
   {
-    std::lock_guard lock(mutex_);
+    rivet::RivetMutexLock lock(mutex_);
     if (!setUp_) return RivetResult<void>("Managers are not set up", RivetArgs{}, kFile, function, __LINE__);
   }
   return drive(function, via, &KeelManagerBase::allManagersWillReceiveApplicationDidBecomeActive,
@@ -143,7 +143,7 @@ RivetResult<void> KeelManagerFramework::applicationDidBecomeActive(const RivetVi
 RivetResult<void> KeelManagerFramework::applicationDidEnterBackground(const RivetVia& via) {
   const char* function = "applicationDidEnterBackground(via:)";
   {
-    std::lock_guard lock(mutex_);
+    rivet::RivetMutexLock lock(mutex_);
     if (!setUp_) return RivetResult<void>("Managers are not set up", RivetArgs{}, kFile, function, __LINE__);
   }
   return drive(function, via, &KeelManagerBase::allManagersWillReceiveApplicationDidEnterBackground,
@@ -155,7 +155,7 @@ RivetResult<void> KeelManagerFramework::applicationDidEnterBackground(const Rive
 RivetResult<void> KeelManagerFramework::tearDownAll(const RivetVia& via) {
   const char* function = "tearDownAll(via:)";
   {
-    std::lock_guard lock(mutex_);
+    rivet::RivetMutexLock lock(mutex_);
     if (!setUp_) return RivetResult<void>("Managers are not set up", RivetArgs{}, kFile, function, __LINE__);
     setUp_ = false;
   }

@@ -12,10 +12,10 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "support/keel/KeelManagerBase.h"
+#include "support/rivet/RivetMutex.h"
 #include "support/rivet/RivetResult.h"
 #include "support/rivet/RivetVia.h"
 
@@ -45,9 +45,9 @@ class KeelManagerFramework {
                                  Operation operation, Operation did, KeelManagerRunningState reached,
                                  bool reverse);
 
-  mutable std::mutex mutex_;
-  std::vector<std::shared_ptr<KeelManagerBase>> managers_;
-  bool setUp_ = false;
+  mutable rivet::RivetMutex mutex_;
+  std::vector<std::shared_ptr<KeelManagerBase>> managers_ RIVET_GUARDED_BY(mutex_);
+  bool setUp_ RIVET_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace vesp::keel

@@ -5,9 +5,9 @@
 
 #include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <optional>
 
+#include "support/rivet/RivetMutex.h"
 #include "support/rivet/RivetResult.h"
 
 namespace vesp::rivet {
@@ -29,9 +29,9 @@ class RivetDispatchGroup {
   std::int64_t count() const;
 
  private:
-  mutable std::mutex mutex_;
-  std::condition_variable emptied_;
-  std::int64_t count_ = 0;
+  mutable RivetMutex mutex_;
+  std::condition_variable emptied_;  // notified under mutex_ when count_ reaches zero
+  std::int64_t count_ RIVET_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace vesp::rivet

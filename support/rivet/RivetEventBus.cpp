@@ -29,23 +29,23 @@ void RivetSubscription::cancel() noexcept {
   auto state = state_.lock();
   state_.reset();
   if (!state || id_ == 0) return;
-  std::unique_lock lock(state->mutex);
+  RivetMutexLock lock(state->mutex);
   state->handlers.erase(id_);
   // Wait out a delivery to this subscriber that is under way, unless it is the caller itself.
   auto self = std::this_thread::get_id();
-  state->idle.wait(lock, [&] { return state->delivering != id_ || state->deliveringOn == self; });
+  while (state->delivering == id_ && state->deliveringOn != self) lock.wait(state->idle);
   id_ = 0;
 }
 
 bool RivetSubscription::active() const {
   auto state = state_.lock();
   if (!state) return false;
-  std::lock_guard lock(state->mutex);
+  RivetMutexLock lock(state->mutex);
   return state->handlers.contains(id_);
 }
 
 RivetSubscription RivetEventBusCore::subscribe(Handler handler) {
-  std::lock_guard lock(state_->mutex);
+  RivetMutexLock lock(state_->mutex);
   std::uint64_t id = state_->nextId++;
   state_->handlers.emplace(id, std::make_shared<Handler>(std::move(handler)));
   return RivetSubscription(state_, id);
@@ -54,7 +54,7 @@ RivetSubscription RivetEventBusCore::subscribe(Handler handler) {
 void RivetEventBusCore::publish(std::shared_ptr<const void> event, const RivetVia& via) {
   std::vector<std::uint64_t> recipients;
   {
-    std::lock_guard lock(state_->mutex);
+    RivetMutexLock lock(state_->mutex);
     recipients.reserve(state_->handlers.size());
     for (const auto& entry : state_->handlers) recipients.push_back(entry.first);
   }
@@ -68,7 +68,7 @@ void RivetEventBusCore::deliver(const std::shared_ptr<State>& state, const std::
   for (std::uint64_t id : recipients) {
     std::shared_ptr<Handler> handler;
     {
-      std::lock_guard lock(state->mutex);
+      RivetMutexLock lock(state->mutex);
       auto found = state->handlers.find(id);
       if (found == state->handlers.end()) continue;
       handler = found->second;
@@ -90,7 +90,7 @@ void RivetEventBusCore::deliver(const std::shared_ptr<State>& state, const std::
                                      *via);
     }
     {
-      std::lock_guard lock(state->mutex);
+      RivetMutexLock lock(state->mutex);
       state->delivering = 0;
       state->deliveringOn = {};
     }
@@ -104,7 +104,7 @@ void RivetEventBusCore::waitUntilDelivered() {
 }
 
 std::size_t RivetEventBusCore::subscriberCount() const {
-  std::lock_guard lock(state_->mutex);
+  RivetMutexLock lock(state_->mutex);
   return state_->handlers.size();
 }
 

@@ -14,13 +14,13 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
 
 #include "support/rivet/RivetLogging.h"
+#include "support/rivet/RivetMutex.h"
 #include "support/rivet/RivetSerialQueue.h"
 #include "support/rivet/RivetVia.h"
 
@@ -76,14 +76,16 @@ namespace detail {
 struct RivetEventBusState {
   using Handler = std::function<void(const void* event, const RivetVia& via)>;
 
+  // Constant once the bus is made.
   std::string identifier;
   std::shared_ptr<RivetLogging> logger;
-  std::mutex mutex;
-  std::condition_variable idle;
-  std::map<std::uint64_t, std::shared_ptr<Handler>> handlers;  // guarded by mutex
-  std::uint64_t nextId = 1;                                    // guarded by mutex
-  std::uint64_t delivering = 0;                                // guarded by mutex; 0: none
-  std::thread::id deliveringOn;                                // guarded by mutex
+
+  RivetMutex mutex;
+  std::condition_variable idle;  // notified when a delivery to one subscriber ends
+  std::map<std::uint64_t, std::shared_ptr<Handler>> handlers RIVET_GUARDED_BY(mutex);
+  std::uint64_t nextId RIVET_GUARDED_BY(mutex) = 1;
+  std::uint64_t delivering RIVET_GUARDED_BY(mutex) = 0;  // the subscriber being called; 0: none
+  std::thread::id deliveringOn RIVET_GUARDED_BY(mutex);
 };
 }  // namespace detail
 

@@ -127,7 +127,7 @@ std::string RivetJsonLineLogger::renderLine(std::string_view level, const RivetE
 void RivetJsonLineLogger::write(std::string_view level, const RivetError& error, const RivetVia& via) {
   std::string text = renderLine(level, error, via, clock_());
   text += '\n';
-  std::lock_guard lock(mutex_);
+  RivetMutexLock lock(mutex_);
   out_->write(text.data(), static_cast<std::streamsize>(text.size()));
   out_->flush();
 }

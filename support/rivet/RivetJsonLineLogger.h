@@ -9,11 +9,11 @@
 #include <fstream>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <ostream>
 #include <string>
 
 #include "support/rivet/RivetLogging.h"
+#include "support/rivet/RivetMutex.h"
 #include "support/rivet/RivetResult.h"
 
 namespace vesp::rivet {
@@ -37,12 +37,14 @@ class RivetJsonLineLogger final : public RivetLogging {
 
  private:
   RivetJsonLineLogger(std::ostream* out, std::unique_ptr<std::ofstream> file, Clock clock);
-  void write(std::string_view level, const RivetError& error, const RivetVia& via);
+  void write(std::string_view level, const RivetError& error, const RivetVia& via) RIVET_EXCLUDES(mutex_);
 
-  std::mutex mutex_;
+  // Constant after construction; the stream they lead to is written only under mutex_, one whole
+  // line at a time.
   std::unique_ptr<std::ofstream> file_;
-  std::ostream* out_;
+  std::ostream* out_ RIVET_PT_GUARDED_BY(mutex_);
   Clock clock_;
+  RivetMutex mutex_;
 };
 
 }  // namespace vesp::rivet

@@ -4,7 +4,7 @@ namespace vesp::rivet {
 
 void RivetRecordingLogger::record(Level level, const RivetError& error, const RivetVia& via) {
   auto retained = via.retain();
-  std::lock_guard lock(mutex_);
+  RivetMutexLock lock(mutex_);
   entries_.push_back(Entry{level, error, std::move(retained)});
   arrived_.notify_all();
 }
@@ -17,22 +17,25 @@ void RivetRecordingLogger::reportAnomaly(const RivetError& error, const RivetVia
 }
 
 std::vector<RivetRecordingLogger::Entry> RivetRecordingLogger::entries() const {
-  std::lock_guard lock(mutex_);
+  RivetMutexLock lock(mutex_);
   return entries_;
 }
 
 std::size_t RivetRecordingLogger::count() const {
-  std::lock_guard lock(mutex_);
+  RivetMutexLock lock(mutex_);
   return entries_.size();
 }
 
 bool RivetRecordingLogger::waitForCount(std::size_t count, std::chrono::milliseconds timeout) const {
-  std::unique_lock lock(mutex_);
-  return arrived_.wait_for(lock, timeout, [&] { return entries_.size() >= count; });
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  RivetMutexLock lock(mutex_);
+  while (entries_.size() < count)
+    if (!lock.waitUntil(arrived_, deadline)) return entries_.size() >= count;
+  return true;
 }
 
 void RivetRecordingLogger::clear() {
-  std::lock_guard lock(mutex_);
+  RivetMutexLock lock(mutex_);
   entries_.clear();
 }
 

@@ -6,10 +6,10 @@
 #include <chrono>
 #include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "support/rivet/RivetLogging.h"
+#include "support/rivet/RivetMutex.h"
 
 namespace vesp::rivet {
 
@@ -32,11 +32,11 @@ class RivetRecordingLogger final : public RivetLogging {
   void clear();
 
  private:
-  void record(Level level, const RivetError& error, const RivetVia& via);
+  void record(Level level, const RivetError& error, const RivetVia& via) RIVET_EXCLUDES(mutex_);
 
-  mutable std::mutex mutex_;
-  mutable std::condition_variable arrived_;
-  std::vector<Entry> entries_;
+  mutable RivetMutex mutex_;
+  mutable std::condition_variable arrived_;  // notified under mutex_ when an entry arrives
+  std::vector<Entry> entries_ RIVET_GUARDED_BY(mutex_);
 };
 
 }  // namespace vesp::rivet

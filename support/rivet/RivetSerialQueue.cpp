@@ -11,7 +11,7 @@ RivetSerialQueue::~RivetSerialQueue() {
   bool selfDestroying = isCurrent();
   std::deque<std::function<void()>> dropped;
   {
-    std::lock_guard lock(shared_->mutex);
+    RivetMutexLock lock(shared_->mutex);
     shared_->stopping = true;
     // Tasks left behind by a queue that is destroyed from its own thread would outlive their owner.
     if (selfDestroying) dropped.swap(shared_->tasks);
@@ -27,8 +27,8 @@ void RivetSerialQueue::run(const std::shared_ptr<Shared>& shared) {
   for (;;) {
     std::function<void()> task;
     {
-      std::unique_lock lock(shared->mutex);
-      shared->wake.wait(lock, [&] { return !shared->tasks.empty() || shared->stopping; });
+      RivetMutexLock lock(shared->mutex);
+      while (shared->tasks.empty() && !shared->stopping) lock.wait(shared->wake);
       if (shared->tasks.empty()) return;
       task = std::move(shared->tasks.front());
       shared->tasks.pop_front();
@@ -39,24 +39,24 @@ void RivetSerialQueue::run(const std::shared_ptr<Shared>& shared) {
 
 void RivetSerialQueue::async(std::function<void()> task) {
   // Notify under the lock: once it is released, the task may already have destroyed this queue.
-  std::lock_guard lock(shared_->mutex);
+  RivetMutexLock lock(shared_->mutex);
   shared_->tasks.push_back(std::move(task));
   shared_->wake.notify_one();
 }
 
 void RivetSerialQueue::sync(const std::function<void()>& task) {
   if (isCurrent()) fatalError("RivetSerialQueue::sync called from its own queue '" + label_ + "'");
-  std::mutex mutex;
+  RivetMutex mutex;
   std::condition_variable finished;
-  bool done = false;
+  bool done = false;  // guarded by mutex
   async([&] {
     task();
-    std::lock_guard lock(mutex);
+    RivetMutexLock lock(mutex);
     done = true;
     finished.notify_one();
   });
-  std::unique_lock lock(mutex);
-  finished.wait(lock, [&] { return done; });
+  RivetMutexLock lock(mutex);
+  while (!done) lock.wait(finished);
 }
 
 bool RivetSerialQueue::isCurrent() const { return std::this_thread::get_id() == thread_.get_id(); }

@@ -9,9 +9,10 @@
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
+
+#include "support/rivet/RivetMutex.h"
 
 namespace vesp::rivet {
 
@@ -33,10 +34,10 @@ class RivetSerialQueue {
 
  private:
   struct Shared {
-    std::mutex mutex;
-    std::condition_variable wake;
-    std::deque<std::function<void()>> tasks;
-    bool stopping = false;
+    RivetMutex mutex;
+    std::condition_variable wake;  // notified under mutex when a task arrives or the queue stops
+    std::deque<std::function<void()>> tasks RIVET_GUARDED_BY(mutex);
+    bool stopping RIVET_GUARDED_BY(mutex) = false;
   };
   static void run(const std::shared_ptr<Shared>& shared);
 

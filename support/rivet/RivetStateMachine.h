@@ -14,7 +14,6 @@
 #include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -22,6 +21,7 @@
 
 #include "support/rivet/RivetEventBus.h"
 #include "support/rivet/RivetLogging.h"
+#include "support/rivet/RivetMutex.h"
 #include "support/rivet/RivetResult.h"
 #include "support/rivet/RivetSerialQueue.h"
 #include "support/rivet/RivetVia.h"
@@ -84,7 +84,7 @@ class RivetStateMachine {
 
   // The current state, from any thread.
   State state() const {
-    std::lock_guard lock(stateMutex_);
+    RivetMutexLock lock(stateMutex_);
     return state_;
   }
 
@@ -129,9 +129,9 @@ class RivetStateMachine {
 
  private:
   struct ProductionCell {
-    std::mutex mutex;
-    std::condition_variable arrived;
-    std::optional<RivetResult<State>> produced;
+    RivetMutex mutex;
+    std::condition_variable arrived;  // notified under mutex when the production arrives
+    std::optional<RivetResult<State>> produced RIVET_GUARDED_BY(mutex);
   };
 
   RivetResult<void> runStep(const Step& step, const RivetVia& via) {
@@ -154,7 +154,7 @@ class RivetStateMachine {
   void transitionTo(State newState, const RivetVia& via) {
     std::optional<State> oldState;
     {
-      std::lock_guard lock(stateMutex_);
+      RivetMutexLock lock(stateMutex_);
       oldState.emplace(state_);
       state_ = newState;
     }
@@ -165,17 +165,19 @@ class RivetStateMachine {
     const char* function = "requestProduction(via:)";
     auto cell = std::make_shared<ProductionCell>();
     requestProductionHandler_(state(), via, [cell](RivetResult<State> produced) {
-      std::lock_guard lock(cell->mutex);
+      RivetMutexLock lock(cell->mutex);
       if (!cell->produced) cell->produced.emplace(std::move(produced));
       cell->arrived.notify_all();
     });
-    std::unique_lock lock(cell->mutex);
+    RivetMutexLock lock(cell->mutex);
     double seconds = std::isnan(requestProductionTimeout_) || requestProductionTimeout_ < 0
                          ? 0.0
                          : std::min(requestProductionTimeout_, 1e9);
     auto deadline = std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                                                            std::chrono::duration<double>(seconds));
-    if (!cell->arrived.wait_until(lock, deadline, [&] { return cell->produced.has_value(); })) {
+    while (!cell->produced)
+      if (!lock.waitUntil(cell->arrived, deadline)) break;
+    if (!cell->produced) {
       // Mark the cell answered so that a late production is dropped.
       cell->produced.emplace(RivetError("timed out", std::nullopt, "RivetStateMachine", function, __LINE__));
       return RivetResult<State>("State production timed out",
@@ -192,8 +194,8 @@ class RivetStateMachine {
     return produced;
   }
 
-  mutable std::mutex stateMutex_;
-  State state_;
+  mutable RivetMutex stateMutex_;
+  State state_ RIVET_GUARDED_BY(stateMutex_);
   RequestProductionHandler requestProductionHandler_;  // empty: none
   double requestProductionTimeout_;
   RivetEventBus<RivetStateTransition<State>> transitions_;

@@ -463,7 +463,14 @@ TEST(VdirStoreTest, AStoreLetGoOfOnItsWatchersThreadEndsCleanly) {
   // The only other reference is held by a listener, which lets it go when called.
   auto holder = std::make_shared<std::shared_ptr<VdirStore>>(store);
   auto released = std::make_shared<std::promise<void>>();
-  store->addChangeListener([holder, released] {
+  // Dies with the last copy of the listener, which the store keeps until it is destroyed.
+  struct OnDestruction {
+    std::promise<void> gone;
+    ~OnDestruction() { gone.set_value(); }
+  };
+  auto sentinel = std::make_shared<OnDestruction>();
+  auto destroyed = sentinel->gone.get_future();
+  store->addChangeListener([holder, released, sentinel = std::move(sentinel)] {
     if (*holder) {
       holder->reset();
       released->set_value();
@@ -472,8 +479,7 @@ TEST(VdirStoreTest, AStoreLetGoOfOnItsWatchersThreadEndsCleanly) {
   store.reset();
   writeFile(root.path() / "c/a.ics", simpleEvent("a", "B", "20260310T090000Z", "20260310T100000Z"));
   ASSERT_EQ(released->get_future().wait_for(std::chrono::seconds(3)), std::future_status::ready);
-  for (int attempt = 0; attempt < 100 && !weak.expired(); ++attempt)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  ASSERT_EQ(destroyed.wait_for(std::chrono::seconds(3)), std::future_status::ready);
   EXPECT_TRUE(weak.expired());
 }
 
@@ -639,7 +645,9 @@ TEST(VdirStoreTest, UnderLoadEveryAnswerIsAConsistentViewOfWholeFiles) {
         fs::rename(root.path() / "c" / ".tmp", path);
       }
       ++writes;
-      if (version % 50 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      // Every so often the readers get a turn: at least one more answer before writing on.
+      if (version % 50 == 0)
+        for (long seen = answers; answers == seen && std::chrono::steady_clock::now() < end;) std::this_thread::yield();
     }
     running = false;
   });

@@ -5,15 +5,20 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cmath>
+#include <concepts>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <limits>
+#include <map>
+#include <optional>
 #include <random>
-#include <stdexcept>
 #include <thread>
+#include <type_traits>
 
 #include "platforms/vdir/VdirFiles.h"
 #include "platforms/vdir/VdirText.h"
@@ -69,67 +74,237 @@ class Writer {
   std::string& out_;
 };
 
-struct Corrupt : std::runtime_error {
-  using std::runtime_error::runtime_error;
+// The schema: every field of what the cache keeps has a tag, written before its value, and the
+// walks below name each struct's fields once, in their order. The encoder and the decoder both
+// walk them; the decoder reads a tag it does not expect in a place as damage, so a cache written
+// under another schema is rebuilt. Adding a field: a tag here, one line in its walk. Numbers are
+// never reused; the format's version changes with the schema.
+enum class Tag : std::uint8_t {
+  // A file record and its diagnostics.
+  path = 1, device, inode, size, modified, changed, diagnostics, item,
+  diagnosticPath, diagnosticAction, diagnosticProblem,
+  // An item and its series.
+  relativePath, series, todos,
+  seriesIdentifier, master, rules, exclusionRules, rdates, exdates, overrides, firstStart, lastEnd,
+  // A rule.
+  rule, rscaleName, statesWeekStart, until, countedStarts,
+  // A component (event or to-do).
+  uid, summary, description, location, url, created, lastModified, status, availability, attendees, organizer,
+  alarms, structuredLocation, travelTime, timeZoneName, start, durationSeconds, durationDays, hasStart,
+  recurrenceInstant, todo,
+  // A participant, an alarm, a structured location, a to-do's own data.
+  participantName, participantAddress, participantRole, participantStatus, participantType, isCurrentUser,
+  alarmDate, alarmOffset, alarmType, alarmProximity, alarmLocation,
+  locationTitle, latitude, longitude, radius,
+  todoIdentifier, due, todoStart, dueInstant, completed, isCompleted, priority,
 };
 
+// An integer that must lie in [lowest, highest] (an enumeration's values, a span in days).
+template <class T>
+struct Ranged {
+  T& value;
+  std::int64_t lowest, highest;
+};
+template <class T>
+Ranged<T> ranged(T& value, std::int64_t lowest, std::int64_t highest) {
+  return {value, lowest, highest};
+}
+
+// T, or const T: the encoder walks const values, the decoder fills them in.
+template <class T, class U>
+concept Of = std::same_as<std::remove_const_t<T>, U>;
+
+template <class Io, Of<VdirParticipantData> P>
+void walk(Io& io, P& p) {
+  io(Tag::participantName, p.name);
+  io(Tag::participantAddress, p.address);
+  io(Tag::participantRole, ranged(p.role, platform::EKParticipantRoleUnknown, platform::EKParticipantRoleLast));
+  io(Tag::participantStatus,
+     ranged(p.status, platform::EKParticipantStatusUnknown, platform::EKParticipantStatusLast));
+  io(Tag::participantType, ranged(p.type, platform::EKParticipantTypeUnknown, platform::EKParticipantTypeLast));
+  io(Tag::isCurrentUser, p.isCurrentUser);
+}
+
+template <class Io, Of<VdirLocationData> L>
+void walk(Io& io, L& l) {
+  io(Tag::locationTitle, l.title);
+  io(Tag::latitude, l.latitude);
+  io(Tag::longitude, l.longitude);
+  io(Tag::radius, l.radius);
+}
+
+template <class Io, Of<VdirAlarmData> A>
+void walk(Io& io, A& a) {
+  io(Tag::alarmDate, a.absoluteDate);
+  io(Tag::alarmOffset, a.relativeOffset);
+  io(Tag::alarmType, ranged(a.type, platform::EKAlarmTypeDisplay, platform::EKAlarmTypeLast));
+  io(Tag::alarmProximity, ranged(a.proximity, platform::EKAlarmProximityNone, platform::EKAlarmProximityLast));
+  io(Tag::alarmLocation, a.location);
+}
+
+template <class Io, Of<VdirTodoData> T>
+void walk(Io& io, T& t) {
+  io(Tag::todoIdentifier, t.identifier);
+  io(Tag::due, t.due);
+  io(Tag::todoStart, t.start);
+  io(Tag::dueInstant, t.dueInstant);
+  io(Tag::completed, t.completed);
+  io(Tag::isCompleted, t.isCompleted);
+  io(Tag::priority, t.priority);
+}
+
+template <class Io, Of<VdirComponentData> C>
+void walk(Io& io, C& c) {
+  io(Tag::uid, c.uid);
+  io(Tag::summary, c.summary);
+  io(Tag::description, c.description);
+  io(Tag::location, c.location);
+  io(Tag::url, c.url);
+  io(Tag::created, c.created);
+  io(Tag::lastModified, c.lastModified);
+  io(Tag::status, ranged(c.status, platform::EKEventStatusNone, platform::EKEventStatusLast));
+  io(Tag::availability,
+     ranged(c.availability, platform::EKEventAvailabilityNotSupported, platform::EKEventAvailabilityLast));
+  io(Tag::attendees, c.attendees);
+  io(Tag::organizer, c.organizer);
+  io(Tag::alarms, c.alarms);
+  io(Tag::structuredLocation, c.structuredLocation);
+  io(Tag::travelTime, c.travelTime);
+  io(Tag::timeZoneName, c.timeZoneName);
+  io(Tag::start, c.start);
+  io(Tag::durationSeconds, c.durationSeconds);
+  io(Tag::durationDays, ranged(c.durationDays, -3660000, 3660000));
+  io(Tag::hasStart, c.hasStart);
+  io(Tag::recurrenceInstant, c.recurrenceInstant);
+  io(Tag::todo, c.todoData);
+}
+
+template <class Io, Of<VdirRuleData> R>
+void walk(Io& io, R& r) {
+  io(Tag::rule, r.rule);
+  io(Tag::rscaleName, r.rscaleName);
+  io(Tag::statesWeekStart, r.statesWeekStart);
+  io(Tag::until, r.until);
+  io(Tag::countedStarts, r.countedStarts);
+}
+
+template <class Io, Of<VdirSeriesData> S>
+void walk(Io& io, S& s) {
+  io(Tag::seriesIdentifier, s.identifier);
+  io(Tag::master, s.master);
+  io(Tag::rules, s.rules);
+  io(Tag::exclusionRules, s.exclusionRules);
+  io(Tag::rdates, s.rdates);
+  io(Tag::exdates, s.exdates);
+  io(Tag::overrides, s.overrides);
+  io(Tag::firstStart, s.firstStart);
+  io(Tag::lastEnd, s.lastEnd);
+}
+
+template <class Io, Of<VdirItem> I>
+void walk(Io& io, I& item) {
+  io(Tag::relativePath, item.relativePath);
+  io(Tag::series, item.series);
+  io(Tag::todos, item.todos);
+}
+
+template <class Io, Of<VdirDiagnostic> D>
+void walk(Io& io, D& d) {
+  io(Tag::diagnosticPath, d.path);
+  io(Tag::diagnosticAction, d.action);
+  io(Tag::diagnosticProblem, d.problem);
+}
+
+template <class Io, Of<std::string> Path, Of<VdirFileRecord> F>
+void walk(Io& io, Path& path, F& file) {
+  io(Tag::path, path);
+  io(Tag::device, file.device);
+  io(Tag::inode, file.inode);
+  io(Tag::size, ranged(file.size, 0, std::numeric_limits<off_t>::max()));
+  io(Tag::modified, file.modified);
+  io(Tag::changed, file.changed);
+  io(Tag::diagnostics, file.diagnostics);
+  io(Tag::item, file.item);
+}
+
+// The fewest bytes one element of a list can take, which bounds the count a cache may claim.
+template <class T>
+constexpr std::size_t kLeastBytes = 8;
+template <>
+constexpr std::size_t kLeastBytes<VdirComponentData> = 64;
+template <>
+constexpr std::size_t kLeastBytes<VdirParticipantData> = 16;
+template <>
+constexpr std::size_t kLeastBytes<VdirAlarmData> = 26;
+template <>
+constexpr std::size_t kLeastBytes<VdirSeriesData> = 16;
+template <>
+constexpr std::size_t kLeastBytes<VdirDiagnostic> = 9;
+
+// Reads what Writer wrote. The first problem is kept, and from then on every read gives nothing
+// (zero, empty, no elements), so that decoding runs to its end and says what was wrong.
 class Reader {
  public:
   explicit Reader(std::string_view bytes) : bytes_(bytes) {}
   bool atEnd() const { return at_ == bytes_.size(); }
+  bool failed() const { return problem_.has_value(); }
+  const std::string& problem() const { return *problem_; }
+  void fail(std::string problem) {
+    if (!problem_) problem_ = std::move(problem);
+    at_ = bytes_.size();
+  }
   std::string_view take(std::size_t size) {
-    if (size > bytes_.size() - at_) throw Corrupt("the cache ends early");
+    if (size > bytes_.size() - at_) {
+      fail("the cache ends early");
+      return {};
+    }
     auto part = bytes_.substr(at_, size);
     at_ += size;
     return part;
   }
   template <typename T>
   T number() {
-    T value;
-    std::memcpy(&value, take(sizeof value).data(), sizeof value);
+    T value{};
+    if (auto part = take(sizeof value); part.size() == sizeof value) std::memcpy(&value, part.data(), sizeof value);
     return value;
   }
   std::uint8_t u8() { return number<std::uint8_t>(); }
   std::uint16_t u16() { return number<std::uint16_t>(); }
-  int small(int lowest, int highest, int value) {
-    if (value < lowest || value > highest) throw Corrupt("a value out of range");
-    return value;
-  }
   std::uint32_t u32() { return number<std::uint32_t>(); }
   std::uint64_t u64() { return number<std::uint64_t>(); }
   std::int64_t i64() { return number<std::int64_t>(); }
+  // `value` when it lies in [lowest, highest], else a failure (and `lowest`).
+  std::int64_t within(std::int64_t lowest, std::int64_t highest, std::int64_t value) {
+    if (value >= lowest && value <= highest) return value;
+    fail("a value out of range");
+    return lowest;
+  }
   // Seconds since 1970 (or a span): finite and within years 1-9999 give or take.
   double f64() {
     double value = number<double>();
-    if (!std::isfinite(value) || std::fabs(value) > 1e13) throw Corrupt("a time out of range");
-    return value;
+    if (std::isfinite(value) && std::fabs(value) <= 1e13) return value;
+    fail("a time out of range");
+    return 0.0;
   }
-  bool flag() {
-    std::uint8_t value = u8();
-    if (value > 1) throw Corrupt("a flag out of range");
-    return value == 1;
-  }
+  bool flag() { return within(0, 1, u8()) == 1; }
   std::string text() {
-    std::uint32_t size = u32();
-    auto part = take(size);
-    if (!isValidUtf8(part)) throw Corrupt("a text that is not UTF-8");
-    return std::string(part);
+    auto part = take(u32());
+    if (isValidUtf8(part)) return std::string(part);
+    fail("a text that is not UTF-8");
+    return {};
   }
   // A count of things each at least `least` bytes long, checked against what is left.
-  std::size_t count(std::size_t least = 1) {
+  std::size_t count(std::size_t least) {
     std::uint32_t value = u32();
-    if (value > (bytes_.size() - at_) / least) throw Corrupt("a count larger than the cache");
-    return value;
-  }
-  std::int64_t integer(std::int64_t lowest, std::int64_t highest) {
-    std::int64_t value = i64();
-    if (value < lowest || value > highest) throw Corrupt("a value out of range");
-    return value;
+    if (value <= (bytes_.size() - at_) / least) return value;
+    fail("a count larger than the cache");
+    return 0;
   }
 
  private:
   std::string_view bytes_;
   std::size_t at_ = 0;
+  std::optional<std::string> problem_;
 };
 
 // The zones that times refer to: 0 none, 1 the built-in zone named by the time's TZID, 2 + i the
@@ -158,352 +333,229 @@ class ZoneTable {
   std::vector<std::pair<std::string, std::string>> definitions_;
 };
 
-struct Unstorable {};
-
+// Writes values as the schema walks them. A value that cannot be stored (a time in a zone with
+// no definition to keep, a rule libical cannot write) marks the whole record unstorable.
 class Encoder {
  public:
   Encoder(std::string& out, ZoneTable& zones) : w_(out), zones_(zones) {}
+  bool storable() const { return storable_; }
 
-  void date(const std::optional<platform::Date>& value) {
-    w_.flag(value.has_value());
-    if (value) w_.f64(value->timeIntervalSince1970());
+  void record(const std::string& path, const VdirFileRecord& file) { walk(*this, path, file); }
+
+  template <class T>
+  void operator()(Tag tag, const T& value) {
+    w_.u8(static_cast<std::uint8_t>(tag));
+    write(value);
   }
-  void optionalText(const std::optional<std::string>& value) {
-    w_.flag(value.has_value());
-    if (value) w_.text(*value);
+  template <class T>
+  void operator()(Tag tag, Ranged<T> value) {
+    w_.u8(static_cast<std::uint8_t>(tag));
+    w_.i64(static_cast<std::int64_t>(value.value));
   }
-  void optionalNumber(const std::optional<double>& value) {
-    w_.flag(value.has_value());
-    if (value) w_.f64(*value);
+
+ private:
+  void write(const std::string& value) { w_.text(value); }
+  void write(bool value) { w_.flag(value); }
+  void write(double value) { w_.f64(value); }
+  template <std::integral I>
+  void write(const I& value) {
+    w_.raw(&value, sizeof value);
   }
-  void time(const VdirTime& value) {
+  void write(const platform::Date& value) { w_.f64(value.timeIntervalSince1970()); }
+  void write(VdirDiagnostic::Action value) { w_.u8(static_cast<std::uint8_t>(value)); }
+  void write(const VdirTime& value) {
     w_.u8(static_cast<std::uint8_t>(value.kind));
     const icaltimetype& t = value.local;
     w_.u16(static_cast<std::uint16_t>(t.year));
     for (int field : {t.month, t.day, t.hour, t.minute, t.second, t.is_date, t.is_daylight})
       w_.u8(static_cast<std::uint8_t>(field));
     auto zone = zones_.reference(value.zone, value.tzid);
-    if (!zone) throw Unstorable{};
-    w_.u32(*zone);
+    if (!zone) storable_ = false;
+    w_.u32(zone.value_or(0));
     w_.text(value.tzid);
   }
-  void optionalTime(const std::optional<VdirTime>& value) {
-    w_.flag(value.has_value());
-    if (value) time(*value);
-  }
-  void participant(const VdirParticipantData& value) {
-    optionalText(value.name);
-    w_.text(value.address);
-    w_.i64(value.role);
-    w_.i64(value.status);
-    w_.i64(value.type);
-    w_.flag(value.isCurrentUser);
-  }
-  void location(const std::shared_ptr<const VdirLocationData>& value) {
-    w_.flag(value != nullptr);
-    if (!value) return;
-    optionalText(value->title);
-    optionalNumber(value->latitude);
-    optionalNumber(value->longitude);
-    w_.f64(value->radius);
-  }
-  void component(const VdirComponentData& c) {
-    w_.text(c.uid);
-    for (const auto* text : {&c.summary, &c.description, &c.location, &c.url}) optionalText(*text);
-    date(c.created);
-    date(c.lastModified);
-    w_.i64(c.status);
-    w_.i64(c.availability);
-    w_.u32(static_cast<std::uint32_t>(c.attendees.size()));
-    for (const auto& attendee : c.attendees) participant(attendee);
-    w_.flag(c.organizer.has_value());
-    if (c.organizer) participant(*c.organizer);
-    w_.u32(static_cast<std::uint32_t>(c.alarms.size()));
-    for (const auto& alarm : c.alarms) {
-      date(alarm.absoluteDate);
-      w_.f64(alarm.relativeOffset);
-      w_.i64(alarm.type);
-      w_.i64(alarm.proximity);
-      location(alarm.location);
-    }
-    location(c.structuredLocation);
-    optionalNumber(c.travelTime);
-    optionalText(c.timeZoneName);
-    time(c.start);
-    w_.f64(c.durationSeconds);
-    w_.i64(c.durationDays);
-    w_.flag(c.hasStart);
-    date(c.recurrenceInstant);
-    w_.flag(c.todoData != nullptr);
-    if (!c.todoData) return;
-    const VdirTodoData& todo = *c.todoData;
-    w_.text(todo.identifier);
-    optionalTime(todo.due);
-    optionalTime(todo.start);
-    date(todo.dueInstant);
-    date(todo.completed);
-    w_.flag(todo.isCompleted);
-    w_.i64(todo.priority);
-  }
-  void rule(const VdirRuleData& r) {
-    icalrecurrencetype copy = r.rule.expanded();
+  // As RRULE text (with RSCALE, and SKIP when RSCALE is there), and SKIP, which the text leaves
+  // out without RSCALE although libical honours it.
+  void write(const VdirCompactRule& value) {
+    icalrecurrencetype copy = value.expanded();
     char* text = icalrecurrencetype_as_string_r(&copy);
     std::string rule = text ? text : "";
     std::free(text);
-    if (rule.empty()) throw Unstorable{};
-    w_.text(rule);  // with RSCALE, and SKIP when RSCALE is there
+    if (rule.empty()) storable_ = false;
+    w_.text(rule);
     w_.i64(copy.skip);
-    w_.text(r.rscaleName);
-    w_.flag(r.statesWeekStart);
-    date(r.until);
-    w_.flag(r.countedStarts.has_value());
-    if (r.countedStarts) {
-      w_.u32(static_cast<std::uint32_t>(r.countedStarts->size()));
-      for (double start : *r.countedStarts) w_.f64(start);
-    }
   }
-  void series(const VdirSeriesData& s) {
-    w_.text(s.identifier);
-    w_.flag(s.master.has_value());
-    if (s.master) component(*s.master);
-    w_.u32(static_cast<std::uint32_t>(s.rules.size()));
-    for (const auto& r : s.rules) rule(r);
-    w_.u32(static_cast<std::uint32_t>(s.exclusionRules.size()));
-    for (const auto& r : s.exclusionRules) rule(r);
-    w_.u32(static_cast<std::uint32_t>(s.rdates.size()));
-    for (const auto& rdate : s.rdates) time(rdate);
-    w_.u32(static_cast<std::uint32_t>(s.exdates.size()));
-    for (double exdate : s.exdates) w_.f64(exdate);
-    w_.u32(static_cast<std::uint32_t>(s.overrides.size()));
-    for (const auto& override : s.overrides) component(override);
-    w_.f64(s.firstStart);
-    optionalNumber(s.lastEnd);
+  template <class T>
+  void write(const std::optional<T>& value) {
+    w_.flag(value.has_value());
+    if (value) write(*value);
   }
-  void record(const std::string& path, const VdirFileRecord& file) {
-    w_.text(path);
-    w_.u64(static_cast<std::uint64_t>(file.device));
-    w_.u64(static_cast<std::uint64_t>(file.inode));
-    w_.i64(static_cast<std::int64_t>(file.size));
-    w_.i64(file.modified);
-    w_.i64(file.changed);
-    w_.u32(static_cast<std::uint32_t>(file.diagnostics.size()));
-    for (const auto& diagnostic : file.diagnostics) {
-      w_.text(diagnostic.path);
-      w_.u8(static_cast<std::uint8_t>(diagnostic.action));
-      w_.text(diagnostic.problem);
-    }
-    w_.flag(file.item != nullptr);
-    if (!file.item) return;
-    const VdirItem& item = *file.item;
-    w_.text(item.relativePath);
-    w_.u32(static_cast<std::uint32_t>(item.series.size()));
-    for (const auto& s : item.series) series(s);
-    w_.u32(static_cast<std::uint32_t>(item.todos.size()));
-    for (const auto& todo : item.todos) component(todo);
+  template <class T>
+  void write(const std::shared_ptr<T>& value) {
+    w_.flag(value != nullptr);
+    if (value) write(*value);
+  }
+  template <class T>
+  void write(const std::vector<T>& values) {
+    w_.u32(static_cast<std::uint32_t>(values.size()));
+    for (const auto& value : values) write(value);
+  }
+  // A struct of the schema.
+  template <class T>
+  void write(const T& value) {
+    walk(*this, value);
   }
 
- private:
   Writer w_;
   ZoneTable& zones_;
+  bool storable_ = true;
 };
 
+// Reads values as the schema walks them, with every check a cache from outside needs: tags in
+// their places, values in their ranges, lists in their order, references to zones that exist.
 class Decoder {
  public:
   Decoder(Reader& r, const std::vector<const icaltimezone*>& zones) : r_(r), zones_(zones) {}
 
-  std::optional<platform::Date> date() {
-    if (!r_.flag()) return std::nullopt;
-    return platform::Date::fromTimeIntervalSince1970(r_.f64());
-  }
-  std::optional<std::string> optionalText() {
-    if (!r_.flag()) return std::nullopt;
-    return r_.text();
-  }
-  std::optional<double> optionalNumber() {
-    if (!r_.flag()) return std::nullopt;
-    return r_.f64();
-  }
-  VdirTime timeValue() {
-    VdirTime value;
-    auto kind = r_.u8();
-    if (kind > static_cast<std::uint8_t>(VdirTime::Kind::zoned)) throw Corrupt("a time of no known kind");
-    value.kind = static_cast<VdirTime::Kind>(kind);
-    icaltimetype& t = value.local;
-    t = icaltime_null_time();
-    // Years 1-9999, or the null time (all zero) of a time a file does not state.
-    t.year = r_.small(0, 9999, r_.u16());
-    t.month = r_.small(0, 12, r_.u8());
-    t.day = r_.small(0, 31, r_.u8());
-    t.hour = r_.small(0, 23, r_.u8());
-    t.minute = r_.small(0, 59, r_.u8());
-    t.second = r_.small(0, 60, r_.u8());
-    t.is_date = r_.small(0, 1, r_.u8());
-    t.is_daylight = r_.small(0, 1, r_.u8());
-    t.zone = nullptr;
-    std::uint32_t zone = r_.u32();
-    value.tzid = r_.text();
-    if (zone == 1) {
-      value.zone = builtinZone(value.tzid);
-      if (!value.zone) throw Corrupt("a time in an unknown built-in zone");
-    } else if (zone >= 2) {
-      if (zone - 2 >= zones_.size() || !zones_[zone - 2]) throw Corrupt("a time in an undefined zone");
-      value.zone = zones_[zone - 2];
-    }
-    if ((value.kind == VdirTime::Kind::zoned) != (value.zone != nullptr)) throw Corrupt("a zoned time without a zone");
-    if ((value.kind == VdirTime::Kind::date) != (t.is_date == 1)) throw Corrupt("a date that is not a date");
-    return value;
-  }
-  std::optional<VdirTime> optionalTime() {
-    if (!r_.flag()) return std::nullopt;
-    return timeValue();
-  }
-  VdirParticipantData participant() {
-    VdirParticipantData value;
-    value.name = optionalText();
-    value.address = r_.text();
-    value.role = r_.integer(platform::EKParticipantRoleUnknown, platform::EKParticipantRoleLast);
-    value.status = r_.integer(platform::EKParticipantStatusUnknown, platform::EKParticipantStatusLast);
-    value.type = r_.integer(platform::EKParticipantTypeUnknown, platform::EKParticipantTypeLast);
-    value.isCurrentUser = r_.flag();
-    return value;
-  }
-  std::shared_ptr<const VdirLocationData> location() {
-    if (!r_.flag()) return nullptr;
-    auto value = std::make_shared<VdirLocationData>();
-    value->title = optionalText();
-    value->latitude = optionalNumber();
-    value->longitude = optionalNumber();
-    value->radius = r_.f64();
-    return value;
-  }
-  VdirComponentData component() {
-    VdirComponentData c;
-    c.uid = r_.text();
-    for (auto* text : {&c.summary, &c.description, &c.location, &c.url}) *text = optionalText();
-    c.created = date();
-    c.lastModified = date();
-    c.status = r_.integer(platform::EKEventStatusNone, platform::EKEventStatusLast);
-    c.availability = r_.integer(platform::EKEventAvailabilityNotSupported, platform::EKEventAvailabilityLast);
-    c.attendees.resize(r_.count(16));
-    for (auto& attendee : c.attendees) attendee = participant();
-    if (r_.flag()) c.organizer = participant();
-    c.alarms.resize(r_.count(26));
-    for (auto& alarm : c.alarms) {
-      alarm.absoluteDate = date();
-      alarm.relativeOffset = r_.f64();
-      alarm.type = r_.integer(platform::EKAlarmTypeDisplay, platform::EKAlarmTypeLast);
-      alarm.proximity = r_.integer(platform::EKAlarmProximityNone, platform::EKAlarmProximityLast);
-      alarm.location = location();
-    }
-    c.structuredLocation = location();
-    c.travelTime = optionalNumber();
-    c.timeZoneName = optionalText();
-    c.start = timeValue();
-    c.durationSeconds = r_.f64();
-    c.durationDays = static_cast<int>(r_.integer(-3660000, 3660000));
-    c.hasStart = r_.flag();
-    c.recurrenceInstant = date();
-    if (!r_.flag()) return c;
-    auto todo = std::make_shared<VdirTodoData>();
-    todo->identifier = r_.text();
-    todo->due = optionalTime();
-    todo->start = optionalTime();
-    todo->dueInstant = date();
-    todo->completed = date();
-    todo->isCompleted = r_.flag();
-    todo->priority = r_.i64();
-    c.todoData = std::move(todo);
-    return c;
-  }
-  VdirRuleData rule() {
-    VdirRuleData value;
-    std::string text = r_.text();
-    icalrecurrencetype rule = icalrecurrencetype_from_string(text.c_str());
-    if (rule.freq == ICAL_NO_RECURRENCE || rule.interval < 1) {
-      std::free(rule.rscale);
-      throw Corrupt("an unreadable rule");
-    }
-    // SKIP is kept as parsed even without RSCALE (libical honours it), which the text leaves out.
-    const auto skip = r_.integer(ICAL_SKIP_BACKWARD, ICAL_SKIP_UNDEFINED);
-    rule.skip = static_cast<icalrecurrencetype_skip>(skip);
-    value.rule = VdirCompactRule(rule);
-    std::free(rule.rscale);
-    value.rscaleName = r_.text();
-    value.statesWeekStart = r_.flag();
-    value.until = date();
-    // A rule bounded by COUNT is always expanded when its file is read.
-    const bool counted = rule.count > 0;
-    if (r_.flag() != counted) throw Corrupt("a counted rule without its occurrences, or the reverse");
-    if (counted) {
-      std::vector<double> starts(r_.count(8));
-      for (double& start : starts) start = r_.f64();
-      if (!std::is_sorted(starts.begin(), starts.end())) throw Corrupt("counted occurrences out of order");
-      value.countedStarts = std::move(starts);
-    }
-    return value;
-  }
-  VdirSeriesData series() {
-    VdirSeriesData s;
-    s.identifier = r_.text();
-    if (r_.flag()) s.master = component();
-    s.rules.resize(r_.count(8));
-    for (auto& r : s.rules) r = rule();
-    s.exclusionRules.resize(r_.count(8));
-    for (auto& r : s.exclusionRules) r = rule();
-    s.rdates.resize(r_.count(8));
-    for (auto& rdate : s.rdates) rdate = timeValue();
-    s.exdates.resize(r_.count(8));
-    for (double& exdate : s.exdates) exdate = r_.f64();
-    if (!std::is_sorted(s.exdates.begin(), s.exdates.end())) throw Corrupt("excluded dates out of order");
-    s.overrides.resize(r_.count(64));
-    for (auto& override : s.overrides) {
-      override = component();
-      if (!override.recurrenceInstant) throw Corrupt("an override without the occurrence it replaces");
-    }
-    if (!std::is_sorted(s.overrides.begin(), s.overrides.end(), [](const auto& a, const auto& b) {
-          return *a.recurrenceInstant < *b.recurrenceInstant;
-        }))
-      throw Corrupt("overrides out of order");
-    s.firstStart = r_.f64();
-    s.lastEnd = optionalNumber();
-    return s;
-  }
   std::pair<std::string, VdirFileRecord> record() {
     std::pair<std::string, VdirFileRecord> entry;
-    entry.first = r_.text();
-    VdirFileRecord& file = entry.second;
-    file.device = static_cast<dev_t>(r_.u64());
-    file.inode = static_cast<ino_t>(r_.u64());
-    file.size = static_cast<off_t>(r_.integer(0, std::numeric_limits<off_t>::max()));
-    file.modified = r_.i64();
-    file.changed = r_.i64();
-    file.diagnostics.resize(r_.count(9));
-    for (auto& diagnostic : file.diagnostics) {
-      diagnostic.path = r_.text();
-      auto action = r_.u8();
-      if (action > static_cast<std::uint8_t>(VdirDiagnostic::Action::truncated)) throw Corrupt("an unknown action");
-      diagnostic.action = static_cast<VdirDiagnostic::Action>(action);
-      diagnostic.problem = r_.text();
-    }
-    if (!r_.flag()) return entry;
-    auto item = std::make_shared<VdirItem>();
-    item->relativePath = r_.text();
-    if (item->relativePath != entry.first) throw Corrupt("an item filed under another path");
-    item->series.resize(r_.count(16));
-    for (auto& s : item->series) s = series();
-    item->todos.resize(r_.count(64));
-    for (auto& todo : item->todos) {
-      todo = component();
-      if (!todo.todoData) throw Corrupt("a to-do without its to-do data");
-    }
-    file.item = std::move(item);
+    walk(*this, entry.first, entry.second);
+    if (entry.second.item && entry.second.item->relativePath != entry.first)
+      r_.fail("an item filed under another path");
     return entry;
   }
 
+  template <class T>
+  void operator()(Tag tag, T& value) {
+    if (expect(tag)) read(value);
+  }
+  template <class T>
+  void operator()(Tag tag, Ranged<T> value) {
+    if (expect(tag)) value.value = static_cast<T>(r_.within(value.lowest, value.highest, r_.i64()));
+  }
+
  private:
+  bool expect(Tag tag) {
+    if (r_.u8() == static_cast<std::uint8_t>(tag)) return true;
+    r_.fail("a field of no known tag, or out of its place");
+    return false;
+  }
+
+  void read(std::string& value) { value = r_.text(); }
+  void read(bool& value) { value = r_.flag(); }
+  void read(double& value) { value = r_.f64(); }
+  template <std::integral I>
+  void read(I& value) {
+    value = r_.number<I>();
+  }
+  void read(platform::Date& value) { value = platform::Date::fromTimeIntervalSince1970(r_.f64()); }
+  void read(VdirDiagnostic::Action& value) {
+    value = static_cast<VdirDiagnostic::Action>(
+        r_.within(0, static_cast<std::int64_t>(VdirDiagnostic::Action::truncated), r_.u8()));
+  }
+  void read(VdirTime& value);
+  void read(VdirCompactRule& value);
+  template <class T>
+  void read(std::optional<T>& value) {
+    value.reset();
+    if (!r_.flag()) return;
+    read(value.emplace());
+  }
+  template <class T>
+  void read(std::shared_ptr<T>& value) {
+    value.reset();
+    if (!r_.flag()) return;
+    auto made = std::make_shared<std::remove_const_t<T>>();
+    read(*made);
+    value = std::move(made);
+  }
+  template <class T>
+  void read(std::vector<T>& values) {
+    values.resize(r_.count(kLeastBytes<T>));
+    for (auto& value : values) read(value);
+  }
+  // A struct of the schema, then what must hold between its fields.
+  template <class T>
+  void read(T& value) {
+    walk(*this, value);
+    check(value);
+  }
+
+  template <class T>
+  void check(const T&) {}
+  void check(const VdirRuleData& rule);
+  void check(const VdirSeriesData& series);
+  void check(const VdirItem& item);
+
   Reader& r_;
   const std::vector<const icaltimezone*>& zones_;
 };
+
+void Decoder::read(VdirTime& value) {
+  value = VdirTime{};
+  auto kind = r_.within(0, static_cast<std::int64_t>(VdirTime::Kind::zoned), r_.u8());
+  value.kind = static_cast<VdirTime::Kind>(kind);
+  icaltimetype& t = value.local;
+  t = icaltime_null_time();
+  // Years 1-9999, or the null time (all zero) of a time a file does not state.
+  t.year = static_cast<int>(r_.within(0, 9999, r_.u16()));
+  t.month = static_cast<int>(r_.within(0, 12, r_.u8()));
+  t.day = static_cast<int>(r_.within(0, 31, r_.u8()));
+  t.hour = static_cast<int>(r_.within(0, 23, r_.u8()));
+  t.minute = static_cast<int>(r_.within(0, 59, r_.u8()));
+  t.second = static_cast<int>(r_.within(0, 60, r_.u8()));
+  t.is_date = static_cast<int>(r_.within(0, 1, r_.u8()));
+  t.is_daylight = static_cast<int>(r_.within(0, 1, r_.u8()));
+  t.zone = nullptr;
+  std::uint32_t zone = r_.u32();
+  value.tzid = r_.text();
+  if (r_.failed()) return;
+  if (zone == 1) {
+    value.zone = builtinZone(value.tzid);
+    if (!value.zone) return r_.fail("a time in an unknown built-in zone");
+  } else if (zone >= 2) {
+    if (zone - 2 >= zones_.size() || !zones_[zone - 2]) return r_.fail("a time in an undefined zone");
+    value.zone = zones_[zone - 2];
+  }
+  if ((value.kind == VdirTime::Kind::zoned) != (value.zone != nullptr)) return r_.fail("a zoned time without a zone");
+  if ((value.kind == VdirTime::Kind::date) != (t.is_date == 1)) return r_.fail("a date that is not a date");
+}
+
+void Decoder::read(VdirCompactRule& value) {
+  std::string text = r_.text();
+  const auto skip = r_.within(ICAL_SKIP_BACKWARD, ICAL_SKIP_UNDEFINED, r_.i64());
+  if (r_.failed()) return;
+  icalrecurrencetype rule = icalrecurrencetype_from_string(text.c_str());
+  if (rule.freq == ICAL_NO_RECURRENCE || rule.interval < 1) {
+    std::free(rule.rscale);
+    return r_.fail("an unreadable rule");
+  }
+  rule.skip = static_cast<icalrecurrencetype_skip>(skip);
+  value = VdirCompactRule(rule);
+  std::free(rule.rscale);
+}
+
+void Decoder::check(const VdirRuleData& rule) {
+  // A rule bounded by COUNT is always expanded when its file is read.
+  if (rule.countedStarts.has_value() != (rule.rule.count() > 0))
+    return r_.fail("a counted rule without its occurrences, or the reverse");
+  if (rule.countedStarts && !std::is_sorted(rule.countedStarts->begin(), rule.countedStarts->end()))
+    r_.fail("counted occurrences out of order");
+}
+
+void Decoder::check(const VdirSeriesData& series) {
+  if (!std::is_sorted(series.exdates.begin(), series.exdates.end())) return r_.fail("excluded dates out of order");
+  for (const auto& override : series.overrides)
+    if (!override.recurrenceInstant) return r_.fail("an override without the occurrence it replaces");
+  if (!std::is_sorted(series.overrides.begin(), series.overrides.end(),
+                      [](const auto& a, const auto& b) { return *a.recurrenceInstant < *b.recurrenceInstant; }))
+    r_.fail("overrides out of order");
+}
+
+void Decoder::check(const VdirItem& item) {
+  for (const auto& todo : item.todos)
+    if (!todo.todoData) return r_.fail("a to-do without its to-do data");
+}
 
 std::string errorText(const char* what) { return std::string(what) + ": " + std::strerror(errno); }
 
@@ -570,11 +622,8 @@ std::string encodeCache(const std::string& key, const VdirFileRecords& records, 
     }
     entry.clear();
     Encoder encoder(entry, table);
-    try {
-      encoder.record(path, file);
-    } catch (const Unstorable&) {
-      continue;  // read again each time
-    }
+    encoder.record(path, file);
+    if (!encoder.storable()) continue;  // read again each time
     out += entry;
     if (++inBlock == kEntriesPerBlock) {
       closeBlock();
@@ -609,74 +658,71 @@ std::string sealCachePayload(std::string_view payload) {
 
 rivet::RivetResult<VdirFileRecords> decodeCache(std::string_view bytes, const std::string& key, VdirZones& zones,
                                                 unsigned threads) {
-  try {
-    Reader header(bytes);
-    if (header.take(sizeof kMagic) != std::string_view(kMagic, sizeof kMagic)) throw Corrupt("not a cache file");
-    if (std::uint32_t format = header.u32(); format != kVdirCacheFormat)
-      throw Corrupt("a cache of format " + std::to_string(format));
-    header.u32();
-    std::uint64_t length = header.u64();
-    std::uint64_t hash = header.u64();
-    if (length != bytes.size() - kHeaderSize) throw Corrupt("the cache's length is wrong (cut short or grown)");
-    std::string_view payload = bytes.substr(kHeaderSize);
-    if (payloadHash(payload) != hash) throw Corrupt("the cache is damaged");
+  auto corrupt = [](std::string problem) { return cacheFailure(std::move(problem), "decodeCache", __LINE__); };
+  Reader header(bytes);
+  const std::string_view magic = header.take(sizeof kMagic);
+  if (!header.failed() && magic != std::string_view(kMagic, sizeof kMagic)) return corrupt("not a cache file");
+  const std::uint32_t format = header.u32();
+  header.u32();
+  const std::uint64_t length = header.u64();
+  const std::uint64_t hash = header.u64();
+  if (header.failed()) return corrupt(header.problem());
+  if (format != kVdirCacheFormat) return corrupt("a cache of format " + std::to_string(format));
+  if (length != bytes.size() - kHeaderSize) return corrupt("the cache's length is wrong (cut short or grown)");
+  std::string_view payload = bytes.substr(kHeaderSize);
+  if (payloadHash(payload) != hash) return corrupt("the cache is damaged");
 
-    Reader r(payload);
-    if (r.text() != ICAL_VERSION) throw Corrupt("a cache written with another libical");
-    if (r.text() != key) throw Corrupt("a cache of another store");
-    std::vector<std::string_view> blocks;
-    for (;;) {
-      std::uint64_t size = r.u64();
-      if (size == 0) break;
-      if (size > payload.size()) throw Corrupt("a block larger than the cache");
-      blocks.push_back(r.take(static_cast<std::size_t>(size)));
-    }
-    std::vector<const icaltimezone*> table(r.count(8));
-    for (auto& zone : table) {
-      std::string tzid = r.text();
-      std::string text = r.text();
-      zone = zones.zoneFor(tzid, text).first;
-      if (!zone) throw Corrupt("an unusable zone definition");
-    }
-    if (!r.atEnd()) throw Corrupt("data after the zone definitions");
-
-    // Blocks decode independently; the first failure wins.
-    std::vector<std::vector<std::pair<std::string, VdirFileRecord>>> decoded(blocks.size());
-    std::vector<std::string> failures(blocks.size());
-    std::atomic<std::size_t> next{0};
-    auto work = [&] {
-      for (std::size_t b; (b = next++) < blocks.size();) {
-        try {
-          Reader blockReader(blocks[b]);
-          Decoder decoder(blockReader, table);
-          auto& out = decoded[b];
-          out.resize(blockReader.count(40));
-          for (auto& entry : out) entry = decoder.record();
-          if (!blockReader.atEnd()) throw Corrupt("data after a block's last entry");
-        } catch (const std::exception& error) {
-          failures[b] = error.what();
-          if (failures[b].empty()) failures[b] = "a damaged block";
-        }
-      }
-    };
-    unsigned workers = std::min<unsigned>(std::max(1u, threads), static_cast<unsigned>(blocks.size()));
-    std::vector<std::thread> pool;
-    for (unsigned i = 1; i < workers; ++i) pool.emplace_back(work);
-    work();
-    for (auto& thread : pool) thread.join();
-    for (const auto& failure : failures)
-      if (!failure.empty()) throw Corrupt(failure);
-
-    VdirFileRecords records;
-    std::size_t total = 0;
-    for (const auto& block : decoded) total += block.size();
-    records.reserve(total);
-    for (auto& block : decoded)
-      for (auto& entry : block) records.push_back(std::move(entry));
-    return records;
-  } catch (const std::exception& error) {
-    return cacheFailure(error.what(), "decodeCache", __LINE__);
+  Reader r(payload);
+  if (r.text() != ICAL_VERSION && !r.failed()) return corrupt("a cache written with another libical");
+  if (r.text() != key && !r.failed()) return corrupt("a cache of another store");
+  std::vector<std::string_view> blocks;
+  while (!r.failed()) {
+    std::uint64_t size = r.u64();
+    if (size == 0) break;
+    if (size > payload.size()) r.fail("a block larger than the cache");
+    blocks.push_back(r.take(static_cast<std::size_t>(size)));
   }
+  std::vector<const icaltimezone*> table(r.count(8));
+  for (auto& zone : table) {
+    std::string tzid = r.text();
+    std::string text = r.text();
+    if (r.failed()) break;
+    zone = zones.zoneFor(tzid, text).first;
+    if (!zone) r.fail("an unusable zone definition");
+  }
+  if (!r.failed() && !r.atEnd()) r.fail("data after the zone definitions");
+  if (r.failed()) return corrupt(r.problem());
+
+  // Blocks decode independently; the first failure wins.
+  std::vector<VdirFileRecords> decoded(blocks.size());
+  std::vector<std::string> failures(blocks.size());
+  std::atomic<std::size_t> next{0};
+  auto work = [&] {
+    for (std::size_t b; (b = next++) < blocks.size();) {
+      Reader blockReader(blocks[b]);
+      Decoder decoder(blockReader, table);
+      auto& out = decoded[b];
+      out.resize(blockReader.count(40));
+      for (auto& entry : out) entry = decoder.record();
+      if (!blockReader.failed() && !blockReader.atEnd()) blockReader.fail("data after a block's last entry");
+      if (blockReader.failed()) failures[b] = blockReader.problem();
+    }
+  };
+  unsigned workers = std::min<unsigned>(std::max(1u, threads), static_cast<unsigned>(blocks.size()));
+  std::vector<std::thread> pool;
+  for (unsigned i = 1; i < workers; ++i) pool.emplace_back(work);
+  work();
+  for (auto& thread : pool) thread.join();
+  for (const auto& failure : failures)
+    if (!failure.empty()) return corrupt(failure);
+
+  VdirFileRecords records;
+  std::size_t total = 0;
+  for (const auto& block : decoded) total += block.size();
+  records.reserve(total);
+  for (auto& block : decoded)
+    for (auto& entry : block) records.push_back(std::move(entry));
+  return records;
 }
 
 rivet::RivetResult<VdirFileRecords> readCache(const std::string& path, const std::string& key, VdirZones& zones,

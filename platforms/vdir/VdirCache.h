@@ -49,7 +49,7 @@ struct VdirFileRecord {
 using VdirFileRecords = std::vector<std::pair<std::string, VdirFileRecord>>;
 
 // The format's version; a cache of any other version is ignored.
-inline constexpr std::uint32_t kVdirCacheFormat = 4;
+inline constexpr std::uint32_t kVdirCacheFormat = 5;
 
 // The default directory for caches: $XDG_CACHE_HOME/vesp, else ~/.cache/vesp; empty when neither
 // can be found.

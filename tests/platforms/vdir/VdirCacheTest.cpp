@@ -236,20 +236,27 @@ TEST(VdirCacheTest, ACacheOfAnotherStoreIsNotUsed) {
                      "another store");
 }
 
-TEST(VdirCacheTest, ACacheWithABadPayloadUnderARightHeaderIsIgnored) {
-  TemporaryDirectory directory;
-  makeStore(directory.path() / "store", 4);
-  auto first = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"));
-  std::string bytes = testing::readFile(cacheFileOf(*first));
-  const std::string payload = bytes.substr(32);
-  VdirZones zones;
+// A store's cache without its header, and the store's key written in it.
+struct CachePayload {
+  std::string payload, key;
+};
+CachePayload cachePayloadOf(const VdirStore& store) {
+  const std::string payload = testing::readFile(cacheFileOf(store)).substr(32);
   // The payload starts with libical's version and the store's key, each a 32-bit length and bytes.
   auto text = [&](std::size_t at) {
     std::uint32_t length = 0;
     std::memcpy(&length, payload.data() + at, 4);
     return payload.substr(at + 4, length);
   };
-  const std::string key = text(4 + text(0).size());
+  return {payload, text(4 + text(0).size())};
+}
+
+TEST(VdirCacheTest, ACacheWithABadPayloadUnderARightHeaderIsIgnored) {
+  TemporaryDirectory directory;
+  makeStore(directory.path() / "store", 4);
+  auto first = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  const auto [payload, key] = cachePayloadOf(*first);
+  VdirZones zones;
   ASSERT_THAT(key, ::testing::HasSubstr("root="));
   auto whole = decodeCache(sealCachePayload(payload), key, zones, 2);
   ASSERT_TRUE(whole) << whole.error().message();
@@ -261,6 +268,29 @@ TEST(VdirCacheTest, ACacheWithABadPayloadUnderARightHeaderIsIgnored) {
     std::string changed = payload;
     changed[at] = static_cast<char>(~changed[at]);
     (void)decodeCache(sealCachePayload(changed), key, zones, 1);
+  }
+}
+
+// Each field is written after its tag: a tag the schema does not know, or a known one in another
+// field's place (a cache of another schema), is damage, and the cache is not used.
+TEST(VdirCacheTest, AFieldOfNoKnownTagOrOutOfItsPlaceIsRefused) {
+  TemporaryDirectory directory;
+  makeStore(directory.path() / "store", 4);
+  auto first = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  const auto [payload, key] = cachePayloadOf(*first);
+  VdirZones zones;
+  ASSERT_TRUE(decodeCache(sealCachePayload(payload), key, zones, 1));
+  // A record starts with its path: a tag, a 32-bit length, the bytes.
+  const auto path = payload.find("cal/e1.ics");
+  ASSERT_NE(path, std::string::npos);
+  ASSERT_GE(path, 5u);
+  const std::size_t tag = path - 5;
+  for (char changed : {static_cast<char>(0xEE), static_cast<char>(payload[tag] + 1)}) {
+    std::string damaged = payload;
+    damaged[tag] = changed;
+    auto refused = decodeCache(sealCachePayload(damaged), key, zones, 1);
+    ASSERT_FALSE(refused) << static_cast<int>(changed);
+    EXPECT_THAT(refused.error().message(), ::testing::HasSubstr("no known tag, or out of its place"));
   }
 }
 

@@ -44,11 +44,23 @@ std::shared_ptr<VdirStore> VdirStore::make(VdirStoreOptions options, VdirScanHoo
   return store;
 }
 
-VdirStore::VdirStore(VdirStoreOptions options, VdirScanHooks hooks)
-    : options_(std::move(options)), zones_(std::make_shared<VdirZones>()), hooks_(std::move(hooks)) {
-  for (auto& address : options_.userAddresses)
+namespace {
+
+VdirStoreOptions withLowerCaseAddresses(VdirStoreOptions options) {
+  for (auto& address : options.userAddresses)
     for (char& c : address) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  clock_ = std::make_unique<VdirClock>(options_.localTimeZone.empty() ? systemLocalZoneName() : options_.localTimeZone);
+  return options;
+}
+
+}  // namespace
+
+VdirStore::VdirStore(VdirStoreOptions options, VdirScanHooks hooks)
+    : options_(withLowerCaseAddresses(std::move(options))),
+      zones_(std::make_shared<VdirZones>()),
+      clock_(std::make_unique<VdirClock>(options_.localTimeZone.empty() ? systemLocalZoneName()
+                                                                          : options_.localTimeZone)),
+      hooks_(std::move(hooks)),
+      queries_(*clock_, options_.limits, [this](VdirDiagnostic problem) { reportRuntime(std::move(problem)); }) {
   snapshot_ = std::make_shared<VdirSnapshot>();
 
   const std::string directory = options_.cacheDirectory.value_or(defaultCacheDirectory());
@@ -98,10 +110,7 @@ VdirStore::~VdirStore() {
   }
   flushCache();
   // Items may outlive the store (in objects a host still holds), but they never touch zones again.
-  {
-    rivet::RivetMutexLock lock(indexMutex_);
-    index_.reset();
-  }
+  queries_.forget();
   files_.clear();
   snapshot_.reset();
   zones_.reset();
@@ -265,140 +274,22 @@ void VdirStore::simulateQueueOverflow() {
   if (watchState_) watchState_->dropNextEvents = true;
 }
 
-std::shared_ptr<platform::EKEvent> VdirStore::makeEvent(const std::shared_ptr<const VdirItem>& item,
-                                                        const VdirSeriesData& series,
-                                                        const std::shared_ptr<VdirCalendar>& calendar,
-                                                        const VdirOccurrence& occurrence) const {
-  VdirOccurrenceFields fields;
-  fields.item = item;
-  fields.series = &series;
-  fields.component = occurrence.component;
-  fields.calendar = calendar;
-  fields.eventIdentifier = series.identifier;
-  fields.start = platform::Date::fromTimeIntervalSince1970(occurrence.start);
-  fields.end = platform::Date::fromTimeIntervalSince1970(occurrence.end);
-  fields.occurrence = platform::Date::fromTimeIntervalSince1970(occurrence.occurrence);
-  fields.detached = occurrence.detached;
-  return std::make_shared<VdirEvent>(std::move(fields));
-}
-
-std::shared_ptr<VdirTimeIndex> VdirStore::indexFor(const std::shared_ptr<const VdirSnapshot>& snapshot) {
-  if (index_ && index_->snapshot() == snapshot) return index_;
-  auto index = std::make_shared<VdirTimeIndex>(snapshot);
-  if (index_) index->carryOver(*index_);
-  index_ = index;
-  return index_;
-}
-
 std::vector<std::shared_ptr<platform::EKEvent>> VdirStore::events(
     platform::Date start, platform::Date end, const std::optional<std::set<std::string>>& calendars) {
-  auto current = snapshot();
-  const double a = start.timeIntervalSince1970(), b = end.timeIntervalSince1970();
-  struct Found {
-    std::uint32_t collection, item;
-    const VdirSeriesData* series;
-    VdirOccurrence occurrence;
-  };
-  std::vector<Found> found;
-  std::vector<char> chosen(current->collections.size(), 1);
-  if (calendars)
-    for (std::size_t c = 0; c < chosen.size(); ++c) chosen[c] = calendars->count(current->collections[c].identifier) > 0;
-  std::shared_ptr<VdirTimeIndex> index;
-  {
-    rivet::RivetMutexLock lock(indexMutex_);
-    index = indexFor(current);
-  }
-  // The index guards what it keeps itself and expands outside its lock: queries run side by side.
-  std::vector<VdirOccurrence> occurrences;
-  const auto began = std::chrono::steady_clock::now();
-  std::optional<std::string> stopped;
-  std::size_t visited = 0;
-  using Entry = VdirTimeIndex::Entry;
-  auto direct = [&](const Entry& entry) {
-    occurrences.clear();
-    if (auto expanded = expandSeries(*entry.series, *clock_, a, b, options_.limits, occurrences); !expanded)
-      reportRuntime({current->collections[entry.collection].items[entry.item]->relativePath,
-                     VdirDiagnostic::Action::truncated, expanded.error().message()});
-    for (const auto& occurrence : occurrences) found.push_back({entry.collection, entry.item, entry.series, occurrence});
-  };
-  auto visit = [&](const Entry& entry) {
-    if (stopped || !chosen[entry.collection]) return;
-    // The query's own limits, checked every so often.
-    if ((++visited & 63) == 0 || found.size() >= options_.limits.maximumOccurrencesPerQuery) {
-      double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
-      if (found.size() >= options_.limits.maximumOccurrencesPerQuery || elapsed > options_.limits.maximumSecondsPerQuery) {
-        stopped = "query from " + start.iso8601() + " to " + end.iso8601() + " stopped at " +
-                  current->collections[entry.collection].items[entry.item]->relativePath + " after " +
-                  std::to_string(found.size()) + " occurrences: the answer is incomplete";
-        return;
-      }
-    }
-    if (!entry.series->isRecurring()) return direct(entry);
-    occurrences.clear();
-    if (!index->occurrencesThroughPeriods(*entry.series, a, b, *clock_, options_.limits, expansions_, occurrences))
-      return direct(entry);
-    for (const auto& occurrence : occurrences)
-      found.push_back({entry.collection, entry.item, entry.series, occurrence});
-  };
-  if (b > a) index->candidates(a, b, visit);
-  if (stopped) reportRuntime({".", VdirDiagnostic::Action::truncated, *stopped});
-  std::sort(found.begin(), found.end(), [](const Found& x, const Found& y) {
-    if (x.occurrence.start != y.occurrence.start) return x.occurrence.start < y.occurrence.start;
-    if (x.series != y.series && x.series->identifier != y.series->identifier) return x.series->identifier < y.series->identifier;
-    return x.occurrence.occurrence < y.occurrence.occurrence;
-  });
-  std::vector<std::shared_ptr<platform::EKEvent>> events;
-  events.reserve(found.size());
-  for (const auto& f : found) {
-    const auto& collection = current->collections[f.collection];
-    events.push_back(makeEvent(collection.items[f.item], *f.series, collection.calendar, f.occurrence));
-  }
-  return events;
+  return queries_.events(snapshot(), start, end, calendars);
 }
 
 std::shared_ptr<platform::EKEvent> VdirStore::firstOccurrence(const std::string& eventIdentifier) {
-  auto current = snapshot();
-  auto at = current->entries.find(eventIdentifier);
-  if (at == current->entries.end() || at->second.todo) return nullptr;
-  const auto& collection = current->collections[at->second.collection];
-  const auto& item = collection.items[at->second.item];
-  const auto& series = item->series[at->second.index];
-  // Widening windows from the series' first possible start; the earliest occurrence wins.
-  double from = series.firstStart;
-  double limit = series.lastEnd.value_or(from + 200 * 366 * 86400.0);
-  std::vector<VdirOccurrence> occurrences;
-  for (double width = 366 * 86400.0; from < limit; from += width, width *= 4) {
-    occurrences.clear();
-    // A cut expansion has still found the earliest occurrences, which is all this needs.
-    static_cast<void>(expandSeries(series, *clock_, from, from + width, options_.limits, occurrences));
-    if (occurrences.empty()) continue;
-    auto earliest = std::min_element(occurrences.begin(), occurrences.end(),
-                                     [](const auto& a, const auto& b) { return a.start < b.start; });
-    return makeEvent(item, series, collection.calendar, *earliest);
-  }
-  return nullptr;
+  return queries_.firstOccurrence(*snapshot(), eventIdentifier);
 }
 
 std::shared_ptr<platform::EKReminder> VdirStore::reminder(const std::string& identifier) {
-  auto current = snapshot();
-  auto at = current->entries.find(identifier);
-  if (at == current->entries.end() || !at->second.todo) return nullptr;
-  const auto& collection = current->collections[at->second.collection];
-  const auto& item = collection.items[at->second.item];
-  return std::make_shared<VdirReminder>(item, &item->todos[at->second.index], collection.calendar);
+  return VdirQueries::reminder(*snapshot(), identifier);
 }
 
 std::vector<std::shared_ptr<platform::EKReminder>> VdirStore::reminders(
     const std::optional<std::set<std::string>>& calendars, const std::function<bool(const VdirComponentData&)>& accept) {
-  auto current = snapshot();
-  std::vector<std::shared_ptr<platform::EKReminder>> result;
-  for (const auto& collection : current->collections) {
-    if (calendars && !calendars->count(collection.identifier)) continue;
-    for (const auto& item : collection.items)
-      for (const auto& todo : item->todos)
-        if (accept(todo)) result.push_back(std::make_shared<VdirReminder>(item, &todo, collection.calendar));
-  }
-  return result;
+  return VdirQueries::reminders(*snapshot(), calendars, accept);
 }
 
 }  // namespace vesp::vdir

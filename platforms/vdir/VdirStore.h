@@ -16,13 +16,12 @@
 // The store only ever reads: files are opened read-only and nothing under the root is written.
 //
 // Opening is quick: files are parsed on every core, and a persistent cache (see VdirCache) holds
-// each file's compact data, so reopening re-parses only the files that changed. Queries go through
-// an index over time (only series that can overlap the window are looked at) and a cache of each
-// recurring series' occurrences by period, so libical's iterator runs once per series and period.
+// each file's compact data, so reopening re-parses only the files that changed. Queries are
+// answered over the latest snapshot by VdirQueries, whose time index and kept expansions every
+// connection shares.
 //
-// Thread safety: every member function may be called from any thread. Window queries (events)
-// from every connection share the time index and its kept expansions; they wait for each other
-// only while taking or keeping expansions, never while libical expands.
+// Thread safety: every member function may be called from any thread. Window queries wait for
+// each other only while taking or keeping expansions, never while libical expands.
 #pragma once
 
 #include <sys/types.h>
@@ -48,13 +47,13 @@
 #include "platforms/vdir/VdirExpansion.h"
 #include "platforms/vdir/VdirItem.h"
 #include "platforms/vdir/VdirObjects.h"
+#include "platforms/vdir/VdirQueries.h"
 #include "platforms/vdir/VdirScanner.h"
 #include "platforms/vdir/VdirSnapshot.h"
 #include "support/rivet/RivetMutex.h"
 
 namespace vesp::vdir {
 
-class VdirTimeIndex;
 class VdirZones;
 
 class VdirStore : public std::enable_shared_from_this<VdirStore> {
@@ -79,6 +78,8 @@ class VdirStore : public std::enable_shared_from_this<VdirStore> {
   // What was skipped, repaired or cut short, for the whole store.
   std::vector<VdirDiagnostic> diagnostics() const;
 
+  // The answers of VdirQueries over the latest snapshot.
+  //
   // Occurrences overlapping [start, end) in the given collections (absent: all), by start date.
   std::vector<std::shared_ptr<platform::EKEvent>> events(platform::Date start, platform::Date end,
                                                          const std::optional<std::set<std::string>>& calendars);
@@ -98,7 +99,7 @@ class VdirStore : public std::enable_shared_from_this<VdirStore> {
   std::uint64_t rescanCount() const { return rescans_.load(); }
   std::uint64_t parseCount() const { return parses_.load(); }
   // libical iterator runs for recurring series (one per series and run of uncached periods).
-  std::uint64_t expansionCount() const { return expansions_.load(); }
+  std::uint64_t expansionCount() const { return queries_.expansionCount(); }
   VdirCacheStatus cacheStatus() const;
   // The cache is written in the background after a scan that changed what it holds; this waits
   // until that is done (the store's destruction waits too).
@@ -113,7 +114,7 @@ class VdirStore : public std::enable_shared_from_this<VdirStore> {
 
  private:
   VdirStore(VdirStoreOptions options, VdirScanHooks hooks);
-  bool rescan() RIVET_EXCLUDES(rescanMutex_, indexMutex_, mutex_);
+  bool rescan() RIVET_EXCLUDES(rescanMutex_, mutex_);
   // What the watcher's thread needs, shared with it so that it outlives the store if need be.
   struct WatchState {
     ~WatchState();
@@ -125,14 +126,7 @@ class VdirStore : public std::enable_shared_from_this<VdirStore> {
   };
   static void watch(std::weak_ptr<VdirStore> weak, std::shared_ptr<WatchState> state, std::promise<void>* ready);
   void notifyListeners();
-  void reportRuntime(VdirDiagnostic diagnostic);
-  std::shared_ptr<platform::EKEvent> makeEvent(const std::shared_ptr<const VdirItem>& item,
-                                               const VdirSeriesData& series,
-                                               const std::shared_ptr<VdirCalendar>& calendar,
-                                               const VdirOccurrence& occurrence) const;
-
-  std::shared_ptr<VdirTimeIndex> indexFor(const std::shared_ptr<const VdirSnapshot>& snapshot)
-      RIVET_REQUIRES(indexMutex_);
+  void reportRuntime(VdirDiagnostic diagnostic) RIVET_EXCLUDES(mutex_);
   // Runs on cacheWriter_, reading files_ without rescanMutex_: every writer of files_ holds that
   // mutex and joins cacheWriter_ first, which the analysis cannot follow.
   void writeCache(std::int64_t scannedAt) RIVET_NO_THREAD_SAFETY_ANALYSIS;
@@ -146,9 +140,9 @@ class VdirStore : public std::enable_shared_from_this<VdirStore> {
   std::string cacheKey_;   // empty: no cache
   std::string cacheFile_;  // where the cache is kept
   VdirScanHooks hooks_;
+  VdirQueries queries_;  // guards what it keeps itself
 
-  // Lock order: rescanMutex_, then indexMutex_, then mutex_. A query holds indexMutex_ only to
-  // take the index of its snapshot (the index has its own lock for what it keeps).
+  // Lock order: rescanMutex_, then mutex_.
   rivet::RivetMutex rescanMutex_;  // one rescan at a time
   std::thread cacheWriter_;        // writes the cache after a scan; reads files_ until joined
   VdirFileRecords files_ RIVET_GUARDED_BY(rescanMutex_);
@@ -158,17 +152,14 @@ class VdirStore : public std::enable_shared_from_this<VdirStore> {
   std::map<std::string, std::shared_ptr<VdirCalendar>> calendars_ RIVET_GUARDED_BY(rescanMutex_);
   std::map<std::string, std::shared_ptr<VdirSource>> sources_ RIVET_GUARDED_BY(rescanMutex_);
 
-  rivet::RivetMutex indexMutex_ RIVET_ACQUIRED_AFTER(rescanMutex_);
-  std::shared_ptr<VdirTimeIndex> index_ RIVET_GUARDED_BY(indexMutex_);  // with the expansions it caches
-
-  mutable rivet::RivetMutex mutex_ RIVET_ACQUIRED_AFTER(indexMutex_);
+  mutable rivet::RivetMutex mutex_ RIVET_ACQUIRED_AFTER(rescanMutex_);
   std::shared_ptr<const VdirSnapshot> snapshot_ RIVET_GUARDED_BY(mutex_);
   std::map<std::uint64_t, std::function<void()>> listeners_ RIVET_GUARDED_BY(mutex_);
   std::uint64_t nextToken_ RIVET_GUARDED_BY(mutex_) = 1;
   std::vector<VdirDiagnostic> runtime_ RIVET_GUARDED_BY(mutex_);
   VdirCacheStatus cacheStatus_ RIVET_GUARDED_BY(mutex_);
 
-  std::atomic<std::uint64_t> rescans_{0}, parses_{0}, expansions_{0};
+  std::atomic<std::uint64_t> rescans_{0}, parses_{0};
   std::shared_ptr<WatchState> watchState_;
   std::thread watcher_;
 };

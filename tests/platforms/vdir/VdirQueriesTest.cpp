@@ -1,0 +1,183 @@
+// The queries alone, over snapshots built in memory from parsed items (no store, no files): what a
+// window answers, what a limit cuts and reports, first occurrences and to-dos, and expansions kept
+// from one snapshot to the next.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platforms/vdir/VdirQueries.h"
+#include "platforms/vdir/VdirZones.h"
+#include "tests/platforms/vdir/VdirTestSupport.h"
+
+namespace vesp::vdir {
+namespace {
+
+using ::testing::ElementsAre;
+using testing::simpleEvent;
+using testing::utc;
+
+const std::string kTodo =
+    "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Vesp tests//EN\r\nBEGIN:VTODO\r\nUID:t\r\nSUMMARY:Todo\r\n"
+    "END:VTODO\r\nEND:VCALENDAR\r\n";
+const std::string kDaily = simpleEvent("daily", "Daily", "20250105T090000Z", "20250105T100000Z",
+                                       "RRULE:FREQ=DAILY\r\n");
+
+class VdirQueriesTest : public ::testing::Test {
+ protected:
+  using Files = std::vector<std::pair<std::string, std::string>>;  // file name and text
+
+  // A snapshot of the given collections, each a list of files, with the entries the store makes.
+  std::shared_ptr<const VdirSnapshot> snapshotOf(const std::vector<std::pair<std::string, Files>>& collections) {
+    auto snapshot = std::make_shared<VdirSnapshot>();
+    for (const auto& [identifier, files] : collections) {
+      VdirCollection collection;
+      collection.identifier = identifier;
+      collection.calendar = calendar(identifier);
+      for (const auto& [name, text] : files) collection.items.push_back(item(identifier + "/" + name, name, text));
+      snapshot->collections.push_back(std::move(collection));
+    }
+    return withEntries(snapshot);
+  }
+
+  // The same items under a new snapshot, as a scan that changed nothing in them makes.
+  static std::shared_ptr<const VdirSnapshot> copyOf(const VdirSnapshot& snapshot) {
+    auto copy = std::make_shared<VdirSnapshot>();
+    copy->collections = snapshot.collections;
+    return withEntries(copy);
+  }
+
+  static std::shared_ptr<const VdirSnapshot> withEntries(const std::shared_ptr<VdirSnapshot>& snapshot) {
+    for (std::size_t c = 0; c < snapshot->collections.size(); ++c) {
+      const auto& items = snapshot->collections[c].items;
+      for (std::size_t i = 0; i < items.size(); ++i) {
+        for (std::size_t s = 0; s < items[i]->series.size(); ++s)
+          snapshot->entries.emplace(items[i]->series[s].identifier, VdirSnapshot::Entry{c, i, false, s});
+        for (std::size_t t = 0; t < items[i]->todos.size(); ++t)
+          snapshot->entries.emplace(items[i]->todos[t].todoData->identifier, VdirSnapshot::Entry{c, i, true, t});
+      }
+    }
+    return snapshot;
+  }
+
+  std::shared_ptr<const VdirItem> item(const std::string& path, const std::string& name, const std::string& text) {
+    auto parsed = parseItem(path, name, text, {&zones_, &clock_, &addresses_, 100000});
+    EXPECT_TRUE(parsed.item) << text;
+    return parsed.item;
+  }
+
+  static std::shared_ptr<VdirCalendar> calendar(const std::string& identifier) {
+    VdirCalendarFields fields;
+    fields.identifier = identifier;
+    fields.title = identifier;
+    fields.source = std::make_shared<VdirSource>(".", platform::EKSourceTypeLocal, "Local");
+    return std::make_shared<VdirCalendar>(fields);
+  }
+
+  VdirQueries queries(VdirExpansionLimits limits = {}) {
+    return VdirQueries(clock_, limits, [this](VdirDiagnostic problem) { problems_.push_back(std::move(problem)); });
+  }
+
+  static std::vector<std::string> titles(const std::vector<std::shared_ptr<platform::EKEvent>>& events) {
+    std::vector<std::string> result;
+    for (const auto& event : events)
+      result.push_back(event->title().value_or("") + " " + event->startDate().value().iso8601() + " " +
+                       event->calendar()->calendarIdentifier());
+    return result;
+  }
+
+  VdirZones zones_;
+  VdirClock clock_{"UTC"};
+  std::vector<std::string> addresses_;
+  std::vector<VdirDiagnostic> problems_;
+};
+
+TEST_F(VdirQueriesTest, AWindowAnswersTheOccurrencesThatOverlapItByStartInTheChosenCollections) {
+  auto snapshot = snapshotOf(
+      {{"home", {{"a.ics", simpleEvent("a", "A", "20260310T120000Z", "20260310T130000Z")}}},
+       {"work",
+        {{"b.ics", simpleEvent("b", "B", "20260310T080000Z", "20260310T093000Z")},
+         {"c.ics", simpleEvent("c", "C", "20260311T090000Z", "20260311T100000Z")}, {"daily.ics", kDaily}}}});
+  auto q = queries();
+  EXPECT_THAT(titles(q.events(snapshot, utc(2026, 3, 10, 9), utc(2026, 3, 10, 18), std::nullopt)),
+              ElementsAre("B 2026-03-10T08:00:00Z work", "Daily 2026-03-10T09:00:00Z work",
+                          "A 2026-03-10T12:00:00Z home"));
+  EXPECT_THAT(titles(q.events(snapshot, utc(2026, 3, 10, 9), utc(2026, 3, 10, 18), std::set<std::string>{"home"})),
+              ElementsAre("A 2026-03-10T12:00:00Z home"));
+  // An empty choice is no collection at all; a window of no length holds nothing.
+  EXPECT_TRUE(q.events(snapshot, utc(2026, 3, 10), utc(2026, 3, 12), std::set<std::string>{}).empty());
+  EXPECT_TRUE(q.events(snapshot, utc(2026, 3, 10, 12), utc(2026, 3, 10, 12), std::nullopt).empty());
+  EXPECT_TRUE(problems_.empty());
+}
+
+TEST_F(VdirQueriesTest, AQueryCutByItsLimitAnswersWhatItFoundAndReportsTheCut) {
+  Files files;
+  for (int day = 1; day <= 9; ++day) {
+    const std::string date = "2026030" + std::to_string(day);
+    files.emplace_back(std::to_string(day) + ".ics",
+                       simpleEvent("e" + std::to_string(day), "E", date + "T090000Z", date + "T100000Z"));
+  }
+  auto snapshot = snapshotOf({{"cal", files}});
+  VdirExpansionLimits limits;
+  limits.maximumOccurrencesPerQuery = 3;
+  auto q = queries(limits);
+  auto events = q.events(snapshot, utc(2026, 3, 1), utc(2026, 4, 1), std::nullopt);
+  EXPECT_GE(events.size(), 3u);
+  EXPECT_LT(events.size(), 9u);
+  ASSERT_EQ(problems_.size(), 1u);
+  EXPECT_EQ(problems_[0].path, ".");
+  EXPECT_EQ(problems_[0].action, VdirDiagnostic::Action::truncated);
+  EXPECT_THAT(problems_[0].problem, ::testing::HasSubstr("the answer is incomplete"));
+}
+
+TEST_F(VdirQueriesTest, AnExpansionCutByTheSeriesLimitIsReportedAgainstItsFile) {
+  auto snapshot = snapshotOf({{"cal", {{"daily.ics", kDaily}}}});
+  VdirExpansionLimits limits;
+  limits.maximumOccurrencesPerSeries = 5;
+  auto q = queries(limits);
+  auto events = q.events(snapshot, utc(2026, 1, 1), utc(2027, 1, 1), std::nullopt);
+  EXPECT_LE(events.size(), 5u);
+  ASSERT_FALSE(problems_.empty());
+  EXPECT_EQ(problems_[0].path, "cal/daily.ics");
+  EXPECT_THAT(problems_[0].problem, ::testing::HasSubstr("expansion stopped"));
+}
+
+TEST_F(VdirQueriesTest, FirstOccurrencesAndToDosAreFoundByIdentifier) {
+  auto snapshot = snapshotOf({{"cal", {{"daily.ics", kDaily}}}, {"tasks", {{"t.ics", kTodo}}}});
+  auto q = queries();
+  auto first = q.firstOccurrence(*snapshot, "cal/daily.ics");
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(first->startDate().value().iso8601(), "2025-01-05T09:00:00Z");
+  EXPECT_EQ(q.firstOccurrence(*snapshot, "cal/none.ics"), nullptr);
+  EXPECT_EQ(q.firstOccurrence(*snapshot, "tasks/t.ics"), nullptr);  // a to-do is not an event
+
+  auto reminder = VdirQueries::reminder(*snapshot, "tasks/t.ics");
+  ASSERT_NE(reminder, nullptr);
+  EXPECT_EQ(reminder->title(), "Todo");
+  EXPECT_EQ(VdirQueries::reminder(*snapshot, "cal/daily.ics"), nullptr);
+  auto all = [](const VdirComponentData&) { return true; };
+  EXPECT_EQ(VdirQueries::reminders(*snapshot, std::nullopt, all).size(), 1u);
+  EXPECT_TRUE(VdirQueries::reminders(*snapshot, std::set<std::string>{"cal"}, all).empty());
+}
+
+TEST_F(VdirQueriesTest, ExpansionsKeptForOneSnapshotServeTheNextWhereItsSeriesAreTheSame) {
+  auto snapshot = snapshotOf({{"cal", {{"daily.ics", kDaily}}}});
+  auto q = queries();
+  const auto answer = titles(q.events(snapshot, utc(2026, 3, 1), utc(2026, 4, 1), std::nullopt));
+  ASSERT_EQ(answer.size(), 31u);
+  const auto expansions = q.expansionCount();
+  EXPECT_GT(expansions, 0u);
+  EXPECT_EQ(titles(q.events(copyOf(*snapshot), utc(2026, 3, 1), utc(2026, 4, 1), std::nullopt)), answer);
+  EXPECT_EQ(q.expansionCount(), expansions);
+  // Once forgotten, the same window is expanded again, and answers the same.
+  q.forget();
+  EXPECT_EQ(titles(q.events(snapshot, utc(2026, 3, 1), utc(2026, 4, 1), std::nullopt)), answer);
+  EXPECT_GT(q.expansionCount(), expansions);
+}
+
+}  // namespace
+}  // namespace vesp::vdir

@@ -1,8 +1,5 @@
 #include "platforms/vdir/VdirEventStore.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 namespace vesp::vdir {
 
 namespace {
@@ -52,11 +49,8 @@ class VdirReminderPredicate : public platform::EKPredicate {
 }  // namespace
 
 platform::EKAuthorizationStatus VdirServices::authorizationStatus(platform::EKEntityType entityType) const {
-  // A root that exists but is no readable directory cannot be served at all.
-  const auto& root = store->options().root;
-  struct stat status {};
-  if (::stat(root.c_str(), &status) == 0 && (!S_ISDIR(status.st_mode) || ::access(root.c_str(), R_OK | X_OK) != 0))
-    return platform::EKAuthorizationStatusRestricted;
+  // A source that exists but cannot be read cannot be served at all.
+  if (!source->readable()) return platform::EKAuthorizationStatusRestricted;
   return access->status(entityType);
 }
 
@@ -64,7 +58,7 @@ std::shared_ptr<VdirEventStore> VdirEventStore::make(std::shared_ptr<VdirService
   std::shared_ptr<VdirEventStore> connection(new VdirEventStore(std::move(services)));
   std::weak_ptr<VdirEventStore> weak = connection;
   auto center = connection->services_->center;
-  connection->listenerToken_ = connection->services_->store->addChangeListener([weak, center] {
+  connection->listenerToken_ = connection->services_->source->addChangeListener([weak, center] {
     if (auto self = weak.lock()) center->postNotificationName(platform::EKEventStoreChangedNotification, self);
   });
   return connection;
@@ -73,7 +67,7 @@ std::shared_ptr<VdirEventStore> VdirEventStore::make(std::shared_ptr<VdirService
 VdirEventStore::VdirEventStore(std::shared_ptr<VdirServices> services)
     : services_(std::move(services)), queue_(std::make_unique<rivet::RivetSerialQueue>("vesp.vdir.store")) {}
 
-VdirEventStore::~VdirEventStore() { services_->store->removeChangeListener(listenerToken_); }
+VdirEventStore::~VdirEventStore() { services_->source->removeChangeListener(listenerToken_); }
 
 std::vector<std::shared_ptr<platform::EKCalendar>> VdirEventStore::calendarsForEntityType(
     platform::EKEntityType entityType) {
@@ -81,7 +75,7 @@ std::vector<std::shared_ptr<platform::EKCalendar>> VdirEventStore::calendarsForE
       entityType == platform::EKEntityTypeReminder ? platform::EKEntityMaskReminder : platform::EKEntityMaskEvent;
   if (entityType != platform::EKEntityTypeEvent && entityType != platform::EKEntityTypeReminder) return {};
   std::vector<std::shared_ptr<platform::EKCalendar>> calendars;
-  for (const auto& collection : services_->store->snapshot()->collections)
+  for (const auto& collection : services_->source->snapshot()->collections)
     if (collection.calendar->allowedEntityTypes() & wanted) calendars.push_back(collection.calendar);
   return calendars;
 }
@@ -96,11 +90,13 @@ std::vector<std::shared_ptr<platform::EKEvent>> VdirEventStore::eventsMatchingPr
     const std::shared_ptr<platform::EKPredicate>& predicate) {
   auto events = std::dynamic_pointer_cast<VdirEventPredicate>(predicate);
   if (!events) return {};
-  return services_->store->events(events->start, events->end, events->calendars);
+  const auto& source = services_->source;
+  return source->queries().events(source->snapshot(), events->start, events->end, events->calendars);
 }
 
 std::shared_ptr<platform::EKEvent> VdirEventStore::eventWithIdentifier(const std::string& identifier) {
-  return services_->store->firstOccurrence(identifier);
+  const auto& source = services_->source;
+  return source->queries().firstOccurrence(*source->snapshot(), identifier);
 }
 
 std::shared_ptr<platform::EKPredicate> VdirEventStore::predicateForIncompleteRemindersWithDueDateStarting(
@@ -121,18 +117,19 @@ std::string VdirEventStore::fetchRemindersMatchingPredicate(const std::shared_pt
     identifier = "fetch-" + std::to_string(nextFetch_++);
   }
   auto reminders = std::dynamic_pointer_cast<VdirReminderPredicate>(predicate);
-  auto store = services_->store;
-  queue_->async([reminders, store, completion = std::move(completion)] {
+  queue_->async([reminders, source = services_->source, completion = std::move(completion)] {
     if (!reminders) return completion(std::nullopt);
-    completion(store->reminders(reminders->calendars,
-                                [&](const VdirComponentData& todo) { return reminders->accepts(todo); }));
+    completion(VdirQueries::reminders(*source->snapshot(), reminders->calendars,
+                                      [&](const VdirComponentData& todo) { return reminders->accepts(todo); }));
   });
   return identifier;
 }
 
 std::shared_ptr<platform::EKCalendarItem> VdirEventStore::calendarItemWithIdentifier(const std::string& identifier) {
-  if (auto reminder = services_->store->reminder(identifier)) return reminder;
-  return services_->store->firstOccurrence(identifier);
+  const auto& source = services_->source;
+  auto snapshot = source->snapshot();
+  if (auto reminder = VdirQueries::reminder(*snapshot, identifier)) return reminder;
+  return source->queries().firstOccurrence(*snapshot, identifier);
 }
 
 void VdirEventStore::requestAccessToEntityType(platform::EKEntityType entityType, AccessCompletion completion) {
@@ -166,7 +163,7 @@ void VdirEventStore::requestAccessToEntityType(platform::EKEntityType entityType
 }
 
 std::string VdirEventStore::description() const {
-  return "<EKEventStore vdir " + services_->store->options().root + ">";
+  return "<EKEventStore " + services_->source->description() + ">";
 }
 
 }  // namespace vesp::vdir

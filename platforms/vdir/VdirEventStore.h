@@ -1,5 +1,6 @@
-// A connection to a vdir store (the platform's EKEventStore). Connections of one platform share
-// the store's data; each posts its own store-changed notification, with itself as object, after
+// A connection to an iCalendar-backed store (the platform's EKEventStore), over any source of
+// snapshots (the vdir platform's is its directory store). Connections of one platform share the
+// source's data; each posts its own store-changed notification, with itself as object, after
 // each burst of changes. Access-request and reminder-fetch completions run on the connection's
 // own thread.
 #pragma once
@@ -12,7 +13,7 @@
 #include <string>
 
 #include "platforms/vdir/VdirAccess.h"
-#include "platforms/vdir/VdirStore.h"
+#include "platforms/vdir/VdirSnapshotSource.h"
 #include "support/platform/EKEventStore.h"
 #include "support/platform/NSBundle.h"
 #include "support/platform/NSNotificationCenter.h"
@@ -26,7 +27,7 @@ inline const std::string VdirErrorDomain = "VespVdirErrorDomain";
 
 // What the connections of one platform share.
 struct VdirServices {
-  std::shared_ptr<VdirStore> store;
+  std::shared_ptr<VdirSnapshotSource> source;
   std::shared_ptr<VdirAccess> access;
   std::shared_ptr<platform::NSNotificationCenter> center;
   std::shared_ptr<platform::NSBundle> bundle;
@@ -60,8 +61,6 @@ class VdirEventStore : public platform::EKEventStore {
   std::shared_ptr<platform::EKCalendarItem> calendarItemWithIdentifier(const std::string& identifier) override;
   void requestAccessToEntityType(platform::EKEntityType entityType, AccessCompletion completion) override;
   std::string description() const override;
-
-  const std::shared_ptr<VdirStore>& store() const { return services_->store; }
 
  private:
   explicit VdirEventStore(std::shared_ptr<VdirServices> services);

@@ -11,7 +11,8 @@ std::shared_ptr<VdirPlatform> VdirPlatform::make(VdirPlatformOptions options) {
 }
 
 VdirPlatform::VdirPlatform(VdirPlatformOptions options) : services_(std::make_shared<VdirServices>()) {
-  services_->store = VdirStore::make(std::move(options.store));
+  store_ = VdirStore::make(std::move(options.store));
+  services_->source = store_;
   services_->access = std::make_shared<VdirAccess>(
       options.accessFile.empty() ? VdirAccess::defaultFile() : options.accessFile, options.applicationIdentifier);
   services_->center = std::make_shared<platform::NSNotificationCenter>();
@@ -51,12 +52,12 @@ std::shared_ptr<platform::EKCalendarChooser> VdirPlatform::makeCalendarChooser(
 
 std::shared_ptr<platform::NSNotificationCenter> VdirPlatform::defaultCenter() { return services_->center; }
 std::shared_ptr<platform::NSBundle> VdirPlatform::mainBundle() { return services_->bundle; }
-const std::shared_ptr<VdirStore>& VdirPlatform::store() const { return services_->store; }
+const std::shared_ptr<VdirStore>& VdirPlatform::store() const { return store_; }
 const std::shared_ptr<VdirAccess>& VdirPlatform::access() const { return services_->access; }
-std::vector<VdirDiagnostic> VdirPlatform::diagnostics() const { return services_->store->diagnostics(); }
-bool VdirPlatform::refresh() { return services_->store->refresh(); }
-VdirCacheStatus VdirPlatform::cacheStatus() const { return services_->store->cacheStatus(); }
-void VdirPlatform::flushCache() { services_->store->flushCache(); }
+std::vector<VdirDiagnostic> VdirPlatform::diagnostics() const { return store_->diagnostics(); }
+bool VdirPlatform::refresh() { return store_->refresh(); }
+VdirCacheStatus VdirPlatform::cacheStatus() const { return store_->cacheStatus(); }
+void VdirPlatform::flushCache() { store_->flushCache(); }
 
 void VdirPlatform::setInfoDictionaryValue(const std::string& key, std::optional<platform::AnyObject> value) {
   services_->bundle->setObjectForInfoDictionaryKey(key, std::move(value));

@@ -67,6 +67,7 @@ class VdirPlatform : public platform::Platform {
 
  private:
   explicit VdirPlatform(VdirPlatformOptions options);
+  std::shared_ptr<VdirStore> store_;  // the source of the connections' snapshots
   std::shared_ptr<VdirServices> services_;
   std::shared_ptr<platform::Platform> screens_;
 };

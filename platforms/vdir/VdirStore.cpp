@@ -1,6 +1,7 @@
 #include "platforms/vdir/VdirStore.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -124,6 +125,12 @@ unsigned VdirStore::threads() const {
 VdirCacheStatus VdirStore::cacheStatus() const {
   rivet::RivetMutexLock lock(mutex_);
   return cacheStatus_;
+}
+
+bool VdirStore::readable() const {
+  struct stat status {};
+  return ::stat(options_.root.c_str(), &status) != 0 ||
+         (S_ISDIR(status.st_mode) && ::access(options_.root.c_str(), R_OK | X_OK) == 0);
 }
 
 std::shared_ptr<const VdirSnapshot> VdirStore::snapshot() const {

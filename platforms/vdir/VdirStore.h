@@ -50,30 +50,35 @@
 #include "platforms/vdir/VdirQueries.h"
 #include "platforms/vdir/VdirScanner.h"
 #include "platforms/vdir/VdirSnapshot.h"
+#include "platforms/vdir/VdirSnapshotSource.h"
 #include "support/rivet/RivetMutex.h"
 
 namespace vesp::vdir {
 
 class VdirZones;
 
-class VdirStore : public std::enable_shared_from_this<VdirStore> {
+class VdirStore : public VdirSnapshotSource, public std::enable_shared_from_this<VdirStore> {
  public:
   // Reads the tree once and, when asked, starts watching it. `hooks` are for tests.
   static std::shared_ptr<VdirStore> make(VdirStoreOptions options, VdirScanHooks hooks = {});
-  ~VdirStore();
+  ~VdirStore() override;
   VdirStore(const VdirStore&) = delete;
   VdirStore& operator=(const VdirStore&) = delete;
 
   const VdirStoreOptions& options() const { return options_; }
-  std::shared_ptr<const VdirSnapshot> snapshot() const;
+  std::shared_ptr<const VdirSnapshot> snapshot() const override;
+  VdirQueries& queries() override { return queries_; }
+  // False when the root exists but is not a directory this process can read.
+  bool readable() const override;
+  std::string description() const override { return "vdir " + options_.root; }
 
   // Rescans now; calls the change listeners when anything changed. Returns whether it did.
   bool refresh();
 
   // Calls `listener` (on the watcher's thread, or the thread of refresh) after each rescan that
   // changed something. Returns a token for removeChangeListener.
-  std::uint64_t addChangeListener(std::function<void()> listener);
-  void removeChangeListener(std::uint64_t token);
+  std::uint64_t addChangeListener(std::function<void()> listener) override;
+  void removeChangeListener(std::uint64_t token) override;
 
   // What was skipped, repaired or cut short, for the whole store.
   std::vector<VdirDiagnostic> diagnostics() const;

@@ -4,13 +4,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "platforms/vdir/VdirEventStore.h"
 #include "platforms/vdir/VdirQueries.h"
+#include "platforms/vdir/VdirSnapshotSource.h"
 #include "platforms/vdir/VdirZones.h"
 #include "tests/platforms/vdir/VdirTestSupport.h"
 
@@ -74,6 +77,8 @@ class VdirQueriesTest : public ::testing::Test {
     VdirCalendarFields fields;
     fields.identifier = identifier;
     fields.title = identifier;
+    // The "tasks" collection is a reminder list; the others are event calendars.
+    fields.entityTypes = identifier == "tasks" ? platform::EKEntityMaskReminder : platform::EKEntityMaskEvent;
     fields.source = std::make_shared<VdirSource>(".", platform::EKSourceTypeLocal, "Local");
     return std::make_shared<VdirCalendar>(fields);
   }
@@ -177,6 +182,70 @@ TEST_F(VdirQueriesTest, ExpansionsKeptForOneSnapshotServeTheNextWhereItsSeriesAr
   q.forget();
   EXPECT_EQ(titles(q.events(snapshot, utc(2026, 3, 1), utc(2026, 4, 1), std::nullopt)), answer);
   EXPECT_GT(q.expansionCount(), expansions);
+}
+
+// A source of snapshots held in memory: what a connection needs of any iCalendar-backed source.
+class MemorySource : public VdirSnapshotSource {
+ public:
+  MemorySource(const VdirClock& clock, std::shared_ptr<const VdirSnapshot> snapshot)
+      : queries_(clock, {}, nullptr), snapshot_(std::move(snapshot)) {}
+  std::shared_ptr<const VdirSnapshot> snapshot() const override { return snapshot_; }
+  VdirQueries& queries() override { return queries_; }
+  std::uint64_t addChangeListener(std::function<void()> listener) override {
+    listeners_.emplace(++token_, std::move(listener));
+    return token_;
+  }
+  void removeChangeListener(std::uint64_t token) override { listeners_.erase(token); }
+  bool readable() const override { return true; }
+  std::string description() const override { return "memory"; }
+
+  void replace(std::shared_ptr<const VdirSnapshot> snapshot) {
+    snapshot_ = std::move(snapshot);
+    for (auto& [token, listener] : listeners_) listener();
+  }
+  std::size_t listeners() const { return listeners_.size(); }
+
+ private:
+  VdirQueries queries_;
+  std::shared_ptr<const VdirSnapshot> snapshot_;
+  std::map<std::uint64_t, std::function<void()>> listeners_;
+  std::uint64_t token_ = 0;
+};
+
+TEST_F(VdirQueriesTest, AConnectionAnswersOverASourceThatIsNoDirectory) {
+  auto source = std::make_shared<MemorySource>(
+      clock_, snapshotOf({{"cal", {{"daily.ics", kDaily}}}, {"tasks", {{"t.ics", kTodo}}}}));
+  testing::TemporaryDirectory config;
+  auto services = std::make_shared<VdirServices>();
+  services->source = source;
+  services->access = std::make_shared<VdirAccess>((config.path() / "access.json").string(), "vesp");
+  services->center = std::make_shared<platform::NSNotificationCenter>();
+  services->bundle = std::make_shared<platform::NSBundle>();
+  auto connection = VdirEventStore::make(services);
+  EXPECT_EQ(connection->description(), "<EKEventStore memory>");
+
+  auto calendars = connection->calendarsForEntityType(platform::EKEntityTypeEvent);
+  ASSERT_EQ(calendars.size(), 1u);
+  EXPECT_EQ(calendars[0]->calendarIdentifier(), "cal");
+  auto events = connection->eventsMatchingPredicate(
+      connection->predicateForEventsWithStartDate(utc(2026, 3, 10), utc(2026, 3, 12), std::nullopt));
+  EXPECT_THAT(titles(events), ElementsAre("Daily 2026-03-10T09:00:00Z cal", "Daily 2026-03-11T09:00:00Z cal"));
+  auto todo = connection->calendarItemWithIdentifier("tasks/t.ics");
+  ASSERT_NE(todo, nullptr);
+  EXPECT_EQ(todo->title(), "Todo");
+
+  // A new snapshot of the source: the connection posts its change, and answers from it.
+  int posted = 0;
+  auto observer = std::make_shared<int>(0);
+  services->center->addObserver(observer, "changed:", [&](const platform::Notification&) { ++posted; },
+                                platform::EKEventStoreChangedNotification, connection.get());
+  source->replace(snapshotOf({{"cal", {}}}));
+  EXPECT_EQ(posted, 1);
+  EXPECT_TRUE(connection->eventsMatchingPredicate(
+                  connection->predicateForEventsWithStartDate(utc(2026, 3, 10), utc(2026, 3, 12), std::nullopt))
+                  .empty());
+  connection.reset();
+  EXPECT_EQ(source->listeners(), 0u);
 }
 
 }  // namespace

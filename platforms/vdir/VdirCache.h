@@ -9,6 +9,9 @@
 // so readers (other processes included) see a whole old or a whole new cache. A cache that is
 // damaged, cut short, of another format or libical version, or for another store is ignored
 // whole, never partly trusted.
+//
+// Entries are written field by field, each field under a tag of its own, by walks of the compact
+// structs that the encoder and the decoder share (the schema is written once, in VdirCache.cpp).
 #pragma once
 
 #include <sys/types.h>

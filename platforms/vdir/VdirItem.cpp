@@ -154,14 +154,6 @@ std::optional<std::string> parameter(icalproperty* property, const char* name) {
   return takeString(text);
 }
 
-std::optional<std::string> textOf(icalcomponent* component, icalproperty_kind kind) {
-  icalproperty* property = icalcomponent_get_first_property(component, kind);
-  if (!property) return std::nullopt;
-  const char* text = icalproperty_get_value_as_string(property);
-  if (!text) return std::nullopt;
-  return std::string(text);
-}
-
 std::string lower(std::string text) {
   for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return text;
@@ -192,6 +184,80 @@ void keepUtf8(VdirComponentData& data) {
   if (data.organizer) keepUtf8(*data.organizer);
   keepUtf8(data.structuredLocation, data.structuredLocation);
   for (auto& alarm : data.alarms) keepUtf8(alarm.location, alarm.location);
+}
+
+// The properties of one component, gathered in one pass over them: the first of each kind that
+// is read once, every one (in file order) of the kinds that repeat.
+struct Properties {
+  icalproperty* uid = nullptr;
+  icalproperty* summary = nullptr;
+  icalproperty* description = nullptr;
+  icalproperty* location = nullptr;
+  icalproperty* url = nullptr;
+  icalproperty* created = nullptr;
+  icalproperty* lastModified = nullptr;
+  icalproperty* organizer = nullptr;
+  icalproperty* geo = nullptr;
+  icalproperty* start = nullptr;
+  icalproperty* end = nullptr;
+  icalproperty* duration = nullptr;
+  icalproperty* status = nullptr;
+  icalproperty* transparency = nullptr;
+  icalproperty* recurrenceId = nullptr;
+  icalproperty* due = nullptr;
+  icalproperty* completed = nullptr;
+  icalproperty* priority = nullptr;
+  icalproperty* trigger = nullptr;
+  icalproperty* action = nullptr;
+  std::vector<icalproperty*> attendees, rules, exclusionRules, rdates, exdates, extensions;
+};
+
+Properties gather(icalcomponent* component) {
+  Properties found;
+  auto first = [](icalproperty*& slot, icalproperty* property) {
+    if (!slot) slot = property;
+  };
+  for (icalproperty* p = icalcomponent_get_first_property(component, ICAL_ANY_PROPERTY); p;
+       p = icalcomponent_get_next_property(component, ICAL_ANY_PROPERTY)) {
+    switch (icalproperty_isa(p)) {
+      case ICAL_UID_PROPERTY: first(found.uid, p); break;
+      case ICAL_SUMMARY_PROPERTY: first(found.summary, p); break;
+      case ICAL_DESCRIPTION_PROPERTY: first(found.description, p); break;
+      case ICAL_LOCATION_PROPERTY: first(found.location, p); break;
+      case ICAL_URL_PROPERTY: first(found.url, p); break;
+      case ICAL_CREATED_PROPERTY: first(found.created, p); break;
+      case ICAL_LASTMODIFIED_PROPERTY: first(found.lastModified, p); break;
+      case ICAL_ORGANIZER_PROPERTY: first(found.organizer, p); break;
+      case ICAL_GEO_PROPERTY: first(found.geo, p); break;
+      case ICAL_DTSTART_PROPERTY: first(found.start, p); break;
+      case ICAL_DTEND_PROPERTY: first(found.end, p); break;
+      case ICAL_DURATION_PROPERTY: first(found.duration, p); break;
+      case ICAL_STATUS_PROPERTY: first(found.status, p); break;
+      case ICAL_TRANSP_PROPERTY: first(found.transparency, p); break;
+      case ICAL_RECURRENCEID_PROPERTY: first(found.recurrenceId, p); break;
+      case ICAL_DUE_PROPERTY: first(found.due, p); break;
+      case ICAL_COMPLETED_PROPERTY: first(found.completed, p); break;
+      case ICAL_PRIORITY_PROPERTY: first(found.priority, p); break;
+      case ICAL_TRIGGER_PROPERTY: first(found.trigger, p); break;
+      case ICAL_ACTION_PROPERTY: first(found.action, p); break;
+      case ICAL_ATTENDEE_PROPERTY: found.attendees.push_back(p); break;
+      case ICAL_RRULE_PROPERTY: found.rules.push_back(p); break;
+      case ICAL_EXRULE_PROPERTY: found.exclusionRules.push_back(p); break;
+      case ICAL_RDATE_PROPERTY: found.rdates.push_back(p); break;
+      case ICAL_EXDATE_PROPERTY: found.exdates.push_back(p); break;
+      case ICAL_X_PROPERTY: found.extensions.push_back(p); break;
+      default: break;
+    }
+  }
+  return found;
+}
+
+// The value of a property as text; absent without the property or its value.
+std::optional<std::string> textOf(icalproperty* property) {
+  if (!property) return std::nullopt;
+  const char* text = icalproperty_get_value_as_string(property);
+  if (!text) return std::nullopt;
+  return std::string(text);
 }
 
 // Reads files one at a time; collects what it had to skip or repair.
@@ -299,9 +365,8 @@ class Reader {
     return time;
   }
 
-  std::optional<platform::Date> utcDateOf(icalcomponent* component, icalproperty_kind kind,
-                                          icaltimetype (*get)(const icalproperty*), const char* what) {
-    icalproperty* property = icalcomponent_get_first_property(component, kind);
+  std::optional<platform::Date> utcDateOf(icalproperty* property, icaltimetype (*get)(const icalproperty*),
+                                          const char* what) {
     if (!property) return std::nullopt;
     auto time = timeOf(property, get(property), what);
     if (!time) return std::nullopt;
@@ -332,9 +397,8 @@ class Reader {
   }
 
   // X-APPLE-STRUCTURED-LOCATION;X-TITLE=...;X-APPLE-RADIUS=...:geo:lat,lon
-  std::shared_ptr<const VdirLocationData> structuredLocation(icalcomponent* component) {
-    for (icalproperty* property = icalcomponent_get_first_property(component, ICAL_X_PROPERTY); property;
-         property = icalcomponent_get_next_property(component, ICAL_X_PROPERTY)) {
+  static std::shared_ptr<const VdirLocationData> structuredLocation(const Properties& properties) {
+    for (icalproperty* property : properties.extensions) {
       const char* name = icalproperty_get_x_name(property);
       if (!name || std::string(name) != "X-APPLE-STRUCTURED-LOCATION") continue;
       auto location = std::make_shared<VdirLocationData>();
@@ -356,9 +420,8 @@ class Reader {
     return nullptr;
   }
 
-  std::optional<std::string> xText(icalcomponent* component, const char* wanted) {
-    for (icalproperty* property = icalcomponent_get_first_property(component, ICAL_X_PROPERTY); property;
-         property = icalcomponent_get_next_property(component, ICAL_X_PROPERTY)) {
+  static std::optional<std::string> xText(const Properties& properties, const char* wanted) {
+    for (icalproperty* property : properties.extensions) {
       const char* name = icalproperty_get_x_name(property);
       if (name && std::string(name) == wanted) {
         const char* value = icalproperty_get_value_as_string(property);
@@ -368,28 +431,23 @@ class Reader {
     return std::nullopt;
   }
 
-  void readCommon(icalcomponent* component, VdirComponentData& data) {
-    if (auto uid = textOf(component, ICAL_UID_PROPERTY)) data.uid = *uid;
-    if (icalproperty* p = icalcomponent_get_first_property(component, ICAL_SUMMARY_PROPERTY); p && icalproperty_get_summary(p))
-      data.summary = icalproperty_get_summary(p);
-    if (icalproperty* p = icalcomponent_get_first_property(component, ICAL_DESCRIPTION_PROPERTY);
-        p && icalproperty_get_description(p))
+  void readCommon(const Properties& properties, VdirComponentData& data) {
+    if (auto uid = textOf(properties.uid)) data.uid = *uid;
+    if (icalproperty* p = properties.summary; p && icalproperty_get_summary(p)) data.summary = icalproperty_get_summary(p);
+    if (icalproperty* p = properties.description; p && icalproperty_get_description(p))
       data.description = icalproperty_get_description(p);
-    if (icalproperty* p = icalcomponent_get_first_property(component, ICAL_LOCATION_PROPERTY); p && icalproperty_get_location(p))
+    if (icalproperty* p = properties.location; p && icalproperty_get_location(p))
       data.location = icalproperty_get_location(p);
-    if (icalproperty* p = icalcomponent_get_first_property(component, ICAL_URL_PROPERTY); p && icalproperty_get_url(p))
-      data.url = icalproperty_get_url(p);
-    data.created = utcDateOf(component, ICAL_CREATED_PROPERTY, icalproperty_get_created, "CREATED");
-    data.lastModified = utcDateOf(component, ICAL_LASTMODIFIED_PROPERTY, icalproperty_get_lastmodified, "LAST-MODIFIED");
+    if (icalproperty* p = properties.url; p && icalproperty_get_url(p)) data.url = icalproperty_get_url(p);
+    data.created = utcDateOf(properties.created, icalproperty_get_created, "CREATED");
+    data.lastModified = utcDateOf(properties.lastModified, icalproperty_get_lastmodified, "LAST-MODIFIED");
 
-    for (icalproperty* p = icalcomponent_get_first_property(component, ICAL_ATTENDEE_PROPERTY); p;
-         p = icalcomponent_get_next_property(component, ICAL_ATTENDEE_PROPERTY))
+    for (icalproperty* p : properties.attendees)
       data.attendees.push_back(participant(p, icalproperty_get_attendee(p), false));
-    if (icalproperty* p = icalcomponent_get_first_property(component, ICAL_ORGANIZER_PROPERTY))
-      data.organizer = participant(p, icalproperty_get_organizer(p), true);
+    if (icalproperty* p = properties.organizer) data.organizer = participant(p, icalproperty_get_organizer(p), true);
 
-    data.structuredLocation = structuredLocation(component);
-    if (icalproperty* geo = icalcomponent_get_first_property(component, ICAL_GEO_PROPERTY)) {
+    data.structuredLocation = structuredLocation(properties);
+    if (icalproperty* geo = properties.geo) {
       icalgeotype value = icalproperty_get_geo(geo);
       if (std::isfinite(value.lat) && std::isfinite(value.lon) && std::fabs(value.lat) <= 90 && std::fabs(value.lon) <= 180) {
         auto location = std::make_shared<VdirLocationData>(data.structuredLocation ? *data.structuredLocation
@@ -404,7 +462,7 @@ class Reader {
         report(VdirDiagnostic::Action::repaired, "GEO outside the globe ignored");
       }
     }
-    if (auto travel = xText(component, "X-APPLE-TRAVEL-DURATION")) {
+    if (auto travel = xText(properties, "X-APPLE-TRAVEL-DURATION")) {
       icaldurationtype duration = icaldurationtype_from_string(travel->c_str());
       if (icaldurationtype_is_bad_duration(duration))
         report(VdirDiagnostic::Action::repaired, "X-APPLE-TRAVEL-DURATION \"" + *travel + "\" is not a duration");
@@ -416,7 +474,8 @@ class Reader {
   void readAlarms(icalcomponent* component, VdirComponentData& data, double eventSeconds) {
     for (icalcomponent* alarm = icalcomponent_get_first_component(component, ICAL_VALARM_COMPONENT); alarm;
          alarm = icalcomponent_get_next_component(component, ICAL_VALARM_COMPONENT)) {
-      icalproperty* trigger = icalcomponent_get_first_property(alarm, ICAL_TRIGGER_PROPERTY);
+      const Properties properties = gather(alarm);
+      icalproperty* trigger = properties.trigger;
       if (!trigger) {
         report(VdirDiagnostic::Action::repaired, "VALARM without TRIGGER ignored");
         continue;
@@ -436,21 +495,21 @@ class Reader {
         icalparameter* related = icalproperty_get_first_parameter(trigger, ICAL_RELATED_PARAMETER);
         if (related && icalparameter_get_related(related) == ICAL_RELATED_END) data2.relativeOffset += eventSeconds;
       }
-      if (icalproperty* action = icalcomponent_get_first_property(alarm, ICAL_ACTION_PROPERTY))
-        data2.type = alarmTypeFromIcal(icalproperty_get_action(action));
-      if (auto proximity = xText(alarm, "X-APPLE-PROXIMITY")) {
+      if (icalproperty* action = properties.action) data2.type = alarmTypeFromIcal(icalproperty_get_action(action));
+      if (auto proximity = xText(properties, "X-APPLE-PROXIMITY")) {
         if (*proximity == "ARRIVE") data2.proximity = platform::EKAlarmProximityEnter;
         if (*proximity == "DEPART") data2.proximity = platform::EKAlarmProximityLeave;
       }
-      data2.location = structuredLocation(alarm);
+      data2.location = structuredLocation(properties);
       data.alarms.push_back(std::move(data2));
     }
   }
 
   // Reads a VEVENT; false when it cannot be served (no usable DTSTART).
   bool readEvent(icalcomponent* component, VdirComponentData& data) {
-    readCommon(component, data);
-    icalproperty* start = icalcomponent_get_first_property(component, ICAL_DTSTART_PROPERTY);
+    const Properties properties = gather(component);
+    readCommon(properties, data);
+    icalproperty* start = properties.start;
     if (!start) {
       report(VdirDiagnostic::Action::skipped, "VEVENT \"" + data.uid + "\" has no DTSTART");
       return false;
@@ -467,7 +526,7 @@ class Reader {
                                                                   : std::nullopt;
     const platform::Date startInstant = context_.clock->instant(data.start);
     if (data.start.isDate()) data.durationDays = 1;
-    if (icalproperty* end = icalcomponent_get_first_property(component, ICAL_DTEND_PROPERTY)) {
+    if (icalproperty* end = properties.end) {
       if (auto endTime = timeOf(end, icalproperty_get_dtend(end), "DTEND")) {
         if (data.start.isDate()) {
           double days = std::round((civilSecondsSince1970(endTime->local.year, endTime->local.month, endTime->local.day, 0, 0, 0) -
@@ -478,7 +537,7 @@ class Reader {
           data.durationSeconds = context_.clock->instant(*endTime).timeIntervalSince(startInstant);
         }
       }
-    } else if (icalproperty* duration = icalcomponent_get_first_property(component, ICAL_DURATION_PROPERTY)) {
+    } else if (icalproperty* duration = properties.duration) {
       icaldurationtype value = icalproperty_get_duration(duration);
       if (!icaldurationtype_is_bad_duration(value)) {
         if (data.start.isDate())
@@ -492,17 +551,16 @@ class Reader {
       data.durationSeconds = 0;
       data.durationDays = 0;
     }
-    if (icalproperty* status = icalcomponent_get_first_property(component, ICAL_STATUS_PROPERTY))
-      data.status = eventStatusFromIcal(icalproperty_get_status(status));
+    if (icalproperty* status = properties.status) data.status = eventStatusFromIcal(icalproperty_get_status(status));
     data.availability = platform::EKEventAvailabilityBusy;
-    if (icalproperty* transp = icalcomponent_get_first_property(component, ICAL_TRANSP_PROPERTY))
+    if (icalproperty* transp = properties.transparency)
       if (icalproperty_get_transp(transp) == ICAL_TRANSP_TRANSPARENT) data.availability = platform::EKEventAvailabilityFree;
-    if (auto busy = xText(component, "X-MICROSOFT-CDO-BUSYSTATUS")) {
+    if (auto busy = xText(properties, "X-MICROSOFT-CDO-BUSYSTATUS")) {
       if (*busy == "TENTATIVE") data.availability = platform::EKEventAvailabilityTentative;
       if (*busy == "OOF") data.availability = platform::EKEventAvailabilityUnavailable;
       if (*busy == "FREE") data.availability = platform::EKEventAvailabilityFree;
     }
-    if (icalproperty* recurrence = icalcomponent_get_first_property(component, ICAL_RECURRENCEID_PROPERTY)) {
+    if (icalproperty* recurrence = properties.recurrenceId) {
       // Read through the property so that its TZID is kept.
       auto time = timeOf(recurrence, icalproperty_get_recurrenceid(recurrence), "RECURRENCE-ID");
       if (!time) {
@@ -517,22 +575,23 @@ class Reader {
   }
 
   void readTodo(icalcomponent* component, VdirComponentData& data) {
-    readCommon(component, data);
+    const Properties properties = gather(component);
+    readCommon(properties, data);
     auto todo = std::make_shared<VdirTodoData>();
     data.todoData = todo;
-    if (icalproperty* due = icalcomponent_get_first_property(component, ICAL_DUE_PROPERTY)) {
+    if (icalproperty* due = properties.due) {
       todo->due = timeOf(due, icalproperty_get_due(due), "DUE");
       if (todo->due) todo->dueInstant = context_.clock->instant(*todo->due);
     }
-    if (icalproperty* start = icalcomponent_get_first_property(component, ICAL_DTSTART_PROPERTY))
+    if (icalproperty* start = properties.start)
       todo->start = timeOf(start, icalproperty_get_dtstart(start), "DTSTART");
     if (todo->start && todo->start->kind == VdirTime::Kind::zoned) data.timeZoneName = todo->start->tzid;
     if (todo->due && todo->due->kind == VdirTime::Kind::zoned) data.timeZoneName = todo->due->tzid;
-    todo->completed = utcDateOf(component, ICAL_COMPLETED_PROPERTY, icalproperty_get_completed, "COMPLETED");
+    todo->completed = utcDateOf(properties.completed, icalproperty_get_completed, "COMPLETED");
     todo->isCompleted = todo->completed.has_value();
-    if (icalproperty* status = icalcomponent_get_first_property(component, ICAL_STATUS_PROPERTY))
+    if (icalproperty* status = properties.status)
       if (icalproperty_get_status(status) == ICAL_STATUS_COMPLETED) todo->isCompleted = true;
-    if (icalproperty* priority = icalcomponent_get_first_property(component, ICAL_PRIORITY_PROPERTY)) {
+    if (icalproperty* priority = properties.priority) {
       int value = icalproperty_get_priority(priority);
       if (value < 0 || value > 9)
         report(VdirDiagnostic::Action::repaired, "PRIORITY " + std::to_string(value) + " outside 0-9: read as none");
@@ -668,22 +727,19 @@ class Reader {
   // Rules, extra and excluded dates of a master event.
   void readRecurrence(icalcomponent* component, VdirSeriesData& series) {
     const VdirTime& start = series.master->start;
-    for (icalproperty* p = icalcomponent_get_first_property(component, ICAL_RRULE_PROPERTY); p;
-         p = icalcomponent_get_next_property(component, ICAL_RRULE_PROPERTY))
+    const Properties properties = gather(component);
+    for (icalproperty* p : properties.rules)
       if (auto rule = readRule(p, icalproperty_get_rrule(p), start, "RRULE")) series.rules.push_back(std::move(*rule));
     // EXRULE (RFC 2445): still written by older clients; its occurrences are excluded.
-    for (icalproperty* p = icalcomponent_get_first_property(component, ICAL_EXRULE_PROPERTY); p;
-         p = icalcomponent_get_next_property(component, ICAL_EXRULE_PROPERTY))
+    for (icalproperty* p : properties.exclusionRules)
       if (auto rule = readRule(p, icalproperty_get_exrule(p), start, "EXRULE"))
         series.exclusionRules.push_back(std::move(*rule));
-    for (icalproperty* p = icalcomponent_get_first_property(component, ICAL_RDATE_PROPERTY); p;
-         p = icalcomponent_get_next_property(component, ICAL_RDATE_PROPERTY)) {
+    for (icalproperty* p : properties.rdates) {
       icaldatetimeperiodtype value = icalproperty_get_rdate(p);
       icaltimetype time = icaltime_is_null_time(value.time) ? value.period.start : value.time;
       if (auto rdate = timeOf(p, time, "RDATE")) series.rdates.push_back(*rdate);
     }
-    for (icalproperty* p = icalcomponent_get_first_property(component, ICAL_EXDATE_PROPERTY); p;
-         p = icalcomponent_get_next_property(component, ICAL_EXDATE_PROPERTY)) {
+    for (icalproperty* p : properties.exdates) {
       // The value as written: icalproperty_get_exdate() would look its TZID up in libical's
       // built-in zone table, which is not safe across threads (timeOf resolves it instead).
       if (auto exdate = timeOf(p, icalvalue_get_datetimedate(icalproperty_get_value(p)), "EXDATE")) {

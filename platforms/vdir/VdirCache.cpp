@@ -545,6 +545,12 @@ void Decoder::check(const VdirRuleData& rule) {
 
 void Decoder::check(const VdirSeriesData& series) {
   if (!std::is_sorted(series.exdates.begin(), series.exdates.end())) return r_.fail("excluded dates out of order");
+  // A cache holds only rules the files' reader accepted: any other one comes from damage, and
+  // libical might never return from it.
+  if (series.master && !r_.failed())
+    for (const auto* rules : {&series.rules, &series.exclusionRules})
+      for (const auto& rule : *rules)
+        if (unservableRule(rule.rule.expanded(), series.master->start)) return r_.fail("a rule the reader refuses");
   for (const auto& override : series.overrides)
     if (!override.recurrenceInstant) return r_.fail("an override without the occurrence it replaces");
   if (!std::is_sorted(series.overrides.begin(), series.overrides.end(),

@@ -23,6 +23,61 @@ const char* description(VdirDiagnostic::Action action) {
   return "unknown";
 }
 
+// Filters that match no day: BYDAY=1SU in a MINUTELY rule, BYMONTH=2;BYMONTHDAY=30.
+const char* unservableRule(const icalrecurrencetype& rule, const VdirTime& start) {
+  auto has = [](const short* values) { return values[0] != ICAL_RECURRENCE_ARRAY_MAX; };
+  bool ordinalDays = false;
+  for (int i = 0; i < ICAL_BY_DAY_SIZE && rule.by_day[i] != ICAL_RECURRENCE_ARRAY_MAX; ++i)
+    if (icalrecurrencetype_day_position(rule.by_day[i]) != 0) ordinalDays = true;
+  const auto freq = rule.freq;
+  if (ordinalDays && freq != ICAL_MONTHLY_RECURRENCE && freq != ICAL_YEARLY_RECURRENCE)
+    return "numbers its BYDAY days outside a monthly or yearly rule";
+  if (has(rule.by_week_no) && freq != ICAL_YEARLY_RECURRENCE) return "has BYWEEKNO outside a yearly rule";
+  if (has(rule.by_year_day) &&
+      (freq == ICAL_DAILY_RECURRENCE || freq == ICAL_WEEKLY_RECURRENCE || freq == ICAL_MONTHLY_RECURRENCE))
+    return "has BYYEARDAY in a daily, weekly or monthly rule";
+  if (has(rule.by_month_day) && freq == ICAL_WEEKLY_RECURRENCE) return "has BYMONTHDAY in a weekly rule";
+  if (freq != ICAL_SECONDLY_RECURRENCE && freq != ICAL_MINUTELY_RECURRENCE && freq != ICAL_HOURLY_RECURRENCE) return nullptr;
+  // libical never leaves the first day of a sub-daily rule whose DTSTART is a date.
+  if (start.isDate()) return "repeats within a day but starts on a date";
+  if (!has(rule.by_month) && !has(rule.by_month_day) && !has(rule.by_year_day) && !has(rule.by_day)) return nullptr;
+  if (rule.rscale && std::string_view(rule.rscale) != "GREGORIAN" && std::string_view(rule.rscale) != "gregorian")
+    return nullptr;
+  // The Gregorian calendar repeats every 400 years: look for one day that passes the filters.
+  auto listed = [](const short* values, int size, int value, int fromEnd) {
+    if (values[0] == ICAL_RECURRENCE_ARRAY_MAX) return true;
+    for (int i = 0; i < size && values[i] != ICAL_RECURRENCE_ARRAY_MAX; ++i)
+      if (values[i] == value || values[i] == fromEnd) return true;
+    return false;
+  };
+  int year = std::max(1, start.local.year);
+  for (int y = year; y < year + 400; ++y) {
+    const bool leap = (y % 4 == 0 && y % 100 != 0) || y % 400 == 0;
+    const int yearDays = leap ? 366 : 365;
+    int yearDay = 0;
+    for (int month = 1; month <= 12; ++month) {
+      const int monthDays = icaltime_days_in_month(month, y);
+      for (int day = 1; day <= monthDays; ++day) {
+        ++yearDay;
+        if (!listed(rule.by_month, ICAL_BY_MONTH_SIZE, month, month) ||
+            !listed(rule.by_month_day, ICAL_BY_MONTHDAY_SIZE, day, day - monthDays - 1) ||
+            !listed(rule.by_year_day, ICAL_BY_YEARDAY_SIZE, yearDay, yearDay - yearDays - 1))
+          continue;
+        if (has(rule.by_day)) {
+          const long long days = static_cast<long long>(std::floor(civilSecondsSince1970(y, month, day, 0, 0, 0) / 86400.0));
+          const int weekday = static_cast<int>(((days % 7) + 7 + 4) % 7) + 1;  // 1 = Sunday
+          bool any = false;
+          for (int i = 0; i < ICAL_BY_DAY_SIZE && rule.by_day[i] != ICAL_RECURRENCE_ARRAY_MAX; ++i)
+            if (icalrecurrencetype_day_day_of_week(rule.by_day[i]) == weekday) any = true;
+          if (!any) continue;
+        }
+        return nullptr;
+      }
+    }
+  }
+  return "matches no day";
+}
+
 namespace {
 
 // libical's BY lists with their sizes, in the struct's order.
@@ -611,7 +666,7 @@ class Reader {
       report(VdirDiagnostic::Action::repaired, std::string(what) + " \"" + text + "\" cannot be read: ignored");
       return std::nullopt;
     }
-    if (const char* why = unservable(rule, start)) {
+    if (const char* why = unservableRule(rule, start)) {
       report(VdirDiagnostic::Action::repaired, std::string(what) + " \"" + text + "\" " + why + ": ignored");
       return std::nullopt;
     }
@@ -654,65 +709,6 @@ class Reader {
     data.rule = VdirCompactRule(rule);
     if (rule.count > 0) expandCounted(data, data.rule.expanded(), start, text);
     return data;
-  }
-
-  // Why a rule cannot be served, or null. libical's iterator tests a sub-daily rule's day filters
-  // second by second or minute by minute inside one call, so a rule whose filters match no day
-  // (BYDAY=1SU in a MINUTELY rule, BYMONTH=2;BYMONTHDAY=30) would never return, nor would a
-  // sub-daily rule on a DATE start: such rules, and the BY parts RFC 5545 forbids for a frequency,
-  // are refused before libical sees them.
-  static const char* unservable(const icalrecurrencetype& rule, const VdirTime& start) {
-    auto has = [](const short* values) { return values[0] != ICAL_RECURRENCE_ARRAY_MAX; };
-    bool ordinalDays = false;
-    for (int i = 0; i < ICAL_BY_DAY_SIZE && rule.by_day[i] != ICAL_RECURRENCE_ARRAY_MAX; ++i)
-      if (icalrecurrencetype_day_position(rule.by_day[i]) != 0) ordinalDays = true;
-    const auto freq = rule.freq;
-    if (ordinalDays && freq != ICAL_MONTHLY_RECURRENCE && freq != ICAL_YEARLY_RECURRENCE)
-      return "numbers its BYDAY days outside a monthly or yearly rule";
-    if (has(rule.by_week_no) && freq != ICAL_YEARLY_RECURRENCE) return "has BYWEEKNO outside a yearly rule";
-    if (has(rule.by_year_day) &&
-        (freq == ICAL_DAILY_RECURRENCE || freq == ICAL_WEEKLY_RECURRENCE || freq == ICAL_MONTHLY_RECURRENCE))
-      return "has BYYEARDAY in a daily, weekly or monthly rule";
-    if (has(rule.by_month_day) && freq == ICAL_WEEKLY_RECURRENCE) return "has BYMONTHDAY in a weekly rule";
-    if (freq != ICAL_SECONDLY_RECURRENCE && freq != ICAL_MINUTELY_RECURRENCE && freq != ICAL_HOURLY_RECURRENCE) return nullptr;
-    // libical never leaves the first day of a sub-daily rule whose DTSTART is a date.
-    if (start.isDate()) return "repeats within a day but starts on a date";
-    if (!has(rule.by_month) && !has(rule.by_month_day) && !has(rule.by_year_day) && !has(rule.by_day)) return nullptr;
-    if (rule.rscale && std::string_view(rule.rscale) != "GREGORIAN" && std::string_view(rule.rscale) != "gregorian")
-      return nullptr;
-    // The Gregorian calendar repeats every 400 years: look for one day that passes the filters.
-    auto listed = [](const short* values, int size, int value, int fromEnd) {
-      if (values[0] == ICAL_RECURRENCE_ARRAY_MAX) return true;
-      for (int i = 0; i < size && values[i] != ICAL_RECURRENCE_ARRAY_MAX; ++i)
-        if (values[i] == value || values[i] == fromEnd) return true;
-      return false;
-    };
-    int year = std::max(1, start.local.year);
-    for (int y = year; y < year + 400; ++y) {
-      const bool leap = (y % 4 == 0 && y % 100 != 0) || y % 400 == 0;
-      const int yearDays = leap ? 366 : 365;
-      int yearDay = 0;
-      for (int month = 1; month <= 12; ++month) {
-        const int monthDays = icaltime_days_in_month(month, y);
-        for (int day = 1; day <= monthDays; ++day) {
-          ++yearDay;
-          if (!listed(rule.by_month, ICAL_BY_MONTH_SIZE, month, month) ||
-              !listed(rule.by_month_day, ICAL_BY_MONTHDAY_SIZE, day, day - monthDays - 1) ||
-              !listed(rule.by_year_day, ICAL_BY_YEARDAY_SIZE, yearDay, yearDay - yearDays - 1))
-            continue;
-          if (has(rule.by_day)) {
-            const long long days = static_cast<long long>(std::floor(civilSecondsSince1970(y, month, day, 0, 0, 0) / 86400.0));
-            const int weekday = static_cast<int>(((days % 7) + 7 + 4) % 7) + 1;  // 1 = Sunday
-            bool any = false;
-            for (int i = 0; i < ICAL_BY_DAY_SIZE && rule.by_day[i] != ICAL_RECURRENCE_ARRAY_MAX; ++i)
-              if (icalrecurrencetype_day_day_of_week(rule.by_day[i]) == weekday) any = true;
-            if (!any) continue;
-          }
-          return nullptr;
-        }
-      }
-    }
-    return "matches no day";
   }
 
   // Whether libical can iterate `rule` (its RSCALE calendar among them) from `start`.

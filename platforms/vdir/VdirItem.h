@@ -149,6 +149,13 @@ struct VdirParseContext {
   std::size_t maximumCountedOccurrences = 100000;
 };
 
+// Why libical must not be given `rule` for a series that starts at `start`, or null when it may.
+// libical's iterator tests a sub-daily rule's day filters second by second or minute by minute
+// inside one call, so a rule whose filters match no day would never return, nor would a sub-daily
+// rule on a DATE start; RFC 5545 also forbids some BY parts for some frequencies. The parser
+// refuses such rules, and so does the cache's decoder.
+const char* unservableRule(const icalrecurrencetype& rule, const VdirTime& start);
+
 // Reads the text of one .ics file. Never fails: a file that cannot be served gives no item and a
 // diagnostic saying why. Safe to call from several threads at once.
 VdirParseResult parseItem(const std::string& relativePath, const std::string& fileName, const std::string& text,

@@ -9,7 +9,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <thread>
 
 #include "Vesp/VespEventInstance.h"
@@ -292,6 +294,38 @@ TEST(VdirCacheTest, AFieldOfNoKnownTagOrOutOfItsPlaceIsRefused) {
     ASSERT_FALSE(refused) << static_cast<int>(changed);
     EXPECT_THAT(refused.error().message(), ::testing::HasSubstr("no known tag, or out of its place"));
   }
+}
+
+// A rule the files' reader refuses (libical might never return from it) cannot come from a cache
+// either: a cache holding one was damaged, and is not used.
+TEST(VdirCacheTest, ACacheHoldingARuleTheReaderRefusesIsNotUsed) {
+  VdirZones zones;
+  VdirClock clock("UTC");
+  std::vector<std::string> addresses;
+  const std::string text =
+      simpleEvent("m", "M", "20260105T090000Z", "20260105T091000Z", "RRULE:FREQ=MINUTELY;BYHOUR=9\r\n");
+  auto parsed = parseItem("cal/m.ics", "m.ics", text, {&zones, &clock, &addresses, 100000});
+  ASSERT_TRUE(parsed.item);
+  ASSERT_EQ(parsed.item->series.at(0).rules.size(), 1u);
+  // The parsed item with its rule replaced, in a cache whose every record is trusted.
+  auto cacheWith = [&](const char* ruleText) {
+    auto item = std::make_shared<VdirItem>(*parsed.item);
+    icalrecurrencetype rule = icalrecurrencetype_from_string(ruleText);
+    item->series[0].rules[0].rule = VdirCompactRule(rule);
+    std::free(rule.rscale);
+    VdirFileRecord record;
+    record.item = item;
+    std::size_t left = 0;
+    auto bytes = encodeCache("key", {{"cal/m.ics", record}}, zones, std::numeric_limits<std::int64_t>::max(), left);
+    EXPECT_EQ(left, 0u);
+    return bytes;
+  };
+  auto accepted = decodeCache(cacheWith("FREQ=MINUTELY;BYHOUR=10"), "key", zones, 1);
+  ASSERT_TRUE(accepted) << accepted.error().message();
+  ASSERT_EQ(accepted->size(), 1u);
+  auto refused = decodeCache(cacheWith("FREQ=MINUTELY;BYDAY=1SU"), "key", zones, 1);
+  ASSERT_FALSE(refused);
+  EXPECT_THAT(refused.error().message(), ::testing::HasSubstr("a rule the reader refuses"));
 }
 
 TEST(VdirCacheTest, StoresOpenedByTwoProcessesAtOnceBothWorkAndLeaveAWholeCache) {

@@ -45,15 +45,19 @@ bool endsWith(const std::string& text, const std::string& suffix) {
   return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
-// Reads a small metadata file ("displayname", "color"); absent when there is none.
+constexpr std::size_t kLargestMetadataFile = 65536;
+
+// Reads a small metadata file ("displayname", "color") without its trailing blanks; absent when
+// there is none or it cannot be read. A file longer than kLargestMetadataFile gives its first
+// kLargestMetadataFile + 1 bytes as they are, for the caller to tell.
 std::optional<std::string> readSmallFile(const std::string& path) {
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return std::nullopt;
-  std::string text;
-  char buffer[4096];
-  ssize_t count;
-  while ((count = ::read(fd, buffer, sizeof buffer)) > 0 && text.size() < 65536) text.append(buffer, count);
+  auto read = readOpenFile(fd, 0, kLargestMetadataFile);
   ::close(fd);
+  if (!read) return std::nullopt;
+  std::string text = std::move(read).value();
+  if (text.size() > kLargestMetadataFile) return text;
   while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' ' || text.back() == '\t'))
     text.pop_back();
   return text;
@@ -224,6 +228,11 @@ void VdirScanner::addCollection(Listing listing, const std::string& identifier,
     slots_.push_back(std::move(slot));
   }
   collection.displayName = readSmallFile(directory + "/displayname");
+  if (collection.displayName && collection.displayName->size() > kLargestMetadataFile) {
+    problem(identifier + "/displayname", VdirDiagnostic::Action::skipped,
+            "longer than " + std::to_string(kLargestMetadataFile) + " bytes: the directory's name stands in");
+    collection.displayName.reset();
+  }
   if (auto colour = readSmallFile(directory + "/color")) {
     collection.colour = parseColour(*colour);
     if (!collection.colour)

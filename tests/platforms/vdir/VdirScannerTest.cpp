@@ -92,6 +92,21 @@ TEST_F(VdirScannerTest, CollectionsAndAccountsAreListedByNameWithTheirFilesInOrd
   EXPECT_THAT(problems(*result.snapshot), IsEmpty());
 }
 
+TEST_F(VdirScannerTest, ADisplayNameTooLongToBeOneIsReportedAndNotCutShort) {
+  writeFile(root_.path() / "long" / "a.ics", event("a"));
+  // A blank just past the 64 KiB limit must not make the cut look like the file's end.
+  writeFile(root_.path() / "long" / "displayname", std::string(65536, 'x') + " more\n");
+  writeFile(root_.path() / "fits" / "displayname", std::string(65535, 'y') + "\n");
+
+  VdirScanResult result = scan();
+
+  ASSERT_THAT(identifiers(*result.snapshot), ElementsAre("fits", "long"));
+  EXPECT_EQ(result.snapshot->collections[0].calendar->fields().title, std::string(65535, 'y'));
+  EXPECT_EQ(result.snapshot->collections[1].calendar->fields().title, "long");
+  EXPECT_THAT(problems(*result.snapshot),
+              ElementsAre("long/displayname: longer than 65536 bytes: the directory's name stands in"));
+}
+
 TEST_F(VdirScannerTest, AnUnchangedFileKeepsItsRecordAndIsNotReadAgain) {
   writeFile(root_.path() / "cal" / "a.ics", event("a"));
   writeFile(root_.path() / "cal" / "b.ics", event("b"));

@@ -1,9 +1,5 @@
 #include "platforms/vdir/VdirAccess.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -12,7 +8,7 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
-#include "platforms/vdir/VdirFiles.h"
+#include "platforms/vdir/VdirEnv.h"
 
 namespace vesp::vdir {
 
@@ -31,18 +27,11 @@ nlohmann::json parsed(const std::string& text) {
 // Far more than any access file holds; a larger one is read as no decisions.
 constexpr std::uintmax_t kLargestFile = 64u << 20;
 
-// The text of the open file, empty when it cannot be read.
-std::string textOf(int fd) {
-  auto text = readOpenFile(fd, 0, kLargestFile);
-  return text && text->size() <= kLargestFile ? std::move(text).value() : std::string();
-}
-
-nlohmann::json readFile(const std::string& path) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return nlohmann::json::object();
-  std::string text = textOf(fd);
-  ::close(fd);
-  return parsed(text);
+// The file as read (absent: none, or it cannot be read).
+std::optional<VdirFileText> readWhole(VdirEnv& env, const std::string& path) {
+  auto read = env.read(path, kLargestFile);
+  if (!read || !*read) return std::nullopt;
+  return std::move(read).value();
 }
 
 platform::EKAuthorizationStatus decisionOf(const nlohmann::json& json, const std::string& application,
@@ -61,14 +50,10 @@ platform::EKAuthorizationStatus decisionOf(const nlohmann::json& json, const std
 // A file changed this recently may change again within the resolution of its times unseen.
 constexpr std::int64_t kTrustedAfterNanoseconds = 2'000'000'000;
 
-std::int64_t nanoseconds(const timespec& time) {
-  return static_cast<std::int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
-}
-
 }  // namespace
 
-VdirAccess::VdirAccess(std::string file, std::string application)
-    : file_(std::move(file)), application_(std::move(application)) {}
+VdirAccess::VdirAccess(std::string file, std::string application, std::shared_ptr<VdirEnv> env)
+    : file_(std::move(file)), application_(std::move(application)), env_(env ? std::move(env) : VdirEnv::posix()) {}
 
 std::string VdirAccess::defaultFile() {
   if (const char* config = std::getenv("XDG_CONFIG_HOME"); config && *config)
@@ -88,30 +73,23 @@ platform::EKAuthorizationStatus VdirAccess::status(platform::EKEntityType entity
   return found == read_.end() ? platform::EKAuthorizationStatusNotDetermined : found->second;
 }
 
-// Asked at every query: one fstat when the file is as it was, a read and a parse when it changed.
+// Asked at every query: one stat when the file is as it was, a read and a parse when it changed.
 void VdirAccess::readIfChanged() const {
-  int fd = ::open(file_.c_str(), O_RDONLY | O_CLOEXEC);
-  struct stat status {};
-  FileVersion version{};  // all zero: no file
-  if (fd >= 0 && ::fstat(fd, &status) == 0)
-    version = {static_cast<std::int64_t>(status.st_dev), static_cast<std::int64_t>(status.st_ino),
-               static_cast<std::int64_t>(status.st_size), nanoseconds(status.st_mtim), nanoseconds(status.st_ctim), 1};
-  if (readVersion_ && *readVersion_ == version) {
-    if (fd >= 0) ::close(fd);
-    return;
-  }
-  std::string text;
-  if (fd >= 0) {
-    text = textOf(fd);
-    ::close(fd);
-  }
-  auto json = parsed(text);
+  auto versionOf = [](const std::optional<VdirFileStatus>& status) {
+    if (!status) return FileVersion{};  // all zero: no file
+    return FileVersion{static_cast<std::int64_t>(status->device), static_cast<std::int64_t>(status->inode),
+                       status->size, status->modified, status->changed, 1};
+  };
+  auto looked = env_->status(file_);
+  if (readVersion_ && *readVersion_ == versionOf(looked ? *looked : std::nullopt)) return;
+  // The version recorded is that of the text read.
+  auto file = readWhole(*env_, file_);
+  const FileVersion version = versionOf(file ? std::optional(file->status) : std::nullopt);
+  auto json = parsed(file && !file->tooLong ? file->text : std::string());
   read_.clear();
   for (auto entityType : {platform::EKEntityTypeEvent, platform::EKEntityTypeReminder})
     read_[entityType] = decisionOf(json, application_, entityType);
-  timespec now{};
-  ::clock_gettime(CLOCK_REALTIME, &now);
-  const bool settled = nanoseconds(now) - std::max(version[3], version[4]) >= kTrustedAfterNanoseconds;
+  const bool settled = env_->now() - std::max(version[3], version[4]) >= kTrustedAfterNanoseconds;
   if (settled)
     readVersion_ = version;
   else
@@ -120,7 +98,8 @@ void VdirAccess::readIfChanged() const {
 
 rivet::RivetResult<void> VdirAccess::record(platform::EKEntityType entityType, std::optional<bool> granted) {
   rivet::RivetMutexLock lock(mutex_);
-  auto json = readFile(file_);
+  auto file = readWhole(*env_, file_);
+  auto json = parsed(file && !file->tooLong ? file->text : std::string());
   json["version"] = 1;
   if (!json["applications"].is_object()) json["applications"] = nlohmann::json::object();
   auto& application = json["applications"][application_];
@@ -131,9 +110,8 @@ rivet::RivetResult<void> VdirAccess::record(platform::EKEntityType entityType, s
     application.erase(keyOf(entityType));
 
   std::filesystem::path path(file_);
-  std::error_code error;
-  if (path.has_parent_path()) std::filesystem::create_directories(path.parent_path(), error);
-  auto written = replaceFile(file_, json.dump(2) + "\n", 0600, VdirDurability::synced);
+  if (path.has_parent_path()) (void)env_->createDirectories(path.parent_path().string());
+  auto written = env_->replace(file_, json.dump(2) + "\n", 0600, VdirDurability::synced);
   if (!written)
     overrides_[entityType] = granted;
   else

@@ -10,6 +10,7 @@
 #include <array>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -19,10 +20,13 @@
 
 namespace vesp::vdir {
 
+class VdirEnv;
+
 class VdirAccess {
  public:
-  // `file` is the decisions file; `application` names the host whose decisions are read.
-  VdirAccess(std::string file, std::string application);
+  // `file` is the decisions file; `application` names the host whose decisions are read; `env`
+  // reaches the file and the clock (none: this machine's).
+  VdirAccess(std::string file, std::string application, std::shared_ptr<VdirEnv> env = nullptr);
 
   // The default file: $XDG_CONFIG_HOME/vesp/access.json, else ~/.config/vesp/access.json.
   static std::string defaultFile();
@@ -39,6 +43,7 @@ class VdirAccess {
  private:
   std::string file_;
   std::string application_;
+  std::shared_ptr<VdirEnv> env_;
   // Serialises reading and replacing the file within this process.
   mutable rivet::RivetMutex mutex_;
   // Decisions the file could not keep.

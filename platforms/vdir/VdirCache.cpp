@@ -1,10 +1,5 @@
 #include "platforms/vdir/VdirCache.h"
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -20,7 +15,7 @@
 #include <thread>
 #include <type_traits>
 
-#include "platforms/vdir/VdirFiles.h"
+#include "platforms/vdir/VdirEnv.h"
 #include "platforms/vdir/VdirText.h"
 #include "platforms/vdir/VdirZones.h"
 
@@ -563,7 +558,6 @@ void Decoder::check(const VdirItem& item) {
     if (!todo.todoData) return r_.fail("a to-do without its to-do data");
 }
 
-std::string errorText(const char* what) { return std::string(what) + ": " + std::strerror(errno); }
 
 // A failure whose message is the problem as the cache status reports it.
 rivet::RivetError cacheFailure(std::string problem, const char* function, std::uint64_t line) {
@@ -731,38 +725,22 @@ rivet::RivetResult<VdirFileRecords> decodeCache(std::string_view bytes, const st
   return records;
 }
 
-rivet::RivetResult<VdirFileRecords> readCache(const std::string& path, const std::string& key, VdirZones& zones,
-                                              unsigned threads) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0)
-    return cacheFailure(errno == ENOENT ? "no cache yet" : errorText("the cache cannot be read"), "readCache", __LINE__);
-  struct stat status {};
-  if (::fstat(fd, &status) != 0) {
-    auto failure = cacheFailure(errorText("the cache cannot be read"), "readCache", __LINE__);
-    ::close(fd);
-    return failure;
-  }
-  if (status.st_size == 0) {
-    ::close(fd);
-    return decodeCache({}, key, zones, threads);
-  }
+rivet::RivetResult<VdirFileRecords> readCache(VdirEnv& env, const std::string& path, const std::string& key,
+                                              VdirZones& zones, unsigned threads) {
+  auto status = env.status(path);
+  if (status && !*status) return cacheFailure("no cache yet", "readCache", __LINE__);
   // Mapped, not copied: decoding copies what it keeps. The file is replaced by rename, never
   // rewritten in place, so the mapping stays as it was read.
-  const auto size = static_cast<std::size_t>(status.st_size);
-  void* mapped = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_POPULATE, fd, 0);
-  ::close(fd);
-  if (mapped == MAP_FAILED) return cacheFailure(errorText("the cache cannot be read"), "readCache", __LINE__);
-  auto records = decodeCache(std::string_view(static_cast<const char*>(mapped), size), key, zones, threads);
-  ::munmap(mapped, size);
-  return records;
+  auto region = env.map(path);
+  if (!region) return cacheFailure("the cache cannot be read: " + region.error().message(), "readCache", __LINE__);
+  return decodeCache((*region)->bytes(), key, zones, threads);
 }
 
-rivet::RivetResult<void> writeCacheFile(const std::string& path, std::string_view bytes) {
-  std::error_code error;
-  fs::create_directories(fs::path(path).parent_path(), error);
-  if (error) return cacheFailure("the cache directory cannot be made: " + error.message(), "writeCacheFile", __LINE__);
+rivet::RivetResult<void> writeCacheFile(VdirEnv& env, const std::string& path, std::string_view bytes) {
+  auto made = env.createDirectories(fs::path(path).parent_path().string());
+  if (!made) return cacheFailure("the cache directory cannot be made: " + made.error().message(), "writeCacheFile", __LINE__);
   // Not synced: a cache damaged by a crash fails its check when read and is rebuilt.
-  auto written = replaceFile(path, bytes, 0600, VdirDurability::unsynced);
+  auto written = env.replace(path, bytes, 0600, VdirDurability::unsynced);
   if (!written)
     return cacheFailure("the cache cannot be written: " + written.error().message(), "writeCacheFile", __LINE__);
   return rivet::RivetResultVoidSuccess;

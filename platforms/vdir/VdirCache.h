@@ -30,6 +30,7 @@
 
 namespace vesp::vdir {
 
+class VdirEnv;
 class VdirZones;
 
 // What the store knows of one file: the version read and what reading it gave.
@@ -86,11 +87,11 @@ std::string sealCachePayload(std::string_view payload);
 
 // Reads and decodes the cache file at `path`; a failure when it is absent ("no cache yet") or
 // unusable.
-rivet::RivetResult<VdirFileRecords> readCache(const std::string& path, const std::string& key, VdirZones& zones,
-                                              unsigned threads);
+rivet::RivetResult<VdirFileRecords> readCache(VdirEnv& env, const std::string& path, const std::string& key,
+                                              VdirZones& zones, unsigned threads);
 
 // Writes `bytes` to `path` through a file beside it and an atomic rename, creating the directory
 // when needed.
-rivet::RivetResult<void> writeCacheFile(const std::string& path, std::string_view bytes);
+rivet::RivetResult<void> writeCacheFile(VdirEnv& env, const std::string& path, std::string_view bytes);
 
 }  // namespace vesp::vdir

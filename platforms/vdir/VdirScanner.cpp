@@ -1,10 +1,5 @@
 #include "platforms/vdir/VdirScanner.h"
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cctype>
@@ -17,7 +12,7 @@
 #include <thread>
 #include <unordered_map>
 
-#include "platforms/vdir/VdirFiles.h"
+#include "platforms/vdir/VdirEnv.h"
 #include "platforms/vdir/VdirText.h"
 
 namespace fs = std::filesystem;
@@ -28,17 +23,13 @@ namespace {
 
 constexpr std::size_t kNone = static_cast<std::size_t>(-1);
 
-std::int64_t nanoseconds(const timespec& time) {
-  return static_cast<std::int64_t>(time.tv_sec) * 1000000000 + time.tv_nsec;
-}
-
 // The version of a file a record is valid for.
-void setVersion(VdirFileRecord& record, const struct stat& status) {
-  record.device = status.st_dev;
-  record.inode = status.st_ino;
-  record.size = status.st_size;
-  record.modified = nanoseconds(status.st_mtim);
-  record.changed = nanoseconds(status.st_ctim);
+void setVersion(VdirFileRecord& record, const VdirFileStatus& status) {
+  record.device = status.device;
+  record.inode = status.inode;
+  record.size = status.size;
+  record.modified = status.modified;
+  record.changed = status.changed;
 }
 
 bool endsWith(const std::string& text, const std::string& suffix) {
@@ -47,20 +38,16 @@ bool endsWith(const std::string& text, const std::string& suffix) {
 
 constexpr std::size_t kLargestMetadataFile = 65536;
 
-// Reads a small metadata file ("displayname", "color") without its trailing blanks; absent when
-// there is none or it cannot be read. A file longer than kLargestMetadataFile gives its first
-// kLargestMetadataFile + 1 bytes as they are, for the caller to tell.
-std::optional<std::string> readSmallFile(const std::string& path) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return std::nullopt;
-  auto read = readOpenFile(fd, 0, kLargestMetadataFile);
-  ::close(fd);
-  if (!read) return std::nullopt;
-  std::string text = std::move(read).value();
-  if (text.size() > kLargestMetadataFile) return text;
+// A small metadata file ("displayname", "color") without its trailing blanks; absent when there
+// is none or it cannot be read. A file longer than kLargestMetadataFile reads as tooLong.
+std::optional<VdirFileText> readSmallFile(VdirEnv& env, const std::string& path) {
+  auto read = env.read(path, kLargestMetadataFile);
+  if (!read || !*read) return std::nullopt;
+  VdirFileText file = std::move(**read);
+  std::string& text = file.text;
   while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' ' || text.back() == '\t'))
     text.pop_back();
-  return text;
+  return file;
 }
 
 // A stable colour for a collection without a "color" file, chosen by its identifier.
@@ -81,13 +68,13 @@ platform::CGColorRef parseColour(const std::string& text) {
   return platform::CGColorCreate(component(1), component(3), component(5), text.size() == 9 ? component(7) : 1.0);
 }
 
-VdirDiagnostic tooLarge(const std::string& relative, off_t size, std::uintmax_t limit) {
+VdirDiagnostic tooLarge(const std::string& relative, std::int64_t size, std::uintmax_t limit) {
   return {relative, VdirDiagnostic::Action::skipped,
           "file of " + std::to_string(size) + " bytes exceeds the limit of " + std::to_string(limit) + " bytes"};
 }
 
-VdirDiagnostic unreadable(const std::string& relative, int error) {
-  return {relative, VdirDiagnostic::Action::skipped, std::string("file cannot be read: ") + std::strerror(error)};
+VdirDiagnostic unreadable(const std::string& relative, const rivet::RivetError& error) {
+  return {relative, VdirDiagnostic::Action::skipped, error.message()};
 }
 
 // Runs work(0) ... work(count - 1) on up to `threads` threads (this one included), each taking
@@ -109,11 +96,10 @@ void runOnEveryCore(unsigned threads, std::size_t count, std::size_t perThread,
 
 struct VdirScanner::Slot {
   std::string relative, name, path;
-  int directory = AT_FDCWD;  // an open descriptor of the file's directory, else path is set
+  const VdirDirectory* directory = nullptr;  // the file's directory held open, else path is set
   std::size_t previous = kNone;  // its record in the scan before's records
   VdirFileRecord record;
   bool parse = false, gone = false, unreadable = false;
-  const char* at() const { return directory == AT_FDCWD ? path.c_str() : name.c_str(); }
 };
 
 // A problem of the tree (no slot), or the place of a file's own problems in the listing.
@@ -132,27 +118,18 @@ struct VdirScanner::Collection {
   platform::CGColorRef colour = nullptr;
 };
 
-// A directory entry read with readdir: a store has thousands of files, and the entry type saves a
-// stat for most of them. An entry's path is made only when it is needed.
-struct VdirScanner::Listed {
-  std::string name;
-  unsigned char type = DT_UNKNOWN;
-};
-
+// A directory's entries: a store has thousands of files, and the kind of each entry, as listed,
+// saves a stat for most of them. An entry's path is made only when it is needed.
 struct VdirScanner::Listing {
   std::string directory;
   std::vector<Listed> entries;  // by name, hidden ones left out
   std::string pathOf(const Listed& entry) const { return directory + "/" + entry.name; }
-  bool isLink(const Listed& entry) const {
-    if (entry.type != DT_UNKNOWN) return entry.type == DT_LNK;
-    struct stat status {};
-    return ::lstat(pathOf(entry).c_str(), &status) == 0 && S_ISLNK(status.st_mode);
-  }
-  bool isDirectory(const Listed& entry) const {
-    if (entry.type == DT_DIR) return true;
-    if (entry.type != DT_UNKNOWN && entry.type != DT_LNK) return false;
-    struct stat status {};
-    return ::stat(pathOf(entry).c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+  bool isLink(const Listed& entry) const { return entry.kind == VdirFileKind::link; }
+  bool isDirectory(VdirEnv& env, const Listed& entry) const {
+    if (entry.kind == VdirFileKind::directory) return true;
+    if (entry.kind != VdirFileKind::unknown && entry.kind != VdirFileKind::link) return false;
+    auto status = env.status(pathOf(entry));
+    return status && *status && (*status)->kind == VdirFileKind::directory;
   }
   bool isCollection() const {
     for (const auto& entry : entries)
@@ -161,14 +138,12 @@ struct VdirScanner::Listing {
   }
 };
 
-VdirScanner::VdirScanner(const VdirStoreOptions& options, VdirZones& zones, const VdirClock& clock, unsigned threads,
-                         const VdirScanHooks& hooks)
-    : options_(options), hooks_(hooks), zones_(zones), clock_(clock), threads_(std::max(1u, threads)),
+VdirScanner::VdirScanner(const VdirStoreOptions& options, VdirEnv& env, VdirZones& zones, const VdirClock& clock,
+                         unsigned threads)
+    : options_(options), env_(env), zones_(zones), clock_(clock), threads_(std::max(1u, threads)),
       next_(std::make_shared<VdirSnapshot>()) {}
 
-VdirScanner::~VdirScanner() {
-  for (int fd : directories_) ::close(fd);
-}
+VdirScanner::~VdirScanner() = default;
 
 void VdirScanner::problem(std::string path, VdirDiagnostic::Action action, std::string text) {
   problems_.push_back({std::nullopt, {std::move(path), action, std::move(text)}});
@@ -177,17 +152,13 @@ void VdirScanner::problem(std::string path, VdirDiagnostic::Action action, std::
 VdirScanner::Listing VdirScanner::listDirectory(std::string directory, const std::string& relative) {
   Listing listing;
   listing.directory = std::move(directory);
-  DIR* handle = ::opendir(listing.directory.c_str());
-  if (!handle) {
-    problem(relative.empty() ? "." : relative, VdirDiagnostic::Action::skipped,
-            std::string("directory cannot be read: ") + std::strerror(errno));
+  auto entries = env_.list(listing.directory);
+  if (!entries) {
+    problem(relative.empty() ? "." : relative, VdirDiagnostic::Action::skipped, entries.error().message());
     return listing;
   }
-  while (dirent* entry = ::readdir(handle)) {
-    if (entry->d_name[0] == '\0' || entry->d_name[0] == '.') continue;
-    listing.entries.push_back({entry->d_name, entry->d_type});
-  }
-  ::closedir(handle);
+  for (auto& entry : *entries)
+    if (!entry.name.empty() && entry.name[0] != '.') listing.entries.push_back(std::move(entry));
   std::sort(listing.entries.begin(), listing.entries.end(),
             [](const Listed& a, const Listed& b) { return a.name < b.name; });
   return listing;
@@ -196,9 +167,8 @@ VdirScanner::Listing VdirScanner::listDirectory(std::string directory, const std
 // Symbolic links are followed only when they stay inside the store root.
 bool VdirScanner::insideRoot(const Listing& listing, const Listed& entry, const std::string& relative) {
   if (!listing.isLink(entry)) return true;
-  std::error_code linkError;
-  fs::path target = fs::weakly_canonical(fs::path(listing.pathOf(entry)), linkError);
-  if (!linkError && target.string().rfind(rootPrefix_, 0) == 0) return true;
+  auto target = env_.canonical(listing.pathOf(entry));
+  if (target && target->rfind(rootPrefix_, 0) == 0) return true;
   problem(relative, VdirDiagnostic::Action::skipped, "symbolic link leaves the store root");
   return false;
 }
@@ -212,44 +182,48 @@ void VdirScanner::addCollection(Listing listing, const std::string& identifier,
   collection.source = source;
   collection.type = type;
   // Files are looked at relative to their directory (no path walk per file), later, on every core.
-  int directoryFd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (directoryFd >= 0) directories_.push_back(directoryFd);
+  const VdirDirectory* held = nullptr;
+  if (auto opened = env_.openDirectory(directory)) {
+    directories_.push_back(std::move(opened).value());
+    held = directories_.back().get();
+  }
   for (auto& entry : listing.entries) {
     if (!endsWith(entry.name, ".ics")) continue;
     std::string relative = identifier + "/" + escapedName(entry.name);
     if (!insideRoot(listing, entry, relative)) continue;
     Slot slot;
     slot.relative = std::move(relative);
-    slot.directory = directoryFd >= 0 ? directoryFd : AT_FDCWD;
-    if (directoryFd < 0) slot.path = listing.pathOf(entry);
+    slot.directory = held;
+    if (!held) slot.path = listing.pathOf(entry);
     slot.name = std::move(entry.name);
     problems_.push_back({slots_.size(), {}});
     collection.slots.push_back(slots_.size());
     slots_.push_back(std::move(slot));
   }
-  collection.displayName = readSmallFile(directory + "/displayname");
-  if (collection.displayName && collection.displayName->size() > kLargestMetadataFile) {
-    problem(identifier + "/displayname", VdirDiagnostic::Action::skipped,
-            "longer than " + std::to_string(kLargestMetadataFile) + " bytes: the directory's name stands in");
-    collection.displayName.reset();
+  if (auto name = readSmallFile(env_, directory + "/displayname")) {
+    if (name->tooLong)
+      problem(identifier + "/displayname", VdirDiagnostic::Action::skipped,
+              "longer than " + std::to_string(kLargestMetadataFile) + " bytes: the directory's name stands in");
+    else
+      collection.displayName = std::move(name->text);
   }
-  if (auto colour = readSmallFile(directory + "/color")) {
-    collection.colour = parseColour(*colour);
+  if (auto colour = readSmallFile(env_, directory + "/color")) {
+    collection.colour = colour->tooLong ? nullptr : parseColour(colour->text);
     if (!collection.colour)
       problem(identifier + "/color", VdirDiagnostic::Action::repaired,
-              "colour \"" + validUtf8(*colour) + "\" is not #RRGGBB: a default colour stands in");
+              "colour \"" + validUtf8(colour->text.substr(0, 64)) + "\" is not #RRGGBB: a default colour stands in");
   }
   collections_.push_back(std::move(collection));
 }
 
 void VdirScanner::list(VdirSources& sources) {
   const fs::path root(options_.root);
-  std::error_code error;
-  next_->rootExists = fs::is_directory(root, error);
-  next_->rootReadable = next_->rootExists && ::access(root.c_str(), R_OK | X_OK) == 0;
+  auto rootStatus = env_.status(options_.root);
+  next_->rootExists = rootStatus && *rootStatus && (*rootStatus)->kind == VdirFileKind::directory;
+  next_->rootReadable = next_->rootExists && env_.mayList(options_.root);
   if (next_->rootExists && !next_->rootReadable) problem(".", VdirDiagnostic::Action::skipped, "the store root cannot be read");
   if (!next_->rootReadable) return;
-  const fs::path canonicalRoot = fs::weakly_canonical(root, error);
+  const fs::path canonicalRoot(env_.canonical(options_.root).value_or(options_.root));
   rootPrefix_ = canonicalRoot.string() + "/";
   auto sourceFor = [&](const std::string& identifier, platform::EKSourceType type, const std::string& title) {
     auto& source = sources[identifier];
@@ -262,7 +236,7 @@ void VdirScanner::list(VdirSources& sources) {
   const Listing top = listDirectory(root.string(), "");
   for (const auto& entry : top.entries) {
     std::string name = escapedName(entry.name);
-    if (!top.isDirectory(entry)) {
+    if (!top.isDirectory(env_, entry)) {
       if (endsWith(entry.name, ".ics")) problem(name, VdirDiagnostic::Action::skipped, "file outside any collection");
       continue;
     }
@@ -276,7 +250,7 @@ void VdirScanner::list(VdirSources& sources) {
     auto source = sourceFor(name, platform::EKSourceTypeCalDAV, validUtf8(entry.name));
     for (const auto& inner : inside.entries) {
       std::string identifier = name + "/" + escapedName(inner.name);
-      if (!inside.isDirectory(inner) || !insideRoot(inside, inner, identifier)) continue;
+      if (!inside.isDirectory(env_, inner) || !insideRoot(inside, inner, identifier)) continue;
       addCollection(listDirectory(inside.pathOf(inner), identifier), identifier, source,
                     platform::EKCalendarTypeCalDAV);
     }
@@ -307,37 +281,31 @@ void VdirScanner::lookAt(Slot& slot, VdirFileRecords& previous) const {
     slot.parse = true;
     return;
   }
-  struct stat status {};
-  if (::fstatat(slot.directory, slot.at(), &status, 0) != 0) {
-    // Gone since the listing (deleted or renamed): nothing to serve and nothing lost; the change
-    // that removed it leads to another scan.
-    if (errno == ENOENT) {
-      slot.gone = true;
-    } else {
-      slot.unreadable = true;
-      slot.record.diagnostics.push_back(unreadable(slot.relative, errno));
-    }
+  auto looked = slot.directory ? env_.status(*slot.directory, slot.name) : env_.status(slot.path);
+  if (!looked) {
+    slot.unreadable = true;
+    slot.record.diagnostics.push_back(unreadable(slot.relative, looked.error()));
     return;
   }
-  if (!S_ISREG(status.st_mode)) {
+  // Gone since the listing (deleted or renamed), or no file: nothing to serve and nothing lost;
+  // the change that removed it leads to another scan.
+  if (!*looked || (*looked)->kind != VdirFileKind::file) {
     slot.gone = true;
     return;
   }
+  const VdirFileStatus& status = **looked;
   setVersion(slot.record, status);
   if (previous[slot.previous].second.sameVersion(slot.record)) {
     // Each record is matched to one file at most.
     slot.record = std::move(previous[slot.previous].second);
-  } else if (static_cast<std::uintmax_t>(status.st_size) > options_.maximumFileSize) {
-    slot.record.diagnostics.push_back(tooLarge(slot.relative, status.st_size, options_.maximumFileSize));
+  } else if (static_cast<std::uintmax_t>(status.size) > options_.maximumFileSize) {
+    slot.record.diagnostics.push_back(tooLarge(slot.relative, status.size, options_.maximumFileSize));
   } else {
     slot.parse = true;
   }
 }
 
 void VdirScanner::look(VdirFileRecords& previous) {
-  // The fault injection hook runs first, in listing order.
-  if (hooks_.beforeLooking)
-    for (const auto& slot : slots_) hooks_.beforeLooking(slot.relative);
   matchPrevious(previous);
   runOnEveryCore(threads_, slots_.size(), 1024, [&](std::size_t at) { lookAt(slots_[at], previous); });
   for (std::size_t i = 0; i < slots_.size(); ++i)
@@ -345,41 +313,30 @@ void VdirScanner::look(VdirFileRecords& previous) {
 }
 
 bool VdirScanner::readSlot(Slot& slot) const {
-  int fd = ::openat(slot.directory, slot.at(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (fd < 0) {
-    if (errno == ENOENT)
-      slot.gone = true;
-    else
-      slot.record.diagnostics.push_back(unreadable(slot.relative, errno));
+  const std::uintmax_t limit = options_.maximumFileSize;
+  auto read = slot.directory ? env_.read(*slot.directory, slot.name, limit) : env_.read(slot.path, limit);
+  if (!read) {
+    slot.record.diagnostics.push_back(unreadable(slot.relative, read.error()));
     return false;
   }
-  // The version read is the one recorded.
-  struct stat status {};
-  if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
-    ::close(fd);
+  if (!*read) {
     slot.gone = true;
     return false;
   }
-  setVersion(slot.record, status);
-  if (static_cast<std::uintmax_t>(status.st_size) > options_.maximumFileSize) {
-    ::close(fd);
-    slot.record.diagnostics.push_back(tooLarge(slot.relative, status.st_size, options_.maximumFileSize));
-    return false;
-  }
-  auto text = readOpenFile(fd, static_cast<std::size_t>(status.st_size), options_.maximumFileSize);
-  ::close(fd);
-  if (!text) {
-    slot.record.diagnostics.push_back({slot.relative, VdirDiagnostic::Action::skipped, text.error().message()});
-    return false;
-  }
-  if (text->size() > options_.maximumFileSize) {
-    slot.record.diagnostics.push_back({slot.relative, VdirDiagnostic::Action::skipped,
-                                       "file grew past the limit of " + std::to_string(options_.maximumFileSize) +
-                                           " bytes while it was read"});
+  // The version read is the one recorded.
+  const VdirFileText& file = **read;
+  setVersion(slot.record, file.status);
+  if (file.tooLong) {
+    if (static_cast<std::uintmax_t>(file.status.size) > limit)
+      slot.record.diagnostics.push_back(tooLarge(slot.relative, file.status.size, limit));
+    else
+      slot.record.diagnostics.push_back({slot.relative, VdirDiagnostic::Action::skipped,
+                                         "file grew past the limit of " + std::to_string(limit) +
+                                             " bytes while it was read"});
     return false;
   }
   VdirParseContext context{&zones_, &clock_, &options_.userAddresses, options_.maximumCountedOccurrences};
-  auto parsed = parseItem(slot.relative, slot.name, *text, context);
+  auto parsed = parseItem(slot.relative, slot.name, file.text, context);
   slot.record.item = std::move(parsed.item);
   slot.record.diagnostics = std::move(parsed.diagnostics);
   return true;

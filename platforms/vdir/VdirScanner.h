@@ -27,20 +27,13 @@
 namespace vesp::vdir {
 
 class VdirClock;
+class VdirDirectory;
+class VdirEnv;
+struct VdirDirectoryEntry;
 class VdirZones;
 
 using VdirSources = std::map<std::string, std::shared_ptr<VdirSource>>;
 using VdirCalendars = std::map<std::string, std::shared_ptr<VdirCalendar>>;
-
-// Fault injection for tests.
-struct VdirScanHooks {
-  // Called with each listed file's path, in listing order, just before the files are looked at,
-  // so that a test can delete, rename or truncate one between listing and reading.
-  std::function<void(const std::string& path)> beforeLooking;
-  // The time of a scan, in nanoseconds since 1970 (none: the real clock). A file changed within
-  // the timestamp granularity before it is not cached.
-  std::function<std::int64_t()> now;
-};
 
 struct VdirScanResult {
   std::shared_ptr<VdirSnapshot> snapshot;  // its generation is the caller's to set
@@ -51,9 +44,9 @@ struct VdirScanResult {
 
 class VdirScanner {
  public:
-  // `threads` workers look at and parse files (at least one).
-  VdirScanner(const VdirStoreOptions& options, VdirZones& zones, const VdirClock& clock, unsigned threads,
-              const VdirScanHooks& hooks = {});
+  // `threads` workers look at and parse files (at least one), through `env`.
+  VdirScanner(const VdirStoreOptions& options, VdirEnv& env, VdirZones& zones, const VdirClock& clock,
+              unsigned threads);
   ~VdirScanner();
   VdirScanner(const VdirScanner&) = delete;
   VdirScanner& operator=(const VdirScanner&) = delete;
@@ -72,7 +65,7 @@ class VdirScanner {
   struct Slot;
   struct Problem;
   struct Collection;
-  struct Listed;
+  using Listed = VdirDirectoryEntry;
   struct Listing;
   Listing listDirectory(std::string directory, const std::string& relative);
   bool insideRoot(const Listing& listing, const Listed& entry, const std::string& relative);
@@ -85,13 +78,13 @@ class VdirScanner {
   void problem(std::string path, VdirDiagnostic::Action action, std::string text);
 
   const VdirStoreOptions& options_;
-  const VdirScanHooks hooks_;
+  VdirEnv& env_;
   VdirZones& zones_;
   const VdirClock& clock_;
   const unsigned threads_;
   std::shared_ptr<VdirSnapshot> next_;
   std::string rootPrefix_;  // the canonical root and "/": symbolic links must stay under it
-  std::vector<int> directories_;  // the collections' directories, open while their files are read
+  std::vector<std::unique_ptr<VdirDirectory>> directories_;  // open while their files are read
   std::vector<Slot> slots_;
   std::vector<Problem> problems_;
   std::vector<Collection> collections_;

@@ -1,19 +1,15 @@
 #include "platforms/vdir/VdirStore.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
-#include <filesystem>
 #include <ctime>
 #include <future>
 #include <limits>
 #include <unordered_map>
 
+#include "platforms/vdir/VdirEnv.h"
 #include "platforms/vdir/VdirFiles.h"
 #include "platforms/vdir/VdirScanner.h"
 #include "platforms/vdir/VdirText.h"
@@ -21,17 +17,20 @@
 #include "platforms/vdir/VdirWatcher.h"
 #include "platforms/vdir/VdirZones.h"
 
-namespace fs = std::filesystem;
-
 namespace vesp::vdir {
 
-std::shared_ptr<VdirStore> VdirStore::make(VdirStoreOptions options, VdirScanHooks hooks) {
-  std::shared_ptr<VdirStore> store(new VdirStore(std::move(options), std::move(hooks)));
+std::shared_ptr<VdirStore> VdirStore::make(VdirStoreOptions options, std::shared_ptr<VdirEnv> env) {
+  std::shared_ptr<VdirStore> store(new VdirStore(std::move(options), env ? std::move(env) : VdirEnv::posix()));
   store->rescan();
   if (store->options_.watch) {
     auto state = std::make_shared<WatchState>();
     state->options = store->options_;
-    if (::pipe2(state->stopPipe, O_CLOEXEC) == 0) {
+    state->env = store->env_;
+    auto opened = state->env->watch();
+    if (!opened) {
+      store->reportRuntime({".", VdirDiagnostic::Action::skipped, opened.error().message()});
+    } else {
+      state->watch = std::move(opened).value();
       store->watchState_ = state;
       // Changes made once make returns must be seen: wait until the watches are in place.
       std::promise<void> ready;
@@ -55,22 +54,20 @@ VdirStoreOptions withLowerCaseAddresses(VdirStoreOptions options) {
 
 }  // namespace
 
-VdirStore::VdirStore(VdirStoreOptions options, VdirScanHooks hooks)
+VdirStore::VdirStore(VdirStoreOptions options, std::shared_ptr<VdirEnv> env)
     : options_(withLowerCaseAddresses(std::move(options))),
+      env_(std::move(env)),
       zones_(std::make_shared<VdirZones>()),
       clock_(std::make_unique<VdirClock>(options_.localTimeZone.empty() ? systemLocalZoneName()
                                                                           : options_.localTimeZone)),
-      hooks_(std::move(hooks)),
       queries_(*clock_, options_.limits, [this](VdirDiagnostic problem) { reportRuntime(std::move(problem)); }) {
   snapshot_ = std::make_shared<VdirSnapshot>();
 
   const std::string directory = options_.cacheDirectory.value_or(defaultCacheDirectory());
   if (directory.empty()) return;
   // Everything that changes what is read from the files is part of the key.
-  std::error_code error;
-  fs::path root = fs::weakly_canonical(fs::path(options_.root), error);
-  if (error) root = fs::absolute(fs::path(options_.root), error);
-  cacheKey_ = "vesp store cache\nroot=" + root.string() + "\nzone=" + clock_->localZoneName() +
+  const std::string root = env_->canonical(options_.root).value_or(options_.root);
+  cacheKey_ = "vesp store cache\nroot=" + root + "\nzone=" + clock_->localZoneName() +
               "\ncounted=" + std::to_string(options_.maximumCountedOccurrences) +
               "\nlargest=" + std::to_string(options_.maximumFileSize) + "\naddresses=";
   for (const auto& address : options_.userAddresses) cacheKey_ += address + ",";
@@ -78,7 +75,7 @@ VdirStore::VdirStore(VdirStoreOptions options, VdirScanHooks hooks)
   cacheStatus_.path = cacheFile_;
   // Read while the first scan lists the tree; the scan waits for it before it looks at files.
   pendingCache_ = std::async(std::launch::async, [this] {
-    return readCache(cacheFile_, cacheKey_, *zones_, threads());
+    return readCache(*env_, cacheFile_, cacheKey_, *zones_, threads());
   });
 }
 
@@ -99,9 +96,7 @@ void VdirStore::takePendingCache() {
 VdirStore::~VdirStore() {
   if (pendingCache_.valid()) pendingCache_.wait();
   if (watcher_.joinable()) {
-    char stop = 1;
-    while (::write(watchState_->stopPipe[1], &stop, 1) < 0 && errno == EINTR) {
-    }
+    watchState_->watch->stop();
     // The last reference may be let go on the watcher's own thread (by a change listener): that
     // thread then ends by itself once it sees the stop request.
     if (watcher_.get_id() == std::this_thread::get_id())
@@ -128,9 +123,10 @@ VdirCacheStatus VdirStore::cacheStatus() const {
 }
 
 bool VdirStore::readable() const {
-  struct stat status {};
-  return ::stat(options_.root.c_str(), &status) != 0 ||
-         (S_ISDIR(status.st_mode) && ::access(options_.root.c_str(), R_OK | X_OK) == 0);
+  // A root that is not there (or cannot be looked at) is an empty store, not a restricted one.
+  auto status = env_->status(options_.root);
+  if (!status || !*status) return true;
+  return (*status)->kind == VdirFileKind::directory && env_->mayList(options_.root);
 }
 
 std::shared_ptr<const VdirSnapshot> VdirStore::snapshot() const {
@@ -183,12 +179,9 @@ bool VdirStore::rescan() {
   // The cache written after the last scan reads files_, which this scan replaces.
   if (cacheWriter_.joinable()) cacheWriter_.join();
   ++rescans_;
-  timespec now{};
-  ::clock_gettime(CLOCK_REALTIME, &now);
-  const std::int64_t scannedAt =
-      hooks_.now ? hooks_.now() : static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+  const std::int64_t scannedAt = env_->now();
 
-  VdirScanner scanner(options_, *zones_, *clock_, threads(), hooks_);
+  VdirScanner scanner(options_, *env_, *zones_, *clock_, threads());
   scanner.list(sources_);
   // The cache, read while the tree was listed, holds the records of the scan before the first.
   takePendingCache();
@@ -229,7 +222,7 @@ void VdirStore::flushCache() {
 void VdirStore::writeCache(std::int64_t scannedAt) {
   std::size_t left = 0;
   std::string bytes = encodeCache(cacheKey_, files_, *zones_, scannedAt, left);
-  auto written = writeCacheFile(cacheFile_, bytes);
+  auto written = writeCacheFile(*env_, cacheFile_, bytes);
   rivet::RivetMutexLock lock(mutex_);
   if (!written) {
     cacheStatus_.writeProblem = written.error().message();
@@ -241,28 +234,17 @@ void VdirStore::writeCache(std::int64_t scannedAt) {
   cacheStale_ = left > 0;
 }
 
-VdirStore::WatchState::~WatchState() {
-  for (int fd : stopPipe)
-    if (fd >= 0) ::close(fd);
-}
-
 // The watcher's loop. It holds the store only weakly, and strongly only while it rescans, so the
 // store may go (even from this thread, when a listener let go of the last reference) at any time;
 // its state lives on in `state` until the loop sees the stop request.
 void VdirStore::watch(std::weak_ptr<VdirStore> weak, std::shared_ptr<WatchState> state, std::promise<void>* ready) {
   const VdirStoreOptions& options = state->options;
-  VdirWatcher watcher(options.root, options.quietPeriod, options.maximumDelay, state->stopPipe[0],
-                      state->dropNextEvents, state->overflows);
-  if (auto problem = watcher.problem()) {
-    if (auto store = weak.lock()) store->reportRuntime({".", VdirDiagnostic::Action::skipped, *problem});
-    ready->set_value();
-    return;
-  }
+  VdirWatcher watcher(*state->watch, options.root, options.quietPeriod, options.maximumDelay, state->overflows);
   // Watches what the latest snapshot holds; false once the store is gone.
   auto watchSnapshot = [&] {
     std::shared_ptr<const VdirSnapshot> current;
     if (auto store = weak.lock()) current = store->snapshot();
-    return current && watcher.watch(VdirWatcher::directoriesOf(*current, options.root));
+    return current && watcher.watch(VdirWatcher::directoriesOf(*current, options.root, *state->env));
   };
   watchSnapshot();
   state->watching = true;
@@ -275,10 +257,6 @@ void VdirStore::watch(std::weak_ptr<VdirStore> weak, std::shared_ptr<WatchState>
     if (watchSnapshot()) watcher.markChanged();
   }
   state->watching = false;
-}
-
-void VdirStore::simulateQueueOverflow() {
-  if (watchState_) watchState_->dropNextEvents = true;
 }
 
 std::vector<std::shared_ptr<platform::EKEvent>> VdirStore::events(

@@ -7,11 +7,12 @@
 //
 // The tree is read into snapshots: immutable, and replaced whole, so every answer sees each file
 // wholly in its old or wholly in its new version. Files are re-read only when their size,
-// modification time, change time or inode differ from what was read. With watching on, an inotify
+// modification time, change time or inode differ from what was read. With watching on, a watcher
 // thread turns a burst of changes into one rescan and one call of each change listener (on that
 // thread); an overflowed event queue costs a full rescan, never a missed change.
 //
 // The scan itself is VdirScanner's; the store swaps its snapshots, keeps the cache and tells listeners.
+// Files, directories, watches and the clock are reached through a VdirEnv only.
 //
 // The store only ever reads: files are opened read-only and nothing under the root is written.
 //
@@ -55,12 +56,15 @@
 
 namespace vesp::vdir {
 
+class VdirDirectoryWatch;
+class VdirEnv;
 class VdirZones;
 
 class VdirStore : public VdirSnapshotSource, public std::enable_shared_from_this<VdirStore> {
  public:
-  // Reads the tree once and, when asked, starts watching it. `hooks` are for tests.
-  static std::shared_ptr<VdirStore> make(VdirStoreOptions options, VdirScanHooks hooks = {});
+  // Reads the tree once and, when asked, starts watching it. Files, directories and the clock are
+  // reached through `env` (none: this machine's).
+  static std::shared_ptr<VdirStore> make(VdirStoreOptions options, std::shared_ptr<VdirEnv> env = nullptr);
   ~VdirStore() override;
   VdirStore(const VdirStore&) = delete;
   VdirStore& operator=(const VdirStore&) = delete;
@@ -109,24 +113,20 @@ class VdirStore : public VdirSnapshotSource, public std::enable_shared_from_this
   // The cache is written in the background after a scan that changed what it holds; this waits
   // until that is done (the store's destruction waits too).
   void flushCache();
-  // Makes the watcher lose the next events it reads, as when the kernel's event queue overflows,
-  // and handle the overflow event instead (for tests).
-  void simulateQueueOverflow();
   // Overflows the watcher has handled.
   std::uint64_t overflowCount() const { return watchState_ ? watchState_->overflows.load() : 0; }
   // True once the watcher is running (always false without watching).
   bool isWatching() const { return watchState_ && watchState_->watching.load(); }
 
  private:
-  VdirStore(VdirStoreOptions options, VdirScanHooks hooks);
+  VdirStore(VdirStoreOptions options, std::shared_ptr<VdirEnv> env);
   bool rescan() RIVET_EXCLUDES(rescanMutex_, mutex_);
   // What the watcher's thread needs, shared with it so that it outlives the store if need be.
   struct WatchState {
-    ~WatchState();
     VdirStoreOptions options;
-    int stopPipe[2] = {-1, -1};
+    std::shared_ptr<VdirEnv> env;
+    std::unique_ptr<VdirDirectoryWatch> watch;  // stopped by the store's destructor
     std::atomic<bool> watching{false};
-    std::atomic<bool> dropNextEvents{false};
     std::atomic<std::uint64_t> overflows{0};
   };
   static void watch(std::weak_ptr<VdirStore> weak, std::shared_ptr<WatchState> state, std::promise<void>* ready);
@@ -140,11 +140,11 @@ class VdirStore : public VdirSnapshotSource, public std::enable_shared_from_this
 
   // Constant after construction.
   VdirStoreOptions options_;  // addresses lower-cased by the constructor
+  std::shared_ptr<VdirEnv> env_;
   std::shared_ptr<VdirZones> zones_;  // let go of only by the destructor
   std::unique_ptr<VdirClock> clock_;
   std::string cacheKey_;   // empty: no cache
   std::string cacheFile_;  // where the cache is kept
-  VdirScanHooks hooks_;
   VdirQueries queries_;  // guards what it keeps itself
 
   // Lock order: rescanMutex_, then mutex_.

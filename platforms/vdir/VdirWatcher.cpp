@@ -1,12 +1,6 @@
 #include "platforms/vdir/VdirWatcher.h"
 
-#include <poll.h>
-#include <sys/inotify.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
 
 namespace fs = std::filesystem;
@@ -15,28 +9,18 @@ namespace vesp::vdir {
 
 namespace {
 
-constexpr std::uint32_t kMask = IN_CREATE | IN_DELETE | IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_FROM | IN_MOVED_TO |
-                                IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
-
 // While the root is not watched (absent, or not yet there), it is looked for this often.
-constexpr int kLookForRootMilliseconds = 1000;
+constexpr std::chrono::milliseconds kLookForRoot{1000};
 
 }  // namespace
 
-VdirWatcher::VdirWatcher(std::string root, std::chrono::milliseconds quietPeriod,
-                         std::chrono::milliseconds maximumDelay, int stopDescriptor,
-                         std::atomic<bool>& dropNextEvents, std::atomic<std::uint64_t>& overflows)
-    : root_(std::move(root)), quietPeriod_(quietPeriod), maximumDelay_(maximumDelay), stopDescriptor_(stopDescriptor),
-      dropNextEvents_(dropNextEvents), overflows_(overflows) {
-  descriptor_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-  if (descriptor_ < 0) problem_ = std::string("the store cannot be watched: ") + std::strerror(errno);
-}
+VdirWatcher::VdirWatcher(VdirDirectoryWatch& watch, std::string root, std::chrono::milliseconds quietPeriod,
+                         std::chrono::milliseconds maximumDelay, std::atomic<std::uint64_t>& overflows)
+    : watch_(watch), root_(std::move(root)), quietPeriod_(quietPeriod), maximumDelay_(maximumDelay),
+      overflows_(overflows) {}
 
-VdirWatcher::~VdirWatcher() {
-  if (descriptor_ >= 0) ::close(descriptor_);
-}
-
-std::set<std::string> VdirWatcher::directoriesOf(const VdirSnapshot& snapshot, const std::string& root) {
+std::set<std::string> VdirWatcher::directoriesOf(const VdirSnapshot& snapshot, const std::string& root,
+                                                 VdirEnv& env) {
   std::set<std::string> wanted{root};
   for (const auto& collection : snapshot.collections) {
     wanted.insert(collection.directory);
@@ -44,29 +28,29 @@ std::set<std::string> VdirWatcher::directoriesOf(const VdirSnapshot& snapshot, c
     if (parent != root) wanted.insert(parent);
   }
   // Account directories without collections yet, so that new collections in them are seen.
-  std::error_code error;
-  for (fs::directory_iterator it(root, error); !error && it != fs::directory_iterator(); it.increment(error)) {
-    std::error_code kind;
-    std::string name = it->path().filename().string();
-    if (it->is_directory(kind) && !name.empty() && name[0] != '.') wanted.insert(it->path().string());
+  auto entries = env.list(root);
+  if (!entries) return wanted;
+  for (const auto& entry : *entries) {
+    if (entry.name.empty() || entry.name[0] == '.') continue;
+    const std::string path = (fs::path(root) / entry.name).string();
+    bool directory = entry.kind == VdirFileKind::directory;
+    if (entry.kind == VdirFileKind::link || entry.kind == VdirFileKind::unknown) {
+      auto status = env.status(path);
+      directory = status && *status && (*status)->kind == VdirFileKind::directory;
+    }
+    if (directory) wanted.insert(path);
   }
   return wanted;
 }
 
 bool VdirWatcher::watch(const std::set<std::string>& wanted) {
-  if (descriptor_ < 0) return false;
-  std::set<std::string> have;
-  for (auto& [wd, path] : watches_) have.insert(path);
   bool added = false;
   for (const auto& path : wanted) {
-    if (have.count(path)) continue;
-    int wd = ::inotify_add_watch(descriptor_, path.c_str(), kMask);
-    if (wd >= 0) {
-      watches_[wd] = path;
-      added = true;
-    }
+    if (watched_.count(path) || !watch_.add(path)) continue;
+    watched_.insert(path);
+    added = true;
   }
-  rootWatched_ = std::any_of(watches_.begin(), watches_.end(), [&](const auto& w) { return w.second == root_; });
+  rootWatched_ = watched_.count(root_) > 0;
   return added;
 }
 
@@ -75,15 +59,15 @@ void VdirWatcher::markChanged() {
   first_ = last_ = Clock::now();
 }
 
-int VdirWatcher::timeoutFrom(Clock::time_point now) const {
+std::chrono::milliseconds VdirWatcher::timeoutFrom(Clock::time_point now) const {
   if (dirty_) {
     auto quiet = quietPeriod_ - (now - last_);
     auto latest = maximumDelay_ - (now - first_);
     auto wait = std::min(quiet, std::chrono::duration_cast<Clock::duration>(latest));
-    return static_cast<int>(
-        std::max<long long>(1, std::chrono::duration_cast<std::chrono::milliseconds>(wait).count() + 1));
+    return std::max(std::chrono::milliseconds(1), std::chrono::duration_cast<std::chrono::milliseconds>(wait) +
+                                                      std::chrono::milliseconds(1));
   }
-  return rootWatched_ ? -1 : kLookForRootMilliseconds;
+  return rootWatched_ ? std::chrono::milliseconds(-1) : kLookForRoot;
 }
 
 VdirWatcher::Wake VdirWatcher::next() {
@@ -93,40 +77,25 @@ VdirWatcher::Wake VdirWatcher::next() {
       dirty_ = false;
       return Wake::changed;
     }
-    pollfd fds[2] = {{descriptor_, POLLIN, 0}, {stopDescriptor_, POLLIN, 0}};
-    int ready = ::poll(fds, 2, timeoutFrom(now));
-    if ((ready < 0 && errno != EINTR) || fds[1].revents) return Wake::stop;
+    std::vector<VdirDirectoryWatch::Change> changes;
+    auto woke = watch_.wait(timeoutFrom(now), changes);
+    if (woke == VdirDirectoryWatch::Wake::stop) return Wake::stop;
     // Time to look for the root again: the caller's rescan does.
-    if (ready == 0 && !dirty_ && !rootWatched_) return Wake::changed;
-    if (fds[0].revents & POLLIN) drain();
+    if (woke == VdirDirectoryWatch::Wake::timeout && !dirty_ && !rootWatched_) return Wake::changed;
+    if (!changes.empty()) take(changes);
   }
 }
 
-// Reads every event there is; any event, an overflow included, is part of the burst.
-void VdirWatcher::drain() {
-  alignas(inotify_event) char buffer[64 * 1024];
-  for (;;) {
-    ssize_t length = ::read(descriptor_, buffer, sizeof buffer);
-    if (length <= 0) break;
-    // A simulated overflow: these events are lost, and the queue reports an overflow instead.
-    if (dropNextEvents_.exchange(false)) {
-      inotify_event* overflow = reinterpret_cast<inotify_event*>(buffer);
-      *overflow = inotify_event{-1, IN_Q_OVERFLOW, 0, 0};
-      length = sizeof(inotify_event);
-    }
-    for (char* at = buffer; at < buffer + length;) {
-      auto* event = reinterpret_cast<inotify_event*>(at);
-      if (event->mask & IN_Q_OVERFLOW) ++overflows_;
-      if (event->mask & IN_IGNORED) {
-        watches_.erase(event->wd);
-        rootWatched_ = std::any_of(watches_.begin(), watches_.end(), [&](const auto& w) { return w.second == root_; });
-      }
-      at += sizeof(inotify_event) + event->len;
-    }
-    if (!dirty_) first_ = Clock::now();
-    dirty_ = true;
-    last_ = Clock::now();
+// Any change, an overflow included, is part of the burst.
+void VdirWatcher::take(const std::vector<VdirDirectoryWatch::Change>& changes) {
+  for (const auto& change : changes) {
+    if (change.event == VdirDirectoryWatch::Event::overflowed) ++overflows_;
+    if (change.event == VdirDirectoryWatch::Event::ended) watched_.erase(change.directory);
   }
+  rootWatched_ = watched_.count(root_) > 0;
+  if (!dirty_) first_ = Clock::now();
+  dirty_ = true;
+  last_ = Clock::now();
 }
 
 }  // namespace vesp::vdir

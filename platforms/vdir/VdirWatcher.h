@@ -1,20 +1,21 @@
-// The directories of a store watched with inotify, and the bursts of changes under them.
+// The directories of a store, watched through the environment's watch, and the bursts of changes
+// under them.
 //
 // next() blocks until a burst of changes is over (a quiet period without events, or at the latest
 // a maximum delay after the burst began), until the root is to be looked for again (every second
-// while it is not watched), or until a byte arrives on the stop descriptor. Any event, an
-// overflow of the kernel's queue included, counts as a change: the caller rescans the whole tree,
-// so no change is ever missed. Used by one thread.
+// while it is not watched), or until the watch is stopped. Any event, an overflow of the queue
+// included, counts as a change: the caller rescans the whole tree, so no change is ever missed.
+// Used by one thread.
 #pragma once
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <map>
-#include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
+#include "platforms/vdir/VdirEnv.h"
 #include "platforms/vdir/VdirSnapshot.h"
 
 namespace vesp::vdir {
@@ -23,16 +24,11 @@ class VdirWatcher {
  public:
   enum class Wake { changed, stop };
 
-  // `dropNextEvents` makes the next events read be lost and an overflow be reported instead (as
-  // when the kernel's queue overflows); `overflows` counts the overflows seen. Both outlive this.
-  VdirWatcher(std::string root, std::chrono::milliseconds quietPeriod, std::chrono::milliseconds maximumDelay,
-              int stopDescriptor, std::atomic<bool>& dropNextEvents, std::atomic<std::uint64_t>& overflows);
-  ~VdirWatcher();
+  // `overflows` counts the overflows seen; it and `watch` outlive this.
+  VdirWatcher(VdirDirectoryWatch& watch, std::string root, std::chrono::milliseconds quietPeriod,
+              std::chrono::milliseconds maximumDelay, std::atomic<std::uint64_t>& overflows);
   VdirWatcher(const VdirWatcher&) = delete;
   VdirWatcher& operator=(const VdirWatcher&) = delete;
-
-  // Why the tree cannot be watched (no inotify descriptor), or nothing when it can.
-  std::optional<std::string> problem() const { return problem_; }
 
   // Watches every directory of `wanted` not watched yet; returns whether it added any. A directory
   // watched only after the scan that found it may have changed in between: call markChanged().
@@ -43,21 +39,18 @@ class VdirWatcher {
 
   // The directories to watch for a snapshot of the tree at `root`: the root, every collection,
   // every account, and directories under the root that may become accounts.
-  static std::set<std::string> directoriesOf(const VdirSnapshot& snapshot, const std::string& root);
+  static std::set<std::string> directoriesOf(const VdirSnapshot& snapshot, const std::string& root, VdirEnv& env);
 
  private:
   using Clock = std::chrono::steady_clock;
-  int timeoutFrom(Clock::time_point now) const;  // for poll, in milliseconds; -1: none
-  void drain();
+  std::chrono::milliseconds timeoutFrom(Clock::time_point now) const;  // negative: none
+  void take(const std::vector<VdirDirectoryWatch::Change>& changes);
 
+  VdirDirectoryWatch& watch_;
   const std::string root_;
   const std::chrono::milliseconds quietPeriod_, maximumDelay_;
-  const int stopDescriptor_;
-  std::atomic<bool>& dropNextEvents_;
   std::atomic<std::uint64_t>& overflows_;
-  int descriptor_ = -1;
-  std::optional<std::string> problem_;
-  std::map<int, std::string> watches_;  // by watch descriptor
+  std::set<std::string> watched_;
   bool rootWatched_ = false;
   bool dirty_ = false;  // a burst is under way
   Clock::time_point first_{}, last_{};

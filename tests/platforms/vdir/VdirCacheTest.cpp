@@ -73,8 +73,9 @@ std::string cacheFileOf(const VdirStore& store) { return store.cacheStatus().pat
 
 // A store opened once its cache is written (it is written in the background). Its scans' clock
 // is ahead of the files' times unless the test asks for the real one.
-std::shared_ptr<VdirStore> openFlushed(const VdirStoreOptions& options, VdirScanHooks hooks = testing::settledClock()) {
-  auto store = VdirStore::make(options, std::move(hooks));
+std::shared_ptr<VdirStore> openFlushed(const VdirStoreOptions& options,
+                                       std::shared_ptr<VdirEnv> env = testing::settledClock()) {
+  auto store = VdirStore::make(options, std::move(env));
   store->flushCache();
   return store;
 }
@@ -156,13 +157,13 @@ TEST(VdirCacheTest, AFileChangedWithinTheTimestampGranularityOfTheScanIsNeverTru
   ASSERT_EQ(::stat(file.c_str(), &before), 0);
   // Opened at once: the file's times are as new as the scan, so a change within the same tick
   // could keep size and times as they are.
-  auto first = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"), {});
+  auto first = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"), VdirEnv::posix());
   EXPECT_THAT(titles(*first), ::testing::ElementsAre("cal/racy.ics Version A"));
   // Changed to another text of the same size, its modification time put back as it was.
   writeFile(file, event(4, "Version B"));
   timespec times[2] = {before.st_atim, before.st_mtim};
   ASSERT_EQ(::utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
-  auto second = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"), {});
+  auto second = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"), VdirEnv::posix());
   EXPECT_EQ(second->parseCount(), 1u);  // not taken from the cache
   EXPECT_THAT(titles(*second), ::testing::ElementsAre("cal/racy.ics Version B"));
 }

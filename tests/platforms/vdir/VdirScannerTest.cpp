@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -28,10 +29,12 @@ class VdirScannerTest : public ::testing::Test {
     options_.localTimeZone = "Europe/Berlin";
   }
 
-  // One whole scan over the records and calendars of the scan before (kept for the next one).
-  VdirScanResult scan(std::size_t* parsed = nullptr) {
-    VdirScanner scanner(options_, zones_, clock_, 2, hooks_);
+  // One whole scan over the records and calendars of the scan before (kept for the next one);
+  // `afterListing` runs between its first two steps.
+  VdirScanResult scan(std::size_t* parsed = nullptr, const std::function<void()>& afterListing = {}) {
+    VdirScanner scanner(options_, *env_, zones_, clock_, 2);
     scanner.list(sources_);
+    if (afterListing) afterListing();
     scanner.look(records_);
     std::size_t count = scanner.read();
     if (parsed) *parsed = count;
@@ -57,7 +60,7 @@ class VdirScannerTest : public ::testing::Test {
 
   TemporaryDirectory root_;
   VdirStoreOptions options_;
-  VdirScanHooks hooks_;
+  std::shared_ptr<VdirEnv> env_ = VdirEnv::posix();
   VdirZones zones_;
   VdirClock clock_{"Europe/Berlin"};
   VdirSources sources_;
@@ -147,11 +150,7 @@ TEST_F(VdirScannerTest, AFileRemovedBetweenListingAndLookingIsLeftOutWithoutAPro
   writeFile(root_.path() / "cal" / "a.ics", event("a"));
   writeFile(root_.path() / "cal" / "b.ics", event("b"));
   scan();
-  hooks_.beforeLooking = [&](const std::string& path) {
-    if (path == "cal/a.ics") std::filesystem::remove(root_.path() / "cal" / "a.ics");
-  };
-
-  VdirScanResult result = scan();
+  VdirScanResult result = scan(nullptr, [&] { std::filesystem::remove(root_.path() / "cal" / "a.ics"); });
 
   ASSERT_EQ(result.records.size(), 1u);
   EXPECT_EQ(result.records[0].first, "cal/b.ics");

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <mutex>
 #include <cstdio>
 #include <cstdlib>
 #include <future>
@@ -524,11 +525,11 @@ TEST(VdirStoreTest, AFileDeletedBetweenListingAndReadingIsLeftOutWithoutAProblem
   writeFile(root.path() / "c/b.ics", simpleEvent("b", "B", "20260310T090000Z", "20260310T100000Z"));
   auto options = testing::platformOptions(root.path(), config.path() / "access.json");
   bool armed = false;
-  VdirScanHooks hooks;
-  hooks.beforeLooking = [&](const std::string& path) {
-    if (armed && path == "c/b.ics") fs::remove(root.path() / "c/b.ics");
+  auto env = std::make_shared<testing::TestEnv>();
+  env->afterListing = [&](const std::string& directory) {
+    if (armed && fs::path(directory) == root.path() / "c") fs::remove(root.path() / "c/b.ics");
   };
-  auto store = VdirStore::make(options.store, hooks);
+  auto store = VdirStore::make(options.store, env);
   writeFile(root.path() / "c/b.ics", simpleEvent("b", "B2", "20260310T090000Z", "20260310T100000Z"));
   armed = true;
   store->refresh();
@@ -541,11 +542,12 @@ TEST(VdirStoreTest, AFileRenamedBetweenListingAndReadingIsServedByTheNextRescan)
   writeFile(root.path() / "c/a.ics", simpleEvent("a", "A", "20260310T090000Z", "20260310T100000Z"));
   auto options = testing::platformOptions(root.path(), config.path() / "access.json");
   int renames = 0;
-  VdirScanHooks hooks;
-  hooks.beforeLooking = [&](const std::string& path) {
-    if (path == "c/new.ics" && renames++ == 0) fs::rename(root.path() / "c/new.ics", root.path() / "c/z-renamed.ics");
+  auto env = std::make_shared<testing::TestEnv>();
+  env->afterListing = [&](const std::string& directory) {
+    if (fs::path(directory) == root.path() / "c" && fs::exists(root.path() / "c/new.ics") && renames++ == 0)
+      fs::rename(root.path() / "c/new.ics", root.path() / "c/z-renamed.ics");
   };
-  auto store = VdirStore::make(options.store, hooks);
+  auto store = VdirStore::make(options.store, env);
   writeFile(root.path() / "c/new.ics", simpleEvent("n", "New", "20260310T090000Z", "20260310T100000Z"));
   store->refresh();  // lists new.ics, finds it gone, and does not list z-renamed.ics yet
   store->refresh();  // the next rescan sees the truth
@@ -559,14 +561,14 @@ TEST(VdirStoreTest, AFileTruncatedWhileBeingReadIsRepairedOrReportedAndItsWholeV
   writeFile(root.path() / "c/a.ics", simpleEvent("a", "Old", "20260310T090000Z", "20260310T100000Z"));
   auto options = testing::platformOptions(root.path(), config.path() / "access.json");
   bool truncate = false;
-  VdirScanHooks hooks;
-  hooks.beforeLooking = [&](const std::string& path) {
-    if (truncate && path == "c/a.ics") {
-      writeFile(root.path() / path, whole.substr(0, whole.size() / 2));
+  auto env = std::make_shared<testing::TestEnv>();
+  env->afterListing = [&](const std::string& directory) {
+    if (truncate && fs::path(directory) == root.path() / "c") {
+      writeFile(root.path() / "c/a.ics", whole.substr(0, whole.size() / 2));
       truncate = false;
     }
   };
-  auto store = VdirStore::make(options.store, hooks);
+  auto store = VdirStore::make(options.store, env);
   truncate = true;
   writeFile(root.path() / "c/a.ics", whole);
   store->refresh();
@@ -608,15 +610,48 @@ TEST(VdirStoreTest, ACollectionThatBecomesUnreadableLeavesTheRestServedAndComesB
 TEST(VdirStoreTest, AnOverflowedEventQueueLeadsToAFullRescan) {
   TemporaryDirectory root, config;
   writeFile(root.path() / "c/a.ics", simpleEvent("a", "Before", "20260310T090000Z", "20260310T100000Z"));
-  auto platform = VdirPlatform::make(testing::platformOptions(root.path(), config.path() / "access.json", true));
-  auto store = platform->makeEventStore();
-  ChangeCounter counter(platform->defaultCenter(), store);
+  // Declared before the store, so that they outlive its watcher.
+  std::mutex mutex;
+  std::condition_variable changed;
+  int changes = 0;
+  auto env = std::make_shared<testing::TestEnv>();
+  auto store = VdirStore::make(testing::platformOptions(root.path(), config.path() / "access.json", true).store, env);
+  store->addChangeListener([&] {
+    std::lock_guard<std::mutex> lock(mutex);
+    ++changes;
+    changed.notify_all();
+  });
   // The events of this write are lost; only the overflow reaches the watcher.
-  platform->store()->simulateQueueOverflow();
+  env->loseNextChanges = true;
   writeFile(root.path() / "c/a.ics", simpleEvent("a", "After", "20260310T090000Z", "20260310T100000Z"));
-  ASSERT_TRUE(counter.waitFor(1, std::chrono::milliseconds(2000)));
-  EXPECT_EQ(platform->store()->overflowCount(), 1u);
-  EXPECT_THAT(titlesOn10March(*platform->store()), ::testing::ElementsAre("After"));
+  {
+    std::unique_lock<std::mutex> lock(mutex);
+    ASSERT_TRUE(changed.wait_for(lock, std::chrono::seconds(2), [&] { return changes >= 1; }));
+  }
+  EXPECT_EQ(store->overflowCount(), 1u);
+  EXPECT_THAT(titlesOn10March(*store), ::testing::ElementsAre("After"));
+}
+
+TEST(VdirStoreTest, AFileThatFailsToBeReadIsReportedAndTheRestIsServed) {
+  TemporaryDirectory root, config;
+  writeFile(root.path() / "c/a.ics", simpleEvent("a", "A", "20260310T090000Z", "20260310T100000Z"));
+  writeFile(root.path() / "c/b.ics", simpleEvent("b", "B", "20260310T090000Z", "20260310T100000Z"));
+  auto env = std::make_shared<testing::TestEnv>();
+  bool failing = true;
+  env->failRead = [&](const std::string& name) -> std::optional<std::string> {
+    if (failing && name == "b.ics") return "file cannot be read: Input/output error";
+    return std::nullopt;
+  };
+  auto store = VdirStore::make(testing::platformOptions(root.path(), config.path() / "access.json").store, env);
+  EXPECT_THAT(titlesOn10March(*store), ::testing::ElementsAre("A"));
+  ASSERT_EQ(store->diagnostics().size(), 1u);
+  EXPECT_EQ(store->diagnostics()[0].path, "c/b.ics");
+  EXPECT_EQ(store->diagnostics()[0].problem, "file cannot be read: Input/output error");
+  // Once the disk answers again, the file is read at the next scan although it did not change.
+  failing = false;
+  store->refresh();
+  EXPECT_THAT(titlesOn10March(*store), ::testing::ElementsAre("A", "B"));
+  EXPECT_TRUE(store->diagnostics().empty());
 }
 
 // Eight threads query events and reminders while another rewrites, adds and deletes files for a

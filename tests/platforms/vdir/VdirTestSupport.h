@@ -5,8 +5,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <functional>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -15,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "platforms/vdir/VdirEnv.h"
 #include "platforms/vdir/VdirPlatform.h"
 #include "platforms/vdir/VdirEventStore.h"
 #include "platforms/vdir/VdirStore.h"
@@ -70,16 +73,71 @@ inline std::string simpleEvent(const std::string& uid, const std::string& summar
          extra + "END:VEVENT\r\nEND:VCALENDAR\r\n";
 }
 
-// A scan clock ten seconds ahead of the real one: files written just now already count as
-// settled (older than a scan's timestamp granularity), so they are cached without waiting.
-inline VdirScanHooks settledClock() {
-  VdirScanHooks hooks;
-  hooks.now = [] {
+// This machine's files and clock, with what a test changes. Set the members before the store
+// that uses this is made (except loseNextChanges, which may be set at any time).
+class TestEnv : public VdirEnvWrapper {
+ public:
+  TestEnv() : VdirEnvWrapper(VdirEnv::posix()) {}
+
+  // The time (none: the real clock).
+  std::function<std::int64_t()> clock;
+  // Called after `directory` is listed, before any file in it is looked at or read: a test
+  // deletes, renames or truncates a file there between listing and reading.
+  std::function<void(const std::string& directory)> afterListing;
+  // For a file of this name, the error its reads fail with (none: they do not fail).
+  std::function<std::optional<std::string>(const std::string& name)> failRead;
+  // The watch loses the next changes it sees and reports an overflow of its queue instead.
+  std::atomic<bool> loseNextChanges{false};
+
+  using VdirEnvWrapper::read;
+  rivet::RivetResult<std::vector<VdirDirectoryEntry>> list(const std::string& directory) override {
+    auto entries = target().list(directory);
+    if (afterListing) afterListing(directory);
+    return entries;
+  }
+  rivet::RivetResult<std::optional<VdirFileText>> read(const VdirDirectory& directory, const std::string& name,
+                                                       std::uintmax_t limit) override {
+    if (failRead)
+      if (auto error = failRead(name)) return rivet::RivetError(*error, std::nullopt, "TestEnv", "read", __LINE__);
+    return target().read(directory, name, limit);
+  }
+  rivet::RivetResult<std::unique_ptr<VdirDirectoryWatch>> watch() override {
+    auto inner = target().watch();
+    if (!inner) return inner;
+    return std::unique_ptr<VdirDirectoryWatch>(std::make_unique<LosingWatch>(std::move(inner).value(), *this));
+  }
+  std::int64_t now() override { return clock ? clock() : target().now(); }
+
+ private:
+  class LosingWatch : public VdirDirectoryWatch {
+   public:
+    LosingWatch(std::unique_ptr<VdirDirectoryWatch> inner, TestEnv& env) : inner_(std::move(inner)), env_(env) {}
+    bool add(const std::string& directory) override { return inner_->add(directory); }
+    Wake wait(std::chrono::milliseconds timeout, std::vector<Change>& changes) override {
+      std::vector<Change> seen;
+      Wake woke = inner_->wait(timeout, seen);
+      if (!seen.empty() && env_.loseNextChanges.exchange(false)) seen = {{Event::overflowed, {}}};
+      changes.insert(changes.end(), seen.begin(), seen.end());
+      return woke;
+    }
+    void stop() override { inner_->stop(); }
+
+   private:
+    std::unique_ptr<VdirDirectoryWatch> inner_;
+    TestEnv& env_;
+  };
+};
+
+// A clock ten seconds ahead of the real one: files written just now already count as settled
+// (older than a scan's timestamp granularity), so they are cached without waiting.
+inline std::shared_ptr<VdirEnv> settledClock() {
+  auto env = std::make_shared<TestEnv>();
+  env->clock = [] {
     auto now = std::chrono::system_clock::now() + std::chrono::seconds(10);
     return static_cast<std::int64_t>(
         std::chrono::duration_cast<std::chrono::nanoseconds>(now.time_since_epoch()).count());
   };
-  return hooks;
+  return env;
 }
 
 inline VdirPlatformOptions platformOptions(const fs::path& root, const fs::path& accessFile, bool watch = false) {

@@ -3,9 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <chrono>
 #include <set>
@@ -23,25 +20,24 @@ using namespace std::chrono_literals;
 
 class VdirWatcherTest : public ::testing::Test {
  protected:
-  VdirWatcherTest() { EXPECT_EQ(::pipe2(stop_, O_CLOEXEC), 0); }
-  ~VdirWatcherTest() override {
-    ::close(stop_[0]);
-    ::close(stop_[1]);
+  VdirWatcherTest() {
+    auto watch = env_->watch();
+    EXPECT_TRUE(watch) << watch.error().message();
+    if (watch) watch_ = std::move(watch).value();
   }
 
-  VdirWatcher make(const std::string& root) { return {root, 20ms, 200ms, stop_[0], drop_, overflows_}; }
+  VdirWatcher make(const std::string& root) { return {*watch_, root, 20ms, 200ms, overflows_}; }
 
-  void requestStop() { ASSERT_EQ(::write(stop_[1], "x", 1), 1); }
+  void requestStop() { watch_->stop(); }
 
   TemporaryDirectory root_;
-  int stop_[2] = {-1, -1};
-  std::atomic<bool> drop_{false};
+  std::shared_ptr<testing::TestEnv> env_ = std::make_shared<testing::TestEnv>();
+  std::unique_ptr<VdirDirectoryWatch> watch_;
   std::atomic<std::uint64_t> overflows_{0};
 };
 
 TEST_F(VdirWatcherTest, ABurstOfChangesWakesItOnceWhenTheBurstIsOver) {
   VdirWatcher watcher = make(root_.path().string());
-  ASSERT_FALSE(watcher.problem());
   EXPECT_TRUE(watcher.watch({root_.path().string()}));
   writeFile(root_.path() / "cal" / "a.ics", "one");
   writeFile(root_.path() / "b.ics", "two");
@@ -71,12 +67,12 @@ TEST_F(VdirWatcherTest, AChangeMarkedByTheCallerWakesItLikeAnEvent) {
 TEST_F(VdirWatcherTest, LostEventsCountAsAnOverflowAndAChange) {
   VdirWatcher watcher = make(root_.path().string());
   watcher.watch({root_.path().string()});
-  drop_ = true;
+  env_->loseNextChanges = true;
   writeFile(root_.path() / "a.ics", "one");
 
   EXPECT_EQ(watcher.next(), VdirWatcher::Wake::changed);
   EXPECT_EQ(overflows_.load(), 1u);
-  EXPECT_FALSE(drop_.load());
+  EXPECT_FALSE(env_->loseNextChanges.load());
 }
 
 TEST_F(VdirWatcherTest, ARootThatIsNotThereIsLookedForAgain) {
@@ -102,7 +98,7 @@ TEST_F(VdirWatcherTest, ItWatchesTheRootItsCollectionsAndItsAccounts) {
   snapshot.collections.push_back({"account/home", (root / "account" / "home").string(), nullptr, {}});
   snapshot.collections.push_back({"local", (root / "local").string(), nullptr, {}});
 
-  EXPECT_EQ(VdirWatcher::directoriesOf(snapshot, root.string()),
+  EXPECT_EQ(VdirWatcher::directoriesOf(snapshot, root.string(), *env_),
             (std::set<std::string>{root.string(), (root / "account").string(), (root / "account" / "home").string(),
                                    (root / "local").string(), (root / "new-account").string()}));
 }

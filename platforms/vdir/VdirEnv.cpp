@@ -1,0 +1,300 @@
+#include "platforms/vdir/VdirEnv.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/inotify.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <map>
+#include <mutex>
+
+namespace vesp::vdir {
+
+namespace {
+
+rivet::RivetError failure(const std::string& what, int error, const char* function, std::uint64_t line) {
+  return rivet::RivetError(what + ": " + std::strerror(error), std::nullopt, "VdirEnv", function, line);
+}
+
+// Nothing there, as opposed to something there that cannot be reached.
+bool absent(int error) { return error == ENOENT || error == ENOTDIR; }
+
+std::int64_t nanoseconds(const timespec& time) {
+  return static_cast<std::int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
+}
+
+VdirFileKind kindOf(mode_t mode) {
+  if (S_ISREG(mode)) return VdirFileKind::file;
+  if (S_ISDIR(mode)) return VdirFileKind::directory;
+  if (S_ISLNK(mode)) return VdirFileKind::link;
+  return VdirFileKind::other;
+}
+
+VdirFileStatus statusOf(const struct stat& status) {
+  return {kindOf(status.st_mode), static_cast<std::uint64_t>(status.st_dev), static_cast<std::uint64_t>(status.st_ino),
+          static_cast<std::int64_t>(status.st_size), nanoseconds(status.st_mtim), nanoseconds(status.st_ctim)};
+}
+
+VdirFileKind kindOf(unsigned char type) {
+  switch (type) {
+    case DT_REG: return VdirFileKind::file;
+    case DT_DIR: return VdirFileKind::directory;
+    case DT_LNK: return VdirFileKind::link;
+    case DT_UNKNOWN: return VdirFileKind::unknown;
+    default: return VdirFileKind::other;
+  }
+}
+
+class PosixDirectory : public VdirDirectory {
+ public:
+  PosixDirectory(std::string path, int fd) : VdirDirectory(std::move(path)), fd_(fd) {}
+  ~PosixDirectory() override { ::close(fd_); }
+  int fd() const { return fd_; }
+
+ private:
+  const int fd_;
+};
+
+class MappedRegion : public VdirRegion {
+ public:
+  MappedRegion(void* at, std::size_t size) : at_(at), size_(size) {}
+  ~MappedRegion() override {
+    if (size_ > 0) ::munmap(at_, size_);
+  }
+  std::string_view bytes() const override { return {static_cast<const char*>(at_), size_}; }
+
+ private:
+  void* const at_;
+  const std::size_t size_;
+};
+
+// Opens `name` in `directory` (AT_FDCWD: a path) and reads it whole when it is a regular file.
+rivet::RivetResult<std::optional<VdirFileText>> readAt(int directory, const std::string& name, std::uintmax_t limit) {
+  // Not blocking on a FIFO that stands where a file should.
+  int fd = ::openat(directory, name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) {
+    if (absent(errno)) return std::optional<VdirFileText>();
+    return failure("file cannot be read", errno, "read", __LINE__);
+  }
+  struct stat status {};
+  if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+    ::close(fd);
+    return std::optional<VdirFileText>();
+  }
+  VdirFileText read;
+  read.status = statusOf(status);
+  // Larger than the limit: no need to read it to tell.
+  if (static_cast<std::uintmax_t>(status.st_size) > limit) {
+    ::close(fd);
+    read.tooLong = true;
+    return std::optional<VdirFileText>(std::move(read));
+  }
+  auto text = readOpenFile(fd, static_cast<std::size_t>(status.st_size), limit);
+  ::close(fd);
+  if (!text) return text.error();
+  read.text = std::move(text).value();
+  if (read.text.size() > limit) {
+    read.text.clear();
+    read.tooLong = true;
+  }
+  return std::optional<VdirFileText>(std::move(read));
+}
+
+rivet::RivetResult<std::optional<VdirFileStatus>> statusAt(int directory, const std::string& name, int flags) {
+  struct stat status {};
+  if (::fstatat(directory, name.c_str(), &status, flags) != 0) {
+    if (absent(errno)) return std::optional<VdirFileStatus>();
+    return failure("file cannot be read", errno, "status", __LINE__);
+  }
+  return std::optional<VdirFileStatus>(statusOf(status));
+}
+
+constexpr std::uint32_t kWatchMask = IN_CREATE | IN_DELETE | IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_FROM |
+                                     IN_MOVED_TO | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+
+// inotify, woken early by a byte on a pipe.
+class InotifyWatch : public VdirDirectoryWatch {
+ public:
+  InotifyWatch(int descriptor, int stopRead, int stopWrite)
+      : descriptor_(descriptor), stopRead_(stopRead), stopWrite_(stopWrite) {}
+  ~InotifyWatch() override {
+    ::close(descriptor_);
+    ::close(stopRead_);
+    ::close(stopWrite_);
+  }
+
+  bool add(const std::string& directory) override {
+    int wd = ::inotify_add_watch(descriptor_, directory.c_str(), kWatchMask);
+    if (wd < 0) return false;
+    watches_[wd] = directory;
+    return true;
+  }
+
+  Wake wait(std::chrono::milliseconds timeout, std::vector<Change>& changes) override {
+    pollfd fds[2] = {{descriptor_, POLLIN, 0}, {stopRead_, POLLIN, 0}};
+    int ready = ::poll(fds, 2, timeout.count() < 0 ? -1 : static_cast<int>(timeout.count()));
+    if (ready < 0 && errno == EINTR) return Wake::timeout;
+    if (ready < 0 || fds[1].revents) return Wake::stop;
+    if (ready == 0) return Wake::timeout;
+    drain(changes);
+    return Wake::changes;
+  }
+
+  void stop() override {
+    char byte = 1;
+    while (::write(stopWrite_, &byte, 1) < 0 && errno == EINTR) {
+    }
+  }
+
+ private:
+  void drain(std::vector<Change>& changes) {
+    alignas(inotify_event) char buffer[64 * 1024];
+    for (ssize_t length; (length = ::read(descriptor_, buffer, sizeof buffer)) > 0;) {
+      for (char* at = buffer; at < buffer + length;) {
+        auto* event = reinterpret_cast<inotify_event*>(at);
+        at += sizeof(inotify_event) + event->len;
+        if (event->mask & IN_Q_OVERFLOW) {
+          changes.push_back({Event::overflowed, {}});
+          continue;
+        }
+        auto found = watches_.find(event->wd);
+        if (found == watches_.end()) continue;
+        if (event->mask & IN_IGNORED) {
+          changes.push_back({Event::ended, found->second});
+          watches_.erase(found);
+        } else {
+          changes.push_back({Event::changed, found->second});
+        }
+      }
+    }
+  }
+
+  const int descriptor_, stopRead_, stopWrite_;
+  std::map<int, std::string> watches_;  // by watch descriptor
+};
+
+class PosixEnv : public VdirEnv {
+ public:
+  rivet::RivetResult<std::vector<VdirDirectoryEntry>> list(const std::string& directory) override {
+    DIR* handle = ::opendir(directory.c_str());
+    if (!handle) return failure("directory cannot be read", errno, "list", __LINE__);
+    std::vector<VdirDirectoryEntry> entries;
+    while (dirent* entry = ::readdir(handle)) {
+      if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) continue;
+      VdirFileKind kind = kindOf(entry->d_type);
+      // File systems that do not say the type of an entry: one lstat.
+      if (kind == VdirFileKind::unknown) {
+        struct stat status {};
+        if (::fstatat(::dirfd(handle), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0) kind = kindOf(status.st_mode);
+      }
+      entries.push_back({entry->d_name, kind});
+    }
+    ::closedir(handle);
+    return entries;
+  }
+
+  rivet::RivetResult<std::optional<VdirFileStatus>> status(const std::string& path) override {
+    return statusAt(AT_FDCWD, path, 0);
+  }
+
+  bool mayList(const std::string& directory) override { return ::access(directory.c_str(), R_OK | X_OK) == 0; }
+
+  rivet::RivetResult<std::string> canonical(const std::string& path) override {
+    std::error_code error;
+    auto resolved = std::filesystem::weakly_canonical(std::filesystem::path(path), error);
+    // A part that cannot be looked at (no permission): at least absolute.
+    if (error) resolved = std::filesystem::absolute(std::filesystem::path(path), error);
+    if (error) return rivet::RivetError("cannot resolve " + path + ": " + error.message(), std::nullopt, "VdirEnv",
+                                        "canonical", __LINE__);
+    return resolved.string();
+  }
+
+  rivet::RivetResult<std::optional<VdirFileText>> read(const std::string& path, std::uintmax_t limit) override {
+    return readAt(AT_FDCWD, path, limit);
+  }
+
+  rivet::RivetResult<std::unique_ptr<VdirDirectory>> openDirectory(const std::string& path) override {
+    int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return failure("directory cannot be opened", errno, "openDirectory", __LINE__);
+    return std::unique_ptr<VdirDirectory>(std::make_unique<PosixDirectory>(path, fd));
+  }
+
+  rivet::RivetResult<std::optional<VdirFileStatus>> status(const VdirDirectory& directory,
+                                                           const std::string& name) override {
+    return statusAt(static_cast<const PosixDirectory&>(directory).fd(), name, 0);
+  }
+
+  rivet::RivetResult<std::optional<VdirFileText>> read(const VdirDirectory& directory, const std::string& name,
+                                                       std::uintmax_t limit) override {
+    return readAt(static_cast<const PosixDirectory&>(directory).fd(), name, limit);
+  }
+
+  rivet::RivetResult<std::unique_ptr<VdirRegion>> map(const std::string& path) override {
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return failure("cannot open " + path, errno, "map", __LINE__);
+    struct stat status {};
+    if (::fstat(fd, &status) != 0) {
+      int error = errno;
+      ::close(fd);
+      return failure("cannot look at " + path, error, "map", __LINE__);
+    }
+    const auto size = static_cast<std::size_t>(status.st_size);
+    if (size == 0) {
+      ::close(fd);
+      return std::unique_ptr<VdirRegion>(std::make_unique<MappedRegion>(nullptr, 0));
+    }
+    void* mapped = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_POPULATE, fd, 0);
+    int error = errno;
+    ::close(fd);
+    if (mapped == MAP_FAILED) return failure("cannot map " + path, error, "map", __LINE__);
+    return std::unique_ptr<VdirRegion>(std::make_unique<MappedRegion>(mapped, size));
+  }
+
+  rivet::RivetResult<void> createDirectories(const std::string& path) override {
+    std::error_code error;
+    std::filesystem::create_directories(std::filesystem::path(path), error);
+    if (error) return rivet::RivetError("cannot make " + path + ": " + error.message(), std::nullopt, "VdirEnv",
+                                        "createDirectories", __LINE__);
+    return rivet::RivetResultVoidSuccess;
+  }
+
+  rivet::RivetResult<void> replace(const std::string& path, std::string_view bytes, mode_t mode,
+                                   VdirDurability durability) override {
+    return replaceFile(path, bytes, mode, durability);
+  }
+
+  rivet::RivetResult<std::unique_ptr<VdirDirectoryWatch>> watch() override {
+    int descriptor = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (descriptor < 0) return failure("the store cannot be watched", errno, "watch", __LINE__);
+    int stop[2];
+    if (::pipe2(stop, O_CLOEXEC) != 0) {
+      int error = errno;
+      ::close(descriptor);
+      return failure("the store cannot be watched", error, "watch", __LINE__);
+    }
+    return std::unique_ptr<VdirDirectoryWatch>(std::make_unique<InotifyWatch>(descriptor, stop[0], stop[1]));
+  }
+
+  std::int64_t now() override {
+    timespec now{};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    return nanoseconds(now);
+  }
+};
+
+}  // namespace
+
+std::shared_ptr<VdirEnv> VdirEnv::posix() {
+  static const std::shared_ptr<VdirEnv> env = std::make_shared<PosixEnv>();
+  return env;
+}
+
+}  // namespace vesp::vdir

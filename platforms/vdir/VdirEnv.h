@@ -1,0 +1,178 @@
+// The directory store's only way to the file system and the clock: list, look at, read whole under
+// a limit, map, replace atomically, watch, and the time. `VdirEnv::posix()` is this machine's; a
+// test wraps it in a `VdirEnvWrapper` and overrides what it wants to fail, delay or fake.
+//
+// A file that is not there is not a failure: lookups answer "absent" (an empty optional), and a
+// failure is kept for what stops a file from being read (permissions, I/O errors, a directory
+// where a file should be). Every member may be called from any thread.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platforms/vdir/VdirFiles.h"
+#include "support/rivet/RivetResult.h"
+
+namespace vesp::vdir {
+
+enum class VdirFileKind : std::uint8_t { file, directory, link, other, unknown };
+
+struct VdirDirectoryEntry {
+  std::string name;
+  VdirFileKind kind = VdirFileKind::unknown;  // the entry itself: a link is a link
+};
+
+// What a file is and which version of it: the store re-reads a file when any of these changes.
+struct VdirFileStatus {
+  VdirFileKind kind = VdirFileKind::other;  // of what a link leads to
+  std::uint64_t device = 0, inode = 0;
+  std::int64_t size = 0;
+  std::int64_t modified = 0, changed = 0;  // nanoseconds since 1970
+};
+
+// A file read whole under a limit: the status of what was read and its text, or, when it holds
+// more than the limit, no text and `tooLong` (its status says whether it was that large to begin
+// with or grew while it was read).
+struct VdirFileText {
+  VdirFileStatus status;
+  std::string text;
+  bool tooLong = false;
+};
+
+// A directory held open while the files in it are looked at and read, so that each costs no walk
+// of the path. Each environment subclasses it for its own handle.
+class VdirDirectory {
+ public:
+  explicit VdirDirectory(std::string path) : path_(std::move(path)) {}
+  virtual ~VdirDirectory() = default;
+  VdirDirectory(const VdirDirectory&) = delete;
+  VdirDirectory& operator=(const VdirDirectory&) = delete;
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+// The bytes of a file, held (mapped or read) for as long as this lives.
+class VdirRegion {
+ public:
+  virtual ~VdirRegion() = default;
+  virtual std::string_view bytes() const = 0;
+};
+
+// Directories watched for changes under them. Used by one thread, except stop().
+class VdirDirectoryWatch {
+ public:
+  enum class Event : std::uint8_t {
+    changed,     // something in `directory` was created, removed, renamed, written or touched
+    overflowed,  // changes were lost: look at everything again
+    ended,       // `directory` is watched no more (removed or moved away)
+  };
+  struct Change {
+    Event event = Event::changed;
+    std::string directory;  // empty for an overflow
+  };
+  enum class Wake : std::uint8_t { changes, timeout, stop };
+
+  virtual ~VdirDirectoryWatch() = default;
+  // Starts watching `directory`; whether it is watched now.
+  virtual bool add(const std::string& directory) = 0;
+  // Waits until changes arrive (appended to `changes`), `timeout` passes (negative: no end) or
+  // stop() was called.
+  virtual Wake wait(std::chrono::milliseconds timeout, std::vector<Change>& changes) = 0;
+  // Makes the current and every later wait() return Wake::stop. Any thread may call it.
+  virtual void stop() = 0;
+};
+
+class VdirEnv {
+ public:
+  virtual ~VdirEnv() = default;
+  // This machine's file system (POSIX calls, inotify) and its real-time clock.
+  static std::shared_ptr<VdirEnv> posix();
+
+  // The entries of `directory`, hidden ones included, in no order.
+  virtual rivet::RivetResult<std::vector<VdirDirectoryEntry>> list(const std::string& directory) = 0;
+  // The status of `path`, links followed; absent when nothing is there.
+  virtual rivet::RivetResult<std::optional<VdirFileStatus>> status(const std::string& path) = 0;
+  // Whether this process may list `directory` and open what is in it.
+  virtual bool mayList(const std::string& directory) = 0;
+  // `path` absolute, with links, "." and ".." resolved as far as it exists.
+  virtual rivet::RivetResult<std::string> canonical(const std::string& path) = 0;
+  // Reads `path` whole under `limit`; absent when nothing is there.
+  virtual rivet::RivetResult<std::optional<VdirFileText>> read(const std::string& path, std::uintmax_t limit) = 0;
+
+  // `path` held open, for the calls below.
+  virtual rivet::RivetResult<std::unique_ptr<VdirDirectory>> openDirectory(const std::string& path) = 0;
+  virtual rivet::RivetResult<std::optional<VdirFileStatus>> status(const VdirDirectory& directory,
+                                                                   const std::string& name) = 0;
+  // A regular file only: anything else reads as absent.
+  virtual rivet::RivetResult<std::optional<VdirFileText>> read(const VdirDirectory& directory, const std::string& name,
+                                                               std::uintmax_t limit) = 0;
+
+  // The whole file, to be read in place; an error when it is not there.
+  virtual rivet::RivetResult<std::unique_ptr<VdirRegion>> map(const std::string& path) = 0;
+  // The directory and its missing parents.
+  virtual rivet::RivetResult<void> createDirectories(const std::string& path) = 0;
+  // Replaces (or creates) `path` with `bytes`, atomically (see replaceFile).
+  virtual rivet::RivetResult<void> replace(const std::string& path, std::string_view bytes, mode_t mode,
+                                           VdirDurability durability) = 0;
+
+  virtual rivet::RivetResult<std::unique_ptr<VdirDirectoryWatch>> watch() = 0;
+
+  // Nanoseconds since 1970.
+  virtual std::int64_t now() = 0;
+};
+
+// Forwards every call to another environment; a test overrides the calls it wants to change.
+class VdirEnvWrapper : public VdirEnv {
+ public:
+  explicit VdirEnvWrapper(std::shared_ptr<VdirEnv> target) : target_(std::move(target)) {}
+  VdirEnv& target() const { return *target_; }
+
+  rivet::RivetResult<std::vector<VdirDirectoryEntry>> list(const std::string& directory) override {
+    return target_->list(directory);
+  }
+  rivet::RivetResult<std::optional<VdirFileStatus>> status(const std::string& path) override {
+    return target_->status(path);
+  }
+  bool mayList(const std::string& directory) override { return target_->mayList(directory); }
+  rivet::RivetResult<std::string> canonical(const std::string& path) override { return target_->canonical(path); }
+  rivet::RivetResult<std::optional<VdirFileText>> read(const std::string& path, std::uintmax_t limit) override {
+    return target_->read(path, limit);
+  }
+  rivet::RivetResult<std::unique_ptr<VdirDirectory>> openDirectory(const std::string& path) override {
+    return target_->openDirectory(path);
+  }
+  rivet::RivetResult<std::optional<VdirFileStatus>> status(const VdirDirectory& directory,
+                                                           const std::string& name) override {
+    return target_->status(directory, name);
+  }
+  rivet::RivetResult<std::optional<VdirFileText>> read(const VdirDirectory& directory, const std::string& name,
+                                                       std::uintmax_t limit) override {
+    return target_->read(directory, name, limit);
+  }
+  rivet::RivetResult<std::unique_ptr<VdirRegion>> map(const std::string& path) override {
+    return target_->map(path);
+  }
+  rivet::RivetResult<void> createDirectories(const std::string& path) override {
+    return target_->createDirectories(path);
+  }
+  rivet::RivetResult<void> replace(const std::string& path, std::string_view bytes, mode_t mode,
+                                   VdirDurability durability) override {
+    return target_->replace(path, bytes, mode, durability);
+  }
+  rivet::RivetResult<std::unique_ptr<VdirDirectoryWatch>> watch() override { return target_->watch(); }
+  std::int64_t now() override { return target_->now(); }
+
+ private:
+  std::shared_ptr<VdirEnv> target_;
+};
+
+}  // namespace vesp::vdir

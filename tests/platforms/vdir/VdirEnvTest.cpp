@@ -1,0 +1,200 @@
+// This machine's environment as the store sees it: what a listing says, what is absent and what
+// fails, reads under a limit, directories held open, mapped files, watches and the clock.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "platforms/vdir/VdirEnv.h"
+#include "tests/platforms/vdir/VdirTestSupport.h"
+
+namespace vesp::vdir {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::TemporaryDirectory;
+using testing::writeFile;
+using namespace std::chrono_literals;
+
+class VdirEnvTest : public ::testing::Test {
+ protected:
+  std::string at(const std::string& name) const { return (root_.path() / name).string(); }
+
+  TemporaryDirectory root_;
+  std::shared_ptr<VdirEnv> env_ = VdirEnv::posix();
+};
+
+TEST_F(VdirEnvTest, AListingSaysWhatEachEntryIsHiddenOnesIncluded) {
+  writeFile(root_.path() / "a.ics", "text");
+  writeFile(root_.path() / ".hidden", "text");
+  fs::create_directory(root_.path() / "cal");
+  fs::create_symlink(root_.path() / "cal", root_.path() / "link");
+  ASSERT_EQ(::mkfifo(at("fifo").c_str(), 0600), 0);
+
+  auto entries = env_->list(root_.path().string());
+
+  ASSERT_TRUE(entries) << entries.error().message();
+  std::map<std::string, VdirFileKind> kinds;
+  for (const auto& entry : *entries) kinds[entry.name] = entry.kind;
+  EXPECT_EQ(kinds, (std::map<std::string, VdirFileKind>{{".hidden", VdirFileKind::file},
+                                                        {"a.ics", VdirFileKind::file},
+                                                        {"cal", VdirFileKind::directory},
+                                                        {"fifo", VdirFileKind::other},
+                                                        {"link", VdirFileKind::link}}));
+  // The status follows the link.
+  auto linked = env_->status(at("link"));
+  ASSERT_TRUE(linked && *linked);
+  EXPECT_EQ((*linked)->kind, VdirFileKind::directory);
+}
+
+TEST_F(VdirEnvTest, WhatIsNotThereIsAbsentAndNotAFailure) {
+  writeFile(root_.path() / "file", "text");
+  for (const auto& path : {at("missing"), at("file") + "/under-a-file"}) {
+    auto status = env_->status(path);
+    ASSERT_TRUE(status) << path;
+    EXPECT_FALSE(*status) << path;
+    auto read = env_->read(path, 100);
+    ASSERT_TRUE(read) << path;
+    EXPECT_FALSE(*read) << path;
+  }
+  // A directory that cannot be listed is a failure, with the reason.
+  auto listed = env_->list(at("missing"));
+  ASSERT_FALSE(listed);
+  EXPECT_THAT(listed.error().message(), ::testing::HasSubstr("No such file or directory"));
+}
+
+TEST_F(VdirEnvTest, AFileIsReadWholeWithItsVersionOrSaidToBeTooLong) {
+  writeFile(root_.path() / "ten", "0123456789");
+
+  auto whole = env_->read(at("ten"), 10);
+  ASSERT_TRUE(whole && *whole);
+  EXPECT_EQ((*whole)->text, "0123456789");
+  EXPECT_FALSE((*whole)->tooLong);
+  struct stat status {};
+  ASSERT_EQ(::stat(at("ten").c_str(), &status), 0);
+  EXPECT_EQ((*whole)->status.kind, VdirFileKind::file);
+  EXPECT_EQ((*whole)->status.size, 10);
+  EXPECT_EQ((*whole)->status.inode, static_cast<std::uint64_t>(status.st_ino));
+  EXPECT_EQ((*whole)->status.modified, status.st_mtim.tv_sec * 1'000'000'000LL + status.st_mtim.tv_nsec);
+
+  auto cut = env_->read(at("ten"), 9);
+  ASSERT_TRUE(cut && *cut);
+  EXPECT_TRUE((*cut)->tooLong);
+  EXPECT_EQ((*cut)->text, "");
+  EXPECT_EQ((*cut)->status.size, 10);
+}
+
+TEST_F(VdirEnvTest, ADirectoryHeldOpenReadsItsFilesWhereverItIsMoved) {
+  writeFile(root_.path() / "cal" / "a.ics", "event");
+  auto directory = env_->openDirectory(at("cal"));
+  ASSERT_TRUE(directory) << directory.error().message();
+  fs::rename(root_.path() / "cal", root_.path() / "moved");
+
+  auto read = env_->read(**directory, "a.ics", 100);
+  ASSERT_TRUE(read && *read);
+  EXPECT_EQ((*read)->text, "event");
+  auto status = env_->status(**directory, "a.ics");
+  ASSERT_TRUE(status && *status);
+  EXPECT_EQ((*status)->size, 5);
+  auto absent = env_->read(**directory, "b.ics", 100);
+  ASSERT_TRUE(absent);
+  EXPECT_FALSE(*absent);
+}
+
+TEST_F(VdirEnvTest, WhatIsNoRegularFileIsNotReadAsOne) {
+  ASSERT_EQ(::mkfifo(at("fifo").c_str(), 0600), 0);
+  fs::create_directory(root_.path() / "directory");
+  // A FIFO without a writer would block a reader that waited for one.
+  for (const auto& path : {at("fifo"), at("directory")}) {
+    auto read = env_->read(path, 100);
+    ASSERT_TRUE(read) << path;
+    EXPECT_FALSE(*read) << path;
+  }
+}
+
+TEST_F(VdirEnvTest, AMappedFileHoldsItsBytesAndAnEmptyOneNone) {
+  writeFile(root_.path() / "data", std::string("a\0b", 3));
+  writeFile(root_.path() / "empty", "");
+  auto data = env_->map(at("data"));
+  ASSERT_TRUE(data) << data.error().message();
+  EXPECT_EQ((*data)->bytes(), std::string_view("a\0b", 3));
+  auto empty = env_->map(at("empty"));
+  ASSERT_TRUE(empty);
+  EXPECT_TRUE((*empty)->bytes().empty());
+  EXPECT_FALSE(env_->map(at("missing")));
+}
+
+TEST_F(VdirEnvTest, DirectoriesAreMadeAndAFileReplacedInThem) {
+  const std::string file = at("x/y/file");
+  ASSERT_TRUE(env_->createDirectories(at("x/y")));
+  ASSERT_TRUE(env_->replace(file, "new", 0600, VdirDurability::synced));
+  auto read = env_->read(file, 100);
+  ASSERT_TRUE(read && *read);
+  EXPECT_EQ((*read)->text, "new");
+}
+
+TEST_F(VdirEnvTest, AWatchReportsChangesInItsDirectoriesAndTheirEnd) {
+  fs::create_directory(root_.path() / "cal");
+  auto watch = env_->watch();
+  ASSERT_TRUE(watch) << watch.error().message();
+  ASSERT_TRUE((*watch)->add(at("cal")));
+  EXPECT_FALSE((*watch)->add(at("missing")));
+
+  writeFile(root_.path() / "cal" / "a.ics", "event");
+  std::vector<VdirDirectoryWatch::Change> changes;
+  ASSERT_EQ((*watch)->wait(5s, changes), VdirDirectoryWatch::Wake::changes);
+  ASSERT_FALSE(changes.empty());
+  EXPECT_EQ(changes[0].event, VdirDirectoryWatch::Event::changed);
+  EXPECT_EQ(changes[0].directory, at("cal"));
+
+  fs::remove_all(root_.path() / "cal");
+  bool ended = false;
+  for (int i = 0; i < 10 && !ended; ++i) {
+    changes.clear();
+    ASSERT_EQ((*watch)->wait(5s, changes), VdirDirectoryWatch::Wake::changes);
+    ended = std::any_of(changes.begin(), changes.end(), [&](const auto& change) {
+      return change.event == VdirDirectoryWatch::Event::ended && change.directory == at("cal");
+    });
+  }
+  EXPECT_TRUE(ended);
+}
+
+TEST_F(VdirEnvTest, AWaitEndsWithItsTimeoutOrAtOnceOnceStopped) {
+  auto watch = env_->watch();
+  ASSERT_TRUE(watch);
+  ASSERT_TRUE((*watch)->add(root_.path().string()));
+  std::vector<VdirDirectoryWatch::Change> changes;
+  EXPECT_EQ((*watch)->wait(1ms, changes), VdirDirectoryWatch::Wake::timeout);
+  (*watch)->stop();
+  // Without a timeout: only the stop can end these waits.
+  EXPECT_EQ((*watch)->wait(-1ms, changes), VdirDirectoryWatch::Wake::stop);
+  EXPECT_EQ((*watch)->wait(-1ms, changes), VdirDirectoryWatch::Wake::stop);
+  EXPECT_TRUE(changes.empty());
+}
+
+TEST_F(VdirEnvTest, TheClockIsTheRealTime) {
+  auto real = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                  std::chrono::system_clock::now().time_since_epoch())
+                  .count();
+  EXPECT_NEAR(static_cast<double>(env_->now()), static_cast<double>(real), 1e9);
+}
+
+TEST_F(VdirEnvTest, AWrapperForwardsWhatItDoesNotOverride) {
+  writeFile(root_.path() / "file", "text");
+  auto wrapped = std::make_shared<testing::TestEnv>();
+  wrapped->clock = [] { return std::int64_t{42}; };
+  EXPECT_EQ(wrapped->now(), 42);
+  auto read = wrapped->read(at("file"), 100);
+  ASSERT_TRUE(read && *read);
+  EXPECT_EQ((*read)->text, "text");
+}
+
+}  // namespace
+}  // namespace vesp::vdir

@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
@@ -117,6 +118,34 @@ rivet::RivetResult<std::optional<VdirFileStatus>> statusAt(int directory, const 
   return std::optional<VdirFileStatus>(statusOf(status));
 }
 
+// Whether `path` still holds `basis`; the mode of the file there goes to `mode`.
+rivet::RivetResult<bool> holdsBasis(const std::string& path, const VdirFileBasis& basis, mode_t& mode) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) {
+    if (absent(errno)) return !basis.status;
+    return failure("cannot read " + path, errno, "write", __LINE__);
+  }
+  struct stat status {};
+  bool same = basis.status && ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+  if (same) {
+    const VdirFileStatus now = statusOf(status);
+    same = now.device == basis.status->device && now.inode == basis.status->inode &&
+           now.size == basis.status->size && now.modified == basis.status->modified;
+    mode = status.st_mode & 07777;
+  }
+  if (same) {
+    // Two writes within one clock tick share a modification time: the bytes decide.
+    auto text = readOpenFile(fd, basis.text.size(), basis.text.size());
+    if (!text) {
+      ::close(fd);
+      return text.error();
+    }
+    same = *text == basis.text;
+  }
+  ::close(fd);
+  return same;
+}
+
 constexpr std::uint32_t kWatchMask = IN_CREATE | IN_DELETE | IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_FROM |
                                      IN_MOVED_TO | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 
@@ -180,6 +209,34 @@ class InotifyWatch : public VdirDirectoryWatch {
   const int descriptor_, stopRead_, stopWrite_;
   std::map<int, std::string> watches_;  // by watch descriptor
 };
+
+// Gives `temporary` the name `path`, which must be free: never over a file that appeared meanwhile.
+rivet::RivetResult<VdirWriteOutcome> placeNew(const std::string& temporary, const std::string& path) {
+  if (::renameat2(AT_FDCWD, temporary.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) == 0)
+    return VdirWriteOutcome::done;
+  int error = errno;
+  if (error == EINVAL || error == ENOSYS) {
+    // A file system without exclusive renames: a hard link is exclusive too.
+    if (::link(temporary.c_str(), path.c_str()) == 0) {
+      ::unlink(temporary.c_str());
+      return VdirWriteOutcome::done;
+    }
+    error = errno;
+  }
+  if (error == EEXIST) return VdirWriteOutcome::changedOnDisk;
+  return failure("cannot write " + path, error, "write", __LINE__);
+}
+
+// Renames `temporary` over `path` if `path` still holds `basis`.
+rivet::RivetResult<VdirWriteOutcome> replaceBasis(const std::string& temporary, const std::string& path,
+                                                  const VdirFileBasis& basis) {
+  mode_t mode = 0;
+  auto holds = holdsBasis(path, basis, mode);
+  if (!holds) return holds.error();
+  if (!*holds) return VdirWriteOutcome::changedOnDisk;
+  if (::rename(temporary.c_str(), path.c_str()) != 0) return failure("cannot replace " + path, errno, "write", __LINE__);
+  return VdirWriteOutcome::done;
+}
 
 class PosixEnv : public VdirEnv {
  public:
@@ -269,6 +326,48 @@ class PosixEnv : public VdirEnv {
   rivet::RivetResult<void> replace(const std::string& path, std::string_view bytes, mode_t mode,
                                    VdirDurability durability) override {
     return replaceFile(path, bytes, mode, durability);
+  }
+
+  rivet::RivetResult<VdirWriteOutcome> write(const std::string& path, std::string_view bytes,
+                                             const VdirFileBasis& basis) override {
+    mode_t mode = 0;
+    if (basis.status) {
+      // Checked before the temporary file is written too, so that a conflict costs no write.
+      auto holds = holdsBasis(path, basis, mode);
+      if (!holds) return holds.error();
+      if (!*holds) return VdirWriteOutcome::changedOnDisk;
+    }
+    auto temporary = writeTemporaryBeside(path, bytes, basis.status ? std::optional<mode_t>(mode) : std::nullopt,
+                                          VdirDurability::synced);
+    if (!temporary) return temporary.error();
+    auto placed = basis.status ? replaceBasis(*temporary, path, basis) : placeNew(*temporary, path);
+    if (!placed || *placed != VdirWriteOutcome::done) {
+      ::unlink(temporary->c_str());
+      return placed;
+    }
+    if (int error = syncDirectoryOf(path); error != 0)
+      return failure("cannot sync the directory of " + path, error, "write", __LINE__);
+    return VdirWriteOutcome::done;
+  }
+
+  rivet::RivetResult<VdirWriteOutcome> remove(const std::string& path, const VdirFileBasis& basis) override {
+    mode_t mode = 0;
+    auto holds = holdsBasis(path, basis, mode);
+    if (!holds) return holds.error();
+    if (!*holds || !basis.status) return VdirWriteOutcome::changedOnDisk;
+    if (::unlink(path.c_str()) != 0) {
+      if (absent(errno)) return VdirWriteOutcome::changedOnDisk;
+      return failure("cannot remove " + path, errno, "remove", __LINE__);
+    }
+    if (int error = syncDirectoryOf(path); error != 0)
+      return failure("cannot sync the directory of " + path, error, "remove", __LINE__);
+    return VdirWriteOutcome::done;
+  }
+
+  bool mayWrite(const std::string& directory) override {
+    if (::access(directory.c_str(), W_OK | X_OK) != 0) return false;
+    struct stat status {};
+    return ::stat(directory.c_str(), &status) == 0 && (status.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) != 0;
   }
 
   rivet::RivetResult<std::unique_ptr<VdirDirectoryWatch>> watch() override {

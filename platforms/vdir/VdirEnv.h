@@ -46,6 +46,20 @@ struct VdirFileText {
   bool tooLong = false;
 };
 
+// What a write expects to find at its path: nothing (a new item's file), or the very file an edit
+// was based on, as it was read.
+struct VdirFileBasis {
+  std::optional<VdirFileStatus> status;  // absent: nothing may be there
+  std::string text;                      // the bytes the edit was based on
+};
+
+enum class VdirWriteOutcome : std::uint8_t {
+  done,
+  // The path no longer holds the basis (another program changed, removed or created the file):
+  // nothing was written or removed.
+  changedOnDisk,
+};
+
 // A directory held open while the files in it are looked at and read, so that each costs no walk
 // of the path. Each environment subclasses it for its own handle.
 class VdirDirectory {
@@ -124,6 +138,21 @@ class VdirEnv {
   virtual rivet::RivetResult<void> replace(const std::string& path, std::string_view bytes, mode_t mode,
                                            VdirDurability durability) = 0;
 
+  // Writing the user's items. Each is durable when it returns (file and directory synced) and
+  // atomic: the path holds the whole old or the whole new file, never a part, and never under a
+  // name a calendar reader takes for an item while it is written.
+  //
+  // Writes `bytes` at `path` if what is there is still `basis`: checked (device, inode, size,
+  // modification time and every byte) just before the new file takes the name. A new file is
+  // created exclusively, never over one that appeared meanwhile; a replaced file keeps its mode.
+  virtual rivet::RivetResult<VdirWriteOutcome> write(const std::string& path, std::string_view bytes,
+                                                     const VdirFileBasis& basis) = 0;
+  // Removes `path` if it is still `basis` (which must be a file).
+  virtual rivet::RivetResult<VdirWriteOutcome> remove(const std::string& path, const VdirFileBasis& basis) = 0;
+  // Whether new files may be written in `directory`. The super-user, whom permissions do not
+  // stop, still takes a directory without any write permission for a read-only one.
+  virtual bool mayWrite(const std::string& directory) = 0;
+
   virtual rivet::RivetResult<std::unique_ptr<VdirDirectoryWatch>> watch() = 0;
 
   // Nanoseconds since 1970.
@@ -168,6 +197,14 @@ class VdirEnvWrapper : public VdirEnv {
                                    VdirDurability durability) override {
     return target_->replace(path, bytes, mode, durability);
   }
+  rivet::RivetResult<VdirWriteOutcome> write(const std::string& path, std::string_view bytes,
+                                             const VdirFileBasis& basis) override {
+    return target_->write(path, bytes, basis);
+  }
+  rivet::RivetResult<VdirWriteOutcome> remove(const std::string& path, const VdirFileBasis& basis) override {
+    return target_->remove(path, basis);
+  }
+  bool mayWrite(const std::string& directory) override { return target_->mayWrite(directory); }
   rivet::RivetResult<std::unique_ptr<VdirDirectoryWatch>> watch() override { return target_->watch(); }
   std::int64_t now() override { return target_->now(); }
 

@@ -39,6 +39,11 @@ int syncDirectory(const std::string& directory) {
   return error;
 }
 
+std::string parentOf(const std::string& path) {
+  const std::filesystem::path target(path);
+  return target.has_parent_path() ? target.parent_path().string() : std::string(".");
+}
+
 }  // namespace
 
 rivet::RivetResult<std::string> readOpenFile(int fd, std::size_t sizeHint, std::uintmax_t limit) {
@@ -61,34 +66,44 @@ rivet::RivetResult<std::string> readOpenFile(int fd, std::size_t sizeHint, std::
   return text;
 }
 
-rivet::RivetResult<void> replaceFile(const std::string& path, std::string_view bytes, mode_t mode,
-                                     VdirDurability durability) {
+rivet::RivetResult<std::string> writeTemporaryBeside(const std::string& path, std::string_view bytes,
+                                                     std::optional<mode_t> mode, VdirDurability durability) {
   const std::filesystem::path target(path);
-  const std::filesystem::path directory = target.has_parent_path() ? target.parent_path() : ".";
   std::random_device random;
   std::string name(1, '.');
   name.append(target.filename().string());
   name.append(1, '.').append(std::to_string(::getpid()));
   name.append(1, '-').append(std::to_string(random())).append(".tmp");
-  const std::string temporary = (directory / name).string();
-  int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-  if (fd < 0) return failure("cannot write " + temporary, errno, "replaceFile", __LINE__);
+  const std::string temporary = (std::filesystem::path(parentOf(path)) / name).string();
+  int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode.value_or(0666));
+  if (fd < 0) return failure("cannot write " + temporary, errno, "writeTemporaryBeside", __LINE__);
   int error = writeAll(fd, bytes);
   // The mode asked for, whatever the umask took away.
-  if (error == 0 && ::fchmod(fd, mode) != 0) error = errno;
+  if (error == 0 && mode && ::fchmod(fd, *mode) != 0) error = errno;
   if (error == 0 && durability == VdirDurability::synced && ::fsync(fd) != 0) error = errno;
   if (::close(fd) != 0 && error == 0) error = errno;
   if (error != 0) {
     ::unlink(temporary.c_str());
-    return failure("cannot write " + temporary, error, "replaceFile", __LINE__);
+    return failure("cannot write " + temporary, error, "writeTemporaryBeside", __LINE__);
   }
-  if (::rename(temporary.c_str(), path.c_str()) != 0) {
-    error = errno;
-    ::unlink(temporary.c_str());
+  return temporary;
+}
+
+int syncDirectoryOf(const std::string& path) { return syncDirectory(parentOf(path)); }
+
+rivet::RivetResult<void> replaceFile(const std::string& path, std::string_view bytes, mode_t mode,
+                                     VdirDurability durability) {
+  auto temporary = writeTemporaryBeside(path, bytes, mode, durability);
+  if (!temporary) return temporary.error();
+  if (::rename(temporary->c_str(), path.c_str()) != 0) {
+    int error = errno;
+    ::unlink(temporary->c_str());
     return failure("cannot replace " + path, error, "replaceFile", __LINE__);
   }
-  if (durability == VdirDurability::synced && (error = syncDirectory(directory.string())) != 0)
-    return failure("cannot sync " + directory.string(), error, "replaceFile", __LINE__);
+  if (durability == VdirDurability::synced) {
+    if (int error = syncDirectoryOf(path); error != 0)
+      return failure("cannot sync the directory of " + path, error, "replaceFile", __LINE__);
+  }
   return rivet::RivetResultVoidSuccess;
 }
 

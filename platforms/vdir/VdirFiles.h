@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -33,6 +34,15 @@ enum class VdirDurability {
 // failure the old file is as it was and no temporary is left.
 rivet::RivetResult<void> replaceFile(const std::string& path, std::string_view bytes, mode_t mode,
                                      VdirDurability durability);
+
+// Writes `bytes` to a new hidden temporary file beside `path` (".NAME.PID-RANDOM.tmp", created
+// exclusively, so never a name a calendar reader takes for an item) and returns its path. Its mode
+// is `mode` when given, else what the umask leaves of 0666. Nothing is left behind on failure.
+rivet::RivetResult<std::string> writeTemporaryBeside(const std::string& path, std::string_view bytes,
+                                                     std::optional<mode_t> mode, VdirDurability durability);
+
+// Syncs the directory that holds `path`; 0 or the error number.
+int syncDirectoryOf(const std::string& path);
 
 // The local zone's IANA name from TZ, /etc/localtime or /etc/timezone; "UTC" when none is found.
 std::string systemLocalZoneName();

@@ -3,11 +3,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <string>
 #include <vector>
@@ -194,6 +197,126 @@ TEST_F(VdirEnvTest, AWrapperForwardsWhatItDoesNotOverride) {
   auto read = wrapped->read(at("file"), 100);
   ASSERT_TRUE(read && *read);
   EXPECT_EQ((*read)->text, "text");
+}
+
+std::vector<std::string> namesIn(const fs::path& directory) {
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(directory)) names.push_back(entry.path().filename().string());
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+// The file at `path` as an edit reads it before writing it back.
+VdirFileBasis basisOf(VdirEnv& env, const std::string& path) {
+  auto read = env.read(path, 1 << 20);
+  EXPECT_TRUE(read && *read);
+  if (!read || !*read) return {};
+  return {(*read)->status, (*read)->text};
+}
+
+TEST_F(VdirEnvTest, ANewItemFileIsCreatedOnlyWhereNothingIs) {
+  auto created = env_->write(at("a.ics"), "one", {});
+  ASSERT_TRUE(created) << created.error().message();
+  EXPECT_EQ(*created, VdirWriteOutcome::done);
+  EXPECT_EQ(testing::readFile(at("a.ics")), "one");
+
+  auto again = env_->write(at("a.ics"), "two", {});
+  ASSERT_TRUE(again) << again.error().message();
+  EXPECT_EQ(*again, VdirWriteOutcome::changedOnDisk);
+  EXPECT_EQ(testing::readFile(at("a.ics")), "one");
+  EXPECT_EQ(namesIn(root_.path()), std::vector<std::string>{"a.ics"}) << "no temporary file is left";
+}
+
+TEST_F(VdirEnvTest, AFileIsReplacedOnlyWhileItIsTheOneTheEditWasBasedOn) {
+  writeFile(root_.path() / "a.ics", "old");
+  fs::permissions(at("a.ics"), fs::perms(0640));
+  const VdirFileBasis basis = basisOf(*env_, at("a.ics"));
+
+  auto replaced = env_->write(at("a.ics"), "new", basis);
+  ASSERT_TRUE(replaced) << replaced.error().message();
+  EXPECT_EQ(*replaced, VdirWriteOutcome::done);
+  EXPECT_EQ(testing::readFile(at("a.ics")), "new");
+  EXPECT_EQ(fs::status(at("a.ics")).permissions(), fs::perms(0640)) << "the file keeps its mode";
+
+  // The basis is now stale: another file stands at the path.
+  auto stale = env_->write(at("a.ics"), "newer", basis);
+  ASSERT_TRUE(stale);
+  EXPECT_EQ(*stale, VdirWriteOutcome::changedOnDisk);
+  EXPECT_EQ(testing::readFile(at("a.ics")), "new");
+
+  // Removed meanwhile: nothing is created in its place.
+  const VdirFileBasis current = basisOf(*env_, at("a.ics"));
+  fs::remove(at("a.ics"));
+  auto gone = env_->write(at("a.ics"), "again", current);
+  ASSERT_TRUE(gone);
+  EXPECT_EQ(*gone, VdirWriteOutcome::changedOnDisk);
+  EXPECT_TRUE(namesIn(root_.path()).empty());
+}
+
+TEST_F(VdirEnvTest, AChangeWithTheSameSizeAndTimeIsToldByItsBytes) {
+  writeFile(root_.path() / "a.ics", "aaaa");
+  const VdirFileBasis basis = basisOf(*env_, at("a.ics"));
+  {
+    std::fstream same(at("a.ics"), std::ios::in | std::ios::out | std::ios::binary);
+    same << "bbbb";
+  }
+  const timespec times[2] = {{0, UTIME_OMIT},
+                             {static_cast<time_t>(basis.status->modified / 1'000'000'000),
+                              static_cast<long>(basis.status->modified % 1'000'000'000)}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, at("a.ics").c_str(), times, 0), 0);
+  const VdirFileBasis after = basisOf(*env_, at("a.ics"));
+  ASSERT_EQ(after.status->inode, basis.status->inode);
+  ASSERT_EQ(after.status->modified, basis.status->modified);
+
+  auto written = env_->write(at("a.ics"), "mine", basis);
+  ASSERT_TRUE(written);
+  EXPECT_EQ(*written, VdirWriteOutcome::changedOnDisk);
+  EXPECT_EQ(testing::readFile(at("a.ics")), "bbbb");
+  auto removed = env_->remove(at("a.ics"), basis);
+  ASSERT_TRUE(removed);
+  EXPECT_EQ(*removed, VdirWriteOutcome::changedOnDisk);
+  EXPECT_EQ(testing::readFile(at("a.ics")), "bbbb");
+}
+
+TEST_F(VdirEnvTest, AFileIsRemovedOnlyWhileItIsTheOneTheEditWasBasedOn) {
+  writeFile(root_.path() / "a.ics", "one");
+  const VdirFileBasis basis = basisOf(*env_, at("a.ics"));
+  auto removed = env_->remove(at("a.ics"), basis);
+  ASSERT_TRUE(removed) << removed.error().message();
+  EXPECT_EQ(*removed, VdirWriteOutcome::done);
+  EXPECT_FALSE(fs::exists(at("a.ics")));
+  auto twice = env_->remove(at("a.ics"), basis);
+  ASSERT_TRUE(twice);
+  EXPECT_EQ(*twice, VdirWriteOutcome::changedOnDisk);
+  auto nothing = env_->remove(at("a.ics"), {});
+  ASSERT_TRUE(nothing);
+  EXPECT_EQ(*nothing, VdirWriteOutcome::changedOnDisk);
+}
+
+TEST_F(VdirEnvTest, AWriteThatCannotBeDoneFailsWithItsReason) {
+  auto nowhere = env_->write(at("missing/a.ics"), "one", {});
+  ASSERT_FALSE(nowhere);
+  EXPECT_THAT(nowhere.error().message(), ::testing::HasSubstr("No such file or directory"));
+  writeFile(root_.path() / "a.ics", "one");
+  VdirFileBasis basis = basisOf(*env_, at("a.ics"));
+  fs::permissions(root_.path(), fs::perms(0555));
+  if (::geteuid() != 0) {
+    auto refused = env_->write(at("a.ics"), "two", basis);
+    EXPECT_FALSE(refused);
+  }
+  fs::permissions(root_.path(), fs::perms(0755));
+  EXPECT_EQ(testing::readFile(at("a.ics")), "one");
+  EXPECT_EQ(namesIn(root_.path()), std::vector<std::string>{"a.ics"});
+}
+
+TEST_F(VdirEnvTest, ADirectoryWithoutWritePermissionIsReadOnlyEvenToTheSuperUser) {
+  fs::create_directory(at("cal"));
+  fs::permissions(at("cal"), fs::perms(0755));
+  EXPECT_TRUE(env_->mayWrite(at("cal")));
+  fs::permissions(at("cal"), fs::perms(0555));
+  EXPECT_FALSE(env_->mayWrite(at("cal")));
+  fs::permissions(at("cal"), fs::perms(0755));
+  EXPECT_FALSE(env_->mayWrite(at("missing")));
 }
 
 }  // namespace

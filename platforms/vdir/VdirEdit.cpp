@@ -1,0 +1,668 @@
+#include "platforms/vdir/VdirEdit.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+namespace vesp::vdir {
+
+namespace {
+
+rivet::RivetError editError(std::string problem, const char* function, std::uint64_t line) {
+  return rivet::RivetError(std::move(problem), std::nullopt, "VdirEdit", function, line);
+}
+
+bool isItem(const VdirComponent& component) {
+  return component.name() == "VEVENT" || component.name() == "VTODO" || component.name() == "VJOURNAL";
+}
+
+bool hasUid(const VdirComponent& component, const std::string& uid) {
+  const VdirContentLine* line = component.property("UID");
+  return line && unescapedText(line->value()) == uid;
+}
+
+// Days since 1970-01-01 of a proleptic Gregorian date, and back.
+std::int64_t daysFromCivil(std::int64_t year, unsigned month, unsigned day) {
+  year -= month <= 2;
+  const std::int64_t era = (year >= 0 ? year : year - 399) / 400;
+  const auto yoe = static_cast<unsigned>(year - era * 400);
+  const unsigned doy = (153 * (month + (month > 2 ? -3 : 9)) + 2) / 5 + day - 1;
+  const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+  return era * 146097 + static_cast<std::int64_t>(doe) - 719468;
+}
+
+void civilFromDays(std::int64_t days, int& year, int& month, int& day) {
+  days += 719468;
+  const std::int64_t era = (days >= 0 ? days : days - 146096) / 146097;
+  const auto doe = static_cast<unsigned>(days - era * 146097);
+  const unsigned yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+  const unsigned doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+  const unsigned mp = (5 * doy + 2) / 153;
+  day = static_cast<int>(doy - (153 * mp + 2) / 5 + 1);
+  month = static_cast<int>(mp < 10 ? mp + 3 : mp - 9);
+  year = static_cast<int>(static_cast<std::int64_t>(yoe) + era * 400 + (month <= 2));
+}
+
+// Wall-clock fields as seconds since 1970 read as UTC, and back (keeping whether it is a date).
+std::int64_t fieldSeconds(const icaltimetype& fields) {
+  std::int64_t seconds = daysFromCivil(fields.year, static_cast<unsigned>(fields.month),
+                                       static_cast<unsigned>(fields.day)) * 86400;
+  if (!fields.is_date) seconds += fields.hour * 3600 + fields.minute * 60 + fields.second;
+  return seconds;
+}
+
+icaltimetype fieldsAt(std::int64_t seconds, bool isDate) {
+  std::int64_t days = seconds >= 0 ? seconds / 86400 : -((-seconds + 86399) / 86400);
+  std::int64_t rest = seconds - days * 86400;
+  icaltimetype fields = icaltime_null_time();
+  civilFromDays(days, fields.year, fields.month, fields.day);
+  fields.is_date = isDate ? 1 : 0;
+  if (!isDate) {
+    fields.hour = static_cast<int>(rest / 3600);
+    fields.minute = static_cast<int>(rest / 60 % 60);
+    fields.second = static_cast<int>(rest % 60);
+  }
+  return fields;
+}
+
+std::string utcText(platform::Date instant) {
+  icaltimetype fields = fieldsAt(static_cast<std::int64_t>(std::floor(instant.timeIntervalSince1970())), false);
+  char text[32];
+  std::snprintf(text, sizeof text, "%04d%02d%02dT%02d%02d%02dZ", fields.year, fields.month, fields.day, fields.hour,
+                fields.minute, fields.second);
+  return text;
+}
+
+bool sameForm(const VdirTime& a, const VdirTime& b) { return a.kind == b.kind && a.tzid == b.tzid; }
+
+rivet::RivetResult<platform::Date> instantOf(const VdirTime& time, const VdirEditContext& context) {
+  if (time.kind == VdirTime::Kind::zoned && !time.zone)
+    return editError("unknown time zone \"" + time.tzid + "\"", "instantOf", __LINE__);
+  return context.clock->instant(time);
+}
+
+// The start a component states, or an error naming what is wrong with it.
+rivet::RivetResult<VdirTime> startOf(const VdirComponent& component, const VdirEditContext& context) {
+  const VdirContentLine* line = component.property("DTSTART");
+  if (!line) return editError("the item has no start (DTSTART)", "startOf", __LINE__);
+  auto time = timeOfValue(*line, line->value(), context);
+  if (!time) return editError("the item's start cannot be read: " + line->value(), "startOf", __LINE__);
+  return *time;
+}
+
+// `time` moved as its series' start moves from `from` to `to`: by the same wall-clock distance
+// when all three share one form, else by the same span of real time, in the form of `to`.
+rivet::RivetResult<VdirTime> moved(const VdirTime& time, const VdirTime& from, const VdirTime& to,
+                                   const VdirEditContext& context) {
+  if (sameForm(time, from) && sameForm(from, to)) {
+    VdirTime result = time;
+    result.local = fieldsAt(fieldSeconds(time.local) + fieldSeconds(to.local) - fieldSeconds(from.local),
+                            time.isDate());
+    return result;
+  }
+  auto at = instantOf(time, context), before = instantOf(from, context), after = instantOf(to, context);
+  if (!at) return at.error();
+  if (!before) return before.error();
+  if (!after) return after.error();
+  return timeLike(platform::Date(at->timeIntervalSinceReferenceDate() + after->timeIntervalSince(*before)), to,
+                  context);
+}
+
+// A line of several time values rewritten: each kept value moved (or dropped when `keep` says so),
+// all in the form of `form`. Nothing when no value is left.
+template <class Transform>
+rivet::RivetResult<std::optional<VdirContentLine>> rewrittenTimes(const VdirContentLine& line, const VdirTime& form,
+                                                                  const VdirEditContext& context,
+                                                                  Transform transform) {
+  std::string values;
+  for (const std::string& value : valuesOf(line)) {
+    auto time = timeOfValue(line, value, context);
+    if (!time) return editError("a date of " + line.name() + " cannot be read: " + value, "rewrittenTimes", __LINE__);
+    rivet::RivetResult<std::optional<VdirTime>> result = transform(*time);
+    if (!result) return result.error();
+    if (!*result) continue;
+    VdirTime kept = **result;
+    if (!sameForm(kept, form)) {
+      auto instant = instantOf(kept, context);
+      if (!instant) return instant.error();
+      kept = timeLike(*instant, form, context);
+    }
+    if (!values.empty()) values.append(1, ',');
+    values.append(timeValue(kept));
+  }
+  if (values.empty()) return std::optional<VdirContentLine>();
+  VdirContentLine rewritten = timeLine(line.name(), form);
+  rewritten.setValue(values);
+  return std::optional<VdirContentLine>(std::move(rewritten));
+}
+
+// Replaces every line of `name` with what `transform` makes of its values; whether anything changed.
+template <class Transform>
+rivet::RivetResult<bool> rewriteTimeLines(VdirComponent& component, const std::string& name, const VdirTime& form,
+                                          const VdirEditContext& context, Transform transform) {
+  std::vector<VdirContentLine> before, after;
+  for (const VdirContentLine* line : component.properties(name)) {
+    if (const std::string* value = line->parameter("VALUE"); value && sameName(*value, "PERIOD")) return false;
+    before.push_back(*line);
+    auto rewritten = rewrittenTimes(*line, form, context, transform);
+    if (!rewritten) return rewritten.error();
+    if (*rewritten) after.push_back(std::move(**rewritten));
+  }
+  if (before == after) return false;
+  component.remove(name);
+  for (const VdirContentLine& line : after) component.add(line);
+  return true;
+}
+
+bool setText(VdirComponent& component, const std::string& name, const std::optional<std::string>& text,
+             bool escaped = true) {
+  if (!text) return component.remove(name) > 0;
+  return component.set(VdirContentLine(name, {}, escaped ? escapedText(*text) : *text));
+}
+
+// The fields of `changes` that need no knowledge of a series: texts, priority, due, end.
+rivet::RivetResult<bool> applyFields(VdirComponent& component, const VdirItemChanges& changes) {
+  bool changed = false;
+  if (changes.title) changed |= setText(component, "SUMMARY", *changes.title);
+  if (changes.location) changed |= setText(component, "LOCATION", *changes.location);
+  if (changes.notes) changed |= setText(component, "DESCRIPTION", *changes.notes);
+  if (changes.url) changed |= setText(component, "URL", *changes.url, false);
+  if (changes.priority) {
+    if (*changes.priority < 0 || *changes.priority > 9)
+      return editError("a priority is 0 (none) to 9, not " + std::to_string(*changes.priority), "applyFields",
+                       __LINE__);
+    changed |= *changes.priority == 0 ? component.remove("PRIORITY") > 0
+                                      : component.set(VdirContentLine("PRIORITY", {}, std::to_string(*changes.priority)));
+  }
+  if (changes.due) {
+    changed |= component.set(timeLine("DUE", *changes.due));
+    changed |= component.remove("DURATION") > 0;
+  }
+  if (changes.end) {
+    changed |= component.set(timeLine("DTEND", *changes.end));
+    changed |= component.remove("DURATION") > 0;
+  }
+  return changed;
+}
+
+// Moves DTSTART to `start`, and DTEND with it unless `changes` set the end. Whether anything changed.
+rivet::RivetResult<bool> moveStart(VdirComponent& component, const VdirTime& from, const VdirTime& start,
+                                   const VdirItemChanges& changes, const VdirEditContext& context) {
+  bool changed = component.set(timeLine("DTSTART", start));
+  const VdirContentLine* end = component.property("DTEND");
+  if (changed && end && !changes.end) {
+    auto endTime = timeOfValue(*end, end->value(), context);
+    if (!endTime) return editError("the item's end cannot be read: " + end->value(), "moveStart", __LINE__);
+    auto movedEnd = moved(*endTime, from, start, context);
+    if (!movedEnd) return movedEnd.error();
+    component.set(timeLine("DTEND", *movedEnd));
+  }
+  return changed;
+}
+
+// An end that is not after its start is refused.
+rivet::RivetResult<void> checkSpan(const VdirComponent& component, const VdirEditContext& context) {
+  const VdirContentLine* start = component.property("DTSTART");
+  const VdirContentLine* end = component.property("DTEND");
+  if (!start || !end) return rivet::RivetResultVoidSuccess;
+  auto startTime = timeOfValue(*start, start->value(), context);
+  auto endTime = timeOfValue(*end, end->value(), context);
+  if (!startTime || !endTime) return editError("the item's times cannot be read", "checkSpan", __LINE__);
+  auto from = instantOf(*startTime, context), to = instantOf(*endTime, context);
+  if (!from) return from.error();
+  if (!to) return to.error();
+  if (to->timeIntervalSince(*from) < 0 || (startTime->isDate() && to->timeIntervalSince(*from) <= 0))
+    return editError("the end lies before the start", "checkSpan", __LINE__);
+  return rivet::RivetResultVoidSuccess;
+}
+
+int sequenceOf(const VdirComponent& component) {
+  const VdirContentLine* line = component.property("SEQUENCE");
+  if (!line) return 0;
+  try {
+    return std::max(0, std::stoi(line->value()));
+  } catch (...) {
+    return 0;
+  }
+}
+
+std::vector<VdirComponent*> overridesOf(VdirDocument& document, const std::string& uid) {
+  std::vector<VdirComponent*> overrides;
+  VdirComponent* calendar = document.calendar();
+  if (!calendar) return overrides;
+  for (VdirComponent& component : calendar->components()) {
+    if (isItem(component) && hasUid(component, uid) && component.property("RECURRENCE-ID"))
+      overrides.push_back(&component);
+  }
+  return overrides;
+}
+
+// Raises the SEQUENCE of the overrides of `uid` to their master's, never below it.
+void alignSequences(VdirDocument& document, const std::string& uid, const VdirComponent& master) {
+  const int sequence = sequenceOf(master);
+  for (VdirComponent* override : overridesOf(document, uid)) {
+    if (sequenceOf(*override) < sequence)
+      override->set(VdirContentLine("SEQUENCE", {}, std::to_string(sequence)));
+  }
+}
+
+// The instant of an override's RECURRENCE-ID.
+std::optional<platform::Date> recurrenceInstant(const VdirComponent& component, const VdirEditContext& context) {
+  const VdirContentLine* line = component.property("RECURRENCE-ID");
+  if (!line) return std::nullopt;
+  auto time = timeOfValue(*line, line->value(), context);
+  if (!time) return std::nullopt;
+  auto instant = instantOf(*time, context);
+  if (!instant) return std::nullopt;
+  return *instant;
+}
+
+bool sameInstant(platform::Date a, platform::Date b) { return std::fabs(a.timeIntervalSince(b)) < 0.5; }
+
+rivet::RivetResult<VdirComponent*> requireMaster(VdirDocument& document, const std::string& uid) {
+  VdirComponent* master = masterOf(document, uid);
+  if (!master) return editError("the file holds no item with UID \"" + uid + "\"", "requireMaster", __LINE__);
+  return master;
+}
+
+// Moves the exclusions, extra dates and overrides of a series whose start moves from `from` to `to`.
+rivet::RivetResult<void> moveOccurrences(VdirDocument& document, const std::string& uid, VdirComponent& master,
+                                         const VdirTime& from, const VdirTime& to, const VdirEditContext& context) {
+  for (const char* name : {"EXDATE", "RDATE"}) {
+    auto rewritten = rewriteTimeLines(master, name, to, context, [&](const VdirTime& time) {
+      auto result = moved(time, from, to, context);
+      if (!result) return rivet::RivetResult<std::optional<VdirTime>>(result.error());
+      return rivet::RivetResult<std::optional<VdirTime>>(std::optional<VdirTime>(*result));
+    });
+    if (!rewritten) return rewritten.error();
+  }
+  for (VdirComponent* override : overridesOf(document, uid)) {
+    const VdirContentLine* line = override->property("RECURRENCE-ID");
+    auto recurrence = timeOfValue(*line, line->value(), context);
+    if (!recurrence) return editError("a RECURRENCE-ID cannot be read: " + line->value(), "moveOccurrences", __LINE__);
+    auto movedRecurrence = moved(*recurrence, from, to, context);
+    if (!movedRecurrence) return movedRecurrence.error();
+    // An override still at its own occurrence's time moves with it.
+    const VdirContentLine* start = override->property("DTSTART");
+    auto startTime = start ? timeOfValue(*start, start->value(), context) : std::nullopt;
+    if (startTime && sameForm(*startTime, *recurrence) &&
+        fieldSeconds(startTime->local) == fieldSeconds(recurrence->local)) {
+      auto shifted = moveStart(*override, *recurrence, *movedRecurrence, {}, context);
+      if (!shifted) return shifted.error();
+    }
+    override->set(timeLine("RECURRENCE-ID", *movedRecurrence));
+  }
+  return rivet::RivetResultVoidSuccess;
+}
+
+// The RRULE value with its COUNT and UNTIL replaced by UNTIL=`until`.
+std::string ruleEndingAt(const std::string& rule, const std::string& until) {
+  std::string result;
+  std::size_t at = 0;
+  while (at <= rule.size()) {
+    std::size_t end = rule.find(';', at);
+    if (end == std::string::npos) end = rule.size();
+    std::string part = rule.substr(at, end - at);
+    std::string key = part.substr(0, part.find('='));
+    if (!part.empty() && !sameName(key, "COUNT") && !sameName(key, "UNTIL")) {
+      if (!result.empty()) result.append(1, ';');
+      result.append(part);
+    }
+    at = end + 1;
+  }
+  return result + ";UNTIL=" + until;
+}
+
+// Runs `edit` on a draft of `document` and keeps the draft only when the edit changed something
+// and succeeded: a failed edit leaves the document as it was.
+template <class Edit>
+rivet::RivetResult<bool> onDraft(VdirDocument& document, Edit edit) {
+  VdirDocument draft = document;
+  rivet::RivetResult<bool> result = edit(draft);
+  if (result && *result) document = std::move(draft);
+  return result;
+}
+
+}  // namespace
+
+std::vector<std::string> valuesOf(const VdirContentLine& line) {
+  std::vector<std::string> values;
+  const std::string& value = line.value();
+  std::size_t at = 0;
+  for (;;) {
+    std::size_t comma = value.find(',', at);
+    values.push_back(value.substr(at, comma == std::string::npos ? std::string::npos : comma - at));
+    if (comma == std::string::npos) break;
+    at = comma + 1;
+  }
+  return values;
+}
+
+std::optional<VdirTime> timeOfValue(const VdirContentLine& line, std::string_view value,
+                                    const VdirEditContext& context) {
+  const bool isDate = value.size() == 8;
+  const bool isUtc = value.size() == 16 && (value.back() == 'Z' || value.back() == 'z');
+  if (!isDate && !isUtc && value.size() != 15) return std::nullopt;
+  for (std::size_t at = 0; at < value.size(); ++at) {
+    char c = value[at];
+    bool expected = at == 8 ? (c == 'T' || c == 't') : at == 15 ? true : (c >= '0' && c <= '9');
+    if (!expected) return std::nullopt;
+  }
+  const std::string text(value.substr(0, isUtc ? 15 : value.size()));
+  VdirTime time;
+  time.local = icaltime_null_time();
+  time.local.year = std::stoi(text.substr(0, 4));
+  time.local.month = std::stoi(text.substr(4, 2));
+  time.local.day = std::stoi(text.substr(6, 2));
+  if (time.local.month < 1 || time.local.month > 12 || time.local.day < 1 || time.local.day > 31) return std::nullopt;
+  if (isDate) {
+    time.local.is_date = 1;
+    time.kind = VdirTime::Kind::date;
+    return time;
+  }
+  time.local.hour = std::stoi(text.substr(9, 2));
+  time.local.minute = std::stoi(text.substr(11, 2));
+  time.local.second = std::stoi(text.substr(13, 2));
+  if (time.local.hour > 23 || time.local.minute > 59 || time.local.second > 60) return std::nullopt;
+  if (isUtc) {
+    time.kind = VdirTime::Kind::utc;
+  } else if (const std::string* tzid = line.parameter("TZID")) {
+    time.kind = VdirTime::Kind::zoned;
+    time.tzid = *tzid;
+    time.zone = context.zoneFor ? context.zoneFor(*tzid) : nullptr;
+  } else {
+    time.kind = VdirTime::Kind::floating;
+  }
+  return time;
+}
+
+std::string timeValue(const VdirTime& time) {
+  char text[32];
+  const icaltimetype& t = time.local;
+  if (time.isDate()) {
+    std::snprintf(text, sizeof text, "%04d%02d%02d", t.year, t.month, t.day);
+  } else {
+    std::snprintf(text, sizeof text, "%04d%02d%02dT%02d%02d%02d%s", t.year, t.month, t.day, t.hour, t.minute,
+                  t.second, time.kind == VdirTime::Kind::utc ? "Z" : "");
+  }
+  return text;
+}
+
+VdirContentLine timeLine(const std::string& name, const VdirTime& time) {
+  std::vector<VdirParameter> parameters;
+  if (time.isDate()) parameters.push_back({"VALUE", {"DATE"}});
+  if (time.kind == VdirTime::Kind::zoned) parameters.push_back({"TZID", {time.tzid}});
+  return VdirContentLine(name, std::move(parameters), timeValue(time));
+}
+
+VdirTime timeLike(platform::Date instant, const VdirTime& like, const VdirEditContext& context) {
+  VdirTime time = like;
+  time.local = context.clock->wallClockLike(instant, like);
+  time.local.is_date = like.isDate() ? 1 : 0;
+  return time;
+}
+
+VdirComponent* masterOf(VdirDocument& document, const std::string& uid) {
+  VdirComponent* calendar = document.calendar();
+  if (!calendar) return nullptr;
+  for (VdirComponent& component : calendar->components()) {
+    if (isItem(component) && hasUid(component, uid) && !component.property("RECURRENCE-ID")) return &component;
+  }
+  return nullptr;
+}
+
+VdirComponent* overrideOf(VdirDocument& document, const std::string& uid, platform::Date occurrence,
+                          const VdirEditContext& context) {
+  for (VdirComponent* override : overridesOf(document, uid)) {
+    auto instant = recurrenceInstant(*override, context);
+    if (instant && sameInstant(*instant, occurrence)) return override;
+  }
+  return nullptr;
+}
+
+void stamp(VdirComponent& component, bool movesTime, const VdirEditContext& context) {
+  const std::string now = utcText(context.now);
+  component.set(VdirContentLine("DTSTAMP", {}, now));
+  component.set(VdirContentLine("LAST-MODIFIED", {}, now));
+  if (movesTime) component.set(VdirContentLine("SEQUENCE", {}, std::to_string(sequenceOf(component) + 1)));
+}
+
+namespace {
+
+rivet::RivetResult<bool> changeSeriesOn(VdirDocument& document, const std::string& uid, const VdirItemChanges& changes,
+                                      const VdirEditContext& context) {
+  auto master = requireMaster(document, uid);
+  if (!master) return master.error();
+  VdirComponent& item = **master;
+  auto fields = applyFields(item, changes);
+  if (!fields) return fields.error();
+  bool changed = *fields, movedTime = false;
+  if (changes.start) {
+    const VdirContentLine* line = item.property("DTSTART");
+    auto from = line ? timeOfValue(*line, line->value(), context) : std::nullopt;
+    if (line && !from) return editError("the item's start cannot be read: " + line->value(), "changeSeries", __LINE__);
+    auto moveResult = from ? moveStart(item, *from, *changes.start, changes, context)
+                           : rivet::RivetResult<bool>(item.set(timeLine("DTSTART", *changes.start)));
+    if (!moveResult) return moveResult.error();
+    if (*moveResult && from) {
+      auto occurrences = moveOccurrences(document, uid, item, *from, *changes.start, context);
+      if (!occurrences) return occurrences.error();
+    }
+    changed |= *moveResult;
+    movedTime = *moveResult;
+  }
+  movedTime |= changed && (changes.end || changes.due);
+  if (!changed) return false;
+  if (auto span = checkSpan(item, context); !span) return span.error();
+  stamp(item, movedTime, context);
+  alignSequences(document, uid, item);
+  return true;
+}
+
+}  // namespace
+
+namespace {
+
+rivet::RivetResult<bool> changeOccurrenceOn(VdirDocument& document, const std::string& uid, platform::Date occurrence,
+                                          const VdirItemChanges& changes, const VdirEditContext& context) {
+  auto master = requireMaster(document, uid);
+  if (!master) return master.error();
+  auto seriesStart = startOf(**master, context);
+  if (!seriesStart) return seriesStart.error();
+  VdirComponent* existing = overrideOf(document, uid, occurrence, context);
+  VdirComponent item = existing ? *existing : **master;
+  if (!existing) {
+    for (const char* name : {"RRULE", "RDATE", "EXDATE", "EXRULE"}) item.remove(name);
+    const VdirTime at = timeLike(occurrence, *seriesStart, context);
+    auto moved = moveStart(item, *seriesStart, at, {}, context);
+    if (!moved) return moved.error();
+    item.set(timeLine("RECURRENCE-ID", at));
+  }
+  auto fields = applyFields(item, changes);
+  if (!fields) return fields.error();
+  bool changed = *fields;
+  if (changes.start) {
+    auto from = startOf(item, context);
+    if (!from) return from.error();
+    auto moved = moveStart(item, *from, *changes.start, changes, context);
+    if (!moved) return moved.error();
+    changed |= *moved;
+  }
+  if (!changed) return false;
+  if (auto span = checkSpan(item, context); !span) return span.error();
+  stamp(item, changes.movesTime(), context);
+  if (sequenceOf(item) < sequenceOf(**master))
+    item.set(VdirContentLine("SEQUENCE", {}, std::to_string(sequenceOf(**master))));
+  if (existing) {
+    *existing = std::move(item);
+  } else {
+    document.calendar()->addComponent(std::move(item));
+  }
+  return true;
+}
+
+}  // namespace
+
+namespace {
+
+rivet::RivetResult<bool> removeOccurrenceOn(VdirDocument& document, const std::string& uid, platform::Date occurrence,
+                                          const VdirEditContext& context) {
+  auto master = requireMaster(document, uid);
+  if (!master) return master.error();
+  VdirComponent& item = **master;
+  auto seriesStart = startOf(item, context);
+  if (!seriesStart) return seriesStart.error();
+  bool excluded = false;
+  for (const VdirContentLine* line : item.properties("EXDATE")) {
+    for (const std::string& value : valuesOf(*line)) {
+      auto time = timeOfValue(*line, value, context);
+      auto instant = time ? instantOf(*time, context) : rivet::RivetResult<platform::Date>(platform::Date());
+      if (time && instant && sameInstant(*instant, occurrence)) excluded = true;
+    }
+  }
+  std::size_t overrides = document.calendar()->removeComponents([&](const VdirComponent& component) {
+    if (!isItem(component) || !hasUid(component, uid)) return false;
+    auto instant = recurrenceInstant(component, context);
+    return instant && sameInstant(*instant, occurrence);
+  });
+  if (excluded && overrides == 0) return false;
+  if (!excluded) item.add(timeLine("EXDATE", timeLike(occurrence, *seriesStart, context)));
+  stamp(item, true, context);
+  alignSequences(document, uid, item);
+  return true;
+}
+
+}  // namespace
+
+namespace {
+
+rivet::RivetResult<bool> endSeriesBeforeOn(VdirDocument& document, const std::string& uid, platform::Date occurrence,
+                                         const VdirEditContext& context) {
+  auto master = requireMaster(document, uid);
+  if (!master) return master.error();
+  VdirComponent& item = **master;
+  auto seriesStart = startOf(item, context);
+  if (!seriesStart) return seriesStart.error();
+  auto first = instantOf(*seriesStart, context);
+  if (!first) return first.error();
+  if (occurrence.timeIntervalSince(*first) <= 0)
+    return editError("the series starts with this occurrence: remove the whole series instead", "endSeriesBefore",
+                     __LINE__);
+  // RFC 5545: UNTIL is a DATE for an all-day series, floating for a floating one, else in UTC.
+  std::string until;
+  if (seriesStart->isDate()) {
+    VdirTime day = timeLike(occurrence, *seriesStart, context);
+    day.local = fieldsAt(fieldSeconds(day.local) - 86400, true);
+    until = timeValue(day);
+  } else {
+    VdirTime last = seriesStart->kind == VdirTime::Kind::floating ? *seriesStart : VdirTime{};
+    if (seriesStart->kind != VdirTime::Kind::floating) last.kind = VdirTime::Kind::utc;
+    until = timeValue(timeLike(platform::Date(occurrence.timeIntervalSinceReferenceDate() - 1), last, context));
+  }
+  std::vector<VdirContentLine> rules;
+  for (const VdirContentLine* line : item.properties("RRULE")) {
+    VdirContentLine rule = *line;
+    rule.setValue(ruleEndingAt(line->value(), until));
+    rules.push_back(std::move(rule));
+  }
+  bool changed = false;
+  if (!rules.empty()) {
+    item.remove("RRULE");
+    for (const VdirContentLine& rule : rules) item.add(rule);
+    changed = true;
+  }
+  for (const char* name : {"EXDATE", "RDATE"}) {
+    auto rewritten = rewriteTimeLines(item, name, *seriesStart, context, [&](const VdirTime& time) {
+      auto instant = instantOf(time, context);
+      if (!instant) return rivet::RivetResult<std::optional<VdirTime>>(instant.error());
+      if (instant->timeIntervalSince(occurrence) >= 0)
+        return rivet::RivetResult<std::optional<VdirTime>>(std::optional<VdirTime>());
+      return rivet::RivetResult<std::optional<VdirTime>>(std::optional<VdirTime>(time));
+    });
+    if (!rewritten) return rewritten.error();
+    changed |= *rewritten;
+  }
+  changed |= document.calendar()->removeComponents([&](const VdirComponent& component) {
+    if (!isItem(component) || !hasUid(component, uid)) return false;
+    auto instant = recurrenceInstant(component, context);
+    return instant && instant->timeIntervalSince(occurrence) >= 0;
+  }) > 0;
+  if (!changed) return false;
+  stamp(item, true, context);
+  alignSequences(document, uid, item);
+  return true;
+}
+
+}  // namespace
+
+std::size_t removeItem(VdirDocument& document, const std::string& uid) {
+  std::size_t removed = 0;
+  for (VdirComponent& calendar : document.components()) {
+    if (calendar.name() != "VCALENDAR") continue;
+    removed += calendar.removeComponents(
+        [&](const VdirComponent& component) { return isItem(component) && hasUid(component, uid); });
+  }
+  return removed;
+}
+
+bool holdsItems(const VdirDocument& document) {
+  for (const VdirComponent& calendar : document.components()) {
+    if (calendar.name() != "VCALENDAR") continue;
+    if (std::any_of(calendar.components().begin(), calendar.components().end(), isItem)) return true;
+  }
+  return false;
+}
+
+namespace {
+
+rivet::RivetResult<bool> setCompletedOn(VdirDocument& document, const std::string& uid, bool completed,
+                                      const VdirEditContext& context) {
+  auto master = requireMaster(document, uid);
+  if (!master) return master.error();
+  VdirComponent& item = **master;
+  if (item.name() != "VTODO") return editError("only a to-do can be completed", "setCompleted", __LINE__);
+  const VdirContentLine* status = item.property("STATUS");
+  const bool isCompleted = status && sameName(status->value(), "COMPLETED");
+  if (isCompleted == completed && (!completed || item.property("COMPLETED"))) return false;
+  if (completed) {
+    item.set(VdirContentLine("STATUS", {}, "COMPLETED"));
+    item.set(VdirContentLine("COMPLETED", {}, utcText(context.now)));
+    item.set(VdirContentLine("PERCENT-COMPLETE", {}, "100"));
+  } else {
+    item.set(VdirContentLine("STATUS", {}, "NEEDS-ACTION"));
+    item.remove("COMPLETED");
+    item.remove("PERCENT-COMPLETE");
+  }
+  stamp(item, false, context);
+  return true;
+}
+
+}  // namespace
+
+rivet::RivetResult<bool> changeSeries(VdirDocument& document, const std::string& uid, const VdirItemChanges& changes,
+                                      const VdirEditContext& context) {
+  return onDraft(document, [&](VdirDocument& draft) { return changeSeriesOn(draft, uid, changes, context); });
+}
+
+rivet::RivetResult<bool> changeOccurrence(VdirDocument& document, const std::string& uid, platform::Date occurrence,
+                                          const VdirItemChanges& changes, const VdirEditContext& context) {
+  return onDraft(document,
+                 [&](VdirDocument& draft) { return changeOccurrenceOn(draft, uid, occurrence, changes, context); });
+}
+
+rivet::RivetResult<bool> removeOccurrence(VdirDocument& document, const std::string& uid, platform::Date occurrence,
+                                          const VdirEditContext& context) {
+  return onDraft(document, [&](VdirDocument& draft) { return removeOccurrenceOn(draft, uid, occurrence, context); });
+}
+
+rivet::RivetResult<bool> endSeriesBefore(VdirDocument& document, const std::string& uid, platform::Date occurrence,
+                                         const VdirEditContext& context) {
+  return onDraft(document, [&](VdirDocument& draft) { return endSeriesBeforeOn(draft, uid, occurrence, context); });
+}
+
+rivet::RivetResult<bool> setCompleted(VdirDocument& document, const std::string& uid, bool completed,
+                                      const VdirEditContext& context) {
+  return onDraft(document, [&](VdirDocument& draft) { return setCompletedOn(draft, uid, completed, context); });
+}
+
+}  // namespace vesp::vdir

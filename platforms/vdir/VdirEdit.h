@@ -1,0 +1,90 @@
+// Edits of events and to-dos in an iCalendar file, done on its VdirDocument so that every line the
+// edit does not touch stays as it was. Times are written in the forms RFC 5545 asks for: a
+// RECURRENCE-ID or EXDATE in the form of its series' DTSTART (a DATE for an all-day series, the
+// same TZID for a zoned one), an UNTIL in UTC (a DATE for an all-day series), stamps in UTC.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platforms/vdir/VdirDocument.h"
+#include "platforms/vdir/VdirTime.h"
+#include "support/platform/Date.h"
+#include "support/rivet/RivetResult.h"
+
+namespace vesp::vdir {
+
+// What an edit needs besides the document: the clock for floating times and dates, the zone of a
+// TZID (null when unknown), and the time of the edit for the stamps.
+struct VdirEditContext {
+  const VdirClock* clock = nullptr;
+  std::function<const icaltimezone*(const std::string& tzid)> zoneFor;
+  platform::Date now;
+};
+
+// What an edit sets; an absent field is left as it is. For the optional texts, a present empty
+// optional removes the property.
+struct VdirItemChanges {
+  std::optional<std::string> title = std::nullopt;
+  std::optional<std::optional<std::string>> location = std::nullopt, notes = std::nullopt, url = std::nullopt;
+  // Events: the end is exclusive; each in the form it is to be written.
+  std::optional<VdirTime> start = std::nullopt, end = std::nullopt;
+  std::optional<VdirTime> due = std::nullopt;  // to-dos, in the form the user gave
+  std::optional<int> priority = std::nullopt;  // to-dos: 0 (none) to 9
+  bool movesTime() const { return start || end || due; }
+};
+
+// The time a DTSTART, DTEND, DUE, RECURRENCE-ID, EXDATE or RDATE value states (`value` is one value
+// of the line, which may hold several), its zone looked up; absent when it is not a time.
+std::optional<VdirTime> timeOfValue(const VdirContentLine& line, std::string_view value,
+                                    const VdirEditContext& context);
+// The values of `line`, split at commas.
+std::vector<std::string> valuesOf(const VdirContentLine& line);
+// `time` as a value ("20261201", "20261201T090000", "20261201T090000Z").
+std::string timeValue(const VdirTime& time);
+// A line stating `time`: VALUE=DATE for a date, TZID for a zoned time.
+VdirContentLine timeLine(const std::string& name, const VdirTime& time);
+// The wall-clock time of `instant` in the form of `like` (its kind and zone).
+VdirTime timeLike(platform::Date instant, const VdirTime& like, const VdirEditContext& context);
+
+// The events and to-dos of a document, found by UID (case-sensitive, as RFC 5545 has it).
+VdirComponent* masterOf(VdirDocument& document, const std::string& uid);  // no RECURRENCE-ID
+VdirComponent* overrideOf(VdirDocument& document, const std::string& uid, platform::Date occurrence,
+                          const VdirEditContext& context);
+
+// Applies `changes` to the master of `uid`, and stamps it. When its start moves, its exclusions,
+// extra dates and overrides move with it, so that each stays attached to its occurrence. False
+// (and nothing changed) when the changes change nothing.
+rivet::RivetResult<bool> changeSeries(VdirDocument& document, const std::string& uid, const VdirItemChanges& changes,
+                                      const VdirEditContext& context);
+
+// Applies `changes` to the occurrence of `uid` that starts (as the series states it) at
+// `occurrence`: its override is changed, or made from the master when it has none.
+rivet::RivetResult<bool> changeOccurrence(VdirDocument& document, const std::string& uid, platform::Date occurrence,
+                                          const VdirItemChanges& changes, const VdirEditContext& context);
+
+// Removes one occurrence: an EXDATE in DTSTART's form, and its override gone.
+rivet::RivetResult<bool> removeOccurrence(VdirDocument& document, const std::string& uid, platform::Date occurrence,
+                                          const VdirEditContext& context);
+
+// Ends the series of `uid` before `occurrence`: every rule ends with an UNTIL just before it (its
+// COUNT dropped), and the exclusions, extra dates and overrides from it on are removed.
+rivet::RivetResult<bool> endSeriesBefore(VdirDocument& document, const std::string& uid, platform::Date occurrence,
+                                         const VdirEditContext& context);
+
+// Removes every component of `uid` (master and overrides); how many went.
+std::size_t removeItem(VdirDocument& document, const std::string& uid);
+// Whether the document still holds an event, a to-do or a journal entry.
+bool holdsItems(const VdirDocument& document);
+
+// Completes the to-do `uid` at `context.now` (STATUS:COMPLETED, COMPLETED, PERCENT-COMPLETE:100),
+// or reopens it (STATUS:NEEDS-ACTION, the other two removed).
+rivet::RivetResult<bool> setCompleted(VdirDocument& document, const std::string& uid, bool completed,
+                                      const VdirEditContext& context);
+
+// Sets DTSTAMP and LAST-MODIFIED to `context.now`, raises SEQUENCE when the change moved time.
+void stamp(VdirComponent& component, bool movesTime, const VdirEditContext& context);
+
+}  // namespace vesp::vdir

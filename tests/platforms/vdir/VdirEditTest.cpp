@@ -1,0 +1,359 @@
+// Edits of series and to-dos: the lines each operation writes, the forms of its times, what it
+// leaves alone, and the occurrences an independent libical expansion finds in the result.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platforms/vdir/VdirEdit.h"
+#include "platforms/vdir/VdirZones.h"
+#include "tests/platforms/vdir/VdirTestSupport.h"
+#include "tests/tools/vesp/IndependentExpansion.h"
+
+namespace vesp::vdir {
+namespace {
+
+using ::testing::HasSubstr;
+
+const std::string kBerlin =
+    "BEGIN:VTIMEZONE\r\nTZID:Europe/Berlin\r\nBEGIN:DAYLIGHT\r\nTZOFFSETFROM:+0100\r\nTZOFFSETTO:+0200\r\n"
+    "TZNAME:CEST\r\nDTSTART:19700329T020000\r\nRRULE:FREQ=YEARLY;BYMONTH=3;BYDAY=-1SU\r\nEND:DAYLIGHT\r\n"
+    "BEGIN:STANDARD\r\nTZOFFSETFROM:+0200\r\nTZOFFSETTO:+0100\r\nTZNAME:CET\r\nDTSTART:19701025T030000\r\n"
+    "RRULE:FREQ=YEARLY;BYMONTH=10;BYDAY=-1SU\r\nEND:STANDARD\r\nEND:VTIMEZONE\r\n";
+
+// Weekly from Monday 19 October 2026, 09:00 in Berlin (summer time), ten times: the 16th of
+// November excluded, the 23rd retitled, the 30th moved to 14:00.
+const std::string kSeries =
+    "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Other//Writer//EN\r\n" + kBerlin +
+    "BEGIN:VEVENT\r\nUID:weekly@example.org\r\nDTSTAMP:20261001T000000Z\r\n"
+    "DTSTART;TZID=Europe/Berlin:20261019T090000\r\nDTEND;TZID=Europe/Berlin:20261019T100000\r\n"
+    "RRULE:FREQ=WEEKLY;COUNT=10\r\nEXDATE;TZID=Europe/Berlin:20261116T090000\r\nSUMMARY:Team\r\n"
+    "X-OTHER-APP;X-P=1:kept\\, as written\r\nSEQUENCE:2\r\n"
+    "BEGIN:VALARM\r\nACTION:DISPLAY\r\nDESCRIPTION:Team\r\nTRIGGER:-PT10M\r\nEND:VALARM\r\nEND:VEVENT\r\n"
+    "BEGIN:VEVENT\r\nUID:weekly@example.org\r\nRECURRENCE-ID;TZID=Europe/Berlin:20261123T090000\r\n"
+    "DTSTART;TZID=Europe/Berlin:20261123T090000\r\nDTEND;TZID=Europe/Berlin:20261123T100000\r\n"
+    "SUMMARY:Team (retro)\r\nSEQUENCE:2\r\nEND:VEVENT\r\n"
+    "BEGIN:VEVENT\r\nUID:weekly@example.org\r\nRECURRENCE-ID;TZID=Europe/Berlin:20261130T090000\r\n"
+    "DTSTART;TZID=Europe/Berlin:20261130T140000\r\nDTEND;TZID=Europe/Berlin:20261130T150000\r\n"
+    "SUMMARY:Team\r\nSEQUENCE:2\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n";
+
+const std::string kUid = "weekly@example.org";
+
+// Seconds since 1970 of a Berlin wall-clock time in late 2026 (summer time until 25 October).
+long long berlin(int month, int day, int hour, int minute = 0) {
+  const bool summer = month < 10 || (month == 10 && day < 25);
+  return static_cast<long long>(civilSecondsSince1970(2026, month, day, hour, minute, 0)) - (summer ? 7200 : 3600);
+}
+
+VdirTime dateOf(int year, int month, int day) {
+  VdirTime time;
+  time.kind = VdirTime::Kind::date;
+  time.local = icaltime_null_time();
+  time.local.year = year;
+  time.local.month = month;
+  time.local.day = day;
+  time.local.is_date = 1;
+  return time;
+}
+
+platform::Date at(long long seconds) { return platform::Date::fromTimeIntervalSince1970(static_cast<double>(seconds)); }
+
+class VdirEditTest : public ::testing::Test {
+ protected:
+  VdirEditTest() {
+    context_.clock = &clock_;
+    context_.zoneFor = [](const std::string& tzid) -> const icaltimezone* {
+      return builtinZone(ianaNameOfTzid(tzid));
+    };
+    context_.now = at(static_cast<long long>(civilSecondsSince1970(2026, 11, 25, 12, 0, 0)));
+  }
+
+  VdirDocument parse(const std::string& text) {
+    auto document = VdirDocument::parse(text);
+    EXPECT_TRUE(document) << document.error().description();
+    return document ? std::move(document).value() : VdirDocument();
+  }
+
+  // The starts of every occurrence an independent libical expansion finds in `text`.
+  std::set<long long> occurrencesOf(const std::string& text) {
+    testing::TemporaryDirectory root;
+    testing::writeFile(root.path() / "cal" / "item.ics", text);
+    tool::testing::IndependentExpansion expansion(root.path().string());
+    std::set<long long> starts;
+    for (const auto& [identifier, start] : expansion.occurrences(0, 4102444800LL)) starts.insert(start);
+    return starts;
+  }
+
+  // The content lines of `document`'s components of `uid` named `name`, one vector per component.
+  static std::vector<std::vector<std::string>> linesOf(const VdirDocument& document, const std::string& name) {
+    std::vector<std::vector<std::string>> result;
+    for (const VdirComponent& component : document.calendar()->components()) {
+      if (component.name() != name) continue;
+      std::vector<std::string> lines;
+      for (const VdirProperty* property : component.allProperties()) lines.push_back(property->line->text());
+      result.push_back(lines);
+    }
+    return result;
+  }
+
+  VdirTime berlinTime(int year, int month, int day, int hour, int minute = 0) {
+    VdirTime time;
+    time.kind = VdirTime::Kind::zoned;
+    time.tzid = "Europe/Berlin";
+    time.zone = builtinZone("Europe/Berlin");
+    time.local = icaltime_null_time();
+    time.local.year = year;
+    time.local.month = month;
+    time.local.day = day;
+    time.local.hour = hour;
+    time.local.minute = minute;
+    return time;
+  }
+
+  VdirClock clock_{"Europe/Berlin"};
+  VdirEditContext context_;
+};
+
+std::set<long long> theSeries() {
+  return {berlin(10, 19, 9), berlin(10, 26, 9), berlin(11, 2, 9), berlin(11, 9, 9), berlin(11, 23, 9),
+          berlin(11, 30, 14), berlin(12, 7, 9), berlin(12, 14, 9), berlin(12, 21, 9)};
+}
+
+TEST_F(VdirEditTest, TheIndependentExpansionReadsTheSeriesAsWritten) {
+  EXPECT_EQ(occurrencesOf(kSeries), theSeries());
+}
+
+TEST_F(VdirEditTest, ANewTitleForTheSeriesChangesItsSummaryAndStampsOnly) {
+  VdirDocument document = parse(kSeries);
+  auto changed = changeSeries(document, kUid, {.title = "Team, weekly"}, context_);
+  ASSERT_TRUE(changed) << changed.error().description();
+  EXPECT_TRUE(*changed);
+  auto events = linesOf(document, "VEVENT");
+  ASSERT_EQ(events.size(), 3u);
+  EXPECT_EQ(events[0], (std::vector<std::string>{
+                           "UID:weekly@example.org", "DTSTAMP:20261125T120000Z",
+                           "DTSTART;TZID=Europe/Berlin:20261019T090000", "DTEND;TZID=Europe/Berlin:20261019T100000",
+                           "RRULE:FREQ=WEEKLY;COUNT=10", "EXDATE;TZID=Europe/Berlin:20261116T090000",
+                           "SUMMARY:Team\\, weekly", "X-OTHER-APP;X-P=1:kept\\, as written", "SEQUENCE:2",
+                           "LAST-MODIFIED:20261125T120000Z"}));
+  const std::string written = document.text();
+  EXPECT_THAT(written, HasSubstr("BEGIN:VALARM\r\nACTION:DISPLAY\r\nDESCRIPTION:Team\r\nTRIGGER:-PT10M\r\nEND:VALARM"));
+  EXPECT_EQ(written.substr(written.find("BEGIN:VEVENT\r\nUID:weekly@example.org\r\nRECURRENCE-ID")),
+            kSeries.substr(kSeries.find("BEGIN:VEVENT\r\nUID:weekly@example.org\r\nRECURRENCE-ID")))
+      << "the overrides are untouched";
+  EXPECT_EQ(occurrencesOf(written), theSeries());
+
+  // The same title again changes nothing.
+  const std::string once = document.text();
+  auto again = changeSeries(document, kUid, {.title = "Team, weekly"}, context_);
+  ASSERT_TRUE(again);
+  EXPECT_FALSE(*again);
+  EXPECT_EQ(document.text(), once);
+}
+
+TEST_F(VdirEditTest, MovingTheSeriesMovesItsExclusionsAndOverridesAcrossTheChangeOfTime) {
+  VdirDocument document = parse(kSeries);
+  auto changed = changeSeries(document, kUid, {.start = berlinTime(2026, 10, 19, 10, 30)}, context_);
+  ASSERT_TRUE(changed) << changed.error().description();
+  ASSERT_TRUE(*changed);
+  auto events = linesOf(document, "VEVENT");
+  ASSERT_EQ(events.size(), 3u);
+  EXPECT_THAT(events[0], ::testing::IsSupersetOf({"DTSTART;TZID=Europe/Berlin:20261019T103000",
+                                                   "DTEND;TZID=Europe/Berlin:20261019T113000",
+                                                   "EXDATE;TZID=Europe/Berlin:20261116T103000", "SEQUENCE:3"}));
+  // The retitled occurrence moves with the series; the one moved to 14:00 stays there.
+  EXPECT_THAT(events[1], ::testing::IsSupersetOf({"RECURRENCE-ID;TZID=Europe/Berlin:20261123T103000",
+                                                   "DTSTART;TZID=Europe/Berlin:20261123T103000",
+                                                   "DTEND;TZID=Europe/Berlin:20261123T113000", "SEQUENCE:3"}));
+  EXPECT_THAT(events[2], ::testing::IsSupersetOf({"RECURRENCE-ID;TZID=Europe/Berlin:20261130T103000",
+                                                   "DTSTART;TZID=Europe/Berlin:20261130T140000", "SEQUENCE:3"}));
+  std::set<long long> expected;
+  for (long long start : theSeries()) expected.insert(start == berlin(11, 30, 14) ? start : start + 5400);
+  EXPECT_EQ(occurrencesOf(document.text()), expected);
+}
+
+TEST_F(VdirEditTest, ChangingOneOccurrenceWritesItsOverrideFromTheMaster) {
+  VdirDocument document = parse(kSeries);
+  auto changed = changeOccurrence(document, kUid, at(berlin(11, 9, 9)), {.title = "Team (moved room)",
+                                                                         .location = std::optional<std::string>("B2")},
+                                  context_);
+  ASSERT_TRUE(changed) << changed.error().description();
+  ASSERT_TRUE(*changed);
+  auto events = linesOf(document, "VEVENT");
+  ASSERT_EQ(events.size(), 4u);
+  EXPECT_EQ(events[3], (std::vector<std::string>{
+                           "UID:weekly@example.org", "DTSTAMP:20261125T120000Z",
+                           "DTSTART;TZID=Europe/Berlin:20261109T090000", "DTEND;TZID=Europe/Berlin:20261109T100000",
+                           "SUMMARY:Team (moved room)", "X-OTHER-APP;X-P=1:kept\\, as written", "SEQUENCE:2",
+                           "RECURRENCE-ID;TZID=Europe/Berlin:20261109T090000", "LOCATION:B2",
+                           "LAST-MODIFIED:20261125T120000Z"}));
+  EXPECT_EQ(document.calendar()->components().back().components().size(), 1u) << "the alarm comes along";
+  EXPECT_EQ(occurrencesOf(document.text()), theSeries());
+
+  // A second change of that occurrence changes the same override.
+  auto again = changeOccurrence(document, kUid, at(berlin(11, 9, 9)), {.start = berlinTime(2026, 11, 9, 8)},
+                                context_);
+  ASSERT_TRUE(again) << again.error().description();
+  EXPECT_TRUE(*again);
+  EXPECT_EQ(linesOf(document, "VEVENT").size(), 4u);
+  std::set<long long> expected = theSeries();
+  expected.erase(berlin(11, 9, 9));
+  expected.insert(berlin(11, 9, 8));
+  EXPECT_EQ(occurrencesOf(document.text()), expected);
+
+  // Nothing to change: no override is made.
+  VdirDocument untouched = parse(kSeries);
+  auto nothing = changeOccurrence(untouched, kUid, at(berlin(11, 2, 9)), {.title = "Team"}, context_);
+  ASSERT_TRUE(nothing);
+  EXPECT_FALSE(*nothing);
+  EXPECT_EQ(untouched.text(), kSeries);
+}
+
+TEST_F(VdirEditTest, RemovingOneOccurrenceExcludesItInTheFormOfTheStartAndDropsItsOverride) {
+  VdirDocument document = parse(kSeries);
+  auto removed = removeOccurrence(document, kUid, at(berlin(11, 23, 9)), context_);
+  ASSERT_TRUE(removed) << removed.error().description();
+  ASSERT_TRUE(*removed);
+  auto events = linesOf(document, "VEVENT");
+  ASSERT_EQ(events.size(), 2u);
+  EXPECT_THAT(events[0], ::testing::IsSupersetOf({"EXDATE;TZID=Europe/Berlin:20261116T090000",
+                                                   "EXDATE;TZID=Europe/Berlin:20261123T090000", "SEQUENCE:3"}));
+  std::set<long long> expected = theSeries();
+  expected.erase(berlin(11, 23, 9));
+  EXPECT_EQ(occurrencesOf(document.text()), expected);
+  auto again = removeOccurrence(document, kUid, at(berlin(11, 23, 9)), context_);
+  ASSERT_TRUE(again);
+  EXPECT_FALSE(*again);
+
+  // An all-day series is excluded by a DATE, a UTC one by a UTC time.
+  VdirDocument allDay = parse(
+      "BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nUID:d\r\nDTSTART;VALUE=DATE:20261201\r\nRRULE:FREQ=DAILY;COUNT=5\r\n"
+      "END:VEVENT\r\nEND:VCALENDAR\r\n");
+  ASSERT_TRUE(removeOccurrence(allDay, "d", clock_.instant(dateOf(2026, 12, 3)),
+                               context_));
+  EXPECT_THAT(linesOf(allDay, "VEVENT")[0], ::testing::Contains("EXDATE;VALUE=DATE:20261203"));
+  VdirDocument utc = parse(
+      "BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nUID:u\r\nDTSTART:20261201T080000Z\r\nRRULE:FREQ=DAILY;COUNT=5\r\n"
+      "END:VEVENT\r\nEND:VCALENDAR\r\n");
+  ASSERT_TRUE(removeOccurrence(utc, "u", at(static_cast<long long>(civilSecondsSince1970(2026, 12, 2, 8, 0, 0))),
+                               context_));
+  EXPECT_THAT(linesOf(utc, "VEVENT")[0], ::testing::Contains("EXDATE:20261202T080000Z"));
+}
+
+TEST_F(VdirEditTest, EndingTheSeriesWritesUntilInTheRequiredFormAndDropsWhatFollows) {
+  VdirDocument document = parse(kSeries);
+  auto ended = endSeriesBefore(document, kUid, at(berlin(11, 16, 9)), context_);
+  ASSERT_TRUE(ended) << ended.error().description();
+  ASSERT_TRUE(*ended);
+  auto events = linesOf(document, "VEVENT");
+  ASSERT_EQ(events.size(), 1u) << "the overrides after the end are gone";
+  EXPECT_THAT(events[0], ::testing::Contains("RRULE:FREQ=WEEKLY;UNTIL=20261116T075959Z"));
+  EXPECT_THAT(events[0], ::testing::Not(::testing::Contains(::testing::StartsWith("EXDATE"))));
+  EXPECT_EQ(occurrencesOf(document.text()),
+            (std::set<long long>{berlin(10, 19, 9), berlin(10, 26, 9), berlin(11, 2, 9), berlin(11, 9, 9)}));
+
+  VdirDocument allDay = parse(
+      "BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nUID:d\r\nDTSTART;VALUE=DATE:20261201\r\nRRULE:FREQ=DAILY;COUNT=5\r\n"
+      "END:VEVENT\r\nEND:VCALENDAR\r\n");
+  ASSERT_TRUE(endSeriesBefore(allDay, "d", clock_.instant(dateOf(2026, 12, 3)), context_));
+  EXPECT_THAT(linesOf(allDay, "VEVENT")[0], ::testing::Contains("RRULE:FREQ=DAILY;UNTIL=20261202"));
+
+  // Ending before the first occurrence would leave nothing: that is a removal of the series.
+  VdirDocument first = parse(kSeries);
+  auto refused = endSeriesBefore(first, kUid, at(berlin(10, 19, 9)), context_);
+  ASSERT_FALSE(refused);
+  EXPECT_THAT(refused.error().message(), HasSubstr("remove the whole series"));
+  EXPECT_EQ(first.text(), kSeries);
+}
+
+TEST_F(VdirEditTest, AnEndBeforeTheStartOrAnUnknownZoneIsRefusedAndChangesNothing) {
+  VdirDocument document = parse(kSeries);
+  auto backwards = changeSeries(document, kUid, {.end = berlinTime(2026, 10, 19, 8)}, context_);
+  ASSERT_FALSE(backwards);
+  EXPECT_THAT(backwards.error().message(), HasSubstr("the end lies before the start"));
+  EXPECT_EQ(document.text(), kSeries);
+
+  std::string unknown = kSeries;
+  for (std::size_t at; (at = unknown.find("TZID=Europe/Berlin:")) != std::string::npos;)
+    unknown.replace(at, 19, "TZID=Nowhere/Atlantis:");
+  VdirDocument lost = parse(unknown);
+  auto moved = changeSeries(lost, kUid, {.start = berlinTime(2026, 10, 19, 10)}, context_);
+  ASSERT_FALSE(moved);
+  EXPECT_THAT(moved.error().message(), HasSubstr("unknown time zone \"Nowhere/Atlantis\""));
+  EXPECT_EQ(lost.text(), unknown);
+
+  auto missing = changeSeries(document, "nobody", {.title = "x"}, context_);
+  ASSERT_FALSE(missing);
+  EXPECT_THAT(missing.error().message(), HasSubstr("no item with UID \"nobody\""));
+}
+
+TEST_F(VdirEditTest, ATodoIsCompletedAndReopenedWithItsDueDateInTheFormGiven) {
+  const std::string text =
+      "BEGIN:VCALENDAR\nBEGIN:VTODO\nUID:t1\nSUMMARY:Milk\nDUE;VALUE=DATE:20261201\nX-KEEP:1\nEND:VTODO\n"
+      "END:VCALENDAR\n";
+  VdirDocument document = parse(text);
+  auto done = setCompleted(document, "t1", true, context_);
+  ASSERT_TRUE(done) << done.error().description();
+  EXPECT_TRUE(*done);
+  EXPECT_EQ(linesOf(document, "VTODO")[0],
+            (std::vector<std::string>{"UID:t1", "SUMMARY:Milk", "DUE;VALUE=DATE:20261201", "X-KEEP:1",
+                                      "STATUS:COMPLETED", "COMPLETED:20261125T120000Z", "PERCENT-COMPLETE:100",
+                                      "DTSTAMP:20261125T120000Z", "LAST-MODIFIED:20261125T120000Z"}));
+  EXPECT_THAT(document.text(), HasSubstr("STATUS:COMPLETED\n")) << "new lines take the file's line end";
+  auto twice = setCompleted(document, "t1", true, context_);
+  ASSERT_TRUE(twice);
+  EXPECT_FALSE(*twice);
+
+  ASSERT_TRUE(setCompleted(document, "t1", false, context_));
+  EXPECT_EQ(linesOf(document, "VTODO")[0],
+            (std::vector<std::string>{"UID:t1", "SUMMARY:Milk", "DUE;VALUE=DATE:20261201", "X-KEEP:1",
+                                      "STATUS:NEEDS-ACTION", "DTSTAMP:20261125T120000Z",
+                                      "LAST-MODIFIED:20261125T120000Z"}));
+
+  VdirTime due = berlinTime(2026, 12, 3, 17);
+  auto changed = changeSeries(document, "t1", {.due = due, .priority = 1}, context_);
+  ASSERT_TRUE(changed) << changed.error().description();
+  EXPECT_THAT(linesOf(document, "VTODO")[0],
+              ::testing::IsSupersetOf({"DUE;TZID=Europe/Berlin:20261203T170000", "PRIORITY:1", "SEQUENCE:1"}));
+  auto badPriority = changeSeries(document, "t1", {.priority = 12}, context_);
+  ASSERT_FALSE(badPriority);
+  EXPECT_THAT(badPriority.error().message(), HasSubstr("0 (none) to 9"));
+}
+
+TEST_F(VdirEditTest, RemovingAnItemRemovesEachOfItsComponentsAndOnlyThose) {
+  VdirDocument document = parse(kSeries);
+  EXPECT_EQ(removeItem(document, "other"), 0u);
+  EXPECT_EQ(removeItem(document, kUid), 3u);
+  EXPECT_FALSE(holdsItems(document));
+  EXPECT_THAT(document.text(), HasSubstr("BEGIN:VTIMEZONE"));
+  EXPECT_TRUE(holdsItems(parse(kSeries)));
+}
+
+TEST_F(VdirEditTest, TimesAreReadAndWrittenInTheirOwnForms) {
+  VdirContentLine zoned("DTSTART", {{"TZID", {"Europe/Berlin"}}}, "20261019T090000");
+  auto time = timeOfValue(zoned, zoned.value(), context_);
+  ASSERT_TRUE(time);
+  EXPECT_EQ(time->kind, VdirTime::Kind::zoned);
+  EXPECT_EQ(time->zone, builtinZone("Europe/Berlin"));
+  EXPECT_EQ(timeLine("RECURRENCE-ID", *time).text(), "RECURRENCE-ID;TZID=Europe/Berlin:20261019T090000");
+  VdirContentLine list("EXDATE", {}, "20261019T090000Z,20261020T090000Z");
+  EXPECT_EQ(valuesOf(list), (std::vector<std::string>{"20261019T090000Z", "20261020T090000Z"}));
+  auto utc = timeOfValue(list, "20261020T090000Z", context_);
+  ASSERT_TRUE(utc);
+  EXPECT_EQ(utc->kind, VdirTime::Kind::utc);
+  EXPECT_EQ(timeValue(*utc), "20261020T090000Z");
+  auto date = timeOfValue(VdirContentLine("DUE", {{"VALUE", {"DATE"}}}, "20261201"), "20261201", context_);
+  ASSERT_TRUE(date);
+  EXPECT_TRUE(date->isDate());
+  EXPECT_EQ(timeLine("DUE", *date).text(), "DUE;VALUE=DATE:20261201");
+  for (const char* bad : {"", "2026", "20261301", "20261019T250000", "20261019X090000", "2026101aT090000"}) {
+    EXPECT_FALSE(timeOfValue(list, bad, context_)) << bad;
+  }
+  EXPECT_EQ(timeValue(timeLike(at(berlin(12, 24, 18)), *time, context_)), "20261224T180000");
+}
+
+}  // namespace
+}  // namespace vesp::vdir

@@ -1,5 +1,7 @@
 #include "platforms/vdir/VdirEdit.h"
 
+#include "platforms/vdir/VdirItem.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -295,8 +297,8 @@ rivet::RivetResult<void> moveOccurrences(VdirDocument& document, const std::stri
   return rivet::RivetResultVoidSuccess;
 }
 
-// The RRULE value with its COUNT and UNTIL replaced by UNTIL=`until`.
-std::string ruleEndingAt(const std::string& rule, const std::string& until) {
+// The RRULE value without its COUNT and UNTIL parts.
+std::string ruleWithoutEnd(const std::string& rule) {
   std::string result;
   std::size_t at = 0;
   while (at <= rule.size()) {
@@ -310,7 +312,44 @@ std::string ruleEndingAt(const std::string& rule, const std::string& until) {
     }
     at = end + 1;
   }
-  return result + ";UNTIL=" + until;
+  return result;
+}
+
+// How many instances the rule `line` of a series starting at `start` makes before `occurrence`
+// (excluded ones included: COUNT counts them too), up to `limit`.
+rivet::RivetResult<int> instancesBefore(const VdirContentLine& line, const VdirTime& start, platform::Date occurrence,
+                                        int limit, const VdirEditContext& context) {
+  icalrecurrencetype rule = icalrecurrencetype_from_string(line.value().c_str());
+  if (rule.freq == ICAL_NO_RECURRENCE) return editError("the rule cannot be read: " + line.value(), "instancesBefore",
+                                                        __LINE__);
+  if (const char* why = unservableRule(rule, start))
+    return editError(std::string("the rule cannot be expanded: ") + why, "instancesBefore", __LINE__);
+  const std::int64_t before = fieldSeconds(timeLike(occurrence, start, context).local);
+  icalrecur_iterator* iterator = icalrecur_iterator_new(rule, start.local);
+  if (!iterator) return editError("the rule cannot be expanded: " + line.value(), "instancesBefore", __LINE__);
+  int count = 0;
+  for (icaltimetype next = icalrecur_iterator_next(iterator); !icaltime_is_null_time(next) && count < limit;
+       next = icalrecur_iterator_next(iterator)) {
+    if (fieldSeconds(next) >= before) break;
+    ++count;
+  }
+  icalrecur_iterator_free(iterator);
+  return count;
+}
+
+// The TZIDs an item's times name, in order of first use.
+std::vector<std::string> zonesUsedBy(const VdirComponent& item) {
+  std::vector<std::string> tzids;
+  auto note = [&](const VdirComponent& component, auto& self) -> void {
+    for (const VdirProperty* property : component.allProperties()) {
+      if (!property->line) continue;
+      const std::string* tzid = property->line->parameter("TZID");
+      if (tzid && std::find(tzids.begin(), tzids.end(), *tzid) == tzids.end()) tzids.push_back(*tzid);
+    }
+    for (const VdirComponent& child : component.components()) self(child, self);
+  };
+  note(item, note);
+  return tzids;
 }
 
 // Runs `edit` on a draft of `document` and keeps the draft only when the edit changed something
@@ -562,7 +601,7 @@ rivet::RivetResult<bool> endSeriesBeforeOn(VdirDocument& document, const std::st
   std::vector<VdirContentLine> rules;
   for (const VdirContentLine* line : item.properties("RRULE")) {
     VdirContentLine rule = *line;
-    rule.setValue(ruleEndingAt(line->value(), until));
+    rule.setValue(ruleWithoutEnd(line->value()) + ";UNTIL=" + until);
     rules.push_back(std::move(rule));
   }
   bool changed = false;
@@ -663,6 +702,142 @@ rivet::RivetResult<bool> endSeriesBefore(VdirDocument& document, const std::stri
 rivet::RivetResult<bool> setCompleted(VdirDocument& document, const std::string& uid, bool completed,
                                       const VdirEditContext& context) {
   return onDraft(document, [&](VdirDocument& draft) { return setCompletedOn(draft, uid, completed, context); });
+}
+
+namespace {
+
+// The first part of a split: the future series as a new master, without the document around it.
+rivet::RivetResult<VdirComponent> futureMaster(const VdirComponent& master, const VdirTime& seriesStart,
+                                               platform::Date occurrence, const std::string& newUid,
+                                               const VdirEditContext& context) {
+  VdirComponent future = master;
+  future.set(VdirContentLine("UID", {}, escapedText(newUid)));
+  const VdirTime at = timeLike(occurrence, seriesStart, context);
+  auto moved = moveStart(future, seriesStart, at, {}, context);
+  if (!moved) return moved.error();
+  std::vector<VdirContentLine> rules;
+  for (const VdirContentLine* line : future.properties("RRULE")) {
+    VdirContentLine rule = *line;
+    icalrecurrencetype parsed = icalrecurrencetype_from_string(line->value().c_str());
+    if (parsed.count > 0) {
+      auto before = instancesBefore(*line, seriesStart, occurrence, parsed.count, context);
+      if (!before) return before.error();
+      if (*before >= parsed.count) return editError("the series has no occurrence left to change", "splitSeries",
+                                                    __LINE__);
+      rule.setValue(ruleWithoutEnd(line->value()) + ";COUNT=" + std::to_string(parsed.count - *before));
+    }
+    rules.push_back(std::move(rule));
+  }
+  future.remove("RRULE");
+  for (const VdirContentLine& rule : rules) future.add(rule);
+  for (const char* name : {"EXDATE", "RDATE"}) {
+    auto kept = rewriteTimeLines(future, name, seriesStart, context, [&](const VdirTime& time) {
+      auto instant = instantOf(time, context);
+      if (!instant) return rivet::RivetResult<std::optional<VdirTime>>(instant.error());
+      if (instant->timeIntervalSince(occurrence) < 0)
+        return rivet::RivetResult<std::optional<VdirTime>>(std::optional<VdirTime>());
+      return rivet::RivetResult<std::optional<VdirTime>>(std::optional<VdirTime>(time));
+    });
+    if (!kept) return kept.error();
+  }
+  const std::string now = utcText(context.now);
+  future.set(VdirContentLine("CREATED", {}, now));
+  future.set(VdirContentLine("SEQUENCE", {}, "0"));
+  stamp(future, false, context);
+  return future;
+}
+
+rivet::RivetResult<VdirDocument> splitSeriesOn(VdirDocument& document, const std::string& uid,
+                                               platform::Date occurrence, const std::string& newUid,
+                                               const VdirItemChanges& changes, const VdirEditContext& context) {
+  auto master = requireMaster(document, uid);
+  if (!master) return master.error();
+  auto seriesStart = startOf(**master, context);
+  if (!seriesStart) return seriesStart.error();
+  auto future = futureMaster(**master, *seriesStart, occurrence, newUid, context);
+  if (!future) return future.error();
+
+  auto made = VdirDocument::parse("BEGIN:VCALENDAR" + document.lineEnd() + "END:VCALENDAR" + document.lineEnd());
+  if (!made) return made.error();
+  VdirDocument result = std::move(made).value();
+  VdirComponent& calendar = *result.calendar();
+  calendar.add(VdirContentLine("VERSION", {}, "2.0"));
+  calendar.add(VdirContentLine("PRODID", {}, kVdirProductIdentifier));
+  const std::vector<std::string> tzids = zonesUsedBy(*future);
+  for (const VdirComponent& component : document.calendar()->components()) {
+    const VdirContentLine* tzid = component.property("TZID");
+    if (component.name() == "VTIMEZONE" && tzid &&
+        std::find(tzids.begin(), tzids.end(), tzid->value()) != tzids.end())
+      calendar.addComponent(component);
+  }
+  calendar.addComponent(std::move(*future));
+  for (VdirComponent* override : overridesOf(document, uid)) {
+    auto instant = recurrenceInstant(*override, context);
+    if (!instant || instant->timeIntervalSince(occurrence) < 0) continue;
+    VdirComponent moved = *override;
+    moved.set(VdirContentLine("UID", {}, escapedText(newUid)));
+    moved.set(VdirContentLine("SEQUENCE", {}, "0"));
+    calendar.addComponent(std::move(moved));
+  }
+  auto ended = endSeriesBeforeOn(document, uid, occurrence, context);
+  if (!ended) return ended.error();
+  auto changed = changeSeriesOn(result, newUid, changes, context);
+  if (!changed) return changed.error();
+  return result;
+}
+
+}  // namespace
+
+rivet::RivetResult<VdirDocument> splitSeries(VdirDocument& document, const std::string& uid,
+                                             platform::Date occurrence, const std::string& newUid,
+                                             const VdirItemChanges& changes, const VdirEditContext& context) {
+  VdirDocument draft = document;
+  auto future = splitSeriesOn(draft, uid, occurrence, newUid, changes, context);
+  if (future) document = std::move(draft);
+  return future;
+}
+
+rivet::RivetResult<VdirComponent> newItem(const std::string& componentName, const std::string& uid,
+                                          const VdirItemChanges& changes, const VdirEditContext& context) {
+  const bool isEvent = componentName == "VEVENT";
+  if (!isEvent && componentName != "VTODO")
+    return editError("an item is a VEVENT or a VTODO, not " + componentName, "newItem", __LINE__);
+  if (!changes.title) return editError("a new item needs a title", "newItem", __LINE__);
+  if (isEvent && !changes.start) return editError("a new event needs a start", "newItem", __LINE__);
+  VdirComponent item(componentName);
+  item.add(VdirContentLine("UID", {}, escapedText(uid)));
+  const std::string now = utcText(context.now);
+  item.add(VdirContentLine("DTSTAMP", {}, now));
+  item.add(VdirContentLine("CREATED", {}, now));
+  item.add(VdirContentLine("LAST-MODIFIED", {}, now));
+  item.add(VdirContentLine("SEQUENCE", {}, "0"));
+  if (changes.start) item.add(timeLine("DTSTART", *changes.start));
+  auto fields = applyFields(item, changes);
+  if (!fields) return fields.error();
+  if (!isEvent) item.set(VdirContentLine("STATUS", {}, "NEEDS-ACTION"));
+  if (auto span = checkSpan(item, context); !span) return span.error();
+  return item;
+}
+
+rivet::RivetResult<VdirDocument> newItemDocument(const VdirComponent& item,
+                                                 const std::function<std::optional<std::string>(
+                                                     const std::string& tzid)>& zones) {
+  auto made = VdirDocument::parse("BEGIN:VCALENDAR\r\nEND:VCALENDAR\r\n");
+  if (!made) return made.error();
+  VdirDocument document = std::move(made).value();
+  VdirComponent& calendar = *document.calendar();
+  calendar.add(VdirContentLine("VERSION", {}, "2.0"));
+  calendar.add(VdirContentLine("PRODID", {}, kVdirProductIdentifier));
+  for (const std::string& tzid : zonesUsedBy(item)) {
+    std::optional<std::string> definition = zones ? zones(tzid) : std::nullopt;
+    auto parsed = definition ? VdirDocument::parse(*definition) : rivet::RivetResult<VdirDocument>(VdirDocument());
+    const bool usable = parsed && parsed->components().size() == 1 && parsed->components()[0].name() == "VTIMEZONE";
+    if (!usable) return editError("unknown time zone \"" + tzid + "\"", "newItemDocument", __LINE__);
+    VdirComponent zone = parsed->components()[0];
+    calendar.addComponent(std::move(zone));
+  }
+  calendar.addComponent(item);
+  return document;
 }
 
 }  // namespace vesp::vdir

@@ -74,6 +74,28 @@ rivet::RivetResult<bool> removeOccurrence(VdirDocument& document, const std::str
 rivet::RivetResult<bool> endSeriesBefore(VdirDocument& document, const std::string& uid, platform::Date occurrence,
                                          const VdirEditContext& context);
 
+// Splits the series of `uid` at `occurrence` for a change of this and every later occurrence:
+// the series in `document` ends before it (as endSeriesBefore), and the returned document holds
+// the rest as a new series `newUid` (its COUNT what is left of it, the later exclusions, extra
+// dates and overrides moved across, the time zones it uses copied), with `changes` applied.
+rivet::RivetResult<VdirDocument> splitSeries(VdirDocument& document, const std::string& uid,
+                                             platform::Date occurrence, const std::string& newUid,
+                                             const VdirItemChanges& changes, const VdirEditContext& context);
+
+// The PRODID of the files this platform writes.
+inline constexpr const char* kVdirProductIdentifier = "-//Vesp//Vesp 0.1//EN";
+
+// A new VEVENT or VTODO `uid` with `changes` (an event needs a start and a title, a to-do a
+// title), stamped as created now.
+rivet::RivetResult<VdirComponent> newItem(const std::string& componentName, const std::string& uid,
+                                          const VdirItemChanges& changes, const VdirEditContext& context);
+// A new file for `item`: a VCALENDAR with VERSION, PRODID, the item, and the VTIMEZONE of every
+// zone it uses, from `zones` (the definitions, as text, by TZID). Fails when a zone it uses has
+// no definition there.
+rivet::RivetResult<VdirDocument> newItemDocument(const VdirComponent& item,
+                                                 const std::function<std::optional<std::string>(
+                                                     const std::string& tzid)>& zones);
+
 // Removes every component of `uid` (master and overrides); how many went.
 std::size_t removeItem(VdirDocument& document, const std::string& uid);
 // Whether the document still holds an event, a to-do or a journal entry.

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -353,6 +354,100 @@ TEST_F(VdirEditTest, TimesAreReadAndWrittenInTheirOwnForms) {
     EXPECT_FALSE(timeOfValue(list, bad, context_)) << bad;
   }
   EXPECT_EQ(timeValue(timeLike(at(berlin(12, 24, 18)), *time, context_)), "20261224T180000");
+}
+
+TEST_F(VdirEditTest, ChangingThisAndLaterOccurrencesSplitsTheSeries) {
+  VdirDocument document = parse(kSeries);
+  auto future = splitSeries(document, kUid, at(berlin(11, 9, 9)), "future@example.org", {.title = "Team (new)"},
+                            context_);
+  ASSERT_TRUE(future) << future.error().description();
+
+  // The old series ends before the occurrence and keeps nothing after it.
+  auto old = linesOf(document, "VEVENT");
+  ASSERT_EQ(old.size(), 1u);
+  EXPECT_THAT(old[0], ::testing::Contains("RRULE:FREQ=WEEKLY;UNTIL=20261109T075959Z"));
+  EXPECT_EQ(occurrencesOf(document.text()),
+            (std::set<long long>{berlin(10, 19, 9), berlin(10, 26, 9), berlin(11, 2, 9)}));
+
+  // The new one continues with what is left of the count, the later exclusion and both overrides.
+  const std::string written = future->text();
+  EXPECT_THAT(written, HasSubstr("BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Vesp//Vesp 0.1//EN\r\n" + kBerlin));
+  auto events = linesOf(*future, "VEVENT");
+  ASSERT_EQ(events.size(), 3u);
+  EXPECT_THAT(events[0], ::testing::IsSupersetOf({"UID:future@example.org",
+                                                   "DTSTART;TZID=Europe/Berlin:20261109T090000",
+                                                   "DTEND;TZID=Europe/Berlin:20261109T100000",
+                                                   "RRULE:FREQ=WEEKLY;COUNT=7",
+                                                   "EXDATE;TZID=Europe/Berlin:20261116T090000", "SUMMARY:Team (new)",
+                                                   "X-OTHER-APP;X-P=1:kept\\, as written",
+                                                   "CREATED:20261125T120000Z"}));
+  EXPECT_THAT(events[1], ::testing::IsSupersetOf({"UID:future@example.org",
+                                                   "RECURRENCE-ID;TZID=Europe/Berlin:20261123T090000",
+                                                   "SUMMARY:Team (retro)"}));
+  EXPECT_THAT(events[2], ::testing::Contains("DTSTART;TZID=Europe/Berlin:20261130T140000"));
+  std::set<long long> both = occurrencesOf(document.text());
+  for (long long start : occurrencesOf(written)) both.insert(start);
+  EXPECT_EQ(both, theSeries()) << "together the two series keep every occurrence";
+
+  // Splitting at the first occurrence is a change of the whole series.
+  VdirDocument whole = parse(kSeries);
+  auto refused = splitSeries(whole, kUid, at(berlin(10, 19, 9)), "x", {.title = "y"}, context_);
+  ASSERT_FALSE(refused);
+  EXPECT_EQ(whole.text(), kSeries);
+}
+
+TEST_F(VdirEditTest, ANewEventIsAFileWithItsZoneStampsAndFoldedLines) {
+  const std::string title = "A planning meeting with a title long enough to be folded, \u00e9t\u00e9 " +
+                            std::string(40, 'x');
+  auto item = newItem("VEVENT", "new-1", {.title = title, .start = berlinTime(2026, 12, 1, 9),
+                                          .end = berlinTime(2026, 12, 1, 10, 30)}, context_);
+  ASSERT_TRUE(item) << item.error().description();
+  auto zones = [](const std::string& tzid) -> std::optional<std::string> {
+    if (tzid == "Europe/Berlin") return kBerlin;
+    return std::nullopt;
+  };
+  auto document = newItemDocument(*item, zones);
+  ASSERT_TRUE(document) << document.error().description();
+  const std::string text = document->text();
+  EXPECT_EQ(linesOf(*document, "VEVENT")[0],
+            (std::vector<std::string>{"UID:new-1", "DTSTAMP:20261125T120000Z", "CREATED:20261125T120000Z",
+                                      "LAST-MODIFIED:20261125T120000Z", "SEQUENCE:0",
+                                      "DTSTART;TZID=Europe/Berlin:20261201T090000", "SUMMARY:" + escapedText(title),
+                                      "DTEND;TZID=Europe/Berlin:20261201T103000"}));
+  EXPECT_THAT(text, HasSubstr(kBerlin));
+  for (std::size_t at = 0, end; (end = text.find("\r\n", at)) != std::string::npos; at = end + 2) {
+    EXPECT_LE(end - at, 75u);
+  }
+  EXPECT_EQ(occurrencesOf(text), (std::set<long long>{berlin(12, 1, 9)}));
+  std::unique_ptr<icalcomponent, decltype(&icalcomponent_free)> parsed(icalparser_parse_string(text.c_str()),
+                                                                     icalcomponent_free);
+  ASSERT_TRUE(parsed);
+  icalcomponent* event = icalcomponent_get_first_component(parsed.get(), ICAL_VEVENT_COMPONENT);
+  ASSERT_TRUE(event);
+  EXPECT_EQ(icalcomponent_get_summary(event), title);
+
+  auto noZone = newItemDocument(*item, {});
+  ASSERT_FALSE(noZone);
+  EXPECT_THAT(noZone.error().message(), HasSubstr("unknown time zone \"Europe/Berlin\""));
+  auto untitled = newItem("VEVENT", "new-2", {.start = berlinTime(2026, 12, 1, 9)}, context_);
+  ASSERT_FALSE(untitled);
+  EXPECT_THAT(untitled.error().message(), HasSubstr("needs a title"));
+  auto backwards = newItem("VEVENT", "new-3", {.title = "x", .start = berlinTime(2026, 12, 1, 9),
+                                               .end = berlinTime(2026, 12, 1, 8)}, context_);
+  ASSERT_FALSE(backwards);
+}
+
+TEST_F(VdirEditTest, ANewTodoIsOpenWithItsDueDateAsGiven) {
+  auto item = newItem("VTODO", "todo-1", {.title = "Milk", .notes = std::optional<std::string>("two\nlitres"),
+                                          .due = dateOf(2026, 12, 2), .priority = 5}, context_);
+  ASSERT_TRUE(item) << item.error().description();
+  auto document = newItemDocument(*item, {});
+  ASSERT_TRUE(document) << document.error().description();
+  EXPECT_EQ(linesOf(*document, "VTODO")[0],
+            (std::vector<std::string>{"UID:todo-1", "DTSTAMP:20261125T120000Z", "CREATED:20261125T120000Z",
+                                      "LAST-MODIFIED:20261125T120000Z", "SEQUENCE:0", "SUMMARY:Milk",
+                                      "DESCRIPTION:two\\nlitres", "PRIORITY:5", "DUE;VALUE=DATE:20261202",
+                                      "STATUS:NEEDS-ACTION"}));
 }
 
 }  // namespace

@@ -492,7 +492,9 @@ rivet::RivetResult<bool> changeSeriesOn(VdirDocument& document, const std::strin
   }
   movedTime |= changed && (changes.end || changes.due);
   if (!changed) return false;
-  if (auto span = checkSpan(item, context); !span) return span.error();
+  if (movedTime) {
+    if (auto span = checkSpan(item, context); !span) return span.error();
+  }
   stamp(item, movedTime, context);
   alignSequences(document, uid, item);
   return true;
@@ -528,7 +530,9 @@ rivet::RivetResult<bool> changeOccurrenceOn(VdirDocument& document, const std::s
     changed |= *moved;
   }
   if (!changed) return false;
-  if (auto span = checkSpan(item, context); !span) return span.error();
+  if (changes.movesTime()) {
+    if (auto span = checkSpan(item, context); !span) return span.error();
+  }
   stamp(item, changes.movesTime(), context);
   if (sequenceOf(item) < sequenceOf(**master))
     item.set(VdirContentLine("SEQUENCE", {}, std::to_string(sequenceOf(**master))));

@@ -15,32 +15,15 @@
 
 #include "platforms/vdir/VdirDocument.h"
 #include "platforms/vdir/VdirText.h"
+#include "tests/platforms/vdir/VdirTestSupport.h"
 
 namespace vesp::vdir {
 namespace {
 
 namespace fs = std::filesystem;
 
-std::string readBytes(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream bytes;
-  bytes << in.rdbuf();
-  return bytes.str();
-}
-
-// Every .ics file the suite has: the golden trees, the sample store and the item fuzzer's corpus.
-std::vector<fs::path> everyCalendarFile() {
-  const fs::path root = fs::path(VESP_TEST_DATA_DIR).parent_path().parent_path();
-  std::vector<fs::path> files;
-  for (const char* tree : {"tests/data", "examples/calendars", "fuzz/corpus/item", "fuzz/regressions"}) {
-    if (!fs::exists(root / tree)) continue;
-    for (const auto& entry : fs::recursive_directory_iterator(root / tree)) {
-      if (entry.is_regular_file() && entry.path().extension() == ".ics") files.push_back(entry.path());
-    }
-  }
-  std::sort(files.begin(), files.end());
-  return files;
-}
+using testing::everyCalendarFile;
+using testing::readFile;
 
 // The content lines of `text`, unfolded independently of the code under test: a line starting
 // with a space or a tab continues the one before it.
@@ -139,7 +122,7 @@ const std::string kEvent =
 TEST(VdirDocumentTest, EveryCalendarFileOfTheSuiteIsWrittenBackByteForByte) {
   std::size_t read = 0;
   for (const fs::path& file : everyCalendarFile()) {
-    const std::string bytes = readBytes(file);
+    const std::string bytes = readFile(file);
     auto document = VdirDocument::parse(bytes);
     if (!document.has_value()) continue;  // components that do not nest: refused, never rewritten
     ++read;
@@ -152,7 +135,7 @@ TEST(VdirDocumentTest, EveryCalendarFileOfTheSuiteIsWrittenBackByteForByte) {
 TEST(VdirDocumentTest, ChangingTheTitleChangesOnlyTheSummaryLineOfEveryFile) {
   std::size_t edited = 0;
   for (const fs::path& file : everyCalendarFile()) {
-    const std::string bytes = readBytes(file);
+    const std::string bytes = readFile(file);
     auto result = VdirDocument::parse(bytes);
     if (!result.has_value() || !result.value().calendar()) continue;
     VdirDocument& document = result.value();

@@ -450,5 +450,49 @@ TEST_F(VdirEditTest, ANewTodoIsOpenWithItsDueDateAsGiven) {
                                       "STATUS:NEEDS-ACTION"}));
 }
 
+TEST_F(VdirEditTest, ANewTitleChangesOnlyTheSummaryAndTheStampsOfEveryFileOfTheSuite) {
+  std::size_t edited = 0;
+  for (const auto& file : testing::everyCalendarFile()) {
+    const std::string bytes = testing::readFile(file);
+    auto parsed = VdirDocument::parse(bytes);
+    if (!parsed || !parsed->calendar()) continue;
+    VdirDocument document = std::move(parsed).value();
+    std::vector<std::string> uids;
+    for (const VdirComponent& component : document.calendar()->components()) {
+      const VdirContentLine* uid = component.property("UID");
+      if ((component.name() == "VEVENT" || component.name() == "VTODO") && uid && !component.property("RECURRENCE-ID"))
+        uids.push_back(unescapedText(uid->value()));
+    }
+    if (uids.empty()) continue;
+    const VdirDocument before = document;
+    for (const std::string& uid : uids) {
+      auto changed = changeSeries(document, uid, {.title = "Renamed"}, context_);
+      ASSERT_TRUE(changed) << file << ": " << changed.error().description();
+    }
+    ++edited;
+    // Component by component, line by line: only SUMMARY, DTSTAMP and LAST-MODIFIED of the
+    // retitled masters differ, and no time moved, so SEQUENCE stays.
+    const auto& old = before.calendar()->components();
+    const auto& now = document.calendar()->components();
+    ASSERT_EQ(old.size(), now.size()) << file;
+    for (std::size_t at = 0; at < old.size(); ++at) {
+      auto lines = [](const VdirComponent& component) {
+        std::vector<std::string> kept;
+        for (const VdirProperty* property : component.allProperties()) {
+          const auto& line = property->line;
+          if (line && (line->name() == "SUMMARY" || line->name() == "DTSTAMP" || line->name() == "LAST-MODIFIED"))
+            continue;
+          kept.push_back(line ? line->text() : property->original);
+        }
+        return kept;
+      };
+      EXPECT_EQ(lines(now[at]), lines(old[at])) << file << ", component " << at;
+      EXPECT_EQ(now[at].components().size(), old[at].components().size()) << file;
+    }
+    EXPECT_EQ(VdirDocument::parse(document.text())->text(), document.text()) << file;
+  }
+  EXPECT_GE(edited, 180u);
+}
+
 }  // namespace
 }  // namespace vesp::vdir

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -63,6 +64,22 @@ inline std::string readFile(const fs::path& path) {
   std::stringstream text;
   text << in.rdbuf();
   return text.str();
+}
+
+// Every calendar file the suite has: the .ics files of the golden trees and the sample store, and
+// every input of the item fuzzer's corpus and regressions, in a stable order.
+inline std::vector<fs::path> everyCalendarFile() {
+  const fs::path root = fs::path(VESP_TEST_DATA_DIR).parent_path().parent_path();
+  std::vector<fs::path> files;
+  for (const char* tree : {"tests/data", "examples/calendars", "fuzz/corpus/item", "fuzz/regressions/item"}) {
+    if (!fs::exists(root / tree)) continue;
+    for (const auto& entry : fs::recursive_directory_iterator(root / tree)) {
+      const bool fuzzInput = std::string(tree).rfind("fuzz/", 0) == 0;
+      if (entry.is_regular_file() && (fuzzInput || entry.path().extension() == ".ics")) files.push_back(entry.path());
+    }
+  }
+  std::sort(files.begin(), files.end());
+  return files;
 }
 
 // A one-event calendar file in UTC.

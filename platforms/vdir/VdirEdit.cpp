@@ -496,7 +496,8 @@ rivet::RivetResult<bool> changeSeriesOn(VdirDocument& document, const std::strin
     if (auto span = checkSpan(item, context); !span) return span.error();
   }
   stamp(item, movedTime, context);
-  alignSequences(document, uid, item);
+  // Only a raised SEQUENCE is carried to the overrides: a title leaves theirs as they are.
+  if (movedTime) alignSequences(document, uid, item);
   return true;
 }
 

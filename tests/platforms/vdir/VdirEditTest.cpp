@@ -494,5 +494,20 @@ TEST_F(VdirEditTest, ANewTitleChangesOnlyTheSummaryAndTheStampsOfEveryFileOfTheS
   EXPECT_GE(edited, 180u);
 }
 
+TEST_F(VdirEditTest, OnlyARaisedSequenceIsCarriedToTheOverrides) {
+  std::string text = kSeries;
+  text.replace(text.find("SEQUENCE:2"), 10, "SEQUENCE:5");  // the master's
+  VdirDocument document = parse(text);
+  ASSERT_TRUE(changeSeries(document, kUid, {.title = "Renamed"}, context_));
+  auto events = linesOf(document, "VEVENT");
+  EXPECT_THAT(events[0], ::testing::Contains("SEQUENCE:5"));
+  EXPECT_THAT(events[1], ::testing::Contains("SEQUENCE:2"));
+  ASSERT_TRUE(changeSeries(document, kUid, {.start = berlinTime(2026, 10, 19, 8)}, context_));
+  events = linesOf(document, "VEVENT");
+  EXPECT_THAT(events[0], ::testing::Contains("SEQUENCE:6"));
+  EXPECT_THAT(events[1], ::testing::Contains("SEQUENCE:6"));
+  EXPECT_THAT(events[2], ::testing::Contains("SEQUENCE:6"));
+}
+
 }  // namespace
 }  // namespace vesp::vdir

@@ -337,6 +337,13 @@ class Reader {
 
   // The text of each VTIMEZONE in the file as written, by TZID: the key of its zone, found without
   // serialising the parsed component again (that cost as much as the rest of the file).
+  // Keeps `text` (the file's text repaired) for as long as the reader lives, and returns it.
+  const std::string& keepRepairedText(std::string text) {
+    repairedText_ = std::move(text);
+    return repairedText_;
+  }
+
+  // `text` must live as long as the reader: the file's own text, or the reader's repaired one.
   void collectZoneTexts(std::string_view text) {
     constexpr std::string_view begin = "BEGIN:VTIMEZONE", end = "END:VTIMEZONE";
     for (std::size_t at = text.find(begin); at != std::string_view::npos; at = text.find(begin, at + 1)) {
@@ -803,7 +810,8 @@ class Reader {
   std::vector<VdirDiagnostic>& diagnostics_;
   std::map<std::string, icalcomponent*> definitions_;
   std::map<std::string, std::pair<const icaltimezone*, std::string>> resolved_;
-  std::map<std::string, std::string_view, std::less<>> zoneTexts_;  // into the file's text
+  std::map<std::string, std::string_view, std::less<>> zoneTexts_;  // into the text collected from
+  std::string repairedText_;  // the file's text made UTF-8, when it was not: zoneTexts_ point into it
 };
 
 // The text with END lines added for every component left open, or nothing when none is.
@@ -885,11 +893,9 @@ bool parseText(const std::string& text, Reader& reader, ComponentHolder& root) {
     return false;
   }
   // The library hands out UTF-8 only: other bytes become U+FFFD before anything is read.
-  std::string utf8;
   const std::string* source = &text;
   if (!isValidUtf8(text)) {
-    utf8 = validUtf8(text);
-    source = &utf8;
+    source = &reader.keepRepairedText(validUtf8(text));
     reader.report(VdirDiagnostic::Action::repaired, "bytes that are not UTF-8 were replaced by U+FFFD");
   }
   reader.collectZoneTexts(*source);

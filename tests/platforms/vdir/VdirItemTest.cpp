@@ -359,6 +359,21 @@ TEST(VdirItemTest, BytesThatAreNotUtf8AreReplacedBeforeAnythingIsRead) {
   EXPECT_THAT(read.problems(), Contains("bytes that are not UTF-8 were replaced by U+FFFD"));
 }
 
+TEST(VdirItemTest, AFileThatIsNotUtf8StillKeysItsOwnZoneByItsDefinition) {
+  const std::string definition =
+      "BEGIN:VTIMEZONE\r\nTZID:Custom Three\r\nX-NOTE:caf\xE9\r\nBEGIN:STANDARD\r\nDTSTART:19700101T000000\r\n"
+      "TZOFFSETFROM:+0300\r\nTZOFFSETTO:+0300\r\nEND:STANDARD\r\nEND:VTIMEZONE\r\n";
+  Read read(kHead + definition + event("zoned", "SUMMARY:Caf\xE9\r\nDTSTART;TZID=Custom Three:20260710T090000\r\n") +
+            kTail);
+  ASSERT_NE(read.result.item, nullptr);
+  EXPECT_EQ(read.instant(read.master().start), seconds(utc(2026, 7, 10, 6)));
+  // The zone is keyed by the repaired text of its definition, which outlives the reading.
+  auto kept = read.zones.definitionOf(read.master().start.zone);
+  ASSERT_TRUE(kept);
+  EXPECT_EQ(kept->first, "Custom Three");
+  EXPECT_THAT(kept->second, HasSubstr("X-NOTE:caf\xEF\xBF\xBD\r\n"));
+}
+
 TEST(VdirItemTest, AnEscapeBeforeAMultiByteCharacterStillGivesUtf8) {
   // libical's unescaping takes one byte after a backslash, which would split the character.
   Read read(simpleEvent("a", "Caf\\\xC3\xA9", "20260310T090000Z", "20260310T100000Z",

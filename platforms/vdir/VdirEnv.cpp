@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/inotify.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -210,6 +211,28 @@ class InotifyWatch : public VdirDirectoryWatch {
   std::map<int, std::string> watches_;  // by watch descriptor
 };
 
+// Writers of one collection take turns between checking a file and renaming over it, so that two
+// programs of this platform editing the same file cannot both win. The lock is advisory, on the
+// collection's directory: other programs do not take it, and against them the check is what there is.
+class CollectionLock {
+ public:
+  explicit CollectionLock(const std::string& path) {
+    const std::filesystem::path parent = std::filesystem::path(path).parent_path();
+    fd_ = ::open(parent.empty() ? "." : parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    // Without the lock (a directory that cannot be opened) the write goes on: its rename fails too.
+    while (fd_ >= 0 && ::flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
+    }
+  }
+  ~CollectionLock() {
+    if (fd_ >= 0) ::close(fd_);  // which releases the lock
+  }
+  CollectionLock(const CollectionLock&) = delete;
+  CollectionLock& operator=(const CollectionLock&) = delete;
+
+ private:
+  int fd_ = -1;
+};
+
 // Gives `temporary` the name `path`, which must be free: never over a file that appeared meanwhile.
 rivet::RivetResult<VdirWriteOutcome> placeNew(const std::string& temporary, const std::string& path) {
   if (::renameat2(AT_FDCWD, temporary.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) == 0)
@@ -340,7 +363,11 @@ class PosixEnv : public VdirEnv {
     auto temporary = writeTemporaryBeside(path, bytes, basis.status ? std::optional<mode_t>(mode) : std::nullopt,
                                           VdirDurability::synced);
     if (!temporary) return temporary.error();
-    auto placed = basis.status ? replaceBasis(*temporary, path, basis) : placeNew(*temporary, path);
+    rivet::RivetResult<VdirWriteOutcome> placed = VdirWriteOutcome::changedOnDisk;
+    {
+      CollectionLock lock(path);
+      placed = basis.status ? replaceBasis(*temporary, path, basis) : placeNew(*temporary, path);
+    }
     if (!placed || *placed != VdirWriteOutcome::done) {
       ::unlink(temporary->c_str());
       return placed;
@@ -351,6 +378,7 @@ class PosixEnv : public VdirEnv {
   }
 
   rivet::RivetResult<VdirWriteOutcome> remove(const std::string& path, const VdirFileBasis& basis) override {
+    CollectionLock lock(path);
     mode_t mode = 0;
     auto holds = holdsBasis(path, basis, mode);
     if (!holds) return holds.error();

@@ -145,6 +145,8 @@ class VdirEnv {
   // Writes `bytes` at `path` if what is there is still `basis`: checked (device, inode, size,
   // modification time and every byte) just before the new file takes the name. A new file is
   // created exclusively, never over one that appeared meanwhile; a replaced file keeps its mode.
+  // Writers through this environment hold a lock on the collection from the check to the rename,
+  // so of two that start from the same file one writes and the other is told it changed.
   virtual rivet::RivetResult<VdirWriteOutcome> write(const std::string& path, std::string_view bytes,
                                                      const VdirFileBasis& basis) = 0;
   // Removes `path` if it is still `basis` (which must be a file).

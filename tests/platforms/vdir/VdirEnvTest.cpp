@@ -11,6 +11,9 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <latch>
+#include <optional>
+#include <thread>
 #include <map>
 #include <string>
 #include <vector>
@@ -317,6 +320,37 @@ TEST_F(VdirEnvTest, ADirectoryWithoutWritePermissionIsReadOnlyEvenToTheSuperUser
   EXPECT_FALSE(env_->mayWrite(at("cal")));
   fs::permissions(at("cal"), fs::perms(0755));
   EXPECT_FALSE(env_->mayWrite(at("missing")));
+}
+
+TEST_F(VdirEnvTest, OfWritersStartingFromTheSameFileExactlyOneWins) {
+  constexpr int kWriters = 6;
+  for (int round = 0; round < 25; ++round) {
+    writeFile(root_.path() / "a.ics", "base " + std::to_string(round));
+    const VdirFileBasis basis = basisOf(*env_, at("a.ics"));
+    std::latch start(kWriters);
+    std::vector<std::optional<VdirWriteOutcome>> outcomes(kWriters);
+    std::vector<std::thread> writers;
+    for (int writer = 0; writer < kWriters; ++writer) {
+      writers.emplace_back([&, writer] {
+        start.arrive_and_wait();
+        auto written = env_->write(at("a.ics"), "writer " + std::to_string(writer), basis);
+        if (written) outcomes[writer] = *written;
+      });
+    }
+    for (auto& thread : writers) thread.join();
+    int winners = 0;
+    std::string winner;
+    for (int writer = 0; writer < kWriters; ++writer) {
+      ASSERT_TRUE(outcomes[writer]) << "writer " << writer << " failed";
+      if (*outcomes[writer] == VdirWriteOutcome::done) {
+        ++winners;
+        winner = "writer " + std::to_string(writer);
+      }
+    }
+    ASSERT_EQ(winners, 1) << "round " << round;
+    EXPECT_EQ(testing::readFile(at("a.ics")), winner);
+    EXPECT_EQ(namesIn(root_.path()), std::vector<std::string>{"a.ics"});
+  }
 }
 
 }  // namespace

@@ -156,6 +156,25 @@ rivet::RivetResult<bool> rewriteTimeLines(VdirComponent& component, const std::s
   return true;
 }
 
+// Keeps, of the EXDATE and RDATE values of `component`, those before `occurrence` (or, with
+// `later`, those from it on), in the form of `form`; whether anything changed.
+rivet::RivetResult<bool> keepTimesOneSide(VdirComponent& component, platform::Date occurrence, bool later,
+                                          const VdirTime& form, const VdirEditContext& context) {
+  bool changed = false;
+  for (const char* name : {"EXDATE", "RDATE"}) {
+    auto rewritten = rewriteTimeLines(component, name, form, context, [&](const VdirTime& time) {
+      auto instant = instantOf(time, context);
+      if (!instant) return rivet::RivetResult<std::optional<VdirTime>>(instant.error());
+      if ((instant->timeIntervalSince(occurrence) >= 0) != later)
+        return rivet::RivetResult<std::optional<VdirTime>>(std::optional<VdirTime>());
+      return rivet::RivetResult<std::optional<VdirTime>>(std::optional<VdirTime>(time));
+    });
+    if (!rewritten) return rewritten.error();
+    changed |= *rewritten;
+  }
+  return changed;
+}
+
 bool setText(VdirComponent& component, const std::string& name, const std::optional<std::string>& text,
              bool escaped = true) {
   if (!text) return component.remove(name) > 0;
@@ -501,10 +520,6 @@ rivet::RivetResult<bool> changeSeriesOn(VdirDocument& document, const std::strin
   return true;
 }
 
-}  // namespace
-
-namespace {
-
 rivet::RivetResult<bool> changeOccurrenceOn(VdirDocument& document, const std::string& uid, platform::Date occurrence,
                                           const VdirItemChanges& changes, const VdirEditContext& context) {
   auto master = requireMaster(document, uid);
@@ -545,10 +560,6 @@ rivet::RivetResult<bool> changeOccurrenceOn(VdirDocument& document, const std::s
   return true;
 }
 
-}  // namespace
-
-namespace {
-
 rivet::RivetResult<bool> removeOccurrenceOn(VdirDocument& document, const std::string& uid, platform::Date occurrence,
                                           const VdirEditContext& context) {
   auto master = requireMaster(document, uid);
@@ -575,10 +586,6 @@ rivet::RivetResult<bool> removeOccurrenceOn(VdirDocument& document, const std::s
   alignSequences(document, uid, item);
   return true;
 }
-
-}  // namespace
-
-namespace {
 
 rivet::RivetResult<bool> endSeriesBeforeOn(VdirDocument& document, const std::string& uid, platform::Date occurrence,
                                          const VdirEditContext& context) {
@@ -615,17 +622,9 @@ rivet::RivetResult<bool> endSeriesBeforeOn(VdirDocument& document, const std::st
     for (const VdirContentLine& rule : rules) item.add(rule);
     changed = true;
   }
-  for (const char* name : {"EXDATE", "RDATE"}) {
-    auto rewritten = rewriteTimeLines(item, name, *seriesStart, context, [&](const VdirTime& time) {
-      auto instant = instantOf(time, context);
-      if (!instant) return rivet::RivetResult<std::optional<VdirTime>>(instant.error());
-      if (instant->timeIntervalSince(occurrence) >= 0)
-        return rivet::RivetResult<std::optional<VdirTime>>(std::optional<VdirTime>());
-      return rivet::RivetResult<std::optional<VdirTime>>(std::optional<VdirTime>(time));
-    });
-    if (!rewritten) return rewritten.error();
-    changed |= *rewritten;
-  }
+  auto earlier = keepTimesOneSide(item, occurrence, false, *seriesStart, context);
+  if (!earlier) return earlier.error();
+  changed |= *earlier;
   changed |= document.calendar()->removeComponents([&](const VdirComponent& component) {
     if (!isItem(component) || !hasUid(component, uid)) return false;
     auto instant = recurrenceInstant(component, context);
@@ -735,16 +734,7 @@ rivet::RivetResult<VdirComponent> futureMaster(const VdirComponent& master, cons
   }
   future.remove("RRULE");
   for (const VdirContentLine& rule : rules) future.add(rule);
-  for (const char* name : {"EXDATE", "RDATE"}) {
-    auto kept = rewriteTimeLines(future, name, seriesStart, context, [&](const VdirTime& time) {
-      auto instant = instantOf(time, context);
-      if (!instant) return rivet::RivetResult<std::optional<VdirTime>>(instant.error());
-      if (instant->timeIntervalSince(occurrence) < 0)
-        return rivet::RivetResult<std::optional<VdirTime>>(std::optional<VdirTime>());
-      return rivet::RivetResult<std::optional<VdirTime>>(std::optional<VdirTime>(time));
-    });
-    if (!kept) return kept.error();
-  }
+  if (auto later = keepTimesOneSide(future, occurrence, true, seriesStart, context); !later) return later.error();
   const std::string now = utcText(context.now);
   future.set(VdirContentLine("CREATED", {}, now));
   future.set(VdirContentLine("SEQUENCE", {}, "0"));

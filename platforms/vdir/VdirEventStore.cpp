@@ -137,11 +137,11 @@ void VdirEventStore::requestAccessToEntityType(platform::EKEntityType entityType
   queue_->async([services, entityType, completion = std::move(completion)] {
     auto status = services->authorizationStatus(entityType);
     if (status == platform::EKAuthorizationStatusRestricted)
-      return completion(false, platform::NSError(VdirErrorDomain, 1, "The calendar store cannot be read"));
+      return completion(false, vdirError(VdirErrorCode::storeUnreadable, "The calendar store cannot be read"));
     if (status == platform::EKAuthorizationStatusAuthorized) return completion(true, std::nullopt);
     if (status == platform::EKAuthorizationStatusDenied) return completion(false, std::nullopt);
     if (!services->consentHandler)
-      return completion(false, platform::NSError(VdirErrorDomain, 2, "No consent handler: the user cannot be asked"));
+      return completion(false, vdirError(VdirErrorCode::noConsentHandler, "No consent handler: the user cannot be asked"));
     bool granted = false;
     {
       rivet::RivetMutexLock lock(services->consentMutex);
@@ -156,7 +156,7 @@ void VdirEventStore::requestAccessToEntityType(platform::EKEntityType entityType
         usage = *value->string();
       granted = services->consentHandler(entityType, usage);
       if (auto recorded = services->access->record(entityType, granted); !recorded)
-        return completion(granted, platform::NSError(VdirErrorDomain, 3, recorded.error().message()));
+        return completion(granted, vdirError(VdirErrorCode::consentNotRecorded, recorded.error().message()));
     }
     completion(granted, std::nullopt);
   });

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "platforms/vdir/VdirAccess.h"
+#include "platforms/vdir/VdirErrors.h"
 #include "platforms/vdir/VdirSnapshotSource.h"
 #include "support/platform/EKEventStore.h"
 #include "support/platform/NSBundle.h"
@@ -21,9 +22,6 @@
 #include "support/rivet/RivetSerialQueue.h"
 
 namespace vesp::vdir {
-
-// The error domain of the platform's own errors.
-inline const std::string VdirErrorDomain = "VespVdirErrorDomain";
 
 // What the connections of one platform share.
 struct VdirServices {

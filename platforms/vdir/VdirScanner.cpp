@@ -11,6 +11,7 @@
 #include <string_view>
 #include <thread>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "platforms/vdir/VdirEnv.h"
 #include "platforms/vdir/VdirText.h"
@@ -100,6 +101,7 @@ struct VdirScanner::Slot {
   std::size_t previous = kNone;  // its record in the scan before's records
   VdirFileRecord record;
   bool parse = false, gone = false, unreadable = false;
+  bool known = false;  // its record was taken over unseen (relist)
 };
 
 // A problem of the tree (no slot), or the place of a file's own problems in the listing.
@@ -257,6 +259,69 @@ void VdirScanner::list(VdirSources& sources) {
   }
 }
 
+std::size_t VdirScanner::addSlot(Slot slot) {
+  problems_.push_back({slots_.size(), {}});
+  slots_.push_back(std::move(slot));
+  return slots_.size() - 1;
+}
+
+void VdirScanner::relist(const VdirSnapshot& previous, VdirFileRecords& records,
+                         const std::vector<std::pair<std::string, std::string>>& written) {
+  relisted_ = true;
+  next_->rootExists = previous.rootExists;
+  next_->rootReadable = previous.rootReadable;
+  std::unordered_map<std::string_view, std::size_t> byIdentifier;
+  for (const auto& served : previous.collections) {
+    const VdirCalendarFields& fields = served.calendar->fields();
+    Collection collection;
+    collection.identifier = served.identifier;
+    collection.directory = served.directory;
+    collection.source = fields.source;
+    collection.type = fields.type;
+    collection.displayName = fields.title;
+    collection.colour = fields.color;
+    collections_.push_back(std::move(collection));
+  }
+  for (std::size_t c = 0; c < collections_.size(); ++c) byIdentifier.emplace(collections_[c].identifier, c);
+  auto collectionOf = [&](const std::string& relative) -> Collection* {
+    auto slash = relative.rfind('/');
+    if (slash == std::string::npos) return nullptr;
+    auto found = byIdentifier.find(std::string_view(relative).substr(0, slash));
+    return found == byIdentifier.end() ? nullptr : &collections_[found->second];
+  };
+  std::unordered_set<std::string> rewritten;
+  for (const auto& [identifier, name] : written) rewritten.insert(identifier + "/" + escapedName(name));
+  // Problems of the tree itself (not of a file served) stay as they were.
+  std::unordered_set<std::string_view> recorded;
+  for (const auto& [relative, record] : records) recorded.insert(relative);
+  for (const auto& diagnostic : previous.diagnostics)
+    if (!recorded.count(diagnostic.path) && !rewritten.count(diagnostic.path))
+      problem(diagnostic.path, diagnostic.action, diagnostic.problem);
+  for (auto& [relative, record] : records) {
+    Collection* collection = collectionOf(relative);
+    if (!collection || rewritten.count(relative)) continue;
+    Slot slot;
+    slot.relative = relative;
+    slot.record = std::move(record);
+    slot.known = true;
+    collection->slots.push_back(addSlot(std::move(slot)));
+  }
+  for (const auto& [identifier, name] : written) {
+    Collection* collection = collectionOf(identifier + "/x");
+    if (!collection) continue;
+    Slot slot;
+    slot.relative = identifier + "/" + escapedName(name);
+    slot.name = name;
+    slot.path = collection->directory + "/" + name;
+    slot.parse = true;
+    // In its place among the collection's files, as a listing would have put it.
+    auto& slots = collection->slots;
+    auto at = std::lower_bound(slots.begin(), slots.end(), slot.relative,
+                               [&](std::size_t index, const std::string& relative) { return slots_[index].relative < relative; });
+    slots.insert(at, addSlot(std::move(slot)));
+  }
+}
+
 // Each file's record from the scan before: where the order of that scan puts it, else by name.
 void VdirScanner::matchPrevious(const VdirFileRecords& previous) {
   std::unordered_map<std::string_view, std::size_t> byPath;
@@ -276,6 +341,7 @@ void VdirScanner::matchPrevious(const VdirFileRecords& previous) {
 }
 
 void VdirScanner::lookAt(Slot& slot, VdirFileRecords& previous) const {
+  if (slot.known) return;
   // A file not seen before is read in any case (and looked at when it is opened).
   if (slot.previous == kNone) {
     slot.parse = true;
@@ -306,7 +372,7 @@ void VdirScanner::lookAt(Slot& slot, VdirFileRecords& previous) const {
 }
 
 void VdirScanner::look(VdirFileRecords& previous) {
-  matchPrevious(previous);
+  if (!relisted_) matchPrevious(previous);
   runOnEveryCore(threads_, slots_.size(), 1024, [&](std::size_t at) { lookAt(slots_[at], previous); });
   for (std::size_t i = 0; i < slots_.size(); ++i)
     if (slots_[i].parse) toParse_.push_back(i);

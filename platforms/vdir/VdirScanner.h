@@ -2,7 +2,8 @@
 // the next snapshot, the records that go with it and the problems found, in four steps that run
 // (and can be tested) one at a time:
 //
-//   list()   every collection and its .ics files, sorted, on the calling thread;
+//   list()   every collection and its .ics files, sorted, on the calling thread (or relist(),
+//            which takes the collections and unchanged records over from the scan before);
 //   look()   each file's version against the scan before, taking over unchanged records (every core);
 //   read()   read and parse what is new or changed (every core);
 //   finish() the snapshot and the records, in listing order; problems in the order they were met.
@@ -53,6 +54,12 @@ class VdirScanner {
 
   // Lists the tree. Accounts' sources are taken from `sources` when unchanged, else made there.
   void list(VdirSources& sources);
+  // Instead of list(): the collections of `previous` and every record of `records` (its scan's,
+  // moved out of it), except those of `written` (collection identifier and file name), which are
+  // read again, or left out when they are gone. Nothing else is listed or looked at: for a store
+  // that knows which files it changed itself.
+  void relist(const VdirSnapshot& previous, VdirFileRecords& records,
+              const std::vector<std::pair<std::string, std::string>>& written);
   // Compares each listed file with its record in `previous` (the scan before's, in its order) and
   // moves the records of unchanged files out of it.
   void look(VdirFileRecords& previous);
@@ -76,6 +83,7 @@ class VdirScanner {
   bool readSlot(Slot& slot) const;  // whether it parsed the file
   VdirCollection assemble(Collection& pending, const VdirCalendars& previous, VdirScanResult& result);
   void problem(std::string path, VdirDiagnostic::Action action, std::string text);
+  std::size_t addSlot(struct Slot slot);
 
   const VdirStoreOptions& options_;
   VdirEnv& env_;
@@ -89,6 +97,7 @@ class VdirScanner {
   std::vector<Problem> problems_;
   std::vector<Collection> collections_;
   std::vector<std::size_t> toParse_;
+  bool relisted_ = false;
 };
 
 }  // namespace vesp::vdir

@@ -10,6 +10,7 @@
 #include <unordered_map>
 
 #include "platforms/vdir/VdirEnv.h"
+#include "platforms/vdir/VdirErrors.h"
 #include "platforms/vdir/VdirFiles.h"
 #include "platforms/vdir/VdirScanner.h"
 #include "platforms/vdir/VdirText.h"
@@ -188,8 +189,11 @@ bool VdirStore::rescan() {
   scanner.look(files_);
   parses_ += scanner.read();
   VdirScanResult scan = scanner.finish(calendars_);
-  auto& next = scan.snapshot;
+  return adopt(std::move(scan), scannedAt);
+}
 
+bool VdirStore::adopt(VdirScanResult scan, std::int64_t scannedAt) {
+  auto& next = scan.snapshot;
   // Anything different from the snapshot before: items, collections or the root's state.
   auto previous = snapshot();
   bool changed = previous->rootExists != next->rootExists || previous->rootReadable != next->rootReadable ||
@@ -212,6 +216,123 @@ bool VdirStore::rescan() {
   // Written in the background: the store answers meanwhile.
   if (cacheStale_ && !cacheKey_.empty()) cacheWriter_ = std::thread([this, scannedAt] { writeCache(scannedAt); });
   return changed;
+}
+
+namespace {
+
+rivet::RivetError storeError(VdirErrorCode code, std::string message, const char* function, std::uint64_t line) {
+  auto error = vdirError(code, message);
+  return rivet::RivetError(std::move(message), std::nullopt, "VdirStore", function, line, std::move(error));
+}
+
+}  // namespace
+
+rivet::RivetResult<std::string> VdirStore::writableDirectory(const std::string& collection) const {
+  auto served = snapshot();
+  for (const auto& candidate : served->collections) {
+    if (candidate.identifier != collection) continue;
+    if (!env_->mayWrite(candidate.directory))
+      return storeError(VdirErrorCode::readOnlyCalendar,
+                        "the calendar \"" + candidate.calendar->title() + "\" is read-only: its directory cannot be written",
+                        __func__, __LINE__);
+    return candidate.directory;
+  }
+  return storeError(VdirErrorCode::noCalendar, "there is no calendar \"" + collection + "\"", __func__, __LINE__);
+}
+
+std::optional<std::pair<std::string, std::string>> VdirStore::fileOf(const std::string& relativePath) const {
+  auto slash = relativePath.rfind('/');
+  if (slash == std::string::npos) return std::nullopt;
+  auto name = unescapedName(std::string_view(relativePath).substr(slash + 1));
+  if (!name) return std::nullopt;
+  return std::make_pair(relativePath.substr(0, slash), std::move(*name));
+}
+
+rivet::RivetResult<VdirFileToEdit> VdirStore::readToEdit(const std::string& collection, const std::string& name) {
+  auto directory = writableDirectory(collection);
+  if (!directory) return directory.error();
+  VdirFileToEdit file{collection, name, *directory + "/" + name, {}};
+  const std::string relative = collection + "/" + escapedName(name);
+  auto read = env_->read(file.path, options_.maximumFileSize);
+  if (!read) return storeError(VdirErrorCode::ioFailure, relative + ": " + read.error().message(), __func__, __LINE__);
+  if (!*read) return file;
+  if ((*read)->tooLong)
+    return storeError(VdirErrorCode::notReadWhole,
+                      relative + " is larger than the limit of " + std::to_string(options_.maximumFileSize) +
+                          " bytes: it was not read, so it cannot be written back",
+                      __func__, __LINE__);
+  VdirParseContext context{zones_.get(), clock_.get(), &options_.userAddresses, options_.maximumCountedOccurrences};
+  auto parsed = parseItem(relative, name, (*read)->text, context);
+  if (!parsed.diagnostics.empty())
+    return storeError(VdirErrorCode::notReadWhole,
+                      relative + " was not read whole (" + std::string(vdir::description(parsed.diagnostics.front().action)) +
+                          ": " + parsed.diagnostics.front().problem +
+                          "): writing it back would lose what could not be read",
+                      __func__, __LINE__);
+  file.basis = {(*read)->status, std::move((*read)->text)};
+  return file;
+}
+
+rivet::RivetResult<bool> VdirStore::writeChanges(const std::vector<VdirFileChange>& changes) {
+  std::vector<std::pair<std::string, const VdirFileChange*>> created;
+  auto takeBack = [&] {
+    for (const auto& [path, change] : created) (void)env_->remove(path, {env_->status(path).value_or(std::nullopt), *change->bytes});
+  };
+  for (const auto& change : changes) {
+    auto directory = writableDirectory(change.collection);
+    if (!directory) {
+      takeBack();
+      return directory.error();
+    }
+    const std::string path = *directory + "/" + change.name;
+    auto outcome = change.bytes ? env_->write(path, *change.bytes, change.basis) : env_->remove(path, change.basis);
+    const std::string relative = change.collection + "/" + escapedName(change.name);
+    if (!outcome || *outcome == VdirWriteOutcome::changedOnDisk) {
+      takeBack();
+      if (!outcome)
+        return storeError(VdirErrorCode::ioFailure, relative + ": " + outcome.error().message(), __func__, __LINE__);
+      return storeError(VdirErrorCode::changedOnDisk,
+                        relative + " changed on disk since it was read: nothing was saved", __func__, __LINE__);
+    }
+    if (change.bytes && !change.basis.status) created.emplace_back(path, &change);
+  }
+  return true;
+}
+
+rivet::RivetResult<std::shared_ptr<const VdirSnapshot>> VdirStore::save(std::vector<VdirFileChange> changes) {
+  // New files first: a failure after them can take them back, which a replacement cannot be.
+  std::stable_partition(changes.begin(), changes.end(),
+                        [](const VdirFileChange& change) { return change.bytes && !change.basis.status; });
+  std::size_t others = 0;
+  for (const auto& change : changes) others += change.bytes && !change.basis.status ? 0 : 1;
+  if (others > 1)
+    return storeError(VdirErrorCode::invalidChange, "a save replaces or removes one file at most", __func__, __LINE__);
+  // Saving without a change writes nothing.
+  changes.erase(std::remove_if(changes.begin(), changes.end(),
+                               [](const VdirFileChange& change) {
+                                 return change.bytes && change.basis.status && *change.bytes == change.basis.text;
+                               }),
+                changes.end());
+  if (changes.empty()) return snapshot();
+  bool changed = false;
+  std::shared_ptr<const VdirSnapshot> saved;
+  {
+    rivet::RivetMutexLock rescanLock(rescanMutex_);
+    if (auto written = writeChanges(changes); !written) return written.error();
+    ++saves_;
+    if (cacheWriter_.joinable()) cacheWriter_.join();
+    const std::int64_t scannedAt = env_->now();
+    std::vector<std::pair<std::string, std::string>> paths;
+    for (const auto& change : changes) paths.emplace_back(change.collection, change.name);
+    VdirScanner scanner(options_, *env_, *zones_, *clock_, 1);
+    scanner.relist(*snapshot(), files_, paths);
+    scanner.look(files_);
+    parses_ += scanner.read();
+    changed = adopt(scanner.finish(calendars_), scannedAt);
+    saved = snapshot();
+  }
+  if (changed) notifyListeners();
+  return saved;
 }
 
 void VdirStore::flushCache() {

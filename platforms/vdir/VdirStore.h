@@ -14,7 +14,8 @@
 // The scan itself is VdirScanner's; the store swaps its snapshots, keeps the cache and tells listeners.
 // Files, directories, watches and the clock are reached through a VdirEnv only.
 //
-// The store only ever reads: files are opened read-only and nothing under the root is written.
+// The store writes only when asked to save (see save()): a file at a time, atomically, and only
+// over the version the edit was based on. Scans open files read-only.
 //
 // Opening is quick: files are parsed on every core, and a persistent cache (see VdirCache) holds
 // each file's compact data, so reopening re-parses only the files that changed. Queries are
@@ -45,6 +46,7 @@
 #include <vector>
 
 #include "platforms/vdir/VdirCache.h"
+#include "platforms/vdir/VdirEnv.h"
 #include "platforms/vdir/VdirExpansion.h"
 #include "platforms/vdir/VdirItem.h"
 #include "platforms/vdir/VdirObjects.h"
@@ -59,6 +61,22 @@ namespace vesp::vdir {
 class VdirDirectoryWatch;
 class VdirEnv;
 class VdirZones;
+
+// A file of a collection as read to be edited: where it is, and the version the edit starts from.
+struct VdirFileToEdit {
+  std::string collection;  // the collection's identifier
+  std::string name;        // the file's name in its directory
+  std::string path;
+  VdirFileBasis basis;  // without a status: there is no such file yet
+};
+
+// One file of a save: its new bytes, or its removal, over the version its edit started from.
+struct VdirFileChange {
+  std::string collection;
+  std::string name;
+  std::optional<std::string> bytes;  // absent: remove the file
+  VdirFileBasis basis;
+};
 
 class VdirStore : public VdirSnapshotSource, public std::enable_shared_from_this<VdirStore> {
  public:
@@ -83,6 +101,22 @@ class VdirStore : public VdirSnapshotSource, public std::enable_shared_from_this
   // changed something. Returns a token for removeChangeListener.
   std::uint64_t addChangeListener(std::function<void()> listener) override;
   void removeChangeListener(std::uint64_t token) override;
+
+  // Reads a file to edit it. Fails, with a VdirErrorCode in the error's framework error, when the
+  // collection is unknown or not writable, or the file cannot be read or was not read whole
+  // (repaired or partly skipped): writing it back would lose what could not be read.
+  rivet::RivetResult<VdirFileToEdit> readToEdit(const std::string& collection, const std::string& name);
+  // The collection and file name of an item's path (VdirItem::relativePath); absent when there are none.
+  std::optional<std::pair<std::string, std::string>> fileOf(const std::string& relativePath) const;
+
+  // Writes `changes`: new files first, then at most one replacement or removal. Each is written
+  // only over its basis; when one fails ("changed on disk", or an error) the new files already
+  // written are removed again and the store stays as it was. Then only the files written are read
+  // again, into a new snapshot that every query sees when this returns, and the change listeners
+  // are called once (on this thread). Returns that snapshot.
+  rivet::RivetResult<std::shared_ptr<const VdirSnapshot>> save(std::vector<VdirFileChange> changes);
+  // Saves that wrote something, since the store was made.
+  std::uint64_t saveCount() const { return saves_.load(); }
 
   // What was skipped, repaired or cut short, for the whole store.
   std::vector<VdirDiagnostic> diagnostics() const;
@@ -121,6 +155,11 @@ class VdirStore : public VdirSnapshotSource, public std::enable_shared_from_this
  private:
   VdirStore(VdirStoreOptions options, std::shared_ptr<VdirEnv> env);
   bool rescan() RIVET_EXCLUDES(rescanMutex_, mutex_);
+  // Serves the scan's snapshot and keeps its records; whether anything changed.
+  bool adopt(VdirScanResult scan, std::int64_t scannedAt) RIVET_REQUIRES(rescanMutex_) RIVET_EXCLUDES(mutex_);
+  rivet::RivetResult<std::string> writableDirectory(const std::string& collection) const RIVET_EXCLUDES(mutex_);
+  // Writes the changes in save()'s order; on failure, takes the new files back.
+  rivet::RivetResult<bool> writeChanges(const std::vector<VdirFileChange>& changes) RIVET_REQUIRES(rescanMutex_);
   // What the watcher's thread needs, shared with it so that it outlives the store if need be.
   struct WatchState {
     VdirStoreOptions options;
@@ -164,7 +203,7 @@ class VdirStore : public VdirSnapshotSource, public std::enable_shared_from_this
   std::vector<VdirDiagnostic> runtime_ RIVET_GUARDED_BY(mutex_);
   VdirCacheStatus cacheStatus_ RIVET_GUARDED_BY(mutex_);
 
-  std::atomic<std::uint64_t> rescans_{0}, parses_{0};
+  std::atomic<std::uint64_t> rescans_{0}, parses_{0}, saves_{0};
   std::shared_ptr<WatchState> watchState_;
   std::thread watcher_;
 };

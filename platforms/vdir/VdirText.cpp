@@ -83,4 +83,25 @@ std::string escapedName(std::string_view name) {
   return result;
 }
 
+std::optional<std::string> unescapedName(std::string_view escaped) {
+  auto hex = [](char c) -> int {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+  };
+  std::string name;
+  name.reserve(escaped.size());
+  for (std::size_t at = 0; at < escaped.size(); ++at) {
+    if (escaped[at] != '%') {
+      name += escaped[at];
+      continue;
+    }
+    if (at + 2 >= escaped.size() || hex(escaped[at + 1]) < 0 || hex(escaped[at + 2]) < 0) return std::nullopt;
+    name += static_cast<char>(hex(escaped[at + 1]) * 16 + hex(escaped[at + 2]));
+    at += 2;
+  }
+  if (escapedName(name) != escaped) return std::nullopt;
+  return name;
+}
+
 }  // namespace vesp::vdir

@@ -2,6 +2,7 @@
 // every text the library hands out is UTF-8.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -16,5 +17,7 @@ std::string validUtf8(std::string_view text);
 // A file or directory name as identifiers carry it: "%" becomes "%25" and every byte that is not
 // part of a well-formed UTF-8 sequence "%XX", so distinct names stay distinct.
 std::string escapedName(std::string_view name);
+// The name `escaped` was made from ("%XX" back to its byte); absent when it is not such a name.
+std::optional<std::string> unescapedName(std::string_view escaped);
 
 }  // namespace vesp::vdir

@@ -80,6 +80,15 @@ TEST(VdirTextTest, NamesEscapePercentAndBytesOfNoCharacter) {
   EXPECT_EQ(escapedName("%E9"), "%25E9");                             // not mistaken for an escape
 }
 
+TEST(VdirTextTest, OnlyNamesThatEscapingMakesUnescape) {
+  EXPECT_EQ(unescapedName("caf%E9"), "caf\xE9");
+  EXPECT_EQ(unescapedName("100%25.ics"), "100%.ics");
+  EXPECT_EQ(unescapedName("100%.ics"), std::nullopt);   // a bare '%'
+  EXPECT_EQ(unescapedName("a%4"), std::nullopt);        // cut short
+  EXPECT_EQ(unescapedName("%61"), std::nullopt);        // "a" is never escaped
+  EXPECT_EQ(unescapedName("%e9"), std::nullopt);        // escapes are upper case
+}
+
 TEST(VdirTextTest, DistinctNamesStayDistinctAndEscapedNamesAreUtf8) {
   std::mt19937 random(1124);
   // Few distinct bytes, so that near-misses ("%", "E", "9", 0xE9) meet often.
@@ -91,6 +100,7 @@ TEST(VdirTextTest, DistinctNamesStayDistinctAndEscapedNamesAreUtf8) {
     for (std::size_t i = length(random); i > 0; --i) name += alphabet[pick(random)];
     std::string result = escapedName(name);
     ASSERT_TRUE(isValidUtf8(result)) << result;
+    ASSERT_EQ(unescapedName(result), name) << result;
     if (names.insert(name).second) {
       ASSERT_TRUE(escaped.insert(result).second) << "two names escape to " << result;
     }

@@ -130,6 +130,10 @@ bool VdirStore::readable() const {
   return (*status)->kind == VdirFileKind::directory && env_->mayList(options_.root);
 }
 
+platform::Date VdirStore::now() const {
+  return platform::Date::fromTimeIntervalSince1970(static_cast<double>(env_->now()) / 1e9);
+}
+
 std::shared_ptr<const VdirSnapshot> VdirStore::snapshot() const {
   rivet::RivetMutexLock lock(mutex_);
   return snapshot_;

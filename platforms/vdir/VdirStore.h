@@ -137,6 +137,10 @@ class VdirStore : public VdirSnapshotSource, public std::enable_shared_from_this
 
   // The clock of this store (for converting due dates).
   const VdirClock& clock() const { return *clock_; }
+  // The zones the store's files define (and the system's by name), for edits.
+  VdirZones& zones() const { return *zones_; }
+  // The time now, by the store's environment.
+  platform::Date now() const;
 
   // Counts, for tests and benchmarks: rescans done and files parsed since the store was made.
   std::uint64_t rescanCount() const { return rescans_.load(); }

@@ -1,0 +1,248 @@
+#include "platforms/vdir/VdirItemEditor.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <random>
+
+#include "platforms/vdir/VdirErrors.h"
+#include "platforms/vdir/VdirFileNames.h"
+#include "platforms/vdir/VdirText.h"
+#include "platforms/vdir/VdirZones.h"
+
+namespace vesp::vdir {
+
+namespace {
+
+rivet::RivetError editorError(VdirErrorCode code, std::string message, const char* function, std::uint64_t line) {
+  auto error = vdirError(code, message);
+  return rivet::RivetError(std::move(message), std::nullopt, "VdirItemEditor", function, line, std::move(error));
+}
+
+// An edit's failure with the code that says what kind it is.
+rivet::RivetError editFailure(const rivet::RivetError& error, const char* function, std::uint64_t line) {
+  const std::string& message = error.message();
+  auto has = [&](const char* text) { return message.find(text) != std::string::npos; };
+  const VdirErrorCode code = has("the end lies before the start") ? VdirErrorCode::endBeforeStart
+                             : has("unknown time zone")          ? VdirErrorCode::unknownTimeZone
+                             : has("holds no item with UID")     ? VdirErrorCode::noSuchItem
+                                                                 : VdirErrorCode::invalidChange;
+  return editorError(code, message, function, line);
+}
+
+// A fresh UID: 128 random bits in the usual 8-4-4-4-12 form.
+std::string randomUid() {
+  static thread_local std::mt19937_64 random{std::random_device{}() ^ (std::uint64_t(std::random_device{}()) << 32)};
+  const std::uint64_t high = random(), low = random();
+  char text[37];
+  std::snprintf(text, sizeof text, "%08x-%04x-%04x-%04x-%012llx", unsigned(high >> 32), unsigned(high >> 16) & 0xFFFF,
+                unsigned(high & 0xFFFF), unsigned(low >> 48), static_cast<unsigned long long>(low & 0xFFFFFFFFFFFFull));
+  return text;
+}
+
+// The VTIMEZONE text of a system zone for a file that uses it as `tzid`: libical's definition,
+// under the TZID the file's times name (libical's own carries a prefix no reader would match).
+std::optional<std::string> systemZoneDefinition(const std::string& tzid) {
+  icaltimezone* zone = builtinZone(ianaNameOfTzid(tzid));
+  if (!zone) return std::nullopt;
+  icalcomponent* definition = icaltimezone_get_component(zone);
+  if (!definition) return std::nullopt;
+  icalcomponent* copy = icalcomponent_new_clone(definition);
+  if (!copy) return std::nullopt;
+  if (icalproperty* name = icalcomponent_get_first_property(copy, ICAL_TZID_PROPERTY))
+    icalproperty_set_tzid(name, tzid.c_str());
+  char* text = icalcomponent_as_ical_string_r(copy);
+  icalcomponent_free(copy);
+  std::optional<std::string> result;
+  if (text) result = text;
+  std::free(text);
+  return result;
+}
+
+}  // namespace
+
+struct VdirItemEditor::Found {
+  std::string collection;  // as the store names it
+  VdirFileToEdit file;
+  VdirDocument document;
+  std::string uid;
+  std::string identifier;
+  bool recurring = false;
+  std::optional<platform::Date> firstStart;  // of the series' master
+};
+
+VdirEditContext VdirItemEditor::contextFor(const VdirDocument& document) const {
+  // A TZID is the file's own VTIMEZONE when it has one, else a system zone by name.
+  std::map<std::string, std::string> defined;
+  if (const VdirComponent* calendar = document.calendar())
+    for (const auto& component : calendar->components())
+      if (component.name() == "VTIMEZONE")
+        if (const VdirContentLine* tzid = component.property("TZID")) {
+          std::string text;
+          component.write(text, "\r\n");
+          defined.emplace(unescapedText(tzid->value()), std::move(text));
+        }
+  VdirEditContext context;
+  context.clock = &store_->clock();
+  context.now = store_->now();
+  context.zoneFor = [store = store_, defined = std::move(defined)](const std::string& tzid) -> const icaltimezone* {
+    if (auto found = defined.find(tzid); found != defined.end())
+      if (auto zone = store->zones().zoneFor(tzid, found->second).first) return zone;
+    return builtinZone(ianaNameOfTzid(tzid));
+  };
+  return context;
+}
+
+rivet::RivetResult<VdirItemEditor::Found> VdirItemEditor::find(const std::string& identifier, bool todo) {
+  auto snapshot = store_->snapshot();
+  auto entry = snapshot->entries.find(identifier);
+  if (entry == snapshot->entries.end() || entry->second.todo != todo)
+    return editorError(VdirErrorCode::noSuchItem,
+                       std::string(todo ? "no reminder" : "no event") + " \"" + identifier + "\" in the store", __func__,
+                       __LINE__);
+  const auto& item = *snapshot->collections[entry->second.collection].items[entry->second.item];
+  Found found;
+  found.identifier = identifier;
+  if (todo) {
+    found.uid = item.todos[entry->second.index].uid;
+  } else {
+    const VdirSeriesData& series = item.series[entry->second.index];
+    const VdirComponentData& any = series.master ? *series.master : series.overrides.front();
+    found.uid = any.uid;
+    found.recurring = series.isRecurring();
+    if (series.master) found.firstStart = store_->clock().instant(series.master->start);
+  }
+  auto file = store_->fileOf(item.relativePath);
+  if (!file)
+    return editorError(VdirErrorCode::noSuchItem, "\"" + identifier + "\" names no file of the store", __func__, __LINE__);
+  found.collection = file->first;
+  auto read = store_->readToEdit(file->first, file->second);
+  if (!read) return read.error();
+  if (!read->basis.status)
+    return editorError(VdirErrorCode::noSuchItem, "\"" + identifier + "\" is no longer in the store", __func__, __LINE__);
+  found.file = std::move(read).value();
+  auto document = VdirDocument::parse(found.file.basis.text);
+  if (!document)
+    return editorError(VdirErrorCode::notReadWhole, item.relativePath + ": " + document.error().message(), __func__,
+                       __LINE__);
+  found.document = std::move(document).value();
+  return found;
+}
+
+rivet::RivetResult<VdirPlan> VdirItemEditor::planned(Found& found, const rivet::RivetResult<bool>& edited) {
+  if (!edited) return editFailure(edited.error(), __func__, __LINE__);
+  VdirPlan plan;
+  plan.identifier = found.identifier;
+  if (*edited) {
+    // A file left without any item goes as a whole.
+    std::optional<std::string> bytes;
+    if (holdsItems(found.document)) bytes = found.document.text();
+    plan.changes.push_back({found.file.collection, found.file.name, std::move(bytes), found.file.basis});
+  }
+  return plan;
+}
+
+rivet::RivetResult<VdirPlan> VdirItemEditor::changeEvent(const std::string& eventIdentifier,
+                                                         std::optional<platform::Date> occurrence, VdirSpan span,
+                                                         const VdirItemChanges& changes,
+                                                         const std::optional<std::string>& collection) {
+  auto found = find(eventIdentifier, false);
+  if (!found) return found.error();
+  const VdirEditContext context = contextFor(found->document);
+  const bool wholeSeries = !found->recurring || !occurrence ||
+                           (span == VdirSpan::futureOccurrences && found->firstStart == occurrence);
+  if (collection && *collection != found->collection) {
+    if (!wholeSeries)
+      return editorError(VdirErrorCode::invalidChange, "only a whole series moves to another calendar", __func__,
+                         __LINE__);
+    VdirDocument others = found->document;
+    if (removeItem(others, found->uid) > 0 && holdsItems(others))
+      return editorError(VdirErrorCode::invalidChange,
+                         "the file holds other items too: only a file of one item moves to another calendar", __func__,
+                         __LINE__);
+    VdirDocument moved = found->document;
+    auto edited = changeSeries(moved, found->uid, changes, context);
+    if (!edited) return editFailure(edited.error(), __func__, __LINE__);
+    auto target = store_->readToEdit(*collection, found->file.name);
+    if (!target) return target.error();
+    VdirPlan plan;
+    plan.identifier = *collection + "/" + escapedName(found->file.name);
+    plan.changes.push_back({*collection, found->file.name, moved.text(), target->basis});
+    plan.changes.push_back({found->file.collection, found->file.name, std::nullopt, found->file.basis});
+    return plan;
+  }
+  if (wholeSeries) return planned(*found, changeSeries(found->document, found->uid, changes, context));
+  if (span == VdirSpan::thisOccurrence)
+    return planned(*found, changeOccurrence(found->document, found->uid, *occurrence, changes, context));
+  // This and every later occurrence: a new series in a file of its own.
+  const std::string uid = randomUid();
+  auto rest = splitSeries(found->document, found->uid, *occurrence, uid, changes, context);
+  if (!rest) return editFailure(rest.error(), __func__, __LINE__);
+  auto plan = planned(*found, true);
+  const std::string name = fileNameForUid(uid);
+  auto fresh = store_->readToEdit(found->file.collection, name);
+  if (!fresh) return fresh.error();
+  plan->changes.push_back({found->file.collection, name, rest->text(), fresh->basis});
+  plan->identifier = found->file.collection + "/" + name;
+  return plan;
+}
+
+rivet::RivetResult<VdirPlan> VdirItemEditor::removeEvent(const std::string& eventIdentifier,
+                                                         std::optional<platform::Date> occurrence, VdirSpan span) {
+  auto found = find(eventIdentifier, false);
+  if (!found) return found.error();
+  const VdirEditContext context = contextFor(found->document);
+  const bool wholeSeries = !found->recurring || !occurrence ||
+                           (span == VdirSpan::futureOccurrences && found->firstStart == occurrence);
+  rivet::RivetResult<bool> edited = wholeSeries ? rivet::RivetResult<bool>(removeItem(found->document, found->uid) > 0)
+                                    : span == VdirSpan::thisOccurrence
+                                        ? removeOccurrence(found->document, found->uid, *occurrence, context)
+                                        : endSeriesBefore(found->document, found->uid, *occurrence, context);
+  auto plan = planned(*found, edited);
+  if (plan && wholeSeries) plan->identifier.clear();
+  return plan;
+}
+
+rivet::RivetResult<VdirPlan> VdirItemEditor::newItem(const std::string& collection, const std::string& componentName,
+                                                     const VdirItemChanges& changes) {
+  const std::string uid = randomUid();
+  const std::string name = fileNameForUid(uid);
+  auto file = store_->readToEdit(collection, name);
+  if (!file) return file.error();
+  VdirEditContext context = contextFor(VdirDocument());
+  auto item = vdir::newItem(componentName, uid, changes, context);
+  if (!item) return editFailure(item.error(), __func__, __LINE__);
+  auto document = newItemDocument(*item, systemZoneDefinition);
+  if (!document) return editFailure(document.error(), __func__, __LINE__);
+  VdirPlan plan;
+  plan.identifier = collection + "/" + name;
+  plan.changes.push_back({collection, name, document->text(), file->basis});
+  return plan;
+}
+
+rivet::RivetResult<VdirPlan> VdirItemEditor::changeReminder(const std::string& identifier,
+                                                            const VdirItemChanges& changes) {
+  auto found = find(identifier, true);
+  if (!found) return found.error();
+  return planned(*found, changeSeries(found->document, found->uid, changes, contextFor(found->document)));
+}
+
+rivet::RivetResult<VdirPlan> VdirItemEditor::setReminderCompleted(const std::string& identifier, bool completed) {
+  auto found = find(identifier, true);
+  if (!found) return found.error();
+  return planned(*found, setCompleted(found->document, found->uid, completed, contextFor(found->document)));
+}
+
+rivet::RivetResult<VdirPlan> VdirItemEditor::removeReminder(const std::string& identifier) {
+  auto found = find(identifier, true);
+  if (!found) return found.error();
+  auto plan = planned(*found, rivet::RivetResult<bool>(removeItem(found->document, found->uid) > 0));
+  if (plan) plan->identifier.clear();
+  return plan;
+}
+
+rivet::RivetResult<std::shared_ptr<const VdirSnapshot>> VdirItemEditor::apply(const VdirPlan& plan) {
+  return store_->save(plan.changes);
+}
+
+}  // namespace vesp::vdir

@@ -1,0 +1,288 @@
+// Editing items through the store: each operation's files on disk, what the store serves once
+// the save returns, what is kept untouched, and the errors a host tells apart.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+
+#include "platforms/vdir/VdirErrors.h"
+#include "platforms/vdir/VdirItemEditor.h"
+#include "platforms/vdir/VdirPlatform.h"
+#include "platforms/vdir/VdirZones.h"
+#include "tests/platforms/vdir/VdirTestSupport.h"
+
+namespace vesp::vdir {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+using testing::readFile;
+using testing::TemporaryDirectory;
+using testing::utc;
+using testing::writeFile;
+namespace fs = std::filesystem;
+
+// Weekly on Mondays at 09:00 UTC from 2 November 2026, eight times, with what other programs add.
+const std::string kWeekly =
+    "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Other//Writer//EN\r\nBEGIN:VEVENT\r\nUID:weekly\r\n"
+    "DTSTAMP:20261001T000000Z\r\nDTSTART:20261102T090000Z\r\nDTEND:20261102T100000Z\r\n"
+    "RRULE:FREQ=WEEKLY;COUNT=8\r\nSUMMARY:Team\r\nX-OTHER-APP;X-P=1:kept\r\n"
+    "ATTACH:https://example.org/agenda\r\n"
+    "BEGIN:VALARM\r\nACTION:DISPLAY\r\nDESCRIPTION:Team\r\nTRIGGER:-PT10M\r\nEND:VALARM\r\nEND:VEVENT\r\n"
+    "END:VCALENDAR\r\n";
+
+const std::string kTodo =
+    "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Other//Writer//EN\r\nBEGIN:VTODO\r\nUID:milk\r\n"
+    "DTSTAMP:20261001T000000Z\r\nSUMMARY:Milk\r\nDUE;VALUE=DATE:20261201\r\nX-KEEP:yes\r\nEND:VTODO\r\n"
+    "END:VCALENDAR\r\n";
+
+std::optional<VdirErrorCode> codeOf(const rivet::RivetError& error) {
+  if (!error.frameworkError() || error.frameworkError()->domain() != VdirErrorDomain) return std::nullopt;
+  return static_cast<VdirErrorCode>(error.frameworkError()->code());
+}
+
+VdirTime utcTime(int year, int month, int day, int hour) {
+  VdirTime time;
+  time.kind = VdirTime::Kind::utc;
+  time.local = icaltime_null_time();
+  time.local.year = year;
+  time.local.month = month;
+  time.local.day = day;
+  time.local.hour = hour;
+  return time;
+}
+
+VdirTime berlinTime(int year, int month, int day, int hour) {
+  VdirTime time = utcTime(year, month, day, hour);
+  time.kind = VdirTime::Kind::zoned;
+  time.tzid = "Europe/Berlin";
+  time.zone = builtinZone("Europe/Berlin");
+  return time;
+}
+
+class VdirItemEditorTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    writeFile(root.path() / "c/weekly.ics", kWeekly);
+    writeFile(root.path() / "c/milk.ics", kTodo);
+    writeFile(root.path() / "d/displayname", "Other\n");
+    auto options = testing::platformOptions(root.path(), config.path() / "access.json");
+    options.store.cacheDirectory = (config.path() / "cache").string();
+    platform = VdirPlatform::make(options);
+    store = platform->store();
+    editor = std::make_unique<VdirItemEditor>(store);
+  }
+  // Start (UTC seconds) and title of every occurrence in November and December 2026.
+  std::map<long long, std::string> occurrences() {
+    std::map<long long, std::string> result;
+    for (const auto& event : store->events(utc(2026, 11, 1), utc(2027, 1, 1), std::nullopt))
+      result[static_cast<long long>(event->startDate()->timeIntervalSince1970())] = *event->title();
+    return result;
+  }
+  static long long monday(int month, int day, int hour = 9) {
+    return static_cast<long long>(civilSecondsSince1970(2026, month, day, hour, 0, 0));
+  }
+  platform::Date at(long long seconds) { return platform::Date::fromTimeIntervalSince1970(static_cast<double>(seconds)); }
+  void apply(const rivet::RivetResult<VdirPlan>& plan) {
+    ASSERT_TRUE(plan.has_value()) << plan.error().message();
+    auto saved = editor->apply(*plan);
+    ASSERT_TRUE(saved.has_value()) << saved.error().message();
+  }
+
+  TemporaryDirectory root, config;
+  std::shared_ptr<VdirPlatform> platform;
+  std::shared_ptr<VdirStore> store;
+  std::unique_ptr<VdirItemEditor> editor;
+};
+
+TEST_F(VdirItemEditorTest, ANewEventIsAFileOfItsOwnNamedByItsUidWithItsZone) {
+  auto plan = editor->newItem("d", "VEVENT", {.title = "Dentist", .start = berlinTime(2026, 12, 3, 15),
+                                              .end = berlinTime(2026, 12, 3, 16)});
+  ASSERT_TRUE(plan.has_value()) << plan.error().message();
+  ASSERT_EQ(plan->changes.size(), 1u);
+  const std::string name = plan->changes[0].name;
+  EXPECT_THAT(name, ::testing::MatchesRegex("[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{12}\\.ics"));
+  EXPECT_FALSE(fs::exists(root.path() / "d" / name));  // planned, not written
+  apply(plan);
+  const std::string text = readFile(root.path() / "d" / name);
+  EXPECT_THAT(text, HasSubstr("UID:" + name.substr(0, name.size() - 4) + "\r\n"));
+  EXPECT_THAT(text, HasSubstr("PRODID:-//Vesp//Vesp 0.1//EN\r\n"));
+  EXPECT_THAT(text, HasSubstr("BEGIN:VTIMEZONE\r\nTZID:Europe/Berlin\r\n"));
+  EXPECT_THAT(text, HasSubstr("DTSTART;TZID=Europe/Berlin:20261203T150000\r\n"));
+  EXPECT_EQ(plan->identifier, "d/" + name);
+  auto served = store->firstOccurrence(plan->identifier);
+  ASSERT_NE(served, nullptr);
+  EXPECT_EQ(served->title(), "Dentist");
+  EXPECT_EQ(served->startDate()->timeIntervalSince1970(), civilSecondsSince1970(2026, 12, 3, 14, 0, 0));
+}
+
+TEST_F(VdirItemEditorTest, ChangingOneOccurrenceWritesAnOverrideAndLeavesTheRestAsTheyWere) {
+  auto before = occurrences();
+  ASSERT_EQ(before.size(), 8u);
+  apply(editor->changeEvent("c/weekly.ics", at(monday(11, 16)), VdirSpan::thisOccurrence,
+                            {.title = "Retro", .start = utcTime(2026, 11, 16, 13), .end = utcTime(2026, 11, 16, 14)}));
+  auto after = occurrences();
+  auto expected = before;
+  expected.erase(monday(11, 16));
+  expected[monday(11, 16, 13)] = "Retro";
+  EXPECT_EQ(after, expected);
+  const std::string text = readFile(root.path() / "c/weekly.ics");
+  EXPECT_THAT(text, HasSubstr("RECURRENCE-ID:20261116T090000Z\r\n"));
+  EXPECT_THAT(text, HasSubstr("X-OTHER-APP;X-P=1:kept\r\n"));
+  EXPECT_THAT(text, HasSubstr("ATTACH:https://example.org/agenda\r\n"));
+  EXPECT_THAT(text, HasSubstr("PRODID:-//Other//Writer//EN\r\n"));  // the file stays the other program's
+  EXPECT_EQ(text.find("RRULE:FREQ=WEEKLY;COUNT=8\r\n"), text.rfind("RRULE"));  // the override repeats nothing
+}
+
+TEST_F(VdirItemEditorTest, ChangingThisAndLaterOccurrencesSplitsTheSeriesIntoTwoFiles) {
+  auto before = occurrences();
+  auto plan = editor->changeEvent("c/weekly.ics", at(monday(11, 23)), VdirSpan::futureOccurrences, {.title = "Team B"});
+  ASSERT_TRUE(plan.has_value()) << plan.error().message();
+  ASSERT_EQ(plan->changes.size(), 2u);
+  apply(plan);
+  auto expected = before;
+  for (auto& [start, title] : expected)
+    if (start >= monday(11, 23)) title = "Team B";
+  EXPECT_EQ(occurrences(), expected);
+  EXPECT_THAT(readFile(root.path() / "c/weekly.ics"), HasSubstr("RRULE:FREQ=WEEKLY;UNTIL=20261123T085959Z\r\n"));
+  EXPECT_EQ(std::distance(fs::directory_iterator(root.path() / "c"), fs::directory_iterator()), 3);
+  auto later = store->firstOccurrence(plan->identifier);
+  ASSERT_NE(later, nullptr);
+  EXPECT_EQ(later->startDate()->timeIntervalSince1970(), monday(11, 23));
+  // From the first occurrence on is the whole series: no split.
+  auto whole = editor->changeEvent("c/weekly.ics", at(monday(11, 2)), VdirSpan::futureOccurrences, {.title = "All"});
+  ASSERT_TRUE(whole.has_value());
+  EXPECT_EQ(whole->changes.size(), 1u);
+}
+
+TEST_F(VdirItemEditorTest, RemovingOneLaterOrEveryOccurrence) {
+  auto before = occurrences();
+  apply(editor->removeEvent("c/weekly.ics", at(monday(11, 9)), VdirSpan::thisOccurrence));
+  auto expected = before;
+  expected.erase(monday(11, 9));
+  EXPECT_EQ(occurrences(), expected);
+  EXPECT_THAT(readFile(root.path() / "c/weekly.ics"), HasSubstr("EXDATE:20261109T090000Z\r\n"));
+
+  apply(editor->removeEvent("c/weekly.ics", at(monday(12, 7)), VdirSpan::futureOccurrences));
+  for (auto it = expected.begin(); it != expected.end();) it = it->first >= monday(12, 7) ? expected.erase(it) : std::next(it);
+  EXPECT_EQ(occurrences(), expected);
+
+  auto plan = editor->removeEvent("c/weekly.ics", std::nullopt, VdirSpan::thisOccurrence);
+  ASSERT_TRUE(plan.has_value());
+  EXPECT_EQ(plan->identifier, "");
+  apply(plan);
+  EXPECT_TRUE(occurrences().empty());
+  EXPECT_FALSE(fs::exists(root.path() / "c/weekly.ics"));
+  EXPECT_TRUE(fs::exists(root.path() / "c/milk.ics"));
+}
+
+TEST_F(VdirItemEditorTest, ARemindersDueDateCompletionAndRemoval) {
+  VdirTime due = utcTime(2026, 12, 2, 0);
+  due.kind = VdirTime::Kind::date;
+  apply(editor->changeReminder("c/milk.ics", {.due = due, .priority = 1}));
+  std::string text = readFile(root.path() / "c/milk.ics");
+  EXPECT_THAT(text, HasSubstr("DUE;VALUE=DATE:20261202\r\n"));
+  EXPECT_THAT(text, HasSubstr("PRIORITY:1\r\n"));
+  EXPECT_THAT(text, HasSubstr("X-KEEP:yes\r\n"));
+  EXPECT_EQ(store->reminder("c/milk.ics")->priority(), 1);
+
+  apply(editor->setReminderCompleted("c/milk.ics", true));
+  EXPECT_TRUE(store->reminder("c/milk.ics")->isCompleted());
+  EXPECT_THAT(readFile(root.path() / "c/milk.ics"), HasSubstr("STATUS:COMPLETED\r\n"));
+  apply(editor->setReminderCompleted("c/milk.ics", false));
+  EXPECT_FALSE(store->reminder("c/milk.ics")->isCompleted());
+  EXPECT_THAT(readFile(root.path() / "c/milk.ics"), Not(HasSubstr("COMPLETED:")));
+  // Completing it again when it is already open changes nothing and writes nothing.
+  auto again = editor->setReminderCompleted("c/milk.ics", false);
+  ASSERT_TRUE(again.has_value());
+  EXPECT_TRUE(again->changes.empty());
+
+  apply(editor->removeReminder("c/milk.ics"));
+  EXPECT_EQ(store->reminder("c/milk.ics"), nullptr);
+  EXPECT_FALSE(fs::exists(root.path() / "c/milk.ics"));
+}
+
+TEST_F(VdirItemEditorTest, ASeriesMovesToAnotherCalendarNewFileFirst) {
+  const std::string before = readFile(root.path() / "c/weekly.ics");
+  auto plan = editor->changeEvent("c/weekly.ics", std::nullopt, VdirSpan::thisOccurrence, {}, "d");
+  ASSERT_TRUE(plan.has_value()) << plan.error().message();
+  ASSERT_EQ(plan->changes.size(), 2u);
+  EXPECT_EQ(plan->changes[0].collection, "d");
+  EXPECT_FALSE(plan->changes[1].bytes.has_value());
+  apply(plan);
+  EXPECT_FALSE(fs::exists(root.path() / "c/weekly.ics"));
+  EXPECT_EQ(readFile(root.path() / "d/weekly.ics"), before);  // moved without a change: the same bytes
+  ASSERT_NE(store->firstOccurrence("d/weekly.ics"), nullptr);
+  EXPECT_EQ(store->firstOccurrence("d/weekly.ics")->calendar()->calendarIdentifier(), "d");
+  auto one = editor->changeEvent("d/weekly.ics", at(monday(11, 9)), VdirSpan::thisOccurrence, {}, "c");
+  ASSERT_FALSE(one.has_value());
+  EXPECT_EQ(codeOf(one.error()), VdirErrorCode::invalidChange);
+}
+
+TEST_F(VdirItemEditorTest, FailuresSayWhatKindTheyAreAndChangeNothing) {
+  const auto tree = testing::treeState(root.path());
+  auto missing = editor->changeEvent("c/nothing.ics", std::nullopt, VdirSpan::thisOccurrence, {.title = "x"});
+  ASSERT_FALSE(missing.has_value());
+  EXPECT_EQ(codeOf(missing.error()), VdirErrorCode::noSuchItem);
+  auto todoAsEvent = editor->changeEvent("c/milk.ics", std::nullopt, VdirSpan::thisOccurrence, {.title = "x"});
+  ASSERT_FALSE(todoAsEvent.has_value());
+  EXPECT_EQ(codeOf(todoAsEvent.error()), VdirErrorCode::noSuchItem);
+  auto backwards = editor->changeEvent("c/weekly.ics", std::nullopt, VdirSpan::thisOccurrence,
+                                       {.end = utcTime(2026, 11, 2, 8)});
+  ASSERT_FALSE(backwards.has_value());
+  EXPECT_EQ(codeOf(backwards.error()), VdirErrorCode::endBeforeStart);
+  VdirTime nowhere = berlinTime(2026, 12, 1, 9);
+  nowhere.tzid = "Nowhere/Atlantis";
+  nowhere.zone = nullptr;
+  auto unknown = editor->newItem("d", "VEVENT", {.title = "x", .start = nowhere});
+  ASSERT_FALSE(unknown.has_value());
+  EXPECT_EQ(codeOf(unknown.error()), VdirErrorCode::unknownTimeZone);
+  auto noCalendar = editor->newItem("nowhere", "VTODO", {.title = "x"});
+  ASSERT_FALSE(noCalendar.has_value());
+  EXPECT_EQ(codeOf(noCalendar.error()), VdirErrorCode::noCalendar);
+  EXPECT_EQ(testing::treeState(root.path()), tree);
+}
+
+// What python-icalendar (Debian's package, for /usr/bin/python3) reads in `path`: per VEVENT, its
+// summary, its start in seconds since 1970 and its rule; empty when the reader failed.
+std::string readByPythonIcalendar(const fs::path& path) {
+  const std::string script =
+      "import sys, icalendar\n"
+      "cal = icalendar.Calendar.from_ical(open(sys.argv[1], 'rb').read())\n"
+      "for ev in cal.walk('VEVENT'):\n"
+      "    rule = ev.get('RRULE')\n"
+      "    print(ev.get('SUMMARY'), int(ev.decoded('DTSTART').timestamp()), rule.to_ical().decode() if rule else '-')\n";
+  TemporaryDirectory scratch;
+  writeFile(scratch.path() / "read.py", script);
+  const std::string command = "/usr/bin/python3 " + (scratch.path() / "read.py").string() + " '" + path.string() + "' 2>&1";
+  FILE* pipe = ::popen(command.c_str(), "r");
+  if (!pipe) return "";
+  std::string output;
+  char buffer[4096];
+  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) output.append(buffer, n);
+  return ::pclose(pipe) == 0 ? output : "failed: " + output;
+}
+
+TEST_F(VdirItemEditorTest, WhatIsWrittenReadsBackInAnIndependentReader) {
+  if (!fs::exists("/usr/lib/python3/dist-packages/icalendar")) {
+    const char* ci = std::getenv("CI");
+    ASSERT_FALSE(ci && std::string(ci) == "true") << "CI must install the Debian package python3-icalendar";
+    GTEST_SKIP() << "needs the Debian package python3-icalendar (scripts/test installs it)";
+  }
+  auto created = editor->newItem("d", "VEVENT", {.title = "Dentist", .start = berlinTime(2026, 12, 3, 15),
+                                                 .end = berlinTime(2026, 12, 3, 16)});
+  apply(created);
+  EXPECT_EQ(readByPythonIcalendar(root.path() / "d" / created->changes[0].name),
+            "Dentist " + std::to_string(monday(12, 3, 14)) + " -\n");
+  auto split = editor->changeEvent("c/weekly.ics", at(monday(11, 23)), VdirSpan::futureOccurrences, {.title = "Team B"});
+  apply(split);
+  EXPECT_EQ(readByPythonIcalendar(root.path() / "c/weekly.ics"),
+            "Team " + std::to_string(monday(11, 2)) + " FREQ=WEEKLY;UNTIL=20261123T085959Z\n");
+  EXPECT_EQ(readByPythonIcalendar(root.path() / "c" / split->changes[1].name),
+            "Team B " + std::to_string(monday(11, 23)) + " FREQ=WEEKLY;COUNT=5\n");
+}
+
+}  // namespace
+}  // namespace vesp::vdir

@@ -42,6 +42,7 @@ struct VdirCalendarFields {
   platform::EKEntityMask entityTypes = platform::EKEntityMaskEvent;
   platform::EKCalendarType type = platform::EKCalendarTypeLocal;
   std::shared_ptr<VdirSource> source;
+  bool writable = false;  // its directory may be written: items may be saved to it
 };
 
 class VdirCalendar : public platform::EKCalendar {
@@ -49,7 +50,7 @@ class VdirCalendar : public platform::EKCalendar {
   explicit VdirCalendar(VdirCalendarFields fields) : fields_(std::move(fields)) {}
   const VdirCalendarFields& fields() const { return fields_; }
 
-  bool allowsContentModifications() const override { return false; }
+  bool allowsContentModifications() const override { return fields_.writable; }
   platform::EKEntityMask allowedEntityTypes() const override { return fields_.entityTypes; }
   std::string calendarIdentifier() const override { return fields_.identifier; }
   platform::CGColorRef CGColor() const override { return fields_.color; }

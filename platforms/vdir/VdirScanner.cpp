@@ -442,11 +442,12 @@ VdirCollection VdirScanner::assemble(Collection& pending, const VdirCalendars& p
                                                : platform::EKEntityMaskEvent;
   fields.type = pending.type;
   fields.source = pending.source;
+  fields.writable = env_.mayWrite(pending.directory);
   auto found = previous.find(pending.identifier);
   const auto& old = found == previous.end() ? nullptr : found->second;
   if (old && old->fields().title == fields.title && platform::CGColorEqualToColor(old->fields().color, fields.color) &&
       old->fields().entityTypes == fields.entityTypes && old->fields().source == fields.source &&
-      old->fields().type == fields.type)
+      old->fields().type == fields.type && old->fields().writable == fields.writable)
     collection.calendar = old;
   else
     collection.calendar = std::make_shared<VdirCalendar>(std::move(fields));

@@ -234,7 +234,7 @@ TEST_F(VdirObjectsTest, CollectionsAreCalendarsWithTitleColourAndSource) {
   EXPECT_NEAR(calendar->CGColor()->green(), 0x87 / 255.0, 1e-9);
   EXPECT_NEAR(calendar->CGColor()->blue(), 0xAD / 255.0, 1e-9);
   EXPECT_EQ(calendar->allowedEntityTypes(), platform::EKEntityMaskEvent);
-  EXPECT_FALSE(calendar->allowsContentModifications());
+  EXPECT_TRUE(calendar->allowsContentModifications());  // its directory may be written
   ASSERT_NE(calendar->source(), nullptr);
   EXPECT_EQ(calendar->source()->sourceIdentifier(), ".");
   EXPECT_EQ(calendar->source()->sourceType(), 0);

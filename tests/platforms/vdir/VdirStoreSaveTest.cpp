@@ -193,7 +193,12 @@ TEST_F(VdirStoreSaveTest, ACollectionWhoseDirectoryIsNotWritableRefusesEverySave
   ASSERT_EQ(::chmod((root.path() / "c").c_str(), 0555), 0);
   auto refused = store.readToEdit("c", "e1.ics");
   auto saved = store.save({replacing(*file, event(1, "Changed"))});
+  const bool allowedBefore = store.snapshot()->collections[0].calendar->allowsContentModifications();
+  store.refresh();
+  const bool allowedAfter = store.snapshot()->collections[0].calendar->allowsContentModifications();
   ::chmod((root.path() / "c").c_str(), 0755);
+  EXPECT_TRUE(allowedBefore);
+  EXPECT_FALSE(allowedAfter);  // seen by the next scan
   ASSERT_FALSE(refused.has_value());
   EXPECT_EQ(codeOf(refused.error()), VdirErrorCode::readOnlyCalendar);
   EXPECT_EQ(refused.error().message(), "the calendar \"c\" is read-only: its directory cannot be written");

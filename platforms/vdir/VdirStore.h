@@ -106,6 +106,8 @@ class VdirStore : public VdirSnapshotSource, public std::enable_shared_from_this
   // collection is unknown or not writable, or the file cannot be read or was not read whole
   // (repaired or partly skipped): writing it back would lose what could not be read.
   rivet::RivetResult<VdirFileToEdit> readToEdit(const std::string& collection, const std::string& name);
+  // Whether the collection exists and its directory may be written.
+  bool writable(const std::string& collection) const { return writableDirectory(collection).has_value(); }
   // The collection and file name of an item's path (VdirItem::relativePath); absent when there are none.
   std::optional<std::pair<std::string, std::string>> fileOf(const std::string& relativePath) const;
 

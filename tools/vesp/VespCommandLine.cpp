@@ -23,7 +23,10 @@
 #include "Vesp/VespCodingError.h"
 #include "Vesp/VespJSONCoder.h"
 #include "platforms/vdir/VdirPlatform.h"
+#include "platforms/vdir/VdirErrors.h"
+#include "platforms/vdir/VdirItemEditor.h"
 #include "platforms/vdir/VdirStore.h"
+#include "platforms/vdir/VdirZones.h"
 #include "support/keel/KeelManagerFramework.h"
 #include "support/rivet/RivetJsonLineLogger.h"
 #include "tools/vesp/VespOutput.h"
@@ -268,6 +271,11 @@ struct Arguments {
   std::size_t count = 0;                 // watch --count
   std::string accessKind;                // access KIND
   bool request = false, reset = false;   // access --request, --reset
+  // The commands that write: new, edit, delete, reminder new|done|undo|delete.
+  std::string title, start, end, duration, due, occurrence, calendar;
+  std::optional<std::string> location, notes, url;
+  std::optional<int> priority;
+  bool allDay = false, future = false, dryRun = false;
 };
 
 // What a subcommand runs with.
@@ -348,6 +356,242 @@ void runReminder(Invocation& call) {
     call.out << toJSON(found).dump(2, ' ', false, json::error_handler_t::replace) << '\n';
   else
     printReminder(call.out, found, call.style);
+}
+
+// The kind of failure of a write, as an exit status.
+int exitStatusOf(const rivet::RivetError& error) {
+  if (!error.frameworkError() || error.frameworkError()->domain() != vdir::VdirErrorDomain) return kExitFailure;
+  switch (static_cast<vdir::VdirErrorCode>(error.frameworkError()->code())) {
+    case vdir::VdirErrorCode::noSuchItem: return kExitNotFound;
+    case vdir::VdirErrorCode::noCalendar:
+    case vdir::VdirErrorCode::endBeforeStart:
+    case vdir::VdirErrorCode::unknownTimeZone:
+    case vdir::VdirErrorCode::invalidChange: return kExitUsage;
+    default: return kExitFailure;
+  }
+}
+
+template <class T>
+T writtenOrExit(rivet::RivetResult<T> result) {
+  if (!result) throw Exit{exitStatusOf(result.error()), "vesp: " + result.error().message()};
+  return std::move(result).value();
+}
+
+// A time as the user gave it, in the form it is to be written: a date for an all-day item, UTC
+// when it ends in Z, else the wall-clock time in the local zone, under that zone's name.
+vdir::VdirTime timeOf(const std::string& text, const char* option, bool allDay, const vdir::VdirClock& clock) {
+  const Date instant = parseDate(text, option);
+  vdir::VdirTime like;
+  if (allDay) {
+    like.kind = vdir::VdirTime::Kind::date;
+  } else if (text.back() == 'Z' || clock.localZoneName() == "UTC" || !vdir::builtinZone(clock.localZoneName())) {
+    like.kind = vdir::VdirTime::Kind::utc;
+  } else {
+    like.kind = vdir::VdirTime::Kind::zoned;
+    like.tzid = clock.localZoneName();
+    like.zone = vdir::builtinZone(like.tzid);
+  }
+  if (allDay) {
+    // The day the user named, whatever the zone.
+    auto seconds = static_cast<std::time_t>(instant.timeIntervalSince1970());
+    std::tm fields{};
+    localtime_r(&seconds, &fields);
+    like.local = icaltime_null_time();
+    like.local.year = fields.tm_year + 1900;
+    like.local.month = fields.tm_mon + 1;
+    like.local.day = fields.tm_mday;
+    like.local.is_date = 1;
+    return like;
+  }
+  like.local = clock.wallClockLike(instant, like);
+  return like;
+}
+
+// "1h30m", "45m", "2h", "1d", "90s": seconds.
+long long durationOf(const std::string& text) {
+  static const std::regex pattern(R"((?:(\d+)d)?(?:(\d+)h)?(?:(\d+)m)?(?:(\d+)s)?)");
+  std::smatch match;
+  if (text.empty() || !std::regex_match(text, match, pattern))
+    throw Exit{kExitUsage, "vesp: --duration \"" + text + "\" is not a duration: use for example 1h30m, 45m or 1d"};
+  auto part = [&](int at) { return match[at].matched ? std::stoll(match[at]) : 0LL; };
+  long long seconds = part(1) * 86400 + part(2) * 3600 + part(3) * 60 + part(4);
+  if (seconds <= 0) throw Exit{kExitUsage, "vesp: --duration \"" + text + "\" is not longer than nothing"};
+  return seconds;
+}
+
+// The texts every item command may set.
+void setTexts(const Arguments& args, vdir::VdirItemChanges& changes) {
+  if (!args.title.empty()) changes.title = args.title;
+  // An empty text removes the property.
+  auto text = [](const std::optional<std::string>& given) -> std::optional<std::optional<std::string>> {
+    if (!given) return std::nullopt;
+    return given->empty() ? std::optional<std::string>() : given;
+  };
+  changes.location = text(args.location);
+  changes.notes = text(args.notes);
+  changes.url = text(args.url);
+}
+
+// The start and end of `new` or `edit`: --end, or --duration after the start, or (for a new event)
+// an hour, or a day when all-day.
+void setTimes(const Arguments& args, const vdir::VdirClock& clock, bool isNew, vdir::VdirItemChanges& changes) {
+  if (!args.end.empty() && !args.duration.empty()) throw Exit{kExitUsage, "vesp: give --end or --duration, not both"};
+  if (!args.start.empty()) changes.start = timeOf(args.start, "--start", args.allDay, clock);
+  if (!args.end.empty()) changes.end = timeOf(args.end, "--end", args.allDay, clock);
+  if (!changes.start || changes.end || (args.duration.empty() && !isNew)) return;
+  const long long seconds = args.duration.empty() ? (args.allDay ? 86400 : 3600) : durationOf(args.duration);
+  if (args.allDay && seconds % 86400 != 0) throw Exit{kExitUsage, "vesp: an all-day event lasts whole days (1d, 2d, ...)"};
+  vdir::VdirTime end = *changes.start;
+  if (args.allDay) {
+    end.local = icaltime_add(end.local, icaldurationtype_from_int(static_cast<int>(seconds)));
+  } else {
+    const Date after = Date::fromTimeIntervalSince1970(clock.instant(end).timeIntervalSince1970() + double(seconds));
+    end.local = clock.wallClockLike(after, end);
+  }
+  changes.end = end;
+}
+
+// The collection a new item goes to: --calendar, else the first writable one holding `mask`.
+std::string collectionFor(Invocation& call, platform::EKEntityMask mask, const char* listing, const char* option) {
+  auto& store = *call.session.platform().store();
+  if (!call.args.calendar.empty()) return call.args.calendar;
+  auto snapshot = store.snapshot();
+  for (const auto& collection : snapshot->collections)
+    if ((collection.calendar->allowedEntityTypes() & mask) && store.writable(collection.identifier))
+      return collection.identifier;
+  throw Exit{kExitUsage, std::string("vesp: the store has no writable ") +
+                             (mask == platform::EKEntityMaskReminder ? "reminder list" : "calendar") + "; `vesp " +
+                             listing + "` lists them, and " + option + " chooses one (an empty collection counts as a calendar)"};
+}
+
+// Prints what a plan will write (--dry-run), or saves it and prints what it saved.
+void saveOrShow(Invocation& call, vdir::VdirItemEditor& editor, const vdir::VdirPlan& plan, bool reminder) {
+  if (call.args.dryRun) {
+    json changes = json::array();
+    for (const auto& change : plan.changes) {
+      const std::string file = change.collection + "/" + change.name;
+      if (call.args.asJSON) {
+        changes.push_back(change.bytes ? json{{"file", file}, {"text", *change.bytes}} : json{{"file", file}, {"removed", true}});
+      } else if (change.bytes) {
+        call.out << "--- would write " << neutralised(file) << "\n" << *change.bytes;
+      } else {
+        call.out << "--- would remove " << neutralised(file) << "\n";
+      }
+    }
+    if (call.args.asJSON) call.out << json{{"changes", changes}}.dump(2, ' ', false, json::error_handler_t::replace) << '\n';
+    if (!call.args.asJSON && plan.changes.empty()) call.out << "Nothing would change.\n";
+    return;
+  }
+  writtenOrExit(editor.apply(plan));
+  if (plan.identifier.empty()) {
+    if (call.args.asJSON) call.out << json{{"removed", call.args.identifier}}.dump(2) << '\n';
+    else call.out << "Removed " << neutralised(call.args.identifier) << '\n';
+    return;
+  }
+  auto& manager = call.session.manager();
+  if (reminder) {
+    auto saved = valueOrExit(manager.getReminder(plan.identifier), kExitFailure);
+    if (call.args.asJSON)
+      call.out << toJSON(saved).dump(2, ' ', false, json::error_handler_t::replace) << '\n';
+    else
+      printReminder(call.out, saved, call.style);
+    return;
+  }
+  auto saved = valueOrExit(manager.getEventInstance(VespEventInstanceIdentifier::noOccurrenceDate(plan.identifier)),
+                           kExitFailure);
+  if (call.args.asJSON)
+    call.out << toJSON(saved).dump(2, ' ', false, json::error_handler_t::replace) << '\n';
+  else
+    printEvent(call.out, saved, call.style);
+}
+
+// An event named by an occurrence identifier (as `vesp events --json` prints it) or by its
+// eventIdentifier (the whole series).
+std::pair<std::string, std::optional<Date>> eventNamed(const Arguments& args) {
+  if (args.identifier.empty() || args.identifier[0] != '{') {
+    if (!args.occurrence.empty()) return {args.identifier, parseDate(args.occurrence, "--occurrence")};
+    return {args.identifier, std::nullopt};
+  }
+  try {
+    auto decoded = VespJSONDecoder().decode<VespEventInstanceIdentifier>(args.identifier);
+    return {decoded.eventIdentifier(), decoded.originalOccurrenceDate()};
+  } catch (const VespDecodingError& error) {
+    throw Exit{kExitUsage, "vesp: \"" + args.identifier + "\" is not an occurrence identifier (" + error.what() + ")"};
+  }
+}
+
+vdir::VdirSpan spanOf(const Arguments& args) {
+  return args.future ? vdir::VdirSpan::futureOccurrences : vdir::VdirSpan::thisOccurrence;
+}
+
+void runNew(Invocation& call) {
+  call.session.requireAccess(platform::EKEntityTypeEvent, true);
+  auto store = call.session.platform().store();
+  vdir::VdirItemChanges changes;
+  setTexts(call.args, changes);
+  setTimes(call.args, store->clock(), true, changes);
+  vdir::VdirItemEditor editor(store);
+  auto plan = writtenOrExit(editor.newItem(collectionFor(call, platform::EKEntityMaskEvent, "calendars", "--calendar"), "VEVENT", changes));
+  saveOrShow(call, editor, plan, false);
+}
+
+void runEdit(Invocation& call) {
+  call.session.requireAccess(platform::EKEntityTypeEvent, true);
+  auto store = call.session.platform().store();
+  auto [identifier, occurrence] = eventNamed(call.args);
+  vdir::VdirItemChanges changes;
+  setTexts(call.args, changes);
+  setTimes(call.args, store->clock(), false, changes);
+  vdir::VdirItemEditor editor(store);
+  std::optional<std::string> collection;
+  if (!call.args.calendar.empty()) collection = call.args.calendar;
+  saveOrShow(call, editor, writtenOrExit(editor.changeEvent(identifier, occurrence, spanOf(call.args), changes, collection)),
+             false);
+}
+
+void runDelete(Invocation& call) {
+  call.session.requireAccess(platform::EKEntityTypeEvent, true);
+  auto [identifier, occurrence] = eventNamed(call.args);
+  vdir::VdirItemEditor editor(call.session.platform().store());
+  auto plan = writtenOrExit(editor.removeEvent(identifier, occurrence, spanOf(call.args)));
+  if (!plan.identifier.empty() && !call.args.dryRun) {
+    // One occurrence, or the later ones, went: the series stays.
+    writtenOrExit(editor.apply(plan));
+    if (call.args.asJSON)
+      call.out << json{{"removed", call.args.identifier}, {"series", plan.identifier}}.dump(2) << '\n';
+    else
+      call.out << "Removed " << (call.args.future ? "this and every later occurrence of " : "one occurrence of ")
+               << neutralised(plan.identifier) << '\n';
+    return;
+  }
+  saveOrShow(call, editor, plan, false);
+}
+
+void runReminderNew(Invocation& call) {
+  call.session.requireAccess(platform::EKEntityTypeReminder, true);
+  auto store = call.session.platform().store();
+  vdir::VdirItemChanges changes;
+  setTexts(call.args, changes);
+  if (!call.args.due.empty()) changes.due = timeOf(call.args.due, "--due", call.args.due.size() == 10, store->clock());
+  changes.priority = call.args.priority;
+  vdir::VdirItemEditor editor(store);
+  auto plan = writtenOrExit(editor.newItem(collectionFor(call, platform::EKEntityMaskReminder, "reminder-lists", "--list"), "VTODO", changes));
+  saveOrShow(call, editor, plan, true);
+}
+
+void runReminderChange(Invocation& call, const char* change) {
+  call.session.requireAccess(platform::EKEntityTypeReminder, true);
+  auto store = call.session.platform().store();
+  vdir::VdirItemEditor editor(store);
+  const std::string what = change;
+  if (what == "delete") return saveOrShow(call, editor, writtenOrExit(editor.removeReminder(call.args.identifier)), true);
+  if (what != "edit")
+    return saveOrShow(call, editor, writtenOrExit(editor.setReminderCompleted(call.args.identifier, what == "done")), true);
+  vdir::VdirItemChanges changes;
+  setTexts(call.args, changes);
+  if (!call.args.due.empty()) changes.due = timeOf(call.args.due, "--due", call.args.due.size() == 10, store->clock());
+  changes.priority = call.args.priority;
+  saveOrShow(call, editor, writtenOrExit(editor.changeReminder(call.args.identifier, changes)), true);
 }
 
 // Prints a line per change until SIGINT or SIGTERM, or until --count changes were printed.
@@ -448,6 +692,8 @@ struct Subcommand {
 
 void addGlobalOptions(CLI::App& app, Arguments& args) {
   app.require_subcommand(1);
+  // Global options may also follow the subcommand: `vesp events --json`.
+  app.fallthrough();
   app.add_option("--store", args.store, "The store's root directory (default: $VESP_STORE, else ~/.calendars)")
       ->capture_default_str();
   app.add_flag("--json", args.asJSON, "Print one JSON document instead of the human view");
@@ -456,6 +702,50 @@ void addGlobalOptions(CLI::App& app, Arguments& args) {
   app.footer("Exit status: 0 success, 1 failure, 2 bad arguments, 3 access not granted, 4 no store, 5 not found.\n"
              "Dates are YYYY-MM-DD or YYYY-MM-DDTHH:MM[:SS] in local time, or UTC with a trailing Z.\n"
              "Colour is used on a terminal unless NO_COLOR is set.");
+}
+
+void addItemOptions(CLI::App* command, Arguments& args, bool event) {
+  command->add_option("--location", args.location, "Where (an empty text removes it)");
+  command->add_option("--notes", args.notes, "Notes (an empty text removes them)");
+  command->add_option("--url", args.url, "A link (an empty text removes it)");
+  command->add_flag("--dry-run", args.dryRun, "Print the iCalendar text that would be written, and write nothing");
+  if (event) {
+    command->add_option("--start", args.start, "When it starts");
+    command->add_option("--end", args.end, "When it ends (exclusive)");
+    command->add_option("--duration", args.duration, "How long it lasts instead of --end: 1h30m, 45m, 2d");
+    command->add_flag("--all-day", args.allDay, "An all-day event: --start and --end are days");
+  } else {
+    command->add_option("--due", args.due, "When it is due: a day, or a day and time");
+    command->add_option("--priority", args.priority, "0 (none), 1 (highest) to 9 (lowest)")->check(CLI::Range(0, 9));
+  }
+}
+
+void addWriteCommands(CLI::App& app, Arguments& args, std::vector<Subcommand>& commands) {
+  const char* identifierHelp =
+      "The occurrence identifier as `vesp events --json` prints it under eventInstanceIdentifier, or an "
+      "eventIdentifier (the whole series)";
+  auto* created = app.add_subcommand("new", "Create an event");
+  created->add_option("TITLE", args.title, "What it is")->required();
+  created->add_option("--calendar", args.calendar, "The calendar (default: the first writable one)");
+  addItemOptions(created, args, true);
+  created->get_option("--start")->required();
+  commands.push_back({created, runNew});
+
+  auto* edit = app.add_subcommand("edit", "Change an event: one occurrence, or with --future it and every later one");
+  edit->add_option("IDENTIFIER", args.identifier, identifierHelp)->required();
+  edit->add_option("--title", args.title, "A new title");
+  edit->add_option("--calendar", args.calendar, "Move the whole series to this calendar");
+  edit->add_option("--occurrence", args.occurrence, "With an eventIdentifier: the occurrence's original start");
+  edit->add_flag("--future", args.future, "Change this and every later occurrence (a new series from it on)");
+  addItemOptions(edit, args, true);
+  commands.push_back({edit, runEdit});
+
+  auto* remove = app.add_subcommand("delete", "Delete an event, one occurrence, or with --future it and every later one");
+  remove->add_option("IDENTIFIER", args.identifier, identifierHelp)->required();
+  remove->add_option("--occurrence", args.occurrence, "With an eventIdentifier: the occurrence's original start");
+  remove->add_flag("--future", args.future, "Delete this and every later occurrence");
+  remove->add_flag("--dry-run", args.dryRun, "Print what would be written or removed, and change nothing");
+  commands.push_back({remove, runDelete});
 }
 
 std::vector<Subcommand> addSubcommands(CLI::App& app, Arguments& args) {
@@ -485,10 +775,34 @@ std::vector<Subcommand> addSubcommands(CLI::App& app, Arguments& args) {
                         "Only this reminder list (repeatable; `vesp reminder-lists` lists them)");
   commands.push_back({reminders, runReminders});
 
-  auto* reminder = app.add_subcommand("reminder", "Show one reminder");
-  reminder->add_option("ID", args.identifier, "The reminder's calendarItemIdentifier, as `vesp reminders --json` prints it")
-      ->required();
-  commands.push_back({reminder, runReminder});
+  auto* reminder = app.add_subcommand("reminder", "Show one reminder, or create, complete, reopen, change or delete one");
+  reminder->add_option("ID", args.identifier, "The reminder's calendarItemIdentifier, as `vesp reminders --json` prints it");
+  reminder->require_subcommand(0, 1);
+  commands.push_back({reminder, [](Invocation& call) {
+                        if (call.args.identifier.empty())
+                          throw Exit{kExitUsage, "vesp: reminder needs an ID, or one of new, done, undo, edit, delete"};
+                        runReminder(call);
+                      }});
+  auto* reminderNew = reminder->add_subcommand("new", "Create a reminder");
+  reminderNew->add_option("TITLE", args.title, "What is to be done")->required();
+  reminderNew->add_option("--list", args.calendar, "The reminder list (default: the first writable one)");
+  addItemOptions(reminderNew, args, false);
+  commands.push_back({reminderNew, runReminderNew});
+  for (const char* change : {"done", "undo", "edit", "delete"}) {
+    const std::string help = std::string(change) == "done"   ? "Mark a reminder completed"
+                             : std::string(change) == "undo" ? "Mark a reminder not completed"
+                             : std::string(change) == "edit" ? "Change a reminder"
+                                                             : "Delete a reminder";
+    auto* command = reminder->add_subcommand(change, help);
+    command->add_option("ID", args.identifier, "The reminder's calendarItemIdentifier")->required();
+    if (std::string(change) == "edit") {
+      command->add_option("--title", args.title, "A new title");
+      addItemOptions(command, args, false);
+    } else {
+      command->add_flag("--dry-run", args.dryRun, "Print what would be written, and write nothing");
+    }
+    commands.push_back({command, [change](Invocation& call) { runReminderChange(call, change); }});
+  }
 
   auto* watch = app.add_subcommand("watch", "Print a line for each change of the store until interrupted");
   watch->add_option("--count", args.count, "Stop after this many changes (default: never)");
@@ -503,6 +817,7 @@ std::vector<Subcommand> addSubcommands(CLI::App& app, Arguments& args) {
 
   commands.push_back(
       {app.add_subcommand("doctor", "List what in the store was skipped or repaired, and why"), runDoctor});
+  addWriteCommands(app, args, commands);
   return commands;
 }
 
@@ -530,7 +845,9 @@ int runVesp(int argc, const char* const* argv, std::ostream& out, std::ostream& 
     err << failure.str();
     return status == 0 ? kExitSuccess : kExitUsage;
   }
-  auto chosen = std::find_if(commands.begin(), commands.end(), [](const Subcommand& c) { return c.parser->parsed(); });
+  // The innermost command given ("reminder done" runs done): each is listed after its parent.
+  auto last = std::find_if(commands.rbegin(), commands.rend(), [](const Subcommand& c) { return c.parser->parsed(); });
+  auto chosen = std::prev(last.base());
   const std::string name = chosen->parser->get_name();
   try {
     if (name != "access" && !std::filesystem::is_directory(args.store))

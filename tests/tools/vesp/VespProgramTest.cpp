@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <cstdio>
@@ -66,7 +67,7 @@ TEST_F(VespProgramTest, HelpListsEveryCommand) {
   auto help = vesp({"--help"});
   EXPECT_EQ(help.status, 0);
   for (const char* command : {"calendars", "reminder-lists", "events", "event", "reminders", "reminder", "watch",
-                              "access", "doctor", "--store", "--json", "--yes"})
+                              "access", "doctor", "new", "edit", "delete", "--store", "--json", "--yes"})
     EXPECT_THAT(help.out, ::testing::HasSubstr(command));
   auto events = vesp({"events", "--help"});
   EXPECT_EQ(events.status, 0);
@@ -120,6 +121,124 @@ TEST_F(VespProgramTest, BadDatesUnknownCalendarsAndUnknownIdentifiersAreClearErr
   auto reminder = vesp({"--store", store("mapping"), "--yes", "reminder", "tasks/none.ics"});
   EXPECT_EQ(reminder.status, 5);
   EXPECT_EQ(vesp({"--store", store("series"), "frobnicate"}).status, 2);
+}
+
+// A store of its own to write to: "c" for events (a weekly series, 09:00 Berlin from Monday
+// 2 November 2026, five times) and "t" for to-dos.
+class VespWritingTest : public VespProgramTest {
+ protected:
+  void SetUp() override {
+    writeFile(root_.path() / "c/weekly.ics",
+              "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Other//EN\r\nBEGIN:VEVENT\r\nUID:weekly\r\n"
+              "DTSTAMP:20261001T000000Z\r\nDTSTART;TZID=Europe/Berlin:20261102T090000\r\n"
+              "DTEND;TZID=Europe/Berlin:20261102T100000\r\nRRULE:FREQ=WEEKLY;COUNT=5\r\nSUMMARY:Team\r\n"
+              "X-KEPT:yes\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
+    writeFile(root_.path() / "t/displayname", "Tasks\n");
+  }
+  ProgramRun run(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), {"--store", root_.path().string(), "--yes"});
+    return vesp(arguments);
+  }
+  json events(const std::string& from, const std::string& to) {
+    auto listed = run({"events", "--from", from, "--to", to, "--json"});  // a global option after the command
+    EXPECT_EQ(listed.status, 0) << listed.err;
+    return json::parse(listed.out);
+  }
+  TemporaryDirectory root_;
+};
+
+TEST_F(VespWritingTest, AnEventIsCreatedChangedAndDeletedAndADryRunWritesNothing) {
+  const auto tree = vdir::testing::treeState(root_.path());
+  auto dry = run({"new", "Dentist", "--start", "2026-12-03T15:00", "--duration", "45m", "--calendar", "c", "--dry-run"});
+  ASSERT_EQ(dry.status, 0) << dry.err;
+  EXPECT_THAT(dry.out, ::testing::HasSubstr("--- would write c/"));
+  EXPECT_THAT(dry.out, ::testing::HasSubstr("DTSTART;TZID=Europe/Berlin:20261203T150000\r\n"));
+  EXPECT_THAT(dry.out, ::testing::HasSubstr("DTEND;TZID=Europe/Berlin:20261203T154500\r\n"));
+  EXPECT_EQ(vdir::testing::treeState(root_.path()), tree);
+
+  auto created = run({"new", "Dentist", "--start", "2026-12-03T15:00", "--duration", "45m", "--location", "Main St 1",
+                      "--json"});
+  ASSERT_EQ(created.status, 0) << created.err;
+  auto record = json::parse(created.out);
+  EXPECT_EQ(record["title"], "Dentist");
+  EXPECT_EQ(record["location"], "Main St 1");
+  EXPECT_EQ(record["startDate"], "2026-12-03T14:00:00Z");
+  EXPECT_EQ(record["endDate"], "2026-12-03T14:45:00Z");
+  EXPECT_EQ(record["calendar"]["calendarIdentifier"], "c");  // the only writable event calendar
+  EXPECT_EQ(record["calendar"]["allowsContentModifications"], true);
+  EXPECT_EQ(events("2026-12-03", "2026-12-04").size(), 1u);
+
+  const std::string identifier = record["eventIdentifier"];
+  auto moved = run({"edit", identifier, "--start", "2026-12-03T16:30", "--title", "Dentist (later)", "--json"});
+  ASSERT_EQ(moved.status, 0) << moved.err;
+  EXPECT_EQ(json::parse(moved.out)["startDate"], "2026-12-03T15:30:00Z");
+  EXPECT_EQ(json::parse(moved.out)["endDate"], "2026-12-03T16:15:00Z");  // as long as before
+  auto backwards = run({"edit", identifier, "--end", "2026-12-03T08:00"});
+  EXPECT_EQ(backwards.status, 2);
+  EXPECT_THAT(backwards.err, ::testing::HasSubstr("the end lies before the start"));
+
+  auto deleted = run({"delete", identifier});
+  ASSERT_EQ(deleted.status, 0) << deleted.err;
+  EXPECT_THAT(deleted.out, ::testing::HasSubstr("Removed " + identifier));
+  EXPECT_TRUE(events("2026-12-03", "2026-12-04").empty());
+  EXPECT_EQ(run({"delete", identifier}).status, 5);
+}
+
+TEST_F(VespWritingTest, OneOccurrenceAndTheLaterOnesOfASeries) {
+  auto all = events("2026-11-01", "2026-12-31");
+  ASSERT_EQ(all.size(), 5u);
+  // The second occurrence, by the identifier `events --json` printed.
+  auto one = run({"edit", all[1]["eventInstanceIdentifier"].dump(), "--title", "Team (retro)"});
+  ASSERT_EQ(one.status, 0) << one.err;
+  auto third = run({"delete", all[2]["eventInstanceIdentifier"].dump()});
+  ASSERT_EQ(third.status, 0) << third.err;
+  auto later = run({"delete", "c/weekly.ics", "--occurrence", "2026-11-30T09:00", "--future"});
+  ASSERT_EQ(later.status, 0) << later.err;
+  std::vector<std::string> titles;
+  for (const auto& event : events("2026-11-01", "2026-12-31")) titles.push_back(event["title"]);
+  EXPECT_EQ(titles, (std::vector<std::string>{"Team", "Team (retro)", "Team"}));
+  const std::string text = vdir::testing::readFile(root_.path() / "c/weekly.ics");
+  EXPECT_THAT(text, ::testing::HasSubstr("X-KEPT:yes\r\n"));
+  EXPECT_THAT(text, ::testing::HasSubstr("EXDATE;TZID=Europe/Berlin:20261116T090000\r\n"));
+  EXPECT_THAT(text, ::testing::HasSubstr("RECURRENCE-ID;TZID=Europe/Berlin:20261109T090000\r\n"));
+}
+
+TEST_F(VespWritingTest, AReminderIsCreatedCompletedReopenedAndDeleted) {
+  // An empty collection is a calendar until it holds to-dos: the first one needs --list.
+  auto unlisted = run({"reminder", "new", "Buy stamps"});
+  EXPECT_EQ(unlisted.status, 2);
+  EXPECT_THAT(unlisted.err, ::testing::HasSubstr("--list chooses one"));
+  auto created = run({"reminder", "new", "Buy stamps", "--due", "2026-12-04", "--priority", "1", "--list", "t", "--json"});
+  ASSERT_EQ(created.status, 0) << created.err;
+  auto record = json::parse(created.out);
+  EXPECT_EQ(record["dueDateComponents"], json({{"year", 2026}, {"month", 12}, {"day", 4}}));
+  EXPECT_EQ(record["priority"], "high");
+  EXPECT_EQ(record["calendar"]["calendarIdentifier"], "t");
+  auto second = run({"reminder", "new", "Post them", "--json"});  // now "t" is a reminder list
+  ASSERT_EQ(second.status, 0) << second.err;
+  EXPECT_EQ(json::parse(second.out)["calendar"]["calendarIdentifier"], "t");
+  const std::string identifier = record["calendarItemIdentifier"];
+  auto done = run({"reminder", "done", identifier, "--json"});
+  ASSERT_EQ(done.status, 0) << done.err;
+  EXPECT_EQ(json::parse(done.out)["isCompleted"], true);
+  auto undone = run({"reminder", "undo", identifier, "--json"});
+  ASSERT_EQ(undone.status, 0) << undone.err;
+  EXPECT_EQ(json::parse(undone.out)["isCompleted"], false);
+  auto shown = run({"reminder", identifier});
+  EXPECT_THAT(shown.out, ::testing::HasSubstr("Buy stamps"));
+  EXPECT_EQ(run({"reminder", "delete", identifier}).status, 0);
+  EXPECT_EQ(run({"reminder", identifier}).status, 5);
+  EXPECT_EQ(run({"reminder"}).status, 2);
+}
+
+TEST_F(VespWritingTest, ACalendarThatCannotBeWrittenIsAClearFailure) {
+  ASSERT_EQ(::chmod((root_.path() / "c").c_str(), 0555), 0);
+  auto refused = run({"new", "Dentist", "--start", "2026-12-03T15:00", "--calendar", "c"});
+  ::chmod((root_.path() / "c").c_str(), 0755);
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_THAT(refused.err, ::testing::HasSubstr("is read-only: its directory cannot be written"));
+  EXPECT_EQ(run({"new", "Dentist"}).status, 2);  // no --start
+  EXPECT_EQ(run({"new", "Dentist", "--start", "2026-12-03", "--end", "2026-12-04", "--duration", "1h"}).status, 2);
 }
 
 TEST_F(VespProgramTest, EventsAsJsonUseTheDataModelsFieldNamesAndFindTheirOccurrenceAgain) {

@@ -291,17 +291,20 @@ void VdirScanner::relist(const VdirSnapshot& previous, VdirFileRecords& records,
   };
   std::unordered_set<std::string> rewritten;
   for (const auto& [identifier, name] : written) rewritten.insert(identifier + "/" + escapedName(name));
-  // Problems of the tree itself (not of a file served) stay as they were.
-  std::unordered_set<std::string_view> recorded;
-  for (const auto& [relative, record] : records) recorded.insert(relative);
+  // Problems of the tree itself (those no file's record holds) stay as they were.
+  std::unordered_set<std::string_view> ofFiles;
+  for (const auto& [relative, record] : records)
+    for (const auto& diagnostic : record.diagnostics) ofFiles.insert(diagnostic.path);
   for (const auto& diagnostic : previous.diagnostics)
-    if (!recorded.count(diagnostic.path) && !rewritten.count(diagnostic.path))
+    if (!ofFiles.count(diagnostic.path) && !rewritten.count(diagnostic.path))
       problem(diagnostic.path, diagnostic.action, diagnostic.problem);
+  slots_.reserve(records.size() + written.size());
+  problems_.reserve(problems_.size() + records.size() + written.size());
   for (auto& [relative, record] : records) {
     Collection* collection = collectionOf(relative);
     if (!collection || rewritten.count(relative)) continue;
     Slot slot;
-    slot.relative = relative;
+    slot.relative = std::move(relative);  // the records are consumed: the next ones are made from the slots
     slot.record = std::move(record);
     slot.known = true;
     collection->slots.push_back(addSlot(std::move(slot)));

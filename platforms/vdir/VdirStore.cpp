@@ -193,10 +193,10 @@ bool VdirStore::rescan() {
   scanner.look(files_);
   parses_ += scanner.read();
   VdirScanResult scan = scanner.finish(calendars_);
-  return adopt(std::move(scan), scannedAt);
+  return adopt(std::move(scan), scannedAt, true);
 }
 
-bool VdirStore::adopt(VdirScanResult scan, std::int64_t scannedAt) {
+bool VdirStore::adopt(VdirScanResult scan, std::int64_t scannedAt, bool writeCache) {
   auto& next = scan.snapshot;
   // Anything different from the snapshot before: items, collections or the root's state.
   auto previous = snapshot();
@@ -218,7 +218,8 @@ bool VdirStore::adopt(VdirScanResult scan, std::int64_t scannedAt) {
     if (changed) runtime_.clear();
   }
   // Written in the background: the store answers meanwhile.
-  if (cacheStale_ && !cacheKey_.empty()) cacheWriter_ = std::thread([this, scannedAt] { writeCache(scannedAt); });
+  if (writeCache && cacheStale_ && !cacheKey_.empty())
+    cacheWriter_ = std::thread([this, scannedAt] { this->writeCache(scannedAt); });
   return changed;
 }
 
@@ -332,7 +333,9 @@ rivet::RivetResult<std::shared_ptr<const VdirSnapshot>> VdirStore::save(std::vec
     scanner.relist(*snapshot(), files_, paths);
     scanner.look(files_);
     parses_ += scanner.read();
-    changed = adopt(scanner.finish(calendars_), scannedAt);
+    // The cache is left to the next scan: encoding it costs far more than a save, and a cache
+    // that misses the files saved only has them read again at the next open.
+    changed = adopt(scanner.finish(calendars_), scannedAt, false);
     saved = snapshot();
   }
   if (changed) notifyListeners();

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "support/platform/NSError.h"
+#include "support/rivet/RivetError.h"
 
 namespace vesp::vdir {
 
@@ -30,6 +31,13 @@ enum class VdirErrorCode : std::int64_t {
 
 inline platform::NSError vdirError(VdirErrorCode code, std::string description) {
   return platform::NSError(VdirErrorDomain, static_cast<std::int64_t>(code), std::move(description));
+}
+
+// A failure of `file`'s `function` that carries its code, for the platform's own code paths.
+inline rivet::RivetError vdirFailure(VdirErrorCode code, std::string message, const char* file, const char* function,
+                                     std::uint64_t line) {
+  auto error = vdirError(code, message);
+  return rivet::RivetError(std::move(message), std::nullopt, file, function, line, std::move(error));
 }
 
 }  // namespace vesp::vdir

@@ -15,8 +15,7 @@ namespace vesp::vdir {
 namespace {
 
 rivet::RivetError editorError(VdirErrorCode code, std::string message, const char* function, std::uint64_t line) {
-  auto error = vdirError(code, message);
-  return rivet::RivetError(std::move(message), std::nullopt, "VdirItemEditor", function, line, std::move(error));
+  return vdirFailure(code, std::move(message), "VdirItemEditor", function, line);
 }
 
 // An edit's failure with the code that says what kind it is.
@@ -69,6 +68,11 @@ struct VdirItemEditor::Found {
   std::string identifier;
   bool recurring = false;
   std::optional<platform::Date> firstStart;  // of the series' master
+
+  // Whether an edit of `occurrence` over `span` covers the whole item.
+  bool coversSeries(const std::optional<platform::Date>& occurrence, VdirSpan span) const {
+    return !recurring || !occurrence || (span == VdirSpan::futureOccurrences && firstStart == occurrence);
+  }
 };
 
 VdirEditContext VdirItemEditor::contextFor(const VdirDocument& document) const {
@@ -149,8 +153,7 @@ rivet::RivetResult<VdirPlan> VdirItemEditor::changeEvent(const std::string& even
   auto found = find(eventIdentifier, false);
   if (!found) return found.error();
   const VdirEditContext context = contextFor(found->document);
-  const bool wholeSeries = !found->recurring || !occurrence ||
-                           (span == VdirSpan::futureOccurrences && found->firstStart == occurrence);
+  const bool wholeSeries = found->coversSeries(occurrence, span);
   if (collection && *collection != found->collection) {
     if (!wholeSeries)
       return editorError(VdirErrorCode::invalidChange, "only a whole series moves to another calendar", __func__,
@@ -192,8 +195,7 @@ rivet::RivetResult<VdirPlan> VdirItemEditor::removeEvent(const std::string& even
   auto found = find(eventIdentifier, false);
   if (!found) return found.error();
   const VdirEditContext context = contextFor(found->document);
-  const bool wholeSeries = !found->recurring || !occurrence ||
-                           (span == VdirSpan::futureOccurrences && found->firstStart == occurrence);
+  const bool wholeSeries = found->coversSeries(occurrence, span);
   rivet::RivetResult<bool> edited = wholeSeries ? rivet::RivetResult<bool>(removeItem(found->document, found->uid) > 0)
                                     : span == VdirSpan::thisOccurrence
                                         ? removeOccurrence(found->document, found->uid, *occurrence, context)

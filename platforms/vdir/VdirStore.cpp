@@ -226,9 +226,11 @@ bool VdirStore::adopt(VdirScanResult scan, std::int64_t scannedAt, bool writeCac
 namespace {
 
 rivet::RivetError storeError(VdirErrorCode code, std::string message, const char* function, std::uint64_t line) {
-  auto error = vdirError(code, message);
-  return rivet::RivetError(std::move(message), std::nullopt, "VdirStore", function, line, std::move(error));
+  return vdirFailure(code, std::move(message), "VdirStore", function, line);
 }
+
+// A change that writes a file where none was when the edit began.
+bool createsFile(const VdirFileChange& change) { return change.bytes && !change.basis.status; }
 
 }  // namespace
 
@@ -299,18 +301,15 @@ rivet::RivetResult<bool> VdirStore::writeChanges(const std::vector<VdirFileChang
       return storeError(VdirErrorCode::changedOnDisk,
                         relative + " changed on disk since it was read: nothing was saved", __func__, __LINE__);
     }
-    if (change.bytes && !change.basis.status) created.emplace_back(path, &change);
+    if (createsFile(change)) created.emplace_back(path, &change);
   }
   return true;
 }
 
 rivet::RivetResult<std::shared_ptr<const VdirSnapshot>> VdirStore::save(std::vector<VdirFileChange> changes) {
   // New files first: a failure after them can take them back, which a replacement cannot be.
-  std::stable_partition(changes.begin(), changes.end(),
-                        [](const VdirFileChange& change) { return change.bytes && !change.basis.status; });
-  std::size_t others = 0;
-  for (const auto& change : changes) others += change.bytes && !change.basis.status ? 0 : 1;
-  if (others > 1)
+  const auto firstOther = std::stable_partition(changes.begin(), changes.end(), createsFile);
+  if (changes.end() - firstOther > 1)
     return storeError(VdirErrorCode::invalidChange, "a save replaces or removes one file at most", __func__, __LINE__);
   // Saving without a change writes nothing.
   changes.erase(std::remove_if(changes.begin(), changes.end(),

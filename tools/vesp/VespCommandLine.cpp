@@ -567,13 +567,19 @@ void runDelete(Invocation& call) {
   saveOrShow(call, editor, plan, false);
 }
 
+// A reminder's texts, due date and priority as the options give them.
+vdir::VdirItemChanges reminderChanges(const Arguments& args, const vdir::VdirClock& clock) {
+  vdir::VdirItemChanges changes;
+  setTexts(args, changes);
+  if (!args.due.empty()) changes.due = timeOf(args.due, "--due", args.due.size() == 10, clock);
+  changes.priority = args.priority;
+  return changes;
+}
+
 void runReminderNew(Invocation& call) {
   call.session.requireAccess(platform::EKEntityTypeReminder, true);
   auto store = call.session.platform().store();
-  vdir::VdirItemChanges changes;
-  setTexts(call.args, changes);
-  if (!call.args.due.empty()) changes.due = timeOf(call.args.due, "--due", call.args.due.size() == 10, store->clock());
-  changes.priority = call.args.priority;
+  const vdir::VdirItemChanges changes = reminderChanges(call.args, store->clock());
   vdir::VdirItemEditor editor(store);
   auto plan = writtenOrExit(editor.newItem(collectionFor(call, platform::EKEntityMaskReminder, "reminder-lists", "--list"), "VTODO", changes));
   saveOrShow(call, editor, plan, true);
@@ -587,11 +593,8 @@ void runReminderChange(Invocation& call, const char* change) {
   if (what == "delete") return saveOrShow(call, editor, writtenOrExit(editor.removeReminder(call.args.identifier)), true);
   if (what != "edit")
     return saveOrShow(call, editor, writtenOrExit(editor.setReminderCompleted(call.args.identifier, what == "done")), true);
-  vdir::VdirItemChanges changes;
-  setTexts(call.args, changes);
-  if (!call.args.due.empty()) changes.due = timeOf(call.args.due, "--due", call.args.due.size() == 10, store->clock());
-  changes.priority = call.args.priority;
-  saveOrShow(call, editor, writtenOrExit(editor.changeReminder(call.args.identifier, changes)), true);
+  saveOrShow(call, editor, writtenOrExit(editor.changeReminder(call.args.identifier, reminderChanges(call.args, store->clock()))),
+             true);
 }
 
 // Prints a line per change until SIGINT or SIGTERM, or until --count changes were printed.
@@ -720,10 +723,18 @@ void addItemOptions(CLI::App* command, Arguments& args, bool event) {
   }
 }
 
+// What names the event or occurrences that `edit` and `delete` work on.
+void addOccurrenceOptions(CLI::App* command, Arguments& args, const char* futureHelp) {
+  command
+      ->add_option("IDENTIFIER", args.identifier,
+                   "The occurrence identifier as `vesp events --json` prints it under eventInstanceIdentifier, or an "
+                   "eventIdentifier (the whole series)")
+      ->required();
+  command->add_option("--occurrence", args.occurrence, "With an eventIdentifier: the occurrence's original start");
+  command->add_flag("--future", args.future, futureHelp);
+}
+
 void addWriteCommands(CLI::App& app, Arguments& args, std::vector<Subcommand>& commands) {
-  const char* identifierHelp =
-      "The occurrence identifier as `vesp events --json` prints it under eventInstanceIdentifier, or an "
-      "eventIdentifier (the whole series)";
   auto* created = app.add_subcommand("new", "Create an event");
   created->add_option("TITLE", args.title, "What it is")->required();
   created->add_option("--calendar", args.calendar, "The calendar (default: the first writable one)");
@@ -732,18 +743,14 @@ void addWriteCommands(CLI::App& app, Arguments& args, std::vector<Subcommand>& c
   commands.push_back({created, runNew});
 
   auto* edit = app.add_subcommand("edit", "Change an event: one occurrence, or with --future it and every later one");
-  edit->add_option("IDENTIFIER", args.identifier, identifierHelp)->required();
+  addOccurrenceOptions(edit, args, "Change this and every later occurrence (a new series from it on)");
   edit->add_option("--title", args.title, "A new title");
   edit->add_option("--calendar", args.calendar, "Move the whole series to this calendar");
-  edit->add_option("--occurrence", args.occurrence, "With an eventIdentifier: the occurrence's original start");
-  edit->add_flag("--future", args.future, "Change this and every later occurrence (a new series from it on)");
   addItemOptions(edit, args, true);
   commands.push_back({edit, runEdit});
 
   auto* remove = app.add_subcommand("delete", "Delete an event, one occurrence, or with --future it and every later one");
-  remove->add_option("IDENTIFIER", args.identifier, identifierHelp)->required();
-  remove->add_option("--occurrence", args.occurrence, "With an eventIdentifier: the occurrence's original start");
-  remove->add_flag("--future", args.future, "Delete this and every later occurrence");
+  addOccurrenceOptions(remove, args, "Delete this and every later occurrence");
   remove->add_flag("--dry-run", args.dryRun, "Print what would be written or removed, and change nothing");
   commands.push_back({remove, runDelete});
 }

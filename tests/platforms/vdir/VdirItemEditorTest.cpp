@@ -18,6 +18,7 @@ namespace {
 
 using ::testing::HasSubstr;
 using ::testing::Not;
+using testing::codeOf;
 using testing::readFile;
 using testing::TemporaryDirectory;
 using testing::utc;
@@ -37,11 +38,6 @@ const std::string kTodo =
     "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Other//Writer//EN\r\nBEGIN:VTODO\r\nUID:milk\r\n"
     "DTSTAMP:20261001T000000Z\r\nSUMMARY:Milk\r\nDUE;VALUE=DATE:20261201\r\nX-KEEP:yes\r\nEND:VTODO\r\n"
     "END:VCALENDAR\r\n";
-
-std::optional<VdirErrorCode> codeOf(const rivet::RivetError& error) {
-  if (!error.frameworkError() || error.frameworkError()->domain() != VdirErrorDomain) return std::nullopt;
-  return static_cast<VdirErrorCode>(error.frameworkError()->code());
-}
 
 VdirTime utcTime(int year, int month, int day, int hour) {
   VdirTime time;

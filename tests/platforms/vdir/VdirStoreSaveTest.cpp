@@ -16,6 +16,7 @@
 namespace vesp::vdir {
 namespace {
 
+using testing::codeOf;
 using testing::readFile;
 using testing::simpleEvent;
 using testing::TemporaryDirectory;
@@ -31,11 +32,6 @@ std::set<std::string> titlesOn10March(VdirStore& store) {
   std::set<std::string> titles;
   for (const auto& found : store.events(utc(2026, 3, 10), utc(2026, 3, 11), std::nullopt)) titles.insert(*found->title());
   return titles;
-}
-
-std::optional<VdirErrorCode> codeOf(const rivet::RivetError& error) {
-  if (!error.frameworkError() || error.frameworkError()->domain() != VdirErrorDomain) return std::nullopt;
-  return static_cast<VdirErrorCode>(error.frameworkError()->code());
 }
 
 VdirFileChange replacing(const VdirFileToEdit& file, std::string bytes) {

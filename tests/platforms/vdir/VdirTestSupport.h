@@ -13,12 +13,14 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <sstream>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "platforms/vdir/VdirEnv.h"
+#include "platforms/vdir/VdirErrors.h"
 #include "platforms/vdir/VdirPlatform.h"
 #include "platforms/vdir/VdirEventStore.h"
 #include "platforms/vdir/VdirStore.h"
@@ -26,6 +28,12 @@
 namespace vesp::vdir::testing {
 
 namespace fs = std::filesystem;
+
+// The vdir code an error carries, if it carries one.
+inline std::optional<VdirErrorCode> codeOf(const rivet::RivetError& error) {
+  if (!error.frameworkError() || error.frameworkError()->domain() != VdirErrorDomain) return std::nullopt;
+  return static_cast<VdirErrorCode>(error.frameworkError()->code());
+}
 
 inline fs::path testData(const std::string& name) { return fs::path(VESP_TEST_DATA_DIR) / "vdir" / name; }
 

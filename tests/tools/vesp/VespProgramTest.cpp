@@ -7,6 +7,11 @@
 #include <sys/wait.h>
 
 #include <cstdio>
+#include <ctime>
+#include <iomanip>
+#include <map>
+#include <set>
+#include <sstream>
 #include <nlohmann/json.hpp>
 #include <thread>
 
@@ -239,6 +244,108 @@ TEST_F(VespWritingTest, ACalendarThatCannotBeWrittenIsAClearFailure) {
   EXPECT_THAT(refused.err, ::testing::HasSubstr("is read-only: its directory cannot be written"));
   EXPECT_EQ(run({"new", "Dentist"}).status, 2);  // no --start
   EXPECT_EQ(run({"new", "Dentist", "--start", "2026-12-03", "--end", "2026-12-04", "--duration", "1h"}).status, 2);
+}
+
+// What `command` prints on stdout, and its exit status.
+ProgramRun shell(const std::string& command) {
+  ProgramRun run;
+  FILE* pipe = ::popen(command.c_str(), "r");
+  char buffer[65536];
+  std::size_t count;
+  while ((count = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) run.out.append(buffer, count);
+  const int status = ::pclose(pipe);
+  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return run;
+}
+
+// Skips without `program`, except on CI, where scripts/test must have installed `package`.
+bool installed(const std::string& program, const std::string& package) {
+  if (shell("command -v " + program + " > /dev/null").status == 0) return true;
+  const char* ci = std::getenv("CI");
+  EXPECT_FALSE(ci && std::string(ci) == "true") << "CI must install the Debian package " << package;
+  return false;
+}
+
+// An instant as the JSON prints it ("2026-11-02T08:00:00Z"), in local time as `format` writes it;
+// `daysBack` days earlier first.
+std::string localTime(const std::string& instant, const char* format, int daysBack = 0) {
+  std::tm utc{};
+  std::istringstream(instant) >> std::get_time(&utc, "%Y-%m-%dT%H:%M:%SZ");
+  const std::time_t time = ::timegm(&utc) - daysBack * 86400;
+  std::tm local{};
+  ::localtime_r(&time, &local);
+  char text[64];
+  std::strftime(text, sizeof text, format, &local);
+  return text;
+}
+
+TEST_F(VespWritingTest, KhalReadsTheOccurrencesVespWrote) {
+  if (!installed("khal", "khal")) GTEST_SKIP() << "needs the Debian package khal (scripts/test installs it)";
+  // An override moved in time, an exclusion, a split series, a new event and a new all-day event.
+  ASSERT_EQ(run({"edit", "c/weekly.ics", "--occurrence", "2026-11-09T09:00", "--title", "Team (retro)", "--start",
+                 "2026-11-09T11:00"}).status, 0);
+  ASSERT_EQ(run({"delete", "c/weekly.ics", "--occurrence", "2026-11-16T09:00"}).status, 0);
+  ASSERT_EQ(run({"edit", "c/weekly.ics", "--occurrence", "2026-11-23T09:00", "--future", "--title", "Team (new)",
+                 "--start", "2026-11-23T10:00"}).status, 0);
+  ASSERT_EQ(run({"new", "Dentist", "--start", "2026-11-25T15:00", "--duration", "45m"}).status, 0);
+  ASSERT_EQ(run({"new", "Trip", "--start", "2026-11-27", "--end", "2026-11-29", "--all-day"}).status, 0);
+
+  // khal prints an all-day event's last day, not the day after it, and a multi-day one on each day.
+  std::set<std::string> ours;
+  const json listed = events("2026-10-01", "2027-01-31");
+  for (const auto& event : listed) {
+    const bool allDay = event["isAllDay"];
+    const char* format = allDay ? "%Y-%m-%d" : "%Y-%m-%d %H:%M";
+    ours.insert(localTime(event["startDate"], format) + " " + localTime(event["endDate"], format, allDay ? 1 : 0) + " " +
+                event["title"].get<std::string>());
+  }
+  EXPECT_EQ(ours.size(), listed.size());
+  EXPECT_EQ(ours.size(), 6u);  // two left of the old series, two of the new one, two new events
+
+  writeFile(config_.path() / "khal.conf",
+            "[calendars]\n[[c]]\npath = " + (root_.path() / "c").string() +
+                "\ntype = calendar\n[locale]\ntimeformat = %H:%M\ndateformat = %Y-%m-%d\n"
+                "longdateformat = %Y-%m-%d\ndatetimeformat = %Y-%m-%d %H:%M\nlongdatetimeformat = %Y-%m-%d %H:%M\n"
+                "default_timezone = Europe/Berlin\nlocal_timezone = Europe/Berlin\n[sqlite]\npath = " +
+                (config_.path() / "khal.db").string() + "\n");
+  auto khal = shell("TZ=Europe/Berlin khal -c " + quoted((config_.path() / "khal.conf").string()) +
+                    " list --format '{start} {end} {title}' --day-format '' 2026-10-01 2027-01-31 2>&1");
+  ASSERT_EQ(khal.status, 0) << khal.out;
+  std::set<std::string> theirs;
+  std::istringstream lines(khal.out);
+  for (std::string line; std::getline(lines, line);)
+    if (!line.empty()) theirs.insert(line);
+  EXPECT_EQ(theirs, ours) << khal.out;
+}
+
+TEST_F(VespWritingTest, TodomanReadsTheRemindersVespWrote) {
+  if (!installed("todoman", "todoman")) GTEST_SKIP() << "needs the Debian package todoman (scripts/test installs it)";
+  auto stamps = run({"reminder", "new", "Buy stamps", "--due", "2026-12-04", "--priority", "1", "--list", "t", "--json"});
+  ASSERT_EQ(stamps.status, 0) << stamps.err;
+  auto call = run({"reminder", "new", "Call the bank", "--due", "2026-12-05T10:00", "--notes", "about the card\nsoon"});
+  ASSERT_EQ(call.status, 0) << call.err;
+  ASSERT_EQ(run({"reminder", "done", json::parse(stamps.out)["calendarItemIdentifier"]}).status, 0);
+
+  writeFile(config_.path() / "todoman.py", "path = \"" + root_.path().string() + "/*\"\ndate_format = \"%Y-%m-%d\"\n" +
+                                               "time_format = \"%H:%M\"\ncache_path = \"" +
+                                               (config_.path() / "todoman.sqlite").string() + "\"\n");
+  auto todoman = shell("TZ=Europe/Berlin todoman -c " + quoted((config_.path() / "todoman.py").string()) +
+                       " --porcelain list --status ANY 2>&1");
+  ASSERT_EQ(todoman.status, 0) << todoman.out;
+  std::map<std::string, json> read;
+  for (const auto& todo : json::parse(todoman.out)) read[todo["summary"]] = todo;
+  ASSERT_EQ(read.size(), 2u) << todoman.out;
+  const json& done = read["Buy stamps"];
+  EXPECT_EQ(done["completed"], true);
+  EXPECT_EQ(done["percent"], 100);
+  EXPECT_FALSE(done["completed_at"].is_null());
+  EXPECT_EQ(done["priority"], 1);
+  EXPECT_EQ(done["list"], "Tasks");
+  EXPECT_EQ(done["due"], 1796338800);  // the day, 2026-12-04, from its local midnight
+  const json& open = read["Call the bank"];
+  EXPECT_EQ(open["completed"], false);
+  EXPECT_EQ(open["due"], 1796461200);  // 2026-12-05 10:00 in Berlin
+  EXPECT_EQ(open["description"], "about the card\nsoon");
 }
 
 TEST_F(VespProgramTest, EventsAsJsonUseTheDataModelsFieldNamesAndFindTheirOccurrenceAgain) {

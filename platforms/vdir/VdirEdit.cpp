@@ -181,7 +181,32 @@ bool setText(VdirComponent& component, const std::string& name, const std::optio
   return component.set(VdirContentLine(name, {}, escaped ? escapedText(*text) : *text));
 }
 
-// The fields of `changes` that need no knowledge of a series: texts, priority, due, end.
+// Replaces the VALARMs of `component` by one display alarm per trigger. Whether anything changed.
+rivet::RivetResult<bool> setAlarms(VdirComponent& component, const std::vector<std::string>& triggers) {
+  std::vector<VdirComponent> alarms;
+  const VdirContentLine* title = component.property("SUMMARY");
+  for (const std::string& trigger : triggers) {
+    if (icaldurationtype_is_bad_duration(icaldurationtype_from_string(trigger.c_str())))
+      return editError("an alarm is a duration from the start such as -PT15M, not \"" + trigger + "\"", "setAlarms",
+                       __LINE__);
+    VdirComponent alarm("VALARM");
+    alarm.add(VdirContentLine("ACTION", {}, "DISPLAY"));
+    alarm.add(VdirContentLine("DESCRIPTION", {}, title ? title->value() : "Reminder"));
+    alarm.add(VdirContentLine("TRIGGER", {}, trigger));
+    alarms.push_back(std::move(alarm));
+  }
+  // Compared as written, so that setting the alarms an item has changes nothing.
+  std::string before, after;
+  for (const auto& alarm : component.components())
+    if (alarm.name() == "VALARM") alarm.write(before, "\r\n");
+  for (const auto& alarm : alarms) alarm.write(after, "\r\n");
+  if (before == after) return false;
+  component.removeComponents([](const VdirComponent& child) { return child.name() == "VALARM"; });
+  for (auto& alarm : alarms) component.addComponent(std::move(alarm));
+  return true;
+}
+
+// The fields of `changes` that need no knowledge of a series: texts, priority, due, end, alarms.
 rivet::RivetResult<bool> applyFields(VdirComponent& component, const VdirItemChanges& changes) {
   bool changed = false;
   if (changes.title) changed |= setText(component, "SUMMARY", *changes.title);
@@ -202,6 +227,11 @@ rivet::RivetResult<bool> applyFields(VdirComponent& component, const VdirItemCha
   if (changes.end) {
     changed |= component.set(timeLine("DTEND", *changes.end));
     changed |= component.remove("DURATION") > 0;
+  }
+  if (changes.alarms) {
+    auto alarms = setAlarms(component, *changes.alarms);
+    if (!alarms) return alarms.error();
+    changed |= *alarms;
   }
   return changed;
 }
@@ -332,6 +362,102 @@ std::string ruleWithoutEnd(const std::string& rule) {
     at = end + 1;
   }
   return result;
+}
+
+// The value of the UNTIL part of an RRULE value, or empty.
+std::string untilOf(const std::string& rule) {
+  std::size_t at = 0;
+  while (at < rule.size()) {
+    std::size_t end = rule.find(';', at);
+    if (end == std::string::npos) end = rule.size();
+    const std::string part = rule.substr(at, end - at);
+    if (part.size() > 6 && sameName(part.substr(0, 6), "UNTIL=")) return part.substr(6);
+    at = end + 1;
+  }
+  return {};
+}
+
+// Makes `text` the only repeat rule of `item`, its UNTIL in the form RFC 5545 asks of the item's
+// start: a day for an all-day item, else a time (UTC unless floating), a day read as its last second.
+rivet::RivetResult<bool> setRule(VdirComponent& item, const std::string& text, const VdirEditContext& context) {
+  auto start = startOf(item, context);
+  if (!start) return start.error();
+  const icalrecurrencetype parsed = icalrecurrencetype_from_string(text.c_str());
+  if (parsed.freq == ICAL_NO_RECURRENCE || text.find_first_of("\r\n") != std::string::npos)
+    return editError("the repeat rule cannot be read: " + text, "setRule", __LINE__);
+  if (parsed.count != 0 && !icaltime_is_null_time(parsed.until))
+    return editError("a repeat rule ends with COUNT or with UNTIL, not both", "setRule", __LINE__);
+  if (const char* why = unservableRule(parsed, *start))
+    return editError(std::string("the repeat rule cannot be used: ") + why, "setRule", __LINE__);
+  std::string value = text;
+  if (const std::string until = untilOf(text); !until.empty()) {
+    const bool givenAsDay = until.size() == 8;
+    std::string written = until;
+    if (start->isDate()) {
+      written = until.substr(0, 8);
+    } else if (givenAsDay) {
+      VdirTime last = *start;
+      last.local = parsed.until;
+      last.local.is_date = 0;
+      last.local.hour = 23, last.local.minute = 59, last.local.second = 59;
+      auto instant = instantOf(last, context);
+      if (!instant) return instant.error();
+      written = start->kind == VdirTime::Kind::floating ? timeValue(last) : utcText(*instant);
+    }
+    value = ruleWithoutEnd(text) + ";UNTIL=" + written;
+  }
+  const auto rules = item.properties("RRULE");
+  if (rules.size() == 1 && rules[0]->value() == value && rules[0]->parameters().empty()) return false;
+  item.remove("RRULE");
+  item.add(VdirContentLine("RRULE", {}, value));
+  return true;
+}
+
+// Whether the series `master` (its rules, extra dates and start) has an occurrence at `instant`.
+// A rule that would take too long to walk there counts as having one.
+bool hasOccurrenceAt(const VdirComponent& master, const VdirTime& start, platform::Date instant,
+                     const VdirEditContext& context) {
+  auto first = instantOf(start, context);
+  if (first && sameInstant(*first, instant)) return true;
+  for (const VdirContentLine* line : master.properties("RDATE"))
+    for (const std::string& value : valuesOf(*line)) {
+      auto time = timeOfValue(*line, value, context);
+      auto at = time ? instantOf(*time, context) : rivet::RivetResult<platform::Date>(platform::Date());
+      if (time && at && sameInstant(*at, instant)) return true;
+    }
+  const std::int64_t target = fieldSeconds(timeLike(instant, start, context).local);
+  for (const VdirContentLine* line : master.properties("RRULE")) {
+    const icalrecurrencetype rule = icalrecurrencetype_from_string(line->value().c_str());
+    if (rule.freq == ICAL_NO_RECURRENCE || unservableRule(rule, start)) return true;
+    icalrecur_iterator* iterator = icalrecur_iterator_new(rule, start.local);
+    if (!iterator) return true;
+    bool found = false;
+    int steps = 0;
+    for (icaltimetype next = icalrecur_iterator_next(iterator); !icaltime_is_null_time(next);
+         next = icalrecur_iterator_next(iterator)) {
+      const std::int64_t seconds = fieldSeconds(next);
+      if (seconds >= target || ++steps > 100000) {
+        found = seconds == target || steps > 100000;
+        break;
+      }
+    }
+    icalrecur_iterator_free(iterator);
+    if (found) return true;
+  }
+  return false;
+}
+
+// Removes the overrides of `uid` that no longer fall on an occurrence of its master, as after a
+// change of its rule: they would otherwise stand as events of their own.
+void dropDetachedOverrides(VdirDocument& document, const std::string& uid, const VdirComponent& master,
+                           const VdirEditContext& context) {
+  auto start = startOf(master, context);
+  if (!start) return;
+  document.calendar()->removeComponents([&](const VdirComponent& component) {
+    if (!isItem(component) || !hasUid(component, uid) || !component.property("RECURRENCE-ID")) return false;
+    auto instant = recurrenceInstant(component, context);
+    return instant && !hasOccurrenceAt(master, *start, *instant, context);
+  });
 }
 
 // How many instances the rule `line` of a series starting at `start` makes before `occurrence`
@@ -510,6 +636,13 @@ rivet::RivetResult<bool> changeSeriesOn(VdirDocument& document, const std::strin
     movedTime = *moveResult;
   }
   movedTime |= changed && (changes.end || changes.due);
+  if (changes.rule) {
+    auto rule = setRule(item, *changes.rule, context);
+    if (!rule) return rule.error();
+    changed |= *rule;
+    movedTime |= *rule;
+    if (*rule) dropDetachedOverrides(document, uid, item, context);
+  }
   if (!changed) return false;
   if (movedTime) {
     if (auto span = checkSpan(item, context); !span) return span.error();
@@ -522,6 +655,8 @@ rivet::RivetResult<bool> changeSeriesOn(VdirDocument& document, const std::strin
 
 rivet::RivetResult<bool> changeOccurrenceOn(VdirDocument& document, const std::string& uid, platform::Date occurrence,
                                           const VdirItemChanges& changes, const VdirEditContext& context) {
+  if (changes.rule)
+    return editError("a repeat rule belongs to the whole series, not to one occurrence", "changeOccurrence", __LINE__);
   auto master = requireMaster(document, uid);
   if (!master) return master.error();
   auto seriesStart = startOf(**master, context);
@@ -745,6 +880,8 @@ rivet::RivetResult<VdirComponent> futureMaster(const VdirComponent& master, cons
 rivet::RivetResult<VdirDocument> splitSeriesOn(VdirDocument& document, const std::string& uid,
                                                platform::Date occurrence, const std::string& newUid,
                                                const VdirItemChanges& changes, const VdirEditContext& context) {
+  if (changes.rule)
+    return editError("a repeat rule belongs to the whole series, not to one occurrence", "changeOccurrence", __LINE__);
   auto master = requireMaster(document, uid);
   if (!master) return master.error();
   auto seriesStart = startOf(**master, context);
@@ -809,6 +946,8 @@ rivet::RivetResult<VdirComponent> newItem(const std::string& componentName, cons
   if (changes.start) item.add(timeLine("DTSTART", *changes.start));
   auto fields = applyFields(item, changes);
   if (!fields) return fields.error();
+  if (changes.rule)
+    if (auto rule = setRule(item, *changes.rule, context); !rule) return rule.error();
   if (!isEvent) item.set(VdirContentLine("STATUS", {}, "NEEDS-ACTION"));
   if (auto span = checkSpan(item, context); !span) return span.error();
   return item;

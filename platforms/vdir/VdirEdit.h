@@ -33,7 +33,13 @@ struct VdirItemChanges {
   std::optional<VdirTime> start = std::nullopt, end = std::nullopt;
   std::optional<VdirTime> due = std::nullopt;  // to-dos, in the form the user gave
   std::optional<int> priority = std::nullopt;  // to-dos: 0 (none) to 9
-  bool movesTime() const { return start || end || due; }
+  // A whole series' repeat rule, an RFC 5545 RRULE value ("FREQ=WEEKLY;BYDAY=MO;UNTIL=20270301");
+  // an UNTIL given as a day means through that day. It replaces every rule the item had.
+  std::optional<std::string> rule = std::nullopt;
+  // The item's alarms as RFC 5545 durations from its start ("-PT15M"); they replace the VALARMs it
+  // had, and an empty list removes them.
+  std::optional<std::vector<std::string>> alarms = std::nullopt;
+  bool movesTime() const { return start || end || due || rule; }
 };
 
 // The time a DTSTART, DTEND, DUE, RECURRENCE-ID, EXDATE or RDATE value states (`value` is one value

@@ -275,6 +275,8 @@ struct Arguments {
   std::string title, start, end, duration, due, occurrence, calendar;
   std::optional<std::string> location, notes, url;
   std::optional<int> priority;
+  std::optional<std::string> repeat;  // new, edit: an RRULE value
+  std::vector<std::string> alarms;    // new, edit: "-15m", ... or "none"
   bool allDay = false, future = false, dryRun = false;
 };
 
@@ -407,16 +409,46 @@ vdir::VdirTime timeOf(const std::string& text, const char* option, bool allDay, 
   return like;
 }
 
-// "1h30m", "45m", "2h", "1d", "90s": seconds.
-long long durationOf(const std::string& text) {
-  static const std::regex pattern(R"((?:(\d+)d)?(?:(\d+)h)?(?:(\d+)m)?(?:(\d+)s)?)");
+// "1h30m", "45m", "2h", "1d", "90s": seconds (none when `text` is not such a duration).
+std::optional<long long> secondsOf(const std::string& text) {
+  static const std::regex pattern(R"((?:(\d{1,6})d)?(?:(\d{1,6})h)?(?:(\d{1,6})m)?(?:(\d{1,6})s)?)");
   std::smatch match;
-  if (text.empty() || !std::regex_match(text, match, pattern))
-    throw Exit{kExitUsage, "vesp: --duration \"" + text + "\" is not a duration: use for example 1h30m, 45m or 1d"};
+  if (text.empty() || !std::regex_match(text, match, pattern)) return std::nullopt;
   auto part = [&](int at) { return match[at].matched ? std::stoll(match[at]) : 0LL; };
-  long long seconds = part(1) * 86400 + part(2) * 3600 + part(3) * 60 + part(4);
-  if (seconds <= 0) throw Exit{kExitUsage, "vesp: --duration \"" + text + "\" is not longer than nothing"};
-  return seconds;
+  return part(1) * 86400 + part(2) * 3600 + part(3) * 60 + part(4);
+}
+
+long long durationOf(const std::string& text) {
+  const auto seconds = secondsOf(text);
+  if (!seconds)
+    throw Exit{kExitUsage, "vesp: --duration \"" + text + "\" is not a duration: use for example 1h30m, 45m or 1d"};
+  if (*seconds <= 0) throw Exit{kExitUsage, "vesp: --duration \"" + text + "\" is not longer than nothing"};
+  return *seconds;
+}
+
+// An --alarm ("-15m" before the start, "+1h" or "1h" after it, "0m" at it) as an RFC 5545 duration.
+std::string alarmTrigger(const std::string& text) {
+  const bool before = !text.empty() && text[0] == '-';
+  const std::string amount = !text.empty() && (text[0] == '-' || text[0] == '+') ? text.substr(1) : text;
+  const auto seconds = secondsOf(amount);
+  if (!seconds)
+    throw Exit{kExitUsage, "vesp: --alarm \"" + text + "\" is not a time from the start: use for example -15m, -1d or none"};
+  std::string trigger = std::string(before ? "-" : "") + "P";
+  if (*seconds % 86400 == 0 && *seconds > 0) return trigger + std::to_string(*seconds / 86400) + "D";
+  trigger += "T";
+  if (*seconds >= 3600) trigger += std::to_string(*seconds / 3600) + "H";
+  if (*seconds % 3600 >= 60) trigger += std::to_string(*seconds % 3600 / 60) + "M";
+  if (*seconds % 60 != 0 || *seconds == 0) trigger += std::to_string(*seconds % 60) + "S";
+  return trigger;
+}
+
+// --repeat and --alarm, as changes.
+void setRepeatAndAlarms(const Arguments& args, vdir::VdirItemChanges& changes) {
+  if (args.repeat) changes.rule = *args.repeat;
+  if (args.alarms.empty()) return;
+  changes.alarms.emplace();
+  if (args.alarms == std::vector<std::string>{"none"}) return;
+  for (const auto& alarm : args.alarms) changes.alarms->push_back(alarmTrigger(alarm));
 }
 
 // The texts every item command may set.
@@ -530,6 +562,7 @@ void runNew(Invocation& call) {
   vdir::VdirItemChanges changes;
   setTexts(call.args, changes);
   setTimes(call.args, store->clock(), true, changes);
+  setRepeatAndAlarms(call.args, changes);
   vdir::VdirItemEditor editor(store);
   auto plan = writtenOrExit(editor.newItem(collectionFor(call, platform::EKEntityMaskEvent, "calendars", "--calendar"), "VEVENT", changes));
   saveOrShow(call, editor, plan, false);
@@ -542,6 +575,7 @@ void runEdit(Invocation& call) {
   vdir::VdirItemChanges changes;
   setTexts(call.args, changes);
   setTimes(call.args, store->clock(), false, changes);
+  setRepeatAndAlarms(call.args, changes);
   vdir::VdirItemEditor editor(store);
   std::optional<std::string> collection;
   if (!call.args.calendar.empty()) collection = call.args.calendar;
@@ -717,6 +751,11 @@ void addItemOptions(CLI::App* command, Arguments& args, bool event) {
     command->add_option("--end", args.end, "When it ends (exclusive)");
     command->add_option("--duration", args.duration, "How long it lasts instead of --end: 1h30m, 45m, 2d");
     command->add_flag("--all-day", args.allDay, "An all-day event: --start and --end are days");
+    command->add_option("--repeat", args.repeat,
+                        "How the whole series repeats, as an RFC 5545 rule: FREQ=WEEKLY;BYDAY=MO,WE;UNTIL=20270301");
+    command->add_option("--alarm", args.alarms,
+                        "An alarm before (-15m, -1d) or after (+5m) the start; repeat it for several; none removes them "
+                        "(the alarms given replace the ones the event had)");
   } else {
     command->add_option("--due", args.due, "When it is due: a day, or a day and time");
     command->add_option("--priority", args.priority, "0 (none), 1 (highest) to 9 (lowest)")->check(CLI::Range(0, 9));

@@ -509,5 +509,98 @@ TEST_F(VdirEditTest, OnlyARaisedSequenceIsCarriedToTheOverrides) {
   EXPECT_THAT(events[2], ::testing::Contains("SEQUENCE:6"));
 }
 
+TEST_F(VdirEditTest, ARepeatRuleTakesTheFormOfTheStartAndAnUntilDayIsReadThroughItsLastSecond) {
+  // A zoned start: a day as UNTIL becomes the UTC instant of that day's last second in Berlin.
+  auto item = newItem("VEVENT", "rule-1", {.title = "Yoga", .start = berlinTime(2026, 12, 1, 18),
+                                           .end = berlinTime(2026, 12, 1, 19),
+                                           .rule = "FREQ=WEEKLY;BYDAY=TU,TH;UNTIL=20261210"}, context_);
+  ASSERT_TRUE(item) << item.error().description();
+  ASSERT_TRUE(item->property("RRULE"));
+  EXPECT_EQ(item->property("RRULE")->value(), "FREQ=WEEKLY;BYDAY=TU,TH;UNTIL=20261210T225959Z");
+  auto zones = [](const std::string&) -> std::optional<std::string> { return kBerlin; };
+  auto document = newItemDocument(*item, zones);
+  ASSERT_TRUE(document);
+  EXPECT_EQ(occurrencesOf(document->text()),
+            (std::set<long long>{berlin(12, 1, 18), berlin(12, 3, 18), berlin(12, 8, 18), berlin(12, 10, 18)}));
+
+  // An all-day start keeps a day; a time given for it is cut to its day.
+  auto allDay = newItem("VEVENT", "rule-2", {.title = "Holiday", .start = dateOf(2026, 12, 1),
+                                             .rule = "FREQ=DAILY;UNTIL=20261203T120000Z"}, context_);
+  ASSERT_TRUE(allDay) << allDay.error().description();
+  EXPECT_EQ(allDay->property("RRULE")->value(), "FREQ=DAILY;UNTIL=20261203");
+
+  // A floating start keeps a floating UNTIL.
+  VdirTime floating = berlinTime(2026, 12, 1, 7);
+  floating.kind = VdirTime::Kind::floating;
+  floating.zone = nullptr;
+  floating.tzid.clear();
+  auto local = newItem("VEVENT", "rule-3", {.title = "Run", .start = floating, .rule = "FREQ=DAILY;UNTIL=20261205"},
+                       context_);
+  ASSERT_TRUE(local) << local.error().description();
+  EXPECT_EQ(local->property("RRULE")->value(), "FREQ=DAILY;UNTIL=20261205T235959");
+
+  for (const char* bad : {"FREQ=SOMETIMES", "FREQ=DAILY;COUNT=3;UNTIL=20261231", "FREQ=HOURLY;BYMONTH=2;BYMONTHDAY=30",
+                          "FREQ=DAILY\r\nX-INJECTED:1"}) {
+    auto refused = newItem("VEVENT", "rule-4", {.title = "x", .start = berlinTime(2026, 12, 1, 9), .rule = bad},
+                           context_);
+    EXPECT_FALSE(refused) << bad;
+  }
+}
+
+TEST_F(VdirEditTest, ARuleChangesTheWholeSeriesAndNeverOneOccurrence) {
+  VdirDocument document = parse(kSeries);
+  // Seven weeks: both overrides still fall on occurrences and stay.
+  auto shorter = changeSeries(document, kUid, {.rule = "FREQ=WEEKLY;COUNT=7"}, context_);
+  ASSERT_TRUE(shorter) << shorter.error().description();
+  EXPECT_EQ(linesOf(document, "VEVENT").size(), 3u);
+  EXPECT_EQ(occurrencesOf(document.text()), (std::set<long long>{berlin(10, 19, 9), berlin(10, 26, 9), berlin(11, 2, 9),
+                                                                  berlin(11, 9, 9), berlin(11, 23, 9), berlin(11, 30, 14)}));
+  // Three weeks: the overrides of the 23rd and the 30th are left without an occurrence and go.
+  auto changed = changeSeries(document, kUid, {.rule = "FREQ=WEEKLY;COUNT=3"}, context_);
+  ASSERT_TRUE(changed) << changed.error().description();
+  EXPECT_TRUE(*changed);
+  const VdirComponent* master = masterOf(document, kUid);
+  ASSERT_TRUE(master);
+  EXPECT_EQ(master->properties("RRULE").size(), 1u);
+  EXPECT_EQ(master->property("RRULE")->value(), "FREQ=WEEKLY;COUNT=3");
+  EXPECT_EQ(master->property("SEQUENCE")->value(), "4");  // the occurrences changed, twice
+  EXPECT_EQ(linesOf(document, "VEVENT").size(), 1u);
+  EXPECT_EQ(occurrencesOf(document.text()), (std::set<long long>{berlin(10, 19, 9), berlin(10, 26, 9), berlin(11, 2, 9)}));
+  auto same = changeSeries(document, kUid, {.rule = "FREQ=WEEKLY;COUNT=3"}, context_);
+  ASSERT_TRUE(same);
+  EXPECT_FALSE(*same);
+
+  const std::string before = document.text();
+  auto one = changeOccurrence(document, kUid, at(berlin(10, 26, 9)), {.rule = "FREQ=DAILY"}, context_);
+  ASSERT_FALSE(one);
+  EXPECT_THAT(one.error().message(), HasSubstr("belongs to the whole series"));
+  EXPECT_EQ(document.text(), before);
+}
+
+TEST_F(VdirEditTest, AlarmsGivenReplaceTheItemsAlarmsAndTheSameAlarmsChangeNothing) {
+  VdirDocument document = parse(kSeries);
+  auto changed = changeSeries(document, kUid, {.alarms = std::vector<std::string>{"-PT15M", "-P1D"}}, context_);
+  ASSERT_TRUE(changed) << changed.error().description();
+  EXPECT_TRUE(*changed);
+  const std::string text = document.text();
+  EXPECT_THAT(text, ::testing::Not(HasSubstr("TRIGGER:-PT10M")));
+  EXPECT_THAT(text, HasSubstr("BEGIN:VALARM\r\nACTION:DISPLAY\r\nDESCRIPTION:Team\r\nTRIGGER:-PT15M\r\nEND:VALARM\r\n"
+                              "BEGIN:VALARM\r\nACTION:DISPLAY\r\nDESCRIPTION:Team\r\nTRIGGER:-P1D\r\nEND:VALARM\r\n"
+                              "END:VEVENT"));
+  EXPECT_THAT(text, HasSubstr("X-OTHER-APP;X-P=1:kept\\, as written"));
+  EXPECT_EQ(occurrencesOf(text), theSeries());
+  auto again = changeSeries(document, kUid, {.alarms = std::vector<std::string>{"-PT15M", "-P1D"}}, context_);
+  ASSERT_TRUE(again);
+  EXPECT_FALSE(*again);
+  EXPECT_EQ(document.text(), text);
+
+  auto none = changeSeries(document, kUid, {.alarms = std::vector<std::string>{}}, context_);
+  ASSERT_TRUE(none);
+  EXPECT_TRUE(*none);
+  EXPECT_THAT(document.text(), ::testing::Not(HasSubstr("VALARM")));
+  auto bad = changeSeries(document, kUid, {.alarms = std::vector<std::string>{"soon"}}, context_);
+  EXPECT_FALSE(bad);
+}
+
 }  // namespace
 }  // namespace vesp::vdir

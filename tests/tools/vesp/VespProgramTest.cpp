@@ -208,6 +208,30 @@ TEST_F(VespWritingTest, OneOccurrenceAndTheLaterOnesOfASeries) {
   EXPECT_THAT(text, ::testing::HasSubstr("RECURRENCE-ID;TZID=Europe/Berlin:20261109T090000\r\n"));
 }
 
+TEST_F(VespWritingTest, RepeatAndAlarmsChangeTheWholeSeries) {
+  auto once = run({"edit", "c/weekly.ics", "--occurrence", "2026-11-09T09:00", "--repeat", "FREQ=DAILY"});
+  EXPECT_EQ(once.status, 2);
+  EXPECT_THAT(once.err, ::testing::HasSubstr("belongs to the whole series"));
+  auto bad = run({"edit", "c/weekly.ics", "--alarm", "in a while"});
+  EXPECT_EQ(bad.status, 2);
+  EXPECT_THAT(bad.err, ::testing::HasSubstr("is not a time from the start"));
+  auto changed = run({"edit", "c/weekly.ics", "--repeat", "FREQ=WEEKLY;COUNT=2", "--alarm", "-1h30m", "--alarm", "+5m",
+                      "--json"});
+  ASSERT_EQ(changed.status, 0) << changed.err;
+  const json record = json::parse(changed.out);
+  EXPECT_EQ(record["recurrenceRules"][0]["recurrenceEnd"]["occurrenceCount"], 2);
+  EXPECT_EQ(record["alarms"].size(), 2u);
+  EXPECT_EQ(record["alarms"][0]["relativeOffset"], -5400.0);
+  EXPECT_EQ(record["alarms"][1]["relativeOffset"], 300.0);
+  EXPECT_EQ(events("2026-11-01", "2026-12-31").size(), 2u);
+  const std::string text = vdir::testing::readFile(root_.path() / "c/weekly.ics");
+  EXPECT_THAT(text, ::testing::HasSubstr("TRIGGER:-PT1H30M\r\n"));
+  EXPECT_THAT(text, ::testing::HasSubstr("X-KEPT:yes\r\n"));
+  auto none = run({"edit", "c/weekly.ics", "--alarm", "none", "--json"});
+  ASSERT_EQ(none.status, 0) << none.err;
+  EXPECT_TRUE(json::parse(none.out)["alarms"].is_null());
+}
+
 TEST_F(VespWritingTest, AReminderIsCreatedCompletedReopenedAndDeleted) {
   // An empty collection is a calendar until it holds to-dos: the first one needs --list.
   auto unlisted = run({"reminder", "new", "Buy stamps"});
@@ -289,6 +313,9 @@ TEST_F(VespWritingTest, KhalReadsTheOccurrencesVespWrote) {
                  "--start", "2026-11-23T10:00"}).status, 0);
   ASSERT_EQ(run({"new", "Dentist", "--start", "2026-11-25T15:00", "--duration", "45m"}).status, 0);
   ASSERT_EQ(run({"new", "Trip", "--start", "2026-11-27", "--end", "2026-11-29", "--all-day"}).status, 0);
+  // A rule given with a day as its UNTIL, which RFC 5545 wants in UTC for a zoned start.
+  ASSERT_EQ(run({"new", "Yoga", "--start", "2026-12-01T18:00", "--duration", "1h", "--repeat",
+                 "FREQ=WEEKLY;BYDAY=TU,TH;UNTIL=20261210", "--alarm", "-15m"}).status, 0);
 
   // khal prints an all-day event's last day, not the day after it, and a multi-day one on each day.
   std::set<std::string> ours;
@@ -300,7 +327,7 @@ TEST_F(VespWritingTest, KhalReadsTheOccurrencesVespWrote) {
                 event["title"].get<std::string>());
   }
   EXPECT_EQ(ours.size(), listed.size());
-  EXPECT_EQ(ours.size(), 6u);  // two left of the old series, two of the new one, two new events
+  EXPECT_EQ(ours.size(), 10u);  // two left of the old series, two of the new one, two new events, four of Yoga
 
   writeFile(config_.path() / "khal.conf",
             "[calendars]\n[[c]]\npath = " + (root_.path() / "c").string() +

@@ -3,10 +3,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <random>
 #include <ctime>
 #include <iomanip>
 #include <map>
@@ -230,6 +236,102 @@ TEST_F(VespWritingTest, RepeatAndAlarmsChangeTheWholeSeries) {
   auto none = run({"edit", "c/weekly.ics", "--alarm", "none", "--json"});
   ASSERT_EQ(none.status, 0) << none.err;
   EXPECT_TRUE(json::parse(none.out)["alarms"].is_null());
+}
+
+// Starts vesp on `arguments` with the test's environment; its pid.
+pid_t spawnVesp(const std::vector<std::string>& arguments, const fs::path& accessFile) {
+  std::vector<std::string> words{VESP_PROGRAM};
+  words.insert(words.end(), arguments.begin(), arguments.end());
+  std::vector<char*> argv;
+  for (auto& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
+  std::string access = "VESP_ACCESS_FILE=" + accessFile.string(), zone = "TZ=Europe/Berlin", path = "PATH=/usr/bin:/bin";
+  std::vector<char*> envp{access.data(), zone.data(), path.data()};
+  for (const char* kept : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"})
+    if (const char* value = std::getenv(kept)) envp.push_back(::strdup((std::string(kept) + "=" + value).c_str()));
+  envp.push_back(nullptr);
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    const int null = ::open("/dev/null", O_RDWR);
+    ::dup2(null, 0), ::dup2(null, 1), ::dup2(null, 2);
+    ::execve(argv[0], argv.data(), envp.data());
+    ::_exit(127);
+  }
+  for (std::size_t i = 3; i + 1 < envp.size(); ++i) std::free(envp[i]);
+  return pid;
+}
+
+// The SUMMARY of the event in `text`, or "" when the text is not a whole calendar.
+std::string wholeTitle(const std::string& text) {
+  if (text.rfind("BEGIN:VCALENDAR\r\n", 0) != 0 || text.size() < 15 || text.substr(text.size() - 15) != "END:VCALENDAR\r\n")
+    return "";
+  const auto at = text.find("\r\nSUMMARY:");
+  return at == std::string::npos ? "" : text.substr(at + 10, text.find("\r\n", at + 10) - at - 10);
+}
+
+TEST_F(VespWritingTest, SavesKilledAtRandomMomentsLeaveEveryFileWholeOldOrNew) {
+  const fs::path access = config_.path() / "access.json";
+  ASSERT_EQ(run({"events"}).status, 0);  // records the access decision
+  // How long a save takes here at best, so that the kills fall inside saves.
+  auto span = std::chrono::microseconds::max();
+  for (const char* warm : {"W1", "W2", "T0"}) {
+    const auto started = std::chrono::steady_clock::now();
+    ASSERT_EQ(run({"edit", "c/weekly.ics", "--title", warm}).status, 0);
+    span = std::min(span, std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - started));
+  }
+  std::mt19937 random(20261125);
+  std::string title = "T0";
+  std::set<std::string> created;  // titles of new events whose save may have completed
+  int finished = 0;
+  for (int i = 1; i <= 200; ++i) {
+    const std::string next = "T" + std::to_string(i);
+    const bool creates = i % 4 == 0;
+    std::vector<std::string> arguments{"--store", root_.path().string(), "--yes"};
+    if (creates) {
+      arguments.insert(arguments.end(), {"new", next, "--start", "2026-12-03T15:00", "--calendar", "c"});
+      created.insert(next);
+    } else {
+      arguments.insert(arguments.end(), {"edit", "c/weekly.ics", "--title", next});
+    }
+    const pid_t pid = spawnVesp(arguments, access);
+    ASSERT_GT(pid, 0);
+    std::this_thread::sleep_for(std::chrono::microseconds(random() % span.count()));
+    ::kill(pid, SIGKILL);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    finished += WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 1 : 0;
+    // The series' file is the one before or the one after, never a part of either.
+    const std::string now = wholeTitle(vdir::testing::readFile(root_.path() / "c/weekly.ics"));
+    if (creates) {
+      ASSERT_EQ(now, title) << "save " << i;
+    } else {
+      ASSERT_TRUE(now == title || now == next) << "save " << i << ": \"" << now << "\"";
+      title = now;
+    }
+  }
+  std::size_t items = 0, temporaries = 0;
+  for (const auto& entry : fs::directory_iterator(root_.path() / "c")) {
+    const std::string name = entry.path().filename().string();
+    if (name[0] == '.') {
+      ++temporaries;  // a killed save's temporary file: hidden, never served
+      continue;
+    }
+    ++items;
+    const std::string text = vdir::testing::readFile(entry.path());
+    const std::string found = wholeTitle(text);
+    EXPECT_TRUE(name == "weekly.ics" || created.count(found)) << name << " is not whole: " << text;
+  }
+  auto doctor = run({"doctor"});
+  EXPECT_EQ(doctor.status, 0) << doctor.err;
+  EXPECT_THAT(doctor.out, ::testing::HasSubstr("No problems found."));
+  EXPECT_EQ(json::parse(run({"events", "--from", "2026-12-03", "--to", "2026-12-04", "--json"}).out).size(), items - 1);
+  EXPECT_LT(finished, 200) << "no kill fell inside a save";
+  // The store still takes saves: nothing a killed save left behind is in the way.
+  auto after = run({"edit", "c/weekly.ics", "--title", "After", "--json"});
+  ASSERT_EQ(after.status, 0) << after.err;
+  EXPECT_EQ(wholeTitle(vdir::testing::readFile(root_.path() / "c/weekly.ics")), "After");
+  RecordProperty("finished", finished);
+  RecordProperty("leftTemporaries", static_cast<int>(temporaries));
 }
 
 TEST_F(VespWritingTest, AReminderIsCreatedCompletedReopenedAndDeleted) {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <optional>
 
 namespace vesp::vdir {
 
@@ -364,19 +365,6 @@ std::string ruleWithoutEnd(const std::string& rule) {
   return result;
 }
 
-// The value of the UNTIL part of an RRULE value, or empty.
-std::string untilOf(const std::string& rule) {
-  std::size_t at = 0;
-  while (at < rule.size()) {
-    std::size_t end = rule.find(';', at);
-    if (end == std::string::npos) end = rule.size();
-    const std::string part = rule.substr(at, end - at);
-    if (part.size() > 6 && sameName(part.substr(0, 6), "UNTIL=")) return part.substr(6);
-    at = end + 1;
-  }
-  return {};
-}
-
 // Makes `text` the only repeat rule of `item`, its UNTIL in the form RFC 5545 asks of the item's
 // start: a day for an all-day item, else a time (UTC unless floating), a day read as its last second.
 rivet::RivetResult<bool> setRule(VdirComponent& item, const std::string& text, const VdirEditContext& context) {
@@ -390,19 +378,22 @@ rivet::RivetResult<bool> setRule(VdirComponent& item, const std::string& text, c
   if (const char* why = unservableRule(parsed, *start))
     return editError(std::string("the repeat rule cannot be used: ") + why, "setRule", __LINE__);
   std::string value = text;
-  if (const std::string until = untilOf(text); !until.empty()) {
-    const bool givenAsDay = until.size() == 8;
-    std::string written = until;
+  if (!icaltime_is_null_time(parsed.until)) {
+    VdirTime until = *start;
+    until.local = parsed.until;
+    std::string written;
     if (start->isDate()) {
-      written = until.substr(0, 8);
-    } else if (givenAsDay) {
-      VdirTime last = *start;
-      last.local = parsed.until;
-      last.local.is_date = 0;
-      last.local.hour = 23, last.local.minute = 59, last.local.second = 59;
-      auto instant = instantOf(last, context);
+      until.local.is_date = 1;
+      written = timeValue(until);
+    } else if (parsed.until.is_date) {
+      until.local.is_date = 0;
+      until.local.hour = 23, until.local.minute = 59, until.local.second = 59;
+      auto instant = instantOf(until, context);
       if (!instant) return instant.error();
-      written = start->kind == VdirTime::Kind::floating ? timeValue(last) : utcText(*instant);
+      written = start->kind == VdirTime::Kind::floating ? timeValue(until) : utcText(*instant);
+    } else {
+      until.kind = icaltime_is_utc(parsed.until) ? VdirTime::Kind::utc : VdirTime::Kind::floating;
+      written = timeValue(until);
     }
     value = ruleWithoutEnd(text) + ";UNTIL=" + written;
   }
@@ -413,36 +404,64 @@ rivet::RivetResult<bool> setRule(VdirComponent& item, const std::string& text, c
   return true;
 }
 
+// Whether one of `item`'s `name` properties (RDATE, EXDATE) states the instant `instant`.
+bool statesInstant(const VdirComponent& item, const char* name, platform::Date instant,
+                   const VdirEditContext& context) {
+  for (const VdirContentLine* line : item.properties(name))
+    for (const std::string& value : valuesOf(*line)) {
+      auto time = timeOfValue(*line, value, context);
+      if (!time) continue;
+      auto at = instantOf(*time, context);
+      if (at && sameInstant(*at, instant)) return true;
+    }
+  return false;
+}
+
+// A walk of a rule up to a target: the instances before it, whether one falls on it, and whether
+// the walk stopped at its step limit first.
+struct RuleWalk {
+  int before = 0;
+  bool hit = false;
+  bool cut = false;
+};
+
+// Walks `rule` of a series starting at `start` towards the local time `target` (in field seconds),
+// taking at most `limit` instances; nothing when libical cannot start the walk.
+std::optional<RuleWalk> walkRule(const icalrecurrencetype& rule, const VdirTime& start, std::int64_t target,
+                                 int limit) {
+  icalrecur_iterator* iterator = icalrecur_iterator_new(rule, start.local);
+  if (!iterator) return std::nullopt;
+  RuleWalk walk;
+  for (icaltimetype next = icalrecur_iterator_next(iterator); !icaltime_is_null_time(next);
+       next = icalrecur_iterator_next(iterator)) {
+    const std::int64_t seconds = fieldSeconds(next);
+    if (seconds >= target) {
+      walk.hit = seconds == target;
+      break;
+    }
+    if (walk.before == limit) {
+      walk.cut = true;
+      break;
+    }
+    ++walk.before;
+  }
+  icalrecur_iterator_free(iterator);
+  return walk;
+}
+
 // Whether the series `master` (its rules, extra dates and start) has an occurrence at `instant`.
 // A rule that would take too long to walk there counts as having one.
 bool hasOccurrenceAt(const VdirComponent& master, const VdirTime& start, platform::Date instant,
                      const VdirEditContext& context) {
   auto first = instantOf(start, context);
   if (first && sameInstant(*first, instant)) return true;
-  for (const VdirContentLine* line : master.properties("RDATE"))
-    for (const std::string& value : valuesOf(*line)) {
-      auto time = timeOfValue(*line, value, context);
-      auto at = time ? instantOf(*time, context) : rivet::RivetResult<platform::Date>(platform::Date());
-      if (time && at && sameInstant(*at, instant)) return true;
-    }
+  if (statesInstant(master, "RDATE", instant, context)) return true;
   const std::int64_t target = fieldSeconds(timeLike(instant, start, context).local);
   for (const VdirContentLine* line : master.properties("RRULE")) {
     const icalrecurrencetype rule = icalrecurrencetype_from_string(line->value().c_str());
     if (rule.freq == ICAL_NO_RECURRENCE || unservableRule(rule, start)) return true;
-    icalrecur_iterator* iterator = icalrecur_iterator_new(rule, start.local);
-    if (!iterator) return true;
-    bool found = false;
-    int steps = 0;
-    for (icaltimetype next = icalrecur_iterator_next(iterator); !icaltime_is_null_time(next);
-         next = icalrecur_iterator_next(iterator)) {
-      const std::int64_t seconds = fieldSeconds(next);
-      if (seconds >= target || ++steps > 100000) {
-        found = seconds == target || steps > 100000;
-        break;
-      }
-    }
-    icalrecur_iterator_free(iterator);
-    if (found) return true;
+    const std::optional<RuleWalk> walk = walkRule(rule, start, target, 100000);
+    if (!walk || walk->hit || walk->cut) return true;
   }
   return false;
 }
@@ -470,16 +489,9 @@ rivet::RivetResult<int> instancesBefore(const VdirContentLine& line, const VdirT
   if (const char* why = unservableRule(rule, start))
     return editError(std::string("the rule cannot be expanded: ") + why, "instancesBefore", __LINE__);
   const std::int64_t before = fieldSeconds(timeLike(occurrence, start, context).local);
-  icalrecur_iterator* iterator = icalrecur_iterator_new(rule, start.local);
-  if (!iterator) return editError("the rule cannot be expanded: " + line.value(), "instancesBefore", __LINE__);
-  int count = 0;
-  for (icaltimetype next = icalrecur_iterator_next(iterator); !icaltime_is_null_time(next) && count < limit;
-       next = icalrecur_iterator_next(iterator)) {
-    if (fieldSeconds(next) >= before) break;
-    ++count;
-  }
-  icalrecur_iterator_free(iterator);
-  return count;
+  const std::optional<RuleWalk> walk = walkRule(rule, start, before, limit);
+  if (!walk) return editError("the rule cannot be expanded: " + line.value(), "instancesBefore", __LINE__);
+  return walk->before;
 }
 
 // The TZIDs an item's times name, in order of first use.
@@ -702,14 +714,7 @@ rivet::RivetResult<bool> removeOccurrenceOn(VdirDocument& document, const std::s
   VdirComponent& item = **master;
   auto seriesStart = startOf(item, context);
   if (!seriesStart) return seriesStart.error();
-  bool excluded = false;
-  for (const VdirContentLine* line : item.properties("EXDATE")) {
-    for (const std::string& value : valuesOf(*line)) {
-      auto time = timeOfValue(*line, value, context);
-      auto instant = time ? instantOf(*time, context) : rivet::RivetResult<platform::Date>(platform::Date());
-      if (time && instant && sameInstant(*instant, occurrence)) excluded = true;
-    }
-  }
+  const bool excluded = statesInstant(item, "EXDATE", occurrence, context);
   std::size_t overrides = document.calendar()->removeComponents([&](const VdirComponent& component) {
     if (!isItem(component) || !hasUid(component, uid)) return false;
     auto instant = recurrenceInstant(component, context);
@@ -880,8 +885,6 @@ rivet::RivetResult<VdirComponent> futureMaster(const VdirComponent& master, cons
 rivet::RivetResult<VdirDocument> splitSeriesOn(VdirDocument& document, const std::string& uid,
                                                platform::Date occurrence, const std::string& newUid,
                                                const VdirItemChanges& changes, const VdirEditContext& context) {
-  if (changes.rule)
-    return editError("a repeat rule belongs to the whole series, not to one occurrence", "changeOccurrence", __LINE__);
   auto master = requireMaster(document, uid);
   if (!master) return master.error();
   auto seriesStart = startOf(**master, context);

@@ -396,6 +396,27 @@ TEST_F(VdirEditTest, ChangingThisAndLaterOccurrencesSplitsTheSeries) {
   EXPECT_EQ(whole.text(), kSeries);
 }
 
+TEST_F(VdirEditTest, ARuleGivenWithASplitIsTheRuleOfTheSeriesThatContinues) {
+  VdirDocument document = parse(kSeries);
+  // Every other week from the 9th of November, three times: the 23rd keeps its override, the 30th's goes.
+  auto future = splitSeries(document, kUid, at(berlin(11, 9, 9)), "future@example.org",
+                            {.rule = "FREQ=WEEKLY;INTERVAL=2;COUNT=3"}, context_);
+  ASSERT_TRUE(future) << future.error().description();
+  EXPECT_EQ(occurrencesOf(document.text()),
+            (std::set<long long>{berlin(10, 19, 9), berlin(10, 26, 9), berlin(11, 2, 9)}));
+  const VdirComponent* master = masterOf(*future, "future@example.org");
+  ASSERT_TRUE(master);
+  EXPECT_EQ(master->property("RRULE")->value(), "FREQ=WEEKLY;INTERVAL=2;COUNT=3");
+  EXPECT_EQ(linesOf(*future, "VEVENT").size(), 2u);
+  EXPECT_EQ(occurrencesOf(future->text()), (std::set<long long>{berlin(11, 9, 9), berlin(11, 23, 9), berlin(12, 7, 9)}));
+
+  VdirDocument unchanged = parse(kSeries);
+  auto refused = splitSeries(unchanged, kUid, at(berlin(11, 9, 9)), "x@example.org", {.rule = "FREQ=NEVER"}, context_);
+  ASSERT_FALSE(refused);
+  EXPECT_THAT(refused.error().message(), HasSubstr("the repeat rule cannot be read"));
+  EXPECT_EQ(unchanged.text(), kSeries);
+}
+
 TEST_F(VdirEditTest, ANewEventIsAFileWithItsZoneStampsAndFoldedLines) {
   const std::string title = "A planning meeting with a title long enough to be folded, \u00e9t\u00e9 " +
                             std::string(40, 'x');

@@ -44,6 +44,18 @@ std::string quoted(const std::string& text) {
   return result + "'";
 }
 
+// What `command` prints on stdout, and its exit status.
+ProgramRun shell(const std::string& command) {
+  ProgramRun run;
+  FILE* pipe = ::popen(command.c_str(), "r");
+  char buffer[65536];
+  std::size_t count;
+  while ((count = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) run.out.append(buffer, count);
+  const int status = ::pclose(pipe);
+  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return run;
+}
+
 class VespProgramTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -58,13 +70,7 @@ class VespProgramTest : public ::testing::Test {
     for (const auto& argument : arguments) command += " " + quoted(argument);
     fs::path errors = config_.path() / "stderr.txt";
     command += " < /dev/null 2> " + quoted(errors.string());
-    ProgramRun run;
-    FILE* pipe = ::popen(command.c_str(), "r");
-    char buffer[65536];
-    std::size_t count;
-    while ((count = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) run.out.append(buffer, count);
-    int status = ::pclose(pipe);
-    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    ProgramRun run = shell(command);
     run.err = vdir::testing::readFile(errors);
     return run;
   }
@@ -236,6 +242,14 @@ TEST_F(VespWritingTest, RepeatAndAlarmsChangeTheWholeSeries) {
   auto none = run({"edit", "c/weekly.ics", "--alarm", "none", "--json"});
   ASSERT_EQ(none.status, 0) << none.err;
   EXPECT_TRUE(json::parse(none.out)["alarms"].is_null());
+  // With --future the rule is the one of the series that continues: 2 November, then 9 to 11 November daily.
+  auto future = run({"edit", "c/weekly.ics", "--occurrence", "2026-11-09T09:00", "--future", "--repeat",
+                     "FREQ=DAILY;COUNT=3"});
+  ASSERT_EQ(future.status, 0) << future.err;
+  std::vector<std::string> starts;
+  for (const json& event : events("2026-11-01", "2026-12-31")) starts.push_back(event["startDate"]);
+  EXPECT_EQ(starts, (std::vector<std::string>{"2026-11-02T08:00:00Z", "2026-11-09T08:00:00Z", "2026-11-10T08:00:00Z",
+                                              "2026-11-11T08:00:00Z"}));
 }
 
 // Starts vesp on `arguments` with the test's environment; its pid.
@@ -370,18 +384,6 @@ TEST_F(VespWritingTest, ACalendarThatCannotBeWrittenIsAClearFailure) {
   EXPECT_THAT(refused.err, ::testing::HasSubstr("is read-only: its directory cannot be written"));
   EXPECT_EQ(run({"new", "Dentist"}).status, 2);  // no --start
   EXPECT_EQ(run({"new", "Dentist", "--start", "2026-12-03", "--end", "2026-12-04", "--duration", "1h"}).status, 2);
-}
-
-// What `command` prints on stdout, and its exit status.
-ProgramRun shell(const std::string& command) {
-  ProgramRun run;
-  FILE* pipe = ::popen(command.c_str(), "r");
-  char buffer[65536];
-  std::size_t count;
-  while ((count = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) run.out.append(buffer, count);
-  const int status = ::pclose(pipe);
-  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return run;
 }
 
 // Skips without `program`, except on CI, where scripts/test must have installed `package`.

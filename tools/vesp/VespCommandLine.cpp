@@ -30,6 +30,7 @@
 #include "support/keel/KeelManagerFramework.h"
 #include "support/rivet/RivetJsonLineLogger.h"
 #include "tools/vesp/VespOutput.h"
+#include "tools/vesp/VespSettings.h"
 
 namespace vesp::tool {
 
@@ -278,6 +279,8 @@ struct Arguments {
   std::optional<std::string> repeat;  // new, edit: an RRULE value
   std::vector<std::string> alarms;    // new, edit: "-15m", ... or "none"
   bool allDay = false, future = false, dryRun = false;
+  std::optional<std::string> setting;  // config default-calendar ID
+  bool unset = false;                  // config default-calendar --unset
 };
 
 // What a subcommand runs with.
@@ -483,11 +486,30 @@ void setTimes(const Arguments& args, const vdir::VdirClock& clock, bool isNew, v
   changes.end = end;
 }
 
-// The collection a new item goes to: --calendar, else the first writable one holding `mask`.
+// The settings of the store being used, or an exit that says what is wrong with their file.
+VespSettings settingsOf(const Arguments& args) {
+  try {
+    return VespSettings(VespSettings::defaultFile(), std::filesystem::canonical(args.store).string());
+  } catch (const std::exception& failure) {
+    throw Exit{kExitFailure, failure.what()};
+  }
+}
+
+// The collection a new item goes to: --calendar, else for an event the default calendar set with
+// `vesp config`, else the first writable one holding `mask`.
 std::string collectionFor(Invocation& call, platform::EKEntityMask mask, const char* listing, const char* option) {
   auto& store = *call.session.platform().store();
   if (!call.args.calendar.empty()) return call.args.calendar;
   auto snapshot = store.snapshot();
+  if (mask == platform::EKEntityMaskEvent) {
+    if (const auto chosen = settingsOf(call.args).defaultCalendar()) {
+      for (const auto& collection : snapshot->collections)
+        if (collection.identifier == *chosen) return *chosen;
+      throw Exit{kExitNotFound, "vesp: the default calendar \"" + neutralised(*chosen) +
+                                    "\" is not in the store any more: give --calendar, or choose another with "
+                                    "`vesp config default-calendar ID` (`vesp calendars` lists them)"};
+    }
+  }
   for (const auto& collection : snapshot->collections)
     if ((collection.calendar->allowedEntityTypes() & mask) && store.writable(collection.identifier))
       return collection.identifier;
@@ -721,6 +743,48 @@ void runDoctor(Invocation& call) {
              << neutralised(diagnostic.problem) << '\n';
 }
 
+void printSettings(Invocation& call, const VespSettings& settings) {
+  const auto& calendar = settings.defaultCalendar();
+  if (call.args.asJSON) {
+    call.out << json{{"file", settings.file()},
+                     {"store", std::filesystem::canonical(call.args.store).string()},
+                     {"defaultCalendar", calendar ? json(*calendar) : json(nullptr)}}
+                    .dump(2, ' ', false, json::error_handler_t::replace)
+             << '\n';
+    return;
+  }
+  call.out << "default-calendar: " << (calendar ? neutralised(*calendar) : "(not set: the first writable calendar)")
+           << "\n(settings are kept in " << neutralised(settings.file()) << ")\n";
+}
+
+// Shows, sets or forgets the calendar that `vesp new` uses without --calendar.
+void runDefaultCalendar(Invocation& call) {
+  const Arguments& args = call.args;
+  VespSettings settings = settingsOf(args);
+  if (args.setting && args.unset) throw Exit{kExitUsage, "vesp: give a calendar or --unset, not both"};
+  if (args.setting) {
+    auto& store = *call.session.platform().store();
+    auto snapshot = store.snapshot();
+    auto found = std::find_if(snapshot->collections.begin(), snapshot->collections.end(),
+                              [&](const auto& collection) { return collection.identifier == *args.setting; });
+    if (found == snapshot->collections.end())
+      throw Exit{kExitNotFound, "vesp: the store has no calendar \"" + neutralised(*args.setting) +
+                                    "\" (`vesp calendars` lists them)"};
+    if (!(found->calendar->allowedEntityTypes() & platform::EKEntityMaskEvent))
+      throw Exit{kExitUsage, "vesp: \"" + neutralised(*args.setting) +
+                                 "\" is a reminder list: the default calendar is for events (`vesp calendars` lists them)"};
+    if (!store.writable(found->identifier))
+      throw Exit{kExitFailure, "vesp: the calendar \"" + neutralised(*args.setting) +
+                                   "\" is read-only: its directory cannot be written, so it cannot take new events"};
+  }
+  try {
+    if (args.setting || args.unset) settings.setDefaultCalendar(args.setting);
+  } catch (const std::exception& failure) {
+    throw Exit{kExitFailure, failure.what()};
+  }
+  printSettings(call, settings);
+}
+
 // One subcommand: its parser and what it runs.
 struct Subcommand {
   CLI::App* parser;
@@ -752,7 +816,8 @@ void addItemOptions(CLI::App* command, Arguments& args, bool event) {
     command->add_option("--duration", args.duration, "How long it lasts instead of --end: 1h30m, 45m, 2d");
     command->add_flag("--all-day", args.allDay, "An all-day event: --start and --end are days");
     command->add_option("--repeat", args.repeat,
-                        "How the whole series repeats, as an RFC 5545 rule: FREQ=WEEKLY;BYDAY=MO,WE;UNTIL=20270301");
+                        "How the whole series (with --future: the part that continues) repeats, as an RFC 5545 rule: "
+                        "FREQ=WEEKLY;BYDAY=MO,WE;UNTIL=20270301");
     command->add_option("--alarm", args.alarms,
                         "An alarm before (-15m, -1d) or after (+5m) the start; repeat it for several; none removes them "
                         "(the alarms given replace the ones the event had)");
@@ -776,7 +841,8 @@ void addOccurrenceOptions(CLI::App* command, Arguments& args, const char* future
 void addWriteCommands(CLI::App& app, Arguments& args, std::vector<Subcommand>& commands) {
   auto* created = app.add_subcommand("new", "Create an event");
   created->add_option("TITLE", args.title, "What it is")->required();
-  created->add_option("--calendar", args.calendar, "The calendar (default: the first writable one)");
+  created->add_option("--calendar", args.calendar,
+                      "The calendar (default: the one set with `vesp config default-calendar`, else the first writable one)");
   addItemOptions(created, args, true);
   created->get_option("--start")->required();
   commands.push_back({created, runNew});
@@ -863,6 +929,15 @@ std::vector<Subcommand> addSubcommands(CLI::App& app, Arguments& args) {
 
   commands.push_back(
       {app.add_subcommand("doctor", "List what in the store was skipped or repaired, and why"), runDoctor});
+
+  auto* config = app.add_subcommand("config", "Show vesp's settings for this store, or change one");
+  config->require_subcommand(0, 1);
+  commands.push_back({config, [](Invocation& call) { printSettings(call, settingsOf(call.args)); }});
+  auto* defaultCalendar =
+      config->add_subcommand("default-calendar", "Show, set or forget the calendar `vesp new` uses without --calendar");
+  defaultCalendar->add_option("ID", args.setting, "The calendar's identifier (`vesp calendars` lists them)");
+  defaultCalendar->add_flag("--unset", args.unset, "Forget it: new events go to the first writable calendar");
+  commands.push_back({defaultCalendar, runDefaultCalendar});
   addWriteCommands(app, args, commands);
   return commands;
 }

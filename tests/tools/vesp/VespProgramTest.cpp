@@ -66,7 +66,8 @@ class VespProgramTest : public ::testing::Test {
   // Runs vesp with `arguments`, stdin from /dev/null (no terminal).
   ProgramRun vesp(const std::vector<std::string>& arguments, const std::string& environment = "") {
     std::string command = "TZ=Europe/Berlin NO_COLOR=1 VESP_ACCESS_FILE=" + quoted((config_.path() / "access.json").string()) +
-                          " " + environment + " " + quoted(VESP_PROGRAM);
+                          " VESP_CONFIG_FILE=" + quoted(settingsFile().string()) + " " + environment + " " +
+                          quoted(VESP_PROGRAM);
     for (const auto& argument : arguments) command += " " + quoted(argument);
     fs::path errors = config_.path() / "stderr.txt";
     command += " < /dev/null 2> " + quoted(errors.string());
@@ -76,6 +77,7 @@ class VespProgramTest : public ::testing::Test {
   }
 
   std::string store(const std::string& name) { return testData(name).string(); }
+  fs::path settingsFile() const { return config_.path() / "settings" / "config.json"; }
 
   TemporaryDirectory config_;
 };
@@ -250,6 +252,53 @@ TEST_F(VespWritingTest, RepeatAndAlarmsChangeTheWholeSeries) {
   for (const json& event : events("2026-11-01", "2026-12-31")) starts.push_back(event["startDate"]);
   EXPECT_EQ(starts, (std::vector<std::string>{"2026-11-02T08:00:00Z", "2026-11-09T08:00:00Z", "2026-11-10T08:00:00Z",
                                               "2026-11-11T08:00:00Z"}));
+}
+
+TEST_F(VespWritingTest, NewEventsGoToTheDefaultCalendarSetForTheStore) {
+  writeFile(root_.path() / "b/one.ics", vdir::testing::readFile(root_.path() / "c/weekly.ics"));
+  auto shown = run({"config", "--json"});
+  ASSERT_EQ(shown.status, 0) << shown.err;
+  EXPECT_TRUE(json::parse(shown.out)["defaultCalendar"].is_null());
+  EXPECT_FALSE(fs::exists(settingsFile())) << "showing the settings writes nothing";
+
+  auto first = run({"new", "Before", "--start", "2026-12-03T15:00", "--json"});
+  ASSERT_EQ(first.status, 0) << first.err;
+  EXPECT_EQ(json::parse(first.out)["calendar"]["calendarIdentifier"], "b") << "the first writable calendar";
+
+  EXPECT_EQ(run({"config", "default-calendar", "nope"}).status, 5);
+  ASSERT_EQ(run({"reminder", "new", "Call", "--list", "t"}).status, 0);
+  auto list = run({"config", "default-calendar", "t"});
+  EXPECT_EQ(list.status, 2);
+  EXPECT_THAT(list.err, ::testing::HasSubstr("\"t\" is a reminder list"));
+  EXPECT_FALSE(fs::exists(settingsFile())) << "a refused setting writes nothing";
+
+  auto set = run({"config", "default-calendar", "c", "--json"});
+  ASSERT_EQ(set.status, 0) << set.err;
+  EXPECT_EQ(json::parse(set.out)["defaultCalendar"], "c");
+  const json file = json::parse(vdir::testing::readFile(settingsFile()));
+  EXPECT_EQ(file["stores"][fs::canonical(root_.path()).string()]["defaultCalendar"], "c");
+  EXPECT_EQ(fs::status(settingsFile()).permissions() & fs::perms::all, fs::perms::owner_read | fs::perms::owner_write);
+  auto second = run({"new", "After", "--start", "2026-12-03T16:00", "--json"});
+  ASSERT_EQ(second.status, 0) << second.err;
+  EXPECT_EQ(json::parse(second.out)["calendar"]["calendarIdentifier"], "c");
+  auto other = run({"new", "Chosen", "--start", "2026-12-03T17:00", "--calendar", "b", "--json"});
+  ASSERT_EQ(other.status, 0) << other.err;
+  EXPECT_EQ(json::parse(other.out)["calendar"]["calendarIdentifier"], "b") << "--calendar wins";
+
+  // A default calendar that went away is an error with the way out, never a silent fallback.
+  fs::rename(root_.path() / "c", root_.path() / "gone");
+  auto lost = run({"new", "Lost", "--start", "2026-12-03T18:00"});
+  EXPECT_EQ(lost.status, 5);
+  EXPECT_THAT(lost.err, ::testing::HasSubstr("the default calendar \"c\" is not in the store any more"));
+  auto unset = run({"config", "default-calendar", "--unset", "--json"});
+  ASSERT_EQ(unset.status, 0) << unset.err;
+  EXPECT_TRUE(json::parse(unset.out)["defaultCalendar"].is_null());
+  EXPECT_EQ(run({"new", "Again", "--start", "2026-12-03T18:00"}).status, 0);
+
+  writeFile(settingsFile(), "[1, 2");
+  auto damaged = run({"config"});
+  EXPECT_EQ(damaged.status, 1);
+  EXPECT_THAT(damaged.err, ::testing::HasSubstr("is not a JSON object: repair it, or remove it"));
 }
 
 // Starts vesp on `arguments` with the test's environment; its pid.

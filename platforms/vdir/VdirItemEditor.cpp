@@ -190,6 +190,16 @@ rivet::RivetResult<VdirPlan> VdirItemEditor::changeEvent(const std::string& even
   return plan;
 }
 
+rivet::RivetResult<bool> VdirItemEditor::recurs(const std::string& eventIdentifier) const {
+  auto snapshot = store_->snapshot();
+  auto entry = snapshot->entries.find(eventIdentifier);
+  if (entry == snapshot->entries.end() || entry->second.todo)
+    return editorError(VdirErrorCode::noSuchItem, "no event \"" + eventIdentifier + "\" in the store", __func__,
+                       __LINE__);
+  const auto& item = *snapshot->collections[entry->second.collection].items[entry->second.item];
+  return item.series[entry->second.index].isRecurring();
+}
+
 rivet::RivetResult<VdirPlan> VdirItemEditor::removeEvent(const std::string& eventIdentifier,
                                                          std::optional<platform::Date> occurrence, VdirSpan span) {
   auto found = find(eventIdentifier, false);

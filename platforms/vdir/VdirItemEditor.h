@@ -44,6 +44,8 @@ class VdirItemEditor {
   // Removes the event (its file, when nothing else is in it), one occurrence, or it and every later one.
   rivet::RivetResult<VdirPlan> removeEvent(const std::string& eventIdentifier, std::optional<platform::Date> occurrence,
                                            VdirSpan span);
+  // Whether the event `eventIdentifier` recurs (has rules or extra dates), as the store serves it.
+  rivet::RivetResult<bool> recurs(const std::string& eventIdentifier) const;
   // A new event ("VEVENT") or to-do ("VTODO") in `collection`, under a fresh random UID, in a file
   // of its own.
   rivet::RivetResult<VdirPlan> newItem(const std::string& collection, const std::string& componentName,

@@ -279,6 +279,7 @@ struct Arguments {
   std::optional<std::string> repeat;  // new, edit: an RRULE value
   std::vector<std::string> alarms;    // new, edit: "-15m", ... or "none"
   bool allDay = false, future = false, dryRun = false;
+  std::string span;                    // edit, delete: this, future or all
   std::optional<std::string> setting;  // config default-calendar ID
   bool unset = false;                  // config default-calendar --unset
 };
@@ -574,8 +575,32 @@ std::pair<std::string, std::optional<Date>> eventNamed(const Arguments& args) {
   }
 }
 
-vdir::VdirSpan spanOf(const Arguments& args) {
-  return args.future ? vdir::VdirSpan::futureOccurrences : vdir::VdirSpan::thisOccurrence;
+// The event and the occurrences that edit and delete work on.
+struct Occurrences {
+  std::string identifier;
+  std::optional<Date> occurrence;  // none: the whole series
+  vdir::VdirSpan span = vdir::VdirSpan::thisOccurrence;
+};
+
+// An occurrence of a recurring event needs --span this, future or all (--future is --span future);
+// a whole series, named by its eventIdentifier alone, and an event that does not recur need none.
+Occurrences occurrencesChosen(const Arguments& args, const vdir::VdirItemEditor& editor) {
+  auto [identifier, occurrence] = eventNamed(args);
+  std::string span = args.span;
+  if (args.future) {
+    if (!span.empty() && span != "future") throw Exit{kExitUsage, "vesp: --future means --span future: give one of them"};
+    span = "future";
+  }
+  if (span == "all") return {identifier, std::nullopt};
+  if (!span.empty() && !occurrence)
+    throw Exit{kExitUsage, "vesp: --span " + span + " needs an occurrence: give the eventInstanceIdentifier that "
+                               "`vesp events --json` prints, or --occurrence WHEN"};
+  if (span.empty() && occurrence && writtenOrExit(editor.recurs(identifier)))
+    throw Exit{kExitUsage, "vesp: \"" + neutralised(identifier) +
+                               "\" repeats: say which occurrences with --span this (only this one), --span future "
+                               "(this one and every later one) or --span all (the whole series)"};
+  return {identifier, occurrence,
+          span == "future" ? vdir::VdirSpan::futureOccurrences : vdir::VdirSpan::thisOccurrence};
 }
 
 void runNew(Invocation& call) {
@@ -593,30 +618,33 @@ void runNew(Invocation& call) {
 void runEdit(Invocation& call) {
   call.session.requireAccess(platform::EKEntityTypeEvent, true);
   auto store = call.session.platform().store();
-  auto [identifier, occurrence] = eventNamed(call.args);
+  vdir::VdirItemEditor editor(store);
+  const Occurrences chosen = occurrencesChosen(call.args, editor);
   vdir::VdirItemChanges changes;
   setTexts(call.args, changes);
   setTimes(call.args, store->clock(), false, changes);
   setRepeatAndAlarms(call.args, changes);
-  vdir::VdirItemEditor editor(store);
   std::optional<std::string> collection;
   if (!call.args.calendar.empty()) collection = call.args.calendar;
-  saveOrShow(call, editor, writtenOrExit(editor.changeEvent(identifier, occurrence, spanOf(call.args), changes, collection)),
+  saveOrShow(call, editor,
+             writtenOrExit(editor.changeEvent(chosen.identifier, chosen.occurrence, chosen.span, changes, collection)),
              false);
 }
 
 void runDelete(Invocation& call) {
   call.session.requireAccess(platform::EKEntityTypeEvent, true);
-  auto [identifier, occurrence] = eventNamed(call.args);
   vdir::VdirItemEditor editor(call.session.platform().store());
-  auto plan = writtenOrExit(editor.removeEvent(identifier, occurrence, spanOf(call.args)));
+  const Occurrences chosen = occurrencesChosen(call.args, editor);
+  auto plan = writtenOrExit(editor.removeEvent(chosen.identifier, chosen.occurrence, chosen.span));
   if (!plan.identifier.empty() && !call.args.dryRun) {
     // One occurrence, or the later ones, went: the series stays.
     writtenOrExit(editor.apply(plan));
     if (call.args.asJSON)
       call.out << json{{"removed", call.args.identifier}, {"series", plan.identifier}}.dump(2) << '\n';
     else
-      call.out << "Removed " << (call.args.future ? "this and every later occurrence of " : "one occurrence of ")
+      call.out << "Removed "
+               << (chosen.span == vdir::VdirSpan::futureOccurrences ? "this and every later occurrence of "
+                                                                     : "one occurrence of ")
                << neutralised(plan.identifier) << '\n';
     return;
   }
@@ -835,6 +863,10 @@ void addOccurrenceOptions(CLI::App* command, Arguments& args, const char* future
                    "eventIdentifier (the whole series)")
       ->required();
   command->add_option("--occurrence", args.occurrence, "With an eventIdentifier: the occurrence's original start");
+  command->add_option("--span", args.span,
+                      "Which occurrences of a recurring event: this (the one named), future (it and every later one) "
+                      "or all (the whole series); needed for an occurrence of a recurring event")
+      ->check(CLI::IsMember({"this", "future", "all"}));
   command->add_flag("--future", args.future, futureHelp);
 }
 
@@ -848,14 +880,14 @@ void addWriteCommands(CLI::App& app, Arguments& args, std::vector<Subcommand>& c
   commands.push_back({created, runNew});
 
   auto* edit = app.add_subcommand("edit", "Change an event: one occurrence, or with --future it and every later one");
-  addOccurrenceOptions(edit, args, "Change this and every later occurrence (a new series from it on)");
+  addOccurrenceOptions(edit, args, "The same as --span future: this and every later occurrence (a new series from it on)");
   edit->add_option("--title", args.title, "A new title");
   edit->add_option("--calendar", args.calendar, "Move the whole series to this calendar");
   addItemOptions(edit, args, true);
   commands.push_back({edit, runEdit});
 
   auto* remove = app.add_subcommand("delete", "Delete an event, one occurrence, or with --future it and every later one");
-  addOccurrenceOptions(remove, args, "Delete this and every later occurrence");
+  addOccurrenceOptions(remove, args, "The same as --span future: this and every later occurrence");
   remove->add_flag("--dry-run", args.dryRun, "Print what would be written or removed, and change nothing");
   commands.push_back({remove, runDelete});
 }

@@ -192,6 +192,11 @@ TEST_F(VespWritingTest, AnEventIsCreatedChangedAndDeletedAndADryRunWritesNothing
   ASSERT_EQ(moved.status, 0) << moved.err;
   EXPECT_EQ(json::parse(moved.out)["startDate"], "2026-12-03T15:30:00Z");
   EXPECT_EQ(json::parse(moved.out)["endDate"], "2026-12-03T16:15:00Z");  // as long as before
+  // An event that does not recur needs no span, even named by its occurrence.
+  const std::string occurrence = events("2026-12-03", "2026-12-04")[0]["eventInstanceIdentifier"].dump();
+  auto located = run({"edit", occurrence, "--location", "Main St 2", "--json"});
+  ASSERT_EQ(located.status, 0) << located.err;
+  EXPECT_EQ(json::parse(located.out)["location"], "Main St 2");
   auto backwards = run({"edit", identifier, "--end", "2026-12-03T08:00"});
   EXPECT_EQ(backwards.status, 2);
   EXPECT_THAT(backwards.err, ::testing::HasSubstr("the end lies before the start"));
@@ -207,11 +212,24 @@ TEST_F(VespWritingTest, OneOccurrenceAndTheLaterOnesOfASeries) {
   auto all = events("2026-11-01", "2026-12-31");
   ASSERT_EQ(all.size(), 5u);
   // The second occurrence, by the identifier `events --json` printed.
-  auto one = run({"edit", all[1]["eventInstanceIdentifier"].dump(), "--title", "Team (retro)"});
+  // An occurrence of a recurring event needs a span, and the message names the three.
+  auto unsaid = run({"edit", all[1]["eventInstanceIdentifier"].dump(), "--title", "Team (retro)"});
+  EXPECT_EQ(unsaid.status, 2);
+  EXPECT_THAT(unsaid.err, ::testing::HasSubstr("repeats: say which occurrences with --span this (only this one), "
+                                               "--span future (this one and every later one) or --span all"));
+  EXPECT_EQ(run({"delete", all[1]["eventInstanceIdentifier"].dump()}).status, 2);
+  auto noOccurrence = run({"delete", "c/weekly.ics", "--span", "this"});
+  EXPECT_EQ(noOccurrence.status, 2);
+  EXPECT_THAT(noOccurrence.err, ::testing::HasSubstr("--span this needs an occurrence"));
+  EXPECT_EQ(run({"delete", "c/weekly.ics", "--span", "this", "--occurrence", "2026-11-09T09:00", "--future"}).status, 2);
+  EXPECT_EQ(run({"delete", "c/weekly.ics", "--span", "some"}).status, 2);
+  EXPECT_EQ(events("2026-11-01", "2026-12-31").size(), 5u) << "nothing refused was written";
+
+  auto one = run({"edit", all[1]["eventInstanceIdentifier"].dump(), "--span", "this", "--title", "Team (retro)"});
   ASSERT_EQ(one.status, 0) << one.err;
-  auto third = run({"delete", all[2]["eventInstanceIdentifier"].dump()});
+  auto third = run({"delete", all[2]["eventInstanceIdentifier"].dump(), "--span", "this"});
   ASSERT_EQ(third.status, 0) << third.err;
-  auto later = run({"delete", "c/weekly.ics", "--occurrence", "2026-11-30T09:00", "--future"});
+  auto later = run({"delete", "c/weekly.ics", "--occurrence", "2026-11-30T09:00", "--span", "future"});
   ASSERT_EQ(later.status, 0) << later.err;
   std::vector<std::string> titles;
   for (const auto& event : events("2026-11-01", "2026-12-31")) titles.push_back(event["title"]);
@@ -220,10 +238,16 @@ TEST_F(VespWritingTest, OneOccurrenceAndTheLaterOnesOfASeries) {
   EXPECT_THAT(text, ::testing::HasSubstr("X-KEPT:yes\r\n"));
   EXPECT_THAT(text, ::testing::HasSubstr("EXDATE;TZID=Europe/Berlin:20261116T090000\r\n"));
   EXPECT_THAT(text, ::testing::HasSubstr("RECURRENCE-ID;TZID=Europe/Berlin:20261109T090000\r\n"));
+  // --span all, from any occurrence, is the whole series: here its file goes.
+  auto whole = run({"delete", all[1]["eventInstanceIdentifier"].dump(), "--span", "all"});
+  ASSERT_EQ(whole.status, 0) << whole.err;
+  EXPECT_TRUE(events("2026-11-01", "2026-12-31").empty());
+  EXPECT_FALSE(fs::exists(root_.path() / "c/weekly.ics"));
 }
 
 TEST_F(VespWritingTest, RepeatAndAlarmsChangeTheWholeSeries) {
-  auto once = run({"edit", "c/weekly.ics", "--occurrence", "2026-11-09T09:00", "--repeat", "FREQ=DAILY"});
+  auto once = run({"edit", "c/weekly.ics", "--occurrence", "2026-11-09T09:00", "--span", "this", "--repeat",
+                   "FREQ=DAILY"});
   EXPECT_EQ(once.status, 2);
   EXPECT_THAT(once.err, ::testing::HasSubstr("belongs to the whole series"));
   auto bad = run({"edit", "c/weekly.ics", "--alarm", "in a while"});
@@ -459,9 +483,10 @@ std::string localTime(const std::string& instant, const char* format, int daysBa
 TEST_F(VespWritingTest, KhalReadsTheOccurrencesVespWrote) {
   if (!installed("khal", "khal")) GTEST_SKIP() << "needs the Debian package khal (scripts/test installs it)";
   // An override moved in time, an exclusion, a split series, a new event and a new all-day event.
-  ASSERT_EQ(run({"edit", "c/weekly.ics", "--occurrence", "2026-11-09T09:00", "--title", "Team (retro)", "--start",
+  ASSERT_EQ(run({"edit", "c/weekly.ics", "--occurrence", "2026-11-09T09:00", "--span", "this", "--title",
+                 "Team (retro)", "--start",
                  "2026-11-09T11:00"}).status, 0);
-  ASSERT_EQ(run({"delete", "c/weekly.ics", "--occurrence", "2026-11-16T09:00"}).status, 0);
+  ASSERT_EQ(run({"delete", "c/weekly.ics", "--occurrence", "2026-11-16T09:00", "--span", "this"}).status, 0);
   ASSERT_EQ(run({"edit", "c/weekly.ics", "--occurrence", "2026-11-23T09:00", "--future", "--title", "Team (new)",
                  "--start", "2026-11-23T10:00"}).status, 0);
   ASSERT_EQ(run({"new", "Dentist", "--start", "2026-11-25T15:00", "--duration", "45m"}).status, 0);

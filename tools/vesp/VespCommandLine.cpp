@@ -892,6 +892,17 @@ void addWriteCommands(CLI::App& app, Arguments& args, std::vector<Subcommand>& c
   commands.push_back({remove, runDelete});
 }
 
+void addConfigCommands(CLI::App& app, Arguments& args, std::vector<Subcommand>& commands) {
+  auto* config = app.add_subcommand("config", "Show vesp's settings for this store, or change one");
+  config->require_subcommand(0, 1);
+  commands.push_back({config, [](Invocation& call) { printSettings(call, settingsOf(call.args)); }});
+  auto* defaultCalendar =
+      config->add_subcommand("default-calendar", "Show, set or forget the calendar `vesp new` uses without --calendar");
+  defaultCalendar->add_option("ID", args.setting, "The calendar's identifier (`vesp calendars` lists them)");
+  defaultCalendar->add_flag("--unset", args.unset, "Forget it: new events go to the first writable calendar");
+  commands.push_back({defaultCalendar, runDefaultCalendar});
+}
+
 std::vector<Subcommand> addSubcommands(CLI::App& app, Arguments& args) {
   std::vector<Subcommand> commands;
   commands.push_back({app.add_subcommand("calendars", "List the event calendars"),
@@ -961,16 +972,8 @@ std::vector<Subcommand> addSubcommands(CLI::App& app, Arguments& args) {
 
   commands.push_back(
       {app.add_subcommand("doctor", "List what in the store was skipped or repaired, and why"), runDoctor});
-
-  auto* config = app.add_subcommand("config", "Show vesp's settings for this store, or change one");
-  config->require_subcommand(0, 1);
-  commands.push_back({config, [](Invocation& call) { printSettings(call, settingsOf(call.args)); }});
-  auto* defaultCalendar =
-      config->add_subcommand("default-calendar", "Show, set or forget the calendar `vesp new` uses without --calendar");
-  defaultCalendar->add_option("ID", args.setting, "The calendar's identifier (`vesp calendars` lists them)");
-  defaultCalendar->add_flag("--unset", args.unset, "Forget it: new events go to the first writable calendar");
-  commands.push_back({defaultCalendar, runDefaultCalendar});
   addWriteCommands(app, args, commands);
+  addConfigCommands(app, args, commands);
   return commands;
 }
 

@@ -39,7 +39,7 @@ namespace {
 // A JSON array written one element at a time, byte for byte as the whole array's dump(2) would be
 // (a month of a large store is tens of thousands of records: no document of them all is built).
 template <typename Records>
-void writeArray(std::ostream& out, const Records& records) {
+void writeArray(std::ostream& out, const Records& records, const std::vector<std::string>* refs = nullptr) {
   if (records.empty()) {
     out << "[]\n";
     return;
@@ -47,7 +47,9 @@ void writeArray(std::ostream& out, const Records& records) {
   out << "[\n";
   std::size_t left = records.size();
   for (const auto& record : records) {
-    std::string text = toJSON(record).dump(2, ' ', false, nlohmann::json::error_handler_t::replace);
+    nlohmann::json value = toJSON(record);
+    if (refs) value["reference"] = (*refs)[records.size() - left];
+    std::string text = value.dump(2, ' ', false, nlohmann::json::error_handler_t::replace);
     out << "  ";
     std::size_t from = 0;
     for (std::size_t at; (at = text.find('\n', from)) != std::string::npos; from = at + 1)
@@ -96,6 +98,15 @@ Date parseDate(const std::string& text, const char* option) {
       check.tm_hour > 23 || check.tm_min > 59 || check.tm_sec > 59)
     throw Exit{kExitUsage, std::string("vesp: ") + option + " \"" + text + "\" is not a real date"};
   return Date::fromTimeIntervalSince1970(static_cast<double>(seconds));
+}
+
+Date localMidnightOf(Date date) {
+  auto seconds = static_cast<std::time_t>(std::floor(date.timeIntervalSince1970()));
+  std::tm fields{};
+  localtime_r(&seconds, &fields);
+  fields.tm_hour = fields.tm_min = fields.tm_sec = 0;
+  fields.tm_isdst = -1;
+  return Date::fromTimeIntervalSince1970(static_cast<double>(std::mktime(&fields)));
 }
 
 Date localMidnightToday() {
@@ -280,6 +291,7 @@ struct Arguments {
   std::vector<std::string> alarms;    // new, edit: "-15m", ... or "none"
   bool allDay = false, future = false, dryRun = false;
   std::string span;                    // edit, delete: this, future or all
+  bool refs = false;                   // events --refs
   std::optional<std::string> setting;  // config default-calendar ID
   bool unset = false;                  // config default-calendar --unset
 };
@@ -320,10 +332,43 @@ void runEvents(Invocation& call) {
   auto& manager = call.session.manager();
   auto query = queryOf(call.args.calendarIds, valueOrExit(manager.getAllEventCalendars(), kExitFailure), "calendars");
   auto found = valueOrExit(manager.getEventInstances(start, end, query), kExitFailure);
+  std::optional<std::vector<std::string>> refs;
+  if (call.args.refs && !found.empty()) {
+    // Unique among every occurrence of their days, in every calendar, as a reference is resolved.
+    Date first = found.front().startDate(), last = first;
+    for (const auto& event : found) first = std::min(first, event.startDate()), last = std::max(last, event.endDate());
+    const Date from = localMidnightOf(first), to = addLocalDays(localMidnightOf(last), 1);
+    refs = references(found, valueOrExit(manager.getEventInstances(from, to, VespCalendarQuery::all()), kExitFailure));
+  }
   if (call.args.asJSON)
-    writeArray(call.out, found);
+    writeArray(call.out, found, refs ? &*refs : nullptr);
   else
-    printAgenda(call.out, found, call.style);
+    printAgenda(call.out, found, call.style, refs ? &*refs : nullptr);
+}
+
+// The occurrence a short reference ("20261109-3fa2", as `vesp events --refs` prints it) names;
+// nothing when `text` is not in that form.
+std::optional<VespEventInstanceIdentifier> referenced(Invocation& call, const std::string& text) {
+  static const std::regex form(R"((\d{4})(\d{2})(\d{2})-([0-9a-f]{4,16}))");
+  std::smatch match;
+  if (!std::regex_match(text, match, form)) return std::nullopt;
+  const Date day = parseDate(match[1].str() + "-" + match[2].str() + "-" + match[3].str(), "the reference");
+  const std::string prefix = match[4];
+  auto found = valueOrExit(call.session.manager().getEventInstances(day, addLocalDays(day, 1), VespCalendarQuery::all()),
+                           kExitFailure);
+  std::vector<VespEventInstanceIdentifier> matches;
+  for (const auto& event : found)
+    if (agendaDay(event) == text.substr(0, 8) && occurrenceHash(event).compare(0, prefix.size(), prefix) == 0)
+      matches.push_back(event.eventInstanceIdentifier());
+  const std::string listing =
+      "`vesp events --refs --from " + match[1].str() + "-" + match[2].str() + "-" + match[3].str() + "`";
+  if (matches.empty())
+    throw Exit{kExitNotFound, "vesp: no occurrence on that day has the reference " + text + "; " + listing +
+                                  " prints that day's references"};
+  if (matches.size() > 1)
+    throw Exit{kExitUsage, "vesp: the reference " + text + " names " + std::to_string(matches.size()) +
+                               " occurrences; " + listing + " prints longer references"};
+  return matches.front();
 }
 
 void runReminders(Invocation& call) {
@@ -340,14 +385,15 @@ void runReminders(Invocation& call) {
 }
 
 void runEvent(Invocation& call) {
-  std::optional<VespEventInstanceIdentifier> decoded;
+  call.session.requireAccess(platform::EKEntityTypeEvent, true);
+  std::optional<VespEventInstanceIdentifier> decoded = referenced(call, call.args.identifier);
   try {
-    decoded = VespJSONDecoder().decode<VespEventInstanceIdentifier>(call.args.identifier);
+    if (!decoded) decoded = VespJSONDecoder().decode<VespEventInstanceIdentifier>(call.args.identifier);
   } catch (const VespDecodingError& error) {
     throw Exit{kExitUsage, "vesp: \"" + call.args.identifier + "\" is not an occurrence identifier (" + error.what() +
-                               "); `vesp events --json` prints them under eventInstanceIdentifier"};
+                               "); `vesp events --json` prints them under eventInstanceIdentifier, and "
+                               "`vesp events --refs` short references"};
   }
-  call.session.requireAccess(platform::EKEntityTypeEvent, true);
   auto found = valueOrExit(call.session.manager().getEventInstance(*decoded), kExitNotFound);
   if (call.args.asJSON)
     call.out << toJSON(found).dump(2, ' ', false, json::error_handler_t::replace) << '\n';
@@ -562,7 +608,10 @@ void saveOrShow(Invocation& call, vdir::VdirItemEditor& editor, const vdir::Vdir
 
 // An event named by an occurrence identifier (as `vesp events --json` prints it) or by its
 // eventIdentifier (the whole series).
-std::pair<std::string, std::optional<Date>> eventNamed(const Arguments& args) {
+std::pair<std::string, std::optional<Date>> eventNamed(Invocation& call) {
+  const Arguments& args = call.args;
+  if (auto reference = referenced(call, args.identifier))
+    return {reference->eventIdentifier(), reference->originalOccurrenceDate()};
   if (args.identifier.empty() || args.identifier[0] != '{') {
     if (!args.occurrence.empty()) return {args.identifier, parseDate(args.occurrence, "--occurrence")};
     return {args.identifier, std::nullopt};
@@ -584,8 +633,9 @@ struct Occurrences {
 
 // An occurrence of a recurring event needs --span this, future or all (--future is --span future);
 // a whole series, named by its eventIdentifier alone, and an event that does not recur need none.
-Occurrences occurrencesChosen(const Arguments& args, const vdir::VdirItemEditor& editor) {
-  auto [identifier, occurrence] = eventNamed(args);
+Occurrences occurrencesChosen(Invocation& call, const vdir::VdirItemEditor& editor) {
+  const Arguments& args = call.args;
+  auto [identifier, occurrence] = eventNamed(call);
   std::string span = args.span;
   if (args.future) {
     if (!span.empty() && span != "future") throw Exit{kExitUsage, "vesp: --future means --span future: give one of them"};
@@ -619,7 +669,7 @@ void runEdit(Invocation& call) {
   call.session.requireAccess(platform::EKEntityTypeEvent, true);
   auto store = call.session.platform().store();
   vdir::VdirItemEditor editor(store);
-  const Occurrences chosen = occurrencesChosen(call.args, editor);
+  const Occurrences chosen = occurrencesChosen(call, editor);
   vdir::VdirItemChanges changes;
   setTexts(call.args, changes);
   setTimes(call.args, store->clock(), false, changes);
@@ -634,7 +684,7 @@ void runEdit(Invocation& call) {
 void runDelete(Invocation& call) {
   call.session.requireAccess(platform::EKEntityTypeEvent, true);
   vdir::VdirItemEditor editor(call.session.platform().store());
-  const Occurrences chosen = occurrencesChosen(call.args, editor);
+  const Occurrences chosen = occurrencesChosen(call, editor);
   auto plan = writtenOrExit(editor.removeEvent(chosen.identifier, chosen.occurrence, chosen.span));
   if (!plan.identifier.empty() && !call.args.dryRun) {
     // One occurrence, or the later ones, went: the series stays.
@@ -859,8 +909,8 @@ void addItemOptions(CLI::App* command, Arguments& args, bool event) {
 void addOccurrenceOptions(CLI::App* command, Arguments& args, const char* futureHelp) {
   command
       ->add_option("IDENTIFIER", args.identifier,
-                   "The occurrence identifier as `vesp events --json` prints it under eventInstanceIdentifier, or an "
-                   "eventIdentifier (the whole series)")
+                   "The occurrence identifier as `vesp events --json` prints it under eventInstanceIdentifier, its "
+                   "short reference as `vesp events --refs` prints it, or an eventIdentifier (the whole series)")
       ->required();
   command->add_option("--occurrence", args.occurrence, "With an eventIdentifier: the occurrence's original start");
   command->add_option("--span", args.span,
@@ -914,6 +964,8 @@ std::vector<Subcommand> addSubcommands(CLI::App& app, Arguments& args) {
   events->add_option("--from", args.from, "First day or time (default: today)");
   events->add_option("--to", args.to, "End, exclusive (default: seven days after --from)");
   events->add_option("--calendar", args.calendarIds, "Only this calendar (repeatable; `vesp calendars` lists them)");
+  events->add_flag("--refs", args.refs,
+                   "Show each occurrence's short reference (YYYYMMDD-hash), which edit, delete and event take");
   commands.push_back({events, runEvents});
 
   auto* event = app.add_subcommand("event", "Show one occurrence, found by its identifier");

@@ -2,8 +2,11 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <cstdio>
 #include <ctime>
 #include <iomanip>
+#include <map>
 #include <sstream>
 #include <tuple>
 
@@ -235,11 +238,57 @@ void printCalendars(std::ostream& out, const std::vector<VespCalendar>& calendar
   if (calendars.empty()) out << "(none)\n";
 }
 
-void printAgenda(std::ostream& out, const std::vector<VespEventInstance>& events, const HumanStyle& style) {
-  std::string day;
+namespace {
+
+// The instant whose local day the agenda files an occurrence under (an all-day one starts at midnight).
+platform::Date dayInstant(const VespEventInstance& event) {
+  return event.isAllDay() ? event.startDate().addingTimeInterval(1) : event.startDate();
+}
+
+}  // namespace
+
+std::string agendaDay(const VespEventInstance& event) { return localTime(dayInstant(event), "%Y%m%d"); }
+
+std::string occurrenceHash(const VespEventInstance& event) {
+  const auto& identifier = event.eventInstanceIdentifier();
+  std::string key = identifier.eventIdentifier() + '\n';
+  if (const auto& original = identifier.originalOccurrenceDate()) {
+    char seconds[32];
+    std::snprintf(seconds, sizeof seconds, "%.3f", original->timeIntervalSince1970());
+    key += seconds;
+  }
+  std::uint64_t hash = 14695981039346656037ull;  // FNV-1a
+  for (unsigned char c : key) hash = (hash ^ c) * 1099511628211ull;
+  char text[17];
+  std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(hash));
+  return text;
+}
+
+std::vector<std::string> references(const std::vector<VespEventInstance>& events,
+                                    const std::vector<VespEventInstance>& sameDays) {
+  std::map<std::string, std::vector<std::string>> hashesByDay;
+  for (const auto& event : sameDays) hashesByDay[agendaDay(event)].push_back(occurrenceHash(event));
+  std::vector<std::string> result;
   for (const auto& event : events) {
-    std::string thisDay = localTime(event.isAllDay() ? event.startDate().addingTimeInterval(1) : event.startDate(),
-                                    "%a %d %b %Y");
+    const std::string day = agendaDay(event), hash = occurrenceHash(event);
+    std::size_t length = 4;
+    for (const std::string& other : hashesByDay[day]) {
+      if (other == hash) continue;
+      std::size_t shared = 0;
+      while (shared < hash.size() && other[shared] == hash[shared]) ++shared;
+      length = std::max(length, std::min(shared + 1, hash.size()));
+    }
+    result.push_back(day + "-" + hash.substr(0, length));
+  }
+  return result;
+}
+
+void printAgenda(std::ostream& out, const std::vector<VespEventInstance>& events, const HumanStyle& style,
+                 const std::vector<std::string>* refs) {
+  std::string day;
+  for (std::size_t index = 0; index < events.size(); ++index) {
+    const VespEventInstance& event = events[index];
+    std::string thisDay = localTime(dayInstant(event), "%a %d %b %Y");
     if (thisDay != day) {
       if (!day.empty()) out << '\n';
       out << thisDay << '\n';
@@ -247,7 +296,9 @@ void printAgenda(std::ostream& out, const std::vector<VespEventInstance>& events
     }
     std::string when = event.isAllDay() ? "all day" : localTime(event.startDate(), "%H:%M") + "-" +
                                                           localTime(event.endDate(), "%H:%M");
-    out << "  " << std::left << std::setw(13) << when << swatch(event.calendar().cgColor(), style)
+    out << "  ";
+    if (refs) out << (*refs)[index] << "  ";
+    out << std::left << std::setw(13) << when << swatch(event.calendar().cgColor(), style)
         << neutralised(event.title());
     if (event.location() && !event.location()->empty()) out << "  @ " << neutralised(*event.location());
     out << "  [" << neutralised(event.calendar().title()) << "]\n";

@@ -27,9 +27,20 @@ struct HumanStyle {
   bool colour = false;  // 24-bit colour swatches for calendars
 };
 
+// Short references to occurrences that a person can type: "YYYYMMDD-xxxx", the local day the
+// agenda shows the occurrence under, then the first hex digits (4 to 16) of a hash of its event
+// and original occurrence date, as many as make it unique among that day's occurrences.
+std::string agendaDay(const VespEventInstance& event);  // "YYYYMMDD"
+std::string occurrenceHash(const VespEventInstance& event);  // 16 hex digits
+// The reference of each of `events`, given every occurrence of their days (a superset of them).
+std::vector<std::string> references(const std::vector<VespEventInstance>& events,
+                                    const std::vector<VespEventInstance>& sameDays);
+
 void printCalendars(std::ostream& out, const std::vector<VespCalendar>& calendars, const HumanStyle& style);
-// An agenda grouped by local day, times in the local zone.
-void printAgenda(std::ostream& out, const std::vector<VespEventInstance>& events, const HumanStyle& style);
+// An agenda grouped by local day, times in the local zone; with `refs`, each occurrence's reference
+// opens its line.
+void printAgenda(std::ostream& out, const std::vector<VespEventInstance>& events, const HumanStyle& style,
+                 const std::vector<std::string>* refs = nullptr);
 void printEvent(std::ostream& out, const VespEventInstance& event, const HumanStyle& style);
 void printReminders(std::ostream& out, const std::vector<VespReminder>& reminders, const HumanStyle& style);
 void printReminder(std::ostream& out, const VespReminder& reminder, const HumanStyle& style);

@@ -17,6 +17,7 @@
 #include <iomanip>
 #include <map>
 #include <set>
+#include <regex>
 #include <sstream>
 #include <nlohmann/json.hpp>
 #include <thread>
@@ -323,6 +324,54 @@ TEST_F(VespWritingTest, NewEventsGoToTheDefaultCalendarSetForTheStore) {
   auto damaged = run({"config"});
   EXPECT_EQ(damaged.status, 1);
   EXPECT_THAT(damaged.err, ::testing::HasSubstr("is not a JSON object: repair it, or remove it"));
+}
+
+TEST_F(VespWritingTest, ShortReferencesNameOccurrencesForEventEditAndDelete) {
+  auto human = run({"events", "--refs", "--from", "2026-11-01", "--to", "2026-12-31"});
+  ASSERT_EQ(human.status, 0) << human.err;
+  auto listed = run({"events", "--refs", "--json", "--from", "2026-11-01", "--to", "2026-12-31"});
+  ASSERT_EQ(listed.status, 0) << listed.err;
+  const json all = json::parse(listed.out);
+  ASSERT_EQ(all.size(), 5u);
+  const std::regex form(R"(\d{8}-[0-9a-f]{4,16})");
+  for (const json& event : all) {
+    const std::string reference = event["reference"];
+    EXPECT_TRUE(std::regex_match(reference, form)) << reference;
+    EXPECT_THAT(human.out, ::testing::HasSubstr("  " + reference + "  "));
+    auto shown = run({"event", reference, "--json"});
+    ASSERT_EQ(shown.status, 0) << shown.err;
+    EXPECT_EQ(json::parse(shown.out)["eventInstanceIdentifier"], event["eventInstanceIdentifier"]);
+  }
+  EXPECT_EQ(all[1]["reference"].get<std::string>().substr(0, 9), "20261109-") << "the local day of the occurrence";
+
+  // A reference outlives an edit of its occurrence, and names it for delete.
+  const std::string second = all[1]["reference"];
+  ASSERT_EQ(run({"edit", second, "--span", "this", "--title", "Team (retro)"}).status, 0);
+  auto retitled = run({"event", second, "--json"});
+  ASSERT_EQ(retitled.status, 0) << retitled.err;
+  EXPECT_EQ(json::parse(retitled.out)["title"], "Team (retro)");
+  EXPECT_EQ(run({"delete", second}).status, 2) << "a reference to a repeating event's occurrence needs a span too";
+  ASSERT_EQ(run({"delete", second, "--span", "this"}).status, 0);
+  auto gone = run({"event", second});
+  EXPECT_EQ(gone.status, 5);
+  EXPECT_THAT(gone.err, ::testing::HasSubstr("`vesp events --refs --from 2026-11-09` prints that day's references"));
+
+  // Two events whose hashes share five digits on one day get references long enough to tell them
+  // apart, and the shorter form that fits both is refused as ambiguous.
+  for (const char* name : {"e214", "e263"})
+    writeFile(root_.path() / "c" / (std::string(name) + ".ics"),
+              "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:x\r\nBEGIN:VEVENT\r\nUID:" + std::string(name) +
+                  "\r\nDTSTART:20261202T080000Z\r\nSUMMARY:" + name + "\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
+  const json day = json::parse(run({"events", "--refs", "--json", "--from", "2026-12-02", "--to", "2026-12-03"}).out);
+  ASSERT_EQ(day.size(), 2u);
+  EXPECT_EQ(day[0]["reference"], "20261202-9d5342");
+  EXPECT_EQ(day[1]["reference"], "20261202-9d5340");
+  auto ambiguous = run({"event", "20261202-9d53"});
+  EXPECT_EQ(ambiguous.status, 2);
+  EXPECT_THAT(ambiguous.err, ::testing::HasSubstr("names 2 occurrences"));
+  auto one = run({"event", "20261202-9d5340", "--json"});
+  ASSERT_EQ(one.status, 0) << one.err;
+  EXPECT_EQ(json::parse(one.out)["title"], "e263");
 }
 
 // Starts vesp on `arguments` with the test's environment; its pid.

@@ -565,8 +565,10 @@ std::string collectionFor(Invocation& call, platform::EKEntityMask mask, const c
                              listing + "` lists them, and " + option + " chooses one (an empty collection counts as a calendar)"};
 }
 
-// Prints what a plan will write (--dry-run), or saves it and prints what it saved.
-void saveOrShow(Invocation& call, vdir::VdirItemEditor& editor, const vdir::VdirPlan& plan, bool reminder) {
+// Prints what a plan will write (--dry-run), or saves it and prints what it saved: the event's
+// first occurrence, or with `occurrence` that occurrence of it.
+void saveOrShow(Invocation& call, vdir::VdirItemEditor& editor, const vdir::VdirPlan& plan, bool reminder,
+                std::optional<Date> occurrence = std::nullopt) {
   if (call.args.dryRun) {
     json changes = json::array();
     for (const auto& change : plan.changes) {
@@ -598,7 +600,7 @@ void saveOrShow(Invocation& call, vdir::VdirItemEditor& editor, const vdir::Vdir
       printReminder(call.out, saved, call.style);
     return;
   }
-  auto saved = valueOrExit(manager.getEventInstance(VespEventInstanceIdentifier::noOccurrenceDate(plan.identifier)),
+  auto saved = valueOrExit(manager.getEventInstance(VespEventInstanceIdentifier(plan.identifier, occurrence)),
                            kExitFailure);
   if (call.args.asJSON)
     call.out << toJSON(saved).dump(2, ' ', false, json::error_handler_t::replace) << '\n';
@@ -629,6 +631,7 @@ struct Occurrences {
   std::string identifier;
   std::optional<Date> occurrence;  // none: the whole series
   vdir::VdirSpan span = vdir::VdirSpan::thisOccurrence;
+  bool recurring = false;  // known when an occurrence is named
 };
 
 // An occurrence of a recurring event needs --span this, future or all (--future is --span future);
@@ -645,12 +648,13 @@ Occurrences occurrencesChosen(Invocation& call, const vdir::VdirItemEditor& edit
   if (!span.empty() && !occurrence)
     throw Exit{kExitUsage, "vesp: --span " + span + " needs an occurrence: give the eventInstanceIdentifier that "
                                "`vesp events --json` prints, or --occurrence WHEN"};
-  if (span.empty() && occurrence && writtenOrExit(editor.recurs(identifier)))
+  const bool recurring = occurrence && writtenOrExit(editor.recurs(identifier));
+  if (span.empty() && recurring)
     throw Exit{kExitUsage, "vesp: \"" + neutralised(identifier) +
                                "\" repeats: say which occurrences with --span this (only this one), --span future "
                                "(this one and every later one) or --span all (the whole series)"};
-  return {identifier, occurrence,
-          span == "future" ? vdir::VdirSpan::futureOccurrences : vdir::VdirSpan::thisOccurrence};
+  return {identifier, occurrence, span == "future" ? vdir::VdirSpan::futureOccurrences : vdir::VdirSpan::thisOccurrence,
+          recurring};
 }
 
 void runNew(Invocation& call) {
@@ -676,9 +680,11 @@ void runEdit(Invocation& call) {
   setRepeatAndAlarms(call.args, changes);
   std::optional<std::string> collection;
   if (!call.args.calendar.empty()) collection = call.args.calendar;
+  // One occurrence changed: it is what is shown, under its original date.
+  const bool one = chosen.recurring && chosen.span == vdir::VdirSpan::thisOccurrence;
   saveOrShow(call, editor,
              writtenOrExit(editor.changeEvent(chosen.identifier, chosen.occurrence, chosen.span, changes, collection)),
-             false);
+             false, one ? chosen.occurrence : std::nullopt);
 }
 
 void runDelete(Invocation& call) {

@@ -226,8 +226,13 @@ TEST_F(VespWritingTest, OneOccurrenceAndTheLaterOnesOfASeries) {
   EXPECT_EQ(run({"delete", "c/weekly.ics", "--span", "some"}).status, 2);
   EXPECT_EQ(events("2026-11-01", "2026-12-31").size(), 5u) << "nothing refused was written";
 
-  auto one = run({"edit", all[1]["eventInstanceIdentifier"].dump(), "--span", "this", "--title", "Team (retro)"});
+  auto one = run({"edit", all[1]["eventInstanceIdentifier"].dump(), "--span", "this", "--title", "Team (retro)",
+                  "--start", "2026-11-09T11:00", "--json"});
   ASSERT_EQ(one.status, 0) << one.err;
+  const json changed = json::parse(one.out);  // the occurrence changed, not the series' first
+  EXPECT_EQ(changed["eventInstanceIdentifier"], all[1]["eventInstanceIdentifier"]);
+  EXPECT_EQ(changed["title"], "Team (retro)");
+  EXPECT_EQ(changed["startDate"], "2026-11-09T10:00:00Z");
   auto third = run({"delete", all[2]["eventInstanceIdentifier"].dump(), "--span", "this"});
   ASSERT_EQ(third.status, 0) << third.err;
   auto later = run({"delete", "c/weekly.ics", "--occurrence", "2026-11-30T09:00", "--span", "future"});

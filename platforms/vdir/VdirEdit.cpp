@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdio>
 #include <optional>
+#include <set>
 
 namespace vesp::vdir {
 
@@ -956,25 +957,47 @@ rivet::RivetResult<VdirComponent> newItem(const std::string& componentName, cons
   return item;
 }
 
-rivet::RivetResult<VdirDocument> newItemDocument(const VdirComponent& item,
-                                                 const std::function<std::optional<std::string>(
-                                                     const std::string& tzid)>& zones) {
+rivet::RivetResult<VdirDocument> newItemDocument(const VdirComponent& item, const VdirZoneSource& zones) {
   auto made = VdirDocument::parse("BEGIN:VCALENDAR\r\nEND:VCALENDAR\r\n");
   if (!made) return made.error();
   VdirDocument document = std::move(made).value();
   VdirComponent& calendar = *document.calendar();
   calendar.add(VdirContentLine("VERSION", {}, "2.0"));
   calendar.add(VdirContentLine("PRODID", {}, kVdirProductIdentifier));
-  for (const std::string& tzid : zonesUsedBy(item)) {
+  if (auto defined = defineZones(document, zonesUsedBy(item), zones); !defined) return defined.error();
+  calendar.addComponent(item);
+  return document;
+}
+
+std::vector<std::string> undefinedZones(const VdirDocument& document) {
+  const VdirComponent* calendar = document.calendar();
+  if (!calendar) return {};
+  std::set<std::string> defined;
+  for (const VdirComponent& component : calendar->components())
+    if (const VdirContentLine* tzid = component.property("TZID"); component.name() == "VTIMEZONE" && tzid)
+      defined.insert(tzid->value());
+  std::vector<std::string> undefined;
+  for (const VdirComponent& component : calendar->components()) {
+    if (component.name() == "VTIMEZONE") continue;
+    for (const std::string& tzid : zonesUsedBy(component))
+      if (!defined.count(tzid) && std::find(undefined.begin(), undefined.end(), tzid) == undefined.end())
+        undefined.push_back(tzid);
+  }
+  return undefined;
+}
+
+rivet::RivetResult<void> defineZones(VdirDocument& document, const std::vector<std::string>& tzids,
+                                     const VdirZoneSource& zones) {
+  std::vector<VdirComponent> definitions;
+  for (const std::string& tzid : tzids) {
     std::optional<std::string> definition = zones ? zones(tzid) : std::nullopt;
     auto parsed = definition ? VdirDocument::parse(*definition) : rivet::RivetResult<VdirDocument>(VdirDocument());
     const bool usable = parsed && parsed->components().size() == 1 && parsed->components()[0].name() == "VTIMEZONE";
-    if (!usable) return editError("unknown time zone \"" + tzid + "\"", "newItemDocument", __LINE__);
-    VdirComponent zone = parsed->components()[0];
-    calendar.addComponent(std::move(zone));
+    if (!usable) return editError("unknown time zone \"" + tzid + "\"", "defineZones", __LINE__);
+    definitions.push_back(parsed->components()[0]);
   }
-  calendar.addComponent(item);
-  return document;
+  for (VdirComponent& zone : definitions) document.calendar()->addComponent(std::move(zone));
+  return rivet::RivetResultVoidSuccess;
 }
 
 }  // namespace vesp::vdir

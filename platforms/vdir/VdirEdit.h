@@ -95,12 +95,19 @@ inline constexpr const char* kVdirProductIdentifier = "-//Vesp//Vesp 0.1//EN";
 // title), stamped as created now.
 rivet::RivetResult<VdirComponent> newItem(const std::string& componentName, const std::string& uid,
                                           const VdirItemChanges& changes, const VdirEditContext& context);
+// Zone definitions, as the text of a VTIMEZONE, by TZID; nothing for an unknown zone.
+using VdirZoneSource = std::function<std::optional<std::string>(const std::string& tzid)>;
+
 // A new file for `item`: a VCALENDAR with VERSION, PRODID, the item, and the VTIMEZONE of every
-// zone it uses, from `zones` (the definitions, as text, by TZID). Fails when a zone it uses has
-// no definition there.
-rivet::RivetResult<VdirDocument> newItemDocument(const VdirComponent& item,
-                                                 const std::function<std::optional<std::string>(
-                                                     const std::string& tzid)>& zones);
+// zone it uses, from `zones`. Fails when a zone it uses has no definition there.
+rivet::RivetResult<VdirDocument> newItemDocument(const VdirComponent& item, const VdirZoneSource& zones);
+
+// The TZIDs that the items of `document` use and none of its VTIMEZONEs defines, in order of first use.
+std::vector<std::string> undefinedZones(const VdirDocument& document);
+// Appends a VTIMEZONE from `zones` for each of `tzids` (RFC 5545 wants one for every TZID used);
+// fails, adding none, when one has no definition there.
+rivet::RivetResult<void> defineZones(VdirDocument& document, const std::vector<std::string>& tzids,
+                                     const VdirZoneSource& zones);
 
 // Removes every component of `uid` (master and overrides); how many went.
 std::size_t removeItem(VdirDocument& document, const std::string& uid);

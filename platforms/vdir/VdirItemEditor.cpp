@@ -68,6 +68,17 @@ struct VdirItemEditor::Found {
   std::string identifier;
   bool recurring = false;
   std::optional<platform::Date> firstStart;  // of the series' master
+  // Zones the file used without defining them as read: readers find those by name, and an edit
+  // leaves them so; a zone an edit brings in gets its VTIMEZONE.
+  std::vector<std::string> undefinedZones;
+
+  // Defines the zones `edited` uses that it does not define and did not use undefined before.
+  rivet::RivetResult<void> defineNewZones(VdirDocument& edited) const {
+    std::vector<std::string> added;
+    for (const std::string& tzid : vdir::undefinedZones(edited))
+      if (std::find(undefinedZones.begin(), undefinedZones.end(), tzid) == undefinedZones.end()) added.push_back(tzid);
+    return defineZones(edited, added, systemZoneDefinition);
+  }
 
   // Whether an edit of `occurrence` over `span` covers the whole item.
   bool coversSeries(const std::optional<platform::Date>& occurrence, VdirSpan span) const {
@@ -130,6 +141,7 @@ rivet::RivetResult<VdirItemEditor::Found> VdirItemEditor::find(const std::string
     return editorError(VdirErrorCode::notReadWhole, item.relativePath + ": " + document.error().message(), __func__,
                        __LINE__);
   found.document = std::move(document).value();
+  found.undefinedZones = undefinedZones(found.document);
   return found;
 }
 
@@ -140,6 +152,8 @@ rivet::RivetResult<VdirPlan> VdirItemEditor::planned(Found& found, const rivet::
   if (*edited) {
     // A file left without any item goes as a whole.
     std::optional<std::string> bytes;
+    if (auto defined = found.defineNewZones(found.document); !defined)
+      return editFailure(defined.error(), __func__, __LINE__);
     if (holdsItems(found.document)) bytes = found.document.text();
     plan.changes.push_back({found.file.collection, found.file.name, std::move(bytes), found.file.basis});
   }
@@ -166,6 +180,7 @@ rivet::RivetResult<VdirPlan> VdirItemEditor::changeEvent(const std::string& even
     VdirDocument moved = found->document;
     auto edited = changeSeries(moved, found->uid, changes, context);
     if (!edited) return editFailure(edited.error(), __func__, __LINE__);
+    if (auto defined = found->defineNewZones(moved); !defined) return editFailure(defined.error(), __func__, __LINE__);
     auto target = store_->readToEdit(*collection, found->file.name);
     if (!target) return target.error();
     VdirPlan plan;
@@ -181,6 +196,9 @@ rivet::RivetResult<VdirPlan> VdirItemEditor::changeEvent(const std::string& even
   const std::string uid = randomUid();
   auto rest = splitSeries(found->document, found->uid, *occurrence, uid, changes, context);
   if (!rest) return editFailure(rest.error(), __func__, __LINE__);
+  // A new file: the VTIMEZONE of every zone it uses, even where the old file relied on the name.
+  if (auto defined = defineZones(*rest, undefinedZones(*rest), systemZoneDefinition); !defined)
+    return editFailure(defined.error(), __func__, __LINE__);
   auto plan = planned(*found, true);
   const std::string name = fileNameForUid(uid);
   auto fresh = store_->readToEdit(found->file.collection, name);

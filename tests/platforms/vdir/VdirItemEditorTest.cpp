@@ -64,6 +64,10 @@ class VdirItemEditorTest : public ::testing::Test {
     writeFile(root.path() / "c/weekly.ics", kWeekly);
     writeFile(root.path() / "c/milk.ics", kTodo);
     writeFile(root.path() / "d/displayname", "Other\n");
+    reopen();
+  }
+  // A new platform over the tree as it is on disk.
+  void reopen() {
     auto options = testing::platformOptions(root.path(), config.path() / "access.json");
     options.store.cacheDirectory = (config.path() / "cache").string();
     platform = VdirPlatform::make(options);
@@ -151,6 +155,43 @@ TEST_F(VdirItemEditorTest, ChangingThisAndLaterOccurrencesSplitsTheSeriesIntoTwo
   auto whole = editor->changeEvent("c/weekly.ics", at(monday(11, 2)), VdirSpan::futureOccurrences, {.title = "All"});
   ASSERT_TRUE(whole.has_value());
   EXPECT_EQ(whole->changes.size(), 1u);
+}
+
+TEST_F(VdirItemEditorTest, AZoneAnEditBringsInIsDefinedAndOneTheFileReliedOnByNameIsLeftAlone) {
+  auto count = [](const std::string& text) {
+    std::size_t found = 0;
+    for (std::size_t at = text.find("BEGIN:VTIMEZONE"); at != std::string::npos; at = text.find("BEGIN:VTIMEZONE", at + 1))
+      ++found;
+    return found;
+  };
+  // A UTC series moved to Berlin time gets Berlin's VTIMEZONE, once, however often it is edited.
+  apply(editor->changeEvent("c/weekly.ics", std::nullopt, VdirSpan::thisOccurrence,
+                            {.start = berlinTime(2026, 11, 2, 10), .end = berlinTime(2026, 11, 2, 11)}));
+  std::string text = readFile(root.path() / "c/weekly.ics");
+  EXPECT_THAT(text, HasSubstr("DTSTART;TZID=Europe/Berlin:20261102T100000\r\n"));
+  EXPECT_THAT(text, HasSubstr("BEGIN:VTIMEZONE\r\nTZID:Europe/Berlin\r\n"));
+  apply(editor->changeEvent("c/weekly.ics", at(monday(11, 16)), VdirSpan::thisOccurrence,
+                            {.start = berlinTime(2026, 11, 16, 12), .end = berlinTime(2026, 11, 16, 13)}));
+  EXPECT_EQ(count(readFile(root.path() / "c/weekly.ics")), 1u);
+
+  // A file that names its zone without defining it (as some writers do) keeps relying on the
+  // name when an edit brings in nothing new, but a split's new file defines what it uses.
+  const std::string byName =
+      "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Other//Writer//EN\r\nBEGIN:VEVENT\r\nUID:named\r\n"
+      "DTSTAMP:20261001T000000Z\r\nDTSTART;TZID=Europe/Berlin:20261103T090000\r\n"
+      "DTEND;TZID=Europe/Berlin:20261103T100000\r\nRRULE:FREQ=WEEKLY;COUNT=4\r\nSUMMARY:Named\r\nEND:VEVENT\r\n"
+      "END:VCALENDAR\r\n";
+  writeFile(root.path() / "d/named.ics", byName);
+  reopen();
+  apply(editor->changeEvent("d/named.ics", std::nullopt, VdirSpan::thisOccurrence, {.title = "Renamed"}));
+  EXPECT_EQ(count(readFile(root.path() / "d/named.ics")), 0u);
+  const long long tuesday = static_cast<long long>(civilSecondsSince1970(2026, 11, 17, 8, 0, 0));
+  auto plan = editor->changeEvent("d/named.ics", at(tuesday), VdirSpan::futureOccurrences, {.title = "Later"});
+  apply(plan);
+  ASSERT_TRUE(plan.has_value());
+  EXPECT_EQ(count(readFile(root.path() / "d/named.ics")), 0u);
+  EXPECT_EQ(count(readFile(root.path() / plan->identifier)), 1u);
+  EXPECT_THAT(readFile(root.path() / plan->identifier), HasSubstr("BEGIN:VTIMEZONE\r\nTZID:Europe/Berlin\r\n"));
 }
 
 TEST_F(VdirItemEditorTest, RemovingOneLaterOrEveryOccurrence) {

@@ -108,20 +108,29 @@ VdirEditContext VdirItemEditor::contextFor(const VdirDocument& document) const {
   return context;
 }
 
-rivet::RivetResult<VdirItemEditor::Found> VdirItemEditor::find(const std::string& identifier, bool todo) {
-  auto snapshot = store_->snapshot();
-  auto entry = snapshot->entries.find(identifier);
-  if (entry == snapshot->entries.end() || entry->second.todo != todo)
+rivet::RivetResult<VdirItemEditor::Located> VdirItemEditor::locate(const std::string& identifier, bool todo) const {
+  Located located;
+  located.snapshot = store_->snapshot();
+  auto entry = located.snapshot->entries.find(identifier);
+  if (entry == located.snapshot->entries.end() || entry->second.todo != todo)
     return editorError(VdirErrorCode::noSuchItem,
                        std::string(todo ? "no reminder" : "no event") + " \"" + identifier + "\" in the store", __func__,
                        __LINE__);
-  const auto& item = *snapshot->collections[entry->second.collection].items[entry->second.item];
+  located.entry = entry->second;
+  located.item = located.snapshot->collections[entry->second.collection].items[entry->second.item].get();
+  return located;
+}
+
+rivet::RivetResult<VdirItemEditor::Found> VdirItemEditor::find(const std::string& identifier, bool todo) {
+  auto located = locate(identifier, todo);
+  if (!located) return located.error();
+  const VdirItem& item = *located->item;
   Found found;
   found.identifier = identifier;
   if (todo) {
-    found.uid = item.todos[entry->second.index].uid;
+    found.uid = item.todos[located->entry.index].uid;
   } else {
-    const VdirSeriesData& series = item.series[entry->second.index];
+    const VdirSeriesData& series = item.series[located->entry.index];
     const VdirComponentData& any = series.master ? *series.master : series.overrides.front();
     found.uid = any.uid;
     found.recurring = series.isRecurring();
@@ -209,13 +218,9 @@ rivet::RivetResult<VdirPlan> VdirItemEditor::changeEvent(const std::string& even
 }
 
 rivet::RivetResult<bool> VdirItemEditor::recurs(const std::string& eventIdentifier) const {
-  auto snapshot = store_->snapshot();
-  auto entry = snapshot->entries.find(eventIdentifier);
-  if (entry == snapshot->entries.end() || entry->second.todo)
-    return editorError(VdirErrorCode::noSuchItem, "no event \"" + eventIdentifier + "\" in the store", __func__,
-                       __LINE__);
-  const auto& item = *snapshot->collections[entry->second.collection].items[entry->second.item];
-  return item.series[entry->second.index].isRecurring();
+  auto located = locate(eventIdentifier, false);
+  if (!located) return located.error();
+  return located->item->series[located->entry.index].isRecurring();
 }
 
 rivet::RivetResult<VdirPlan> VdirItemEditor::removeEvent(const std::string& eventIdentifier,

@@ -59,6 +59,13 @@ class VdirItemEditor {
 
  private:
   struct Found;
+  // An item as the current snapshot serves it (the snapshot is kept for the item's lifetime).
+  struct Located {
+    std::shared_ptr<const VdirSnapshot> snapshot;
+    const VdirItem* item = nullptr;
+    VdirSnapshot::Entry entry;
+  };
+  rivet::RivetResult<Located> locate(const std::string& identifier, bool todo) const;
   rivet::RivetResult<Found> find(const std::string& identifier, bool todo);
   rivet::RivetResult<VdirPlan> planned(Found& found, const rivet::RivetResult<bool>& edited);
   VdirEditContext contextFor(const VdirDocument& document) const;

@@ -110,12 +110,7 @@ Date localMidnightOf(Date date) {
 }
 
 Date localMidnightToday() {
-  std::time_t now = std::time(nullptr);
-  std::tm fields{};
-  localtime_r(&now, &fields);
-  fields.tm_hour = fields.tm_min = fields.tm_sec = 0;
-  fields.tm_isdst = -1;
-  return Date::fromTimeIntervalSince1970(static_cast<double>(std::mktime(&fields)));
+  return localMidnightOf(Date::fromTimeIntervalSince1970(static_cast<double>(std::time(nullptr))));
 }
 
 // Adds whole local days (a day across a clock change is not 24 hours).
@@ -542,6 +537,13 @@ VespSettings settingsOf(const Arguments& args) {
   }
 }
 
+// The collection of the snapshot with that identifier, or null.
+const vdir::VdirCollection* collectionNamed(const vdir::VdirSnapshot& snapshot, const std::string& identifier) {
+  for (const auto& collection : snapshot.collections)
+    if (collection.identifier == identifier) return &collection;
+  return nullptr;
+}
+
 // The collection a new item goes to: --calendar, else for an event the default calendar set with
 // `vesp config`, else the first writable one holding `mask`.
 std::string collectionFor(Invocation& call, platform::EKEntityMask mask, const char* listing, const char* option) {
@@ -550,8 +552,7 @@ std::string collectionFor(Invocation& call, platform::EKEntityMask mask, const c
   auto snapshot = store.snapshot();
   if (mask == platform::EKEntityMaskEvent) {
     if (const auto chosen = settingsOf(call.args).defaultCalendar()) {
-      for (const auto& collection : snapshot->collections)
-        if (collection.identifier == *chosen) return *chosen;
+      if (collectionNamed(*snapshot, *chosen)) return *chosen;
       throw Exit{kExitNotFound, "vesp: the default calendar \"" + neutralised(*chosen) +
                                     "\" is not in the store any more: give --calendar, or choose another with "
                                     "`vesp config default-calendar ID` (`vesp calendars` lists them)"};
@@ -831,7 +832,7 @@ void printSettings(Invocation& call, const VespSettings& settings) {
   const auto& calendar = settings.defaultCalendar();
   if (call.args.asJSON) {
     call.out << json{{"file", settings.file()},
-                     {"store", std::filesystem::canonical(call.args.store).string()},
+                     {"store", settings.store()},
                      {"defaultCalendar", calendar ? json(*calendar) : json(nullptr)}}
                     .dump(2, ' ', false, json::error_handler_t::replace)
              << '\n';
@@ -849,9 +850,8 @@ void runDefaultCalendar(Invocation& call) {
   if (args.setting) {
     auto& store = *call.session.platform().store();
     auto snapshot = store.snapshot();
-    auto found = std::find_if(snapshot->collections.begin(), snapshot->collections.end(),
-                              [&](const auto& collection) { return collection.identifier == *args.setting; });
-    if (found == snapshot->collections.end())
+    const auto* found = collectionNamed(*snapshot, *args.setting);
+    if (!found)
       throw Exit{kExitNotFound, "vesp: the store has no calendar \"" + neutralised(*args.setting) +
                                     "\" (`vesp calendars` lists them)"};
     if (!(found->calendar->allowedEntityTypes() & platform::EKEntityMaskEvent))

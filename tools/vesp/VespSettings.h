@@ -16,6 +16,8 @@ class VespSettings {
   VespSettings(std::string file, std::string storeRoot);
 
   const std::string& file() const { return file_; }
+  // The root of the store these settings are for, as given (canonical).
+  const std::string& store() const { return storeRoot_; }
   // The calendar that `vesp new` uses without --calendar, as set for this store.
   const std::optional<std::string>& defaultCalendar() const { return defaultCalendar_; }
 

@@ -396,6 +396,20 @@ std::string foldedLine(std::string_view line, std::string_view lineEnd) {
   return out;
 }
 
+std::string withLineEnd(std::string_view text, std::string_view lineEnd) {
+  std::string result;
+  result.reserve(text.size());
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    if (text[at] == '\r' || text[at] == '\n') {
+      if (text[at] == '\r' && at + 1 < text.size() && text[at + 1] == '\n') ++at;
+      result += lineEnd;
+    } else {
+      result += text[at];
+    }
+  }
+  return result;
+}
+
 std::string escapedText(std::string_view text) {
   std::string out;
   out.reserve(text.size() + 8);

@@ -141,6 +141,10 @@ class VdirDocument {
 // A line break inside `line`, which no content line may hold, is written as a space.
 std::string foldedLine(std::string_view line, std::string_view lineEnd);
 
+// `text` with every line end (CRLF, CR or LF) written as `lineEnd`: text brought into a file takes
+// the file's own line ends.
+std::string withLineEnd(std::string_view text, std::string_view lineEnd);
+
 // RFC 5545 TEXT escaping: backslash, semicolon, comma and line breaks (CRLF, CR or LF become "\n").
 std::string escapedText(std::string_view text);
 // The inverse: "\n" and "\N" become a line feed, "\\", "\;", "\," their character; any other

@@ -495,7 +495,8 @@ rivet::RivetResult<int> instancesBefore(const VdirContentLine& line, const VdirT
   return walk->before;
 }
 
-// The TZIDs an item's times name, in order of first use.
+}  // namespace
+
 std::vector<std::string> zonesUsedBy(const VdirComponent& item) {
   std::vector<std::string> tzids;
   auto note = [&](const VdirComponent& component, auto& self) -> void {
@@ -509,6 +510,8 @@ std::vector<std::string> zonesUsedBy(const VdirComponent& item) {
   note(item, note);
   return tzids;
 }
+
+namespace {
 
 // Runs `edit` on a draft of `document` and keeps the draft only when the edit changed something
 // and succeeded: a failed edit leaves the document as it was.
@@ -991,7 +994,8 @@ rivet::RivetResult<void> defineZones(VdirDocument& document, const std::vector<s
   std::vector<VdirComponent> definitions;
   for (const std::string& tzid : tzids) {
     std::optional<std::string> definition = zones ? zones(tzid) : std::nullopt;
-    auto parsed = definition ? VdirDocument::parse(*definition) : rivet::RivetResult<VdirDocument>(VdirDocument());
+    auto parsed = definition ? VdirDocument::parse(withLineEnd(*definition, document.lineEnd()))
+                             : rivet::RivetResult<VdirDocument>(VdirDocument());
     const bool usable = parsed && parsed->components().size() == 1 && parsed->components()[0].name() == "VTIMEZONE";
     if (!usable) return editError("unknown time zone \"" + tzid + "\"", "defineZones", __LINE__);
     definitions.push_back(parsed->components()[0]);

@@ -102,6 +102,9 @@ using VdirZoneSource = std::function<std::optional<std::string>(const std::strin
 // zone it uses, from `zones`. Fails when a zone it uses has no definition there.
 rivet::RivetResult<VdirDocument> newItemDocument(const VdirComponent& item, const VdirZoneSource& zones);
 
+// The TZIDs an item's times name (its own and its sub-components'), in order of first use.
+std::vector<std::string> zonesUsedBy(const VdirComponent& item);
+
 // The TZIDs that the items of `document` use and none of its VTIMEZONEs defines, in order of first use.
 std::vector<std::string> undefinedZones(const VdirDocument& document);
 // Appends a VTIMEZONE from `zones` for each of `tzids` (RFC 5545 wants one for every TZID used);

@@ -276,6 +276,80 @@ rivet::RivetResult<VdirPlan> VdirItemEditor::removeReminder(const std::string& i
   return plan;
 }
 
+namespace {
+
+// Where the collection's snapshot holds the UID `uid` (as written in a file; the snapshot may hold
+// it unescaped): the file's path and the identifier of its series or to-do.
+std::optional<std::pair<std::string, std::string>> holderOf(const VdirSnapshot& snapshot, const std::string& collection,
+                                                            const std::string& written) {
+  const std::string unescaped = unescapedText(written);
+  auto same = [&](const std::string& uid) { return uid == written || uid == unescaped; };
+  for (const VdirCollection& candidate : snapshot.collections) {
+    if (candidate.identifier != collection) continue;
+    for (const auto& item : candidate.items) {
+      for (const VdirSeriesData& series : item->series) {
+        const VdirComponentData& any = series.master ? *series.master : series.overrides.front();
+        if (same(any.uid)) return std::make_pair(item->relativePath, series.identifier);
+      }
+      for (const VdirComponentData& todo : item->todos)
+        if (same(todo.uid)) return std::make_pair(item->relativePath, todo.todoData->identifier);
+    }
+  }
+  return std::nullopt;
+}
+
+// Defines the system zones `document` uses undefined that were not so in `before`; zones the
+// system does not know stay named only, as the imported file had them.
+void defineKnownZones(VdirDocument& document, const std::vector<std::string>& before) {
+  std::vector<std::string> added;
+  for (const std::string& tzid : undefinedZones(document))
+    if (std::find(before.begin(), before.end(), tzid) == before.end() && systemZoneDefinition(tzid))
+      added.push_back(tzid);
+  (void)defineZones(document, added, systemZoneDefinition);
+}
+
+}  // namespace
+
+rivet::RivetResult<VdirImport> VdirItemEditor::importItem(const std::string& collection, const VdirImportedItem& item) {
+  VdirImport result;
+  if (auto holder = holderOf(*store_->snapshot(), collection, item.uid)) {
+    auto file = store_->fileOf(holder->first);
+    auto read = file ? store_->readToEdit(file->first, file->second) : rivet::RivetResult<VdirFileToEdit>(VdirFileToEdit());
+    if (!read) return read.error();
+    if (read->basis.status) {
+      auto document = VdirDocument::parse(read->basis.text);
+      if (!document)
+        return editorError(VdirErrorCode::notReadWhole, holder->first + ": " + document.error().message(), __func__,
+                           __LINE__);
+      result.plan.identifier = holder->second;
+      const std::vector<std::string> before = undefinedZones(*document);
+      if (!mergeImported(*document, item)) return result;
+      defineImportedZones(*document, item);
+      defineKnownZones(*document, before);
+      result.outcome = VdirImportOutcome::updated;
+      result.plan.changes.push_back({read->collection, read->name, document->text(), read->basis});
+      return result;
+    }
+  }
+  auto document = importedDocument(item, systemZoneDefinition);
+  if (!document) return editFailure(document.error(), __func__, __LINE__);
+  // The UID's own name, unless a file of another item has it already.
+  const std::string name = fileNameForUid(item.uid);
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    const std::string candidate =
+        attempt == 0 ? name : name.substr(0, name.size() - 4) + "-" + std::to_string(attempt) + ".ics";
+    auto fresh = store_->readToEdit(collection, candidate);
+    if (!fresh) return fresh.error();
+    if (fresh->basis.status) continue;
+    result.outcome = VdirImportOutcome::added;
+    result.plan.identifier = collection + "/" + candidate;
+    result.plan.changes.push_back({collection, candidate, document->text(), fresh->basis});
+    return result;
+  }
+  return editorError(VdirErrorCode::invalidChange, "every file name for the UID \"" + item.uid + "\" is taken", __func__,
+                     __LINE__);
+}
+
 rivet::RivetResult<std::shared_ptr<const VdirSnapshot>> VdirItemEditor::apply(const VdirPlan& plan) {
   return store_->save(plan.changes);
 }

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "platforms/vdir/VdirEdit.h"
+#include "platforms/vdir/VdirImport.h"
 #include "platforms/vdir/VdirStore.h"
 #include "support/platform/Date.h"
 #include "support/rivet/RivetResult.h"
@@ -28,6 +29,18 @@ struct VdirPlan {
   // The identifier of the event or to-do after the save (a new series made by a split, a new
   // item, or the one edited); empty for a removal.
   std::string identifier;
+};
+
+// What importing one item does to the store.
+enum class VdirImportOutcome {
+  added,      // no item of its UID was in the collection: a file of its own
+  updated,    // it was newer than the collection's copy, which it replaced
+  unchanged,  // the collection's copy is as new or newer
+};
+
+struct VdirImport {
+  VdirImportOutcome outcome = VdirImportOutcome::unchanged;
+  VdirPlan plan;  // the identifier is the item's, also when nothing changes
 };
 
 class VdirItemEditor {
@@ -53,6 +66,10 @@ class VdirItemEditor {
   rivet::RivetResult<VdirPlan> changeReminder(const std::string& identifier, const VdirItemChanges& changes);
   rivet::RivetResult<VdirPlan> setReminderCompleted(const std::string& identifier, bool completed);
   rivet::RivetResult<VdirPlan> removeReminder(const std::string& identifier);
+
+  // Brings `item` (see VdirImport.h) into `collection`: into the file that holds its UID there
+  // (only when it is newer), else into a new file named after the UID.
+  rivet::RivetResult<VdirImport> importItem(const std::string& collection, const VdirImportedItem& item);
 
   // Writes the plan (see VdirStore::save); the snapshot that serves it.
   rivet::RivetResult<std::shared_ptr<const VdirSnapshot>> apply(const VdirPlan& plan);

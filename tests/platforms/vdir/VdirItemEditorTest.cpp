@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <set>
 
 #include "platforms/vdir/VdirErrors.h"
 #include "platforms/vdir/VdirItemEditor.h"
@@ -319,6 +320,184 @@ TEST_F(VdirItemEditorTest, WhatIsWrittenReadsBackInAnIndependentReader) {
             "Team " + std::to_string(monday(11, 2)) + " FREQ=WEEKLY;UNTIL=20261123T085959Z\n");
   EXPECT_EQ(readByPythonIcalendar(root.path() / "c" / split->changes[1].name),
             "Team B " + std::to_string(monday(11, 23)) + " FREQ=WEEKLY;COUNT=5\n");
+}
+
+// An invitation as a mail brings it: METHOD, a zone definition of its sender, two events, a to-do
+// and a zone none of them uses.
+const std::string kInvitation =
+    "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Sender//Mail//EN\r\nMETHOD:REQUEST\r\n"
+    "BEGIN:VTIMEZONE\r\nTZID:Europe/Berlin\r\nX-SENDER-ZONE:yes\r\nBEGIN:STANDARD\r\nDTSTART:19701025T030000\r\n"
+    "RRULE:FREQ=YEARLY;BYMONTH=10;BYDAY=-1SU\r\nTZOFFSETFROM:+0200\r\nTZOFFSETTO:+0100\r\nEND:STANDARD\r\n"
+    "BEGIN:DAYLIGHT\r\nDTSTART:19700329T020000\r\nRRULE:FREQ=YEARLY;BYMONTH=3;BYDAY=-1SU\r\nTZOFFSETFROM:+0100\r\n"
+    "TZOFFSETTO:+0200\r\nEND:DAYLIGHT\r\nEND:VTIMEZONE\r\n"
+    "BEGIN:VTIMEZONE\r\nTZID:America/New_York\r\nBEGIN:STANDARD\r\nDTSTART:19701101T020000\r\nTZOFFSETFROM:-0400\r\n"
+    "TZOFFSETTO:-0500\r\nEND:STANDARD\r\nEND:VTIMEZONE\r\n"
+    "BEGIN:VEVENT\r\nUID:invite-1\r\nDTSTAMP:20261120T000000Z\r\nSEQUENCE:0\r\n"
+    "DTSTART;TZID=Europe/Berlin:20261203T150000\r\nDTEND;TZID=Europe/Berlin:20261203T160000\r\nSUMMARY:Review\r\n"
+    "X-SENDER-NOTE:kept\r\nEND:VEVENT\r\n"
+    "BEGIN:VEVENT\r\nUID:invite-2\r\nDTSTAMP:20261120T000000Z\r\nDTSTART:20261204T090000Z\r\n"
+    "DTEND:20261204T100000Z\r\nSUMMARY:Lunch\r\nEND:VEVENT\r\n"
+    "BEGIN:VTODO\r\nUID:task-3\r\nDTSTAMP:20261120T000000Z\r\nSUMMARY:Prepare slides\r\nEND:VTODO\r\n"
+    "END:VCALENDAR\r\n";
+
+// Imports every item of `text` into `collection`, saving each plan; the outcomes in order.
+std::vector<VdirImportOutcome> importAll(VdirItemEditor& editor, const std::string& collection, const std::string& text) {
+  std::vector<VdirImportOutcome> outcomes;
+  auto items = itemsToImport(text);
+  EXPECT_TRUE(items.has_value()) << items.error().message();
+  if (!items) return outcomes;
+  for (const auto& item : *items) {
+    auto imported = editor.importItem(collection, item);
+    EXPECT_TRUE(imported.has_value()) << imported.error().message();
+    if (!imported) continue;
+    outcomes.push_back(imported->outcome);
+    EXPECT_EQ(imported->plan.changes.empty(), imported->outcome == VdirImportOutcome::unchanged);
+    if (!imported->plan.changes.empty()) {
+      auto saved = editor.apply(imported->plan);
+      EXPECT_TRUE(saved.has_value()) << saved.error().message();
+    }
+  }
+  return outcomes;
+}
+
+using Outcomes = std::vector<VdirImportOutcome>;
+constexpr auto kAdded = VdirImportOutcome::added;
+constexpr auto kUpdated = VdirImportOutcome::updated;
+constexpr auto kUnchanged = VdirImportOutcome::unchanged;
+
+TEST_F(VdirItemEditorTest, AnImportedFileBecomesOneFilePerUidAndImportingItAgainChangesNothing) {
+  EXPECT_EQ(importAll(*editor, "d", kInvitation), (Outcomes{kAdded, kAdded, kAdded}));
+  const std::string review = readFile(root.path() / "d/invite-1.ics");
+  EXPECT_THAT(review, Not(HasSubstr("METHOD")));  // a stored item is not a message
+  EXPECT_THAT(review, HasSubstr("PRODID:-//Sender//Mail//EN\r\n"));
+  EXPECT_THAT(review, HasSubstr("TZID:Europe/Berlin\r\nX-SENDER-ZONE:yes\r\n"));  // the sender's own definition
+  EXPECT_THAT(review, Not(HasSubstr("America/New_York")));
+  EXPECT_THAT(review, HasSubstr("X-SENDER-NOTE:kept\r\n"));
+  EXPECT_THAT(review, Not(HasSubstr("invite-2")));
+  EXPECT_THAT(readFile(root.path() / "d/invite-2.ics"), Not(HasSubstr("VTIMEZONE")));
+  auto served = store->firstOccurrence("d/invite-1.ics");
+  ASSERT_NE(served, nullptr);
+  EXPECT_EQ(served->title(), "Review");
+  EXPECT_EQ(served->startDate()->timeIntervalSince1970(), civilSecondsSince1970(2026, 12, 3, 14, 0, 0));
+  ASSERT_NE(store->reminder("d/task-3.ics"), nullptr);
+  EXPECT_EQ(store->reminder("d/task-3.ics")->title(), "Prepare slides");
+
+  const auto tree = testing::treeState(root.path());
+  EXPECT_EQ(importAll(*editor, "d", kInvitation), (Outcomes{kUnchanged, kUnchanged, kUnchanged}));
+  reopen();  // the same answer from a store that read the imported files from disk
+  EXPECT_EQ(importAll(*editor, "d", kInvitation), (Outcomes{kUnchanged, kUnchanged, kUnchanged}));
+  EXPECT_EQ(testing::treeState(root.path()), tree);
+}
+
+// The weekly series of the fixture as another program would send it again, with `extra` lines.
+std::string weeklyAgain(const std::string& extra, const std::string& title) {
+  return "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Sender//Mail//EN\r\nBEGIN:VEVENT\r\nUID:weekly\r\n"
+         "DTSTAMP:20261120T000000Z\r\nDTSTART:20261102T090000Z\r\nDTEND:20261102T100000Z\r\n"
+         "RRULE:FREQ=WEEKLY;COUNT=8\r\nSUMMARY:" + title + "\r\n" + extra + "END:VEVENT\r\nEND:VCALENDAR\r\n";
+}
+
+TEST_F(VdirItemEditorTest, AnImportedItemReplacesTheCalendarsCopyOnlyWhenItIsNewer) {
+  const std::string before = readFile(root.path() / "c/weekly.ics");
+  // The same SEQUENCE (none is 0) and no LAST-MODIFIED: not newer, whatever it says.
+  EXPECT_EQ(importAll(*editor, "c", weeklyAgain("SEQUENCE:0\r\n", "Other title")), Outcomes{kUnchanged});
+  EXPECT_EQ(readFile(root.path() / "c/weekly.ics"), before);
+
+  EXPECT_EQ(importAll(*editor, "c", weeklyAgain("SEQUENCE:2\r\nLAST-MODIFIED:20261120T000000Z\r\n", "Team (2)")),
+            Outcomes{kUpdated});
+  std::string text = readFile(root.path() / "c/weekly.ics");
+  EXPECT_THAT(text, HasSubstr("SUMMARY:Team (2)\r\n"));
+  EXPECT_THAT(text, Not(HasSubstr("SUMMARY:Team\r\n")));
+  EXPECT_THAT(text, HasSubstr("PRODID:-//Other//Writer//EN\r\n"));  // the file stays where it was, as it was around the item
+  EXPECT_EQ(occurrences().size(), 8u);
+  EXPECT_EQ(occurrences().begin()->second, "Team (2)");
+
+  // The same SEQUENCE decides by LAST-MODIFIED; a lower SEQUENCE is older whatever its stamp.
+  EXPECT_EQ(importAll(*editor, "c", weeklyAgain("SEQUENCE:2\r\nLAST-MODIFIED:20261119T000000Z\r\n", "Older")),
+            Outcomes{kUnchanged});
+  EXPECT_EQ(importAll(*editor, "c", weeklyAgain("SEQUENCE:1\r\nLAST-MODIFIED:20261125T000000Z\r\n", "Older")),
+            Outcomes{kUnchanged});
+  EXPECT_EQ(importAll(*editor, "c", weeklyAgain("SEQUENCE:2\r\nLAST-MODIFIED:20261121T000000Z\r\n", "Team (3)")),
+            Outcomes{kUpdated});
+  EXPECT_EQ(occurrences().begin()->second, "Team (3)");
+  EXPECT_EQ(std::distance(fs::directory_iterator(root.path() / "c"), fs::directory_iterator()), 2);  // one UID, one file
+}
+
+TEST_F(VdirItemEditorTest, AnOverrideImportedAloneMergesIntoItsSeriesFile) {
+  const std::string retro =
+      "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Sender//Mail//EN\r\nMETHOD:REQUEST\r\nBEGIN:VEVENT\r\nUID:weekly\r\n"
+      "DTSTAMP:20261120T000000Z\r\nRECURRENCE-ID:20261116T090000Z\r\nDTSTART:20261116T130000Z\r\n"
+      "DTEND:20261116T140000Z\r\nSUMMARY:Retro\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n";
+  auto expected = occurrences();
+  expected.erase(monday(11, 16));
+  expected[monday(11, 16, 13)] = "Retro";
+  EXPECT_EQ(importAll(*editor, "c", retro), Outcomes{kUpdated});
+  EXPECT_EQ(occurrences(), expected);
+  const std::string text = readFile(root.path() / "c/weekly.ics");
+  EXPECT_THAT(text, HasSubstr("RRULE:FREQ=WEEKLY;COUNT=8\r\n"));  // the master is still there
+  EXPECT_THAT(text, HasSubstr("RECURRENCE-ID:20261116T090000Z\r\n"));
+  EXPECT_EQ(std::distance(fs::directory_iterator(root.path() / "c"), fs::directory_iterator()), 2);
+  EXPECT_EQ(importAll(*editor, "c", retro), Outcomes{kUnchanged});
+}
+
+TEST_F(VdirItemEditorTest, ImportedUidsNeverNameAFileOutsideTheCollection) {
+  writeFile(root.path() / "d/taken.ics",
+            "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:x\r\nBEGIN:VTODO\r\nUID:another\r\nSUMMARY:Other\r\n"
+            "END:VTODO\r\nEND:VCALENDAR\r\n");
+  reopen();
+  const std::vector<std::string> uids = {"../../x", "a/b", "..", "line\\nbreak", std::string(600, 'u'), ".hidden",
+                                         "taken"};
+  std::string text = "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:x\r\n";
+  for (const auto& uid : uids) text += "BEGIN:VTODO\r\nUID:" + uid + "\r\nSUMMARY:T " + uid.substr(0, 8) + "\r\nEND:VTODO\r\n";
+  text += "END:VCALENDAR\r\n";
+  EXPECT_EQ(importAll(*editor, "d", text), Outcomes(uids.size(), kAdded));
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(root.path() / "d"))
+    if (entry.path().extension() == ".ics") names.push_back(entry.path().filename().string());
+  std::sort(names.begin(), names.end());
+  ASSERT_EQ(names.size(), uids.size() + 1);
+  for (const auto& name : names)
+    EXPECT_THAT(name, ::testing::MatchesRegex("[0-9a-f]{32}\\.ics|taken\\.ics|taken-1\\.ics")) << name;
+  EXPECT_THAT(readFile(root.path() / "d/taken-1.ics"), HasSubstr("UID:taken\r\n"));
+  EXPECT_THAT(readFile(root.path() / "d/taken.ics"), HasSubstr("UID:another\r\n"));
+  for (const auto& entry : fs::recursive_directory_iterator(root.path()))
+    if (entry.is_regular_file()) {
+      const std::string parent = entry.path().parent_path().filename().string();
+      EXPECT_TRUE(parent == "c" || parent == "d") << entry.path();  // nothing beside or above the collections
+      EXPECT_EQ(entry.path().parent_path().parent_path(), root.path()) << entry.path();
+    }
+  EXPECT_FALSE(fs::exists(root.path().parent_path() / "x"));
+  EXPECT_EQ(importAll(*editor, "d", text), Outcomes(uids.size(), kUnchanged));
+}
+
+TEST_F(VdirItemEditorTest, WhatAnImportOrAnEditBringsIntoAFileTakesTheFilesLineEnds) {
+  writeFile(root.path() / "d/lf.ics",
+            "BEGIN:VCALENDAR\nVERSION:2.0\nPRODID:-//Unix//EN\nBEGIN:VEVENT\nUID:lf\nDTSTAMP:20261001T000000Z\n"
+            "DTSTART:20261102T090000Z\nDTEND:20261102T100000Z\nRRULE:FREQ=WEEKLY;COUNT=4\nSUMMARY:Plain\nEND:VEVENT\n"
+            "END:VCALENDAR\n");
+  reopen();
+  const std::string override =
+      "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:x\r\nBEGIN:VEVENT\r\nUID:lf\r\nDTSTAMP:20261120T000000Z\r\n"
+      "RECURRENCE-ID:20261109T090000Z\r\nDTSTART;TZID=Europe/Berlin:20261109T150000\r\n"
+      "DTEND;TZID=Europe/Berlin:20261109T160000\r\nSUMMARY:Moved\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n";
+  EXPECT_EQ(importAll(*editor, "d", override), Outcomes{kUpdated});
+  std::string text = readFile(root.path() / "d/lf.ics");
+  EXPECT_THAT(text, HasSubstr("\nSUMMARY:Moved\n"));
+  EXPECT_THAT(text, HasSubstr("\nBEGIN:VTIMEZONE\nTZID:Europe/Berlin\n"));  // the system's, as the sender gave none
+  EXPECT_EQ(text.find('\r'), std::string::npos);
+  std::multiset<std::string> titles;  // that Monday: the fixture's own series, and the moved occurrence
+  for (const auto& event : store->events(utc(2026, 11, 9), utc(2026, 11, 10), std::nullopt)) titles.insert(*event->title());
+  EXPECT_EQ(titles, (std::multiset<std::string>{"Moved", "Team"}));
+
+  // An edit that brings in a zone writes its definition with the file's line ends too.
+  writeFile(root.path() / "d/once.ics",
+            "BEGIN:VCALENDAR\nVERSION:2.0\nPRODID:-//Unix//EN\nBEGIN:VEVENT\nUID:once\nDTSTAMP:20261001T000000Z\n"
+            "DTSTART:20261102T090000Z\nDTEND:20261102T100000Z\nSUMMARY:Once\nEND:VEVENT\nEND:VCALENDAR\n");
+  reopen();
+  apply(editor->changeEvent("d/once.ics", std::nullopt, VdirSpan::thisOccurrence,
+                            {.start = berlinTime(2026, 11, 2, 10), .end = berlinTime(2026, 11, 2, 11)}));
+  text = readFile(root.path() / "d/once.ics");
+  EXPECT_THAT(text, HasSubstr("\nTZID:Europe/Berlin\n"));
+  EXPECT_EQ(text.find('\r'), std::string::npos);
 }
 
 }  // namespace

@@ -7,7 +7,9 @@
 #include <CLI/CLI.hpp>
 #include <atomic>
 #include <condition_variable>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -22,9 +24,10 @@
 #include "Vesp/VespCalendarManager.h"
 #include "Vesp/VespCodingError.h"
 #include "Vesp/VespJSONCoder.h"
-#include "platforms/vdir/VdirPlatform.h"
 #include "platforms/vdir/VdirErrors.h"
+#include "platforms/vdir/VdirImport.h"
 #include "platforms/vdir/VdirItemEditor.h"
+#include "platforms/vdir/VdirPlatform.h"
 #include "platforms/vdir/VdirStore.h"
 #include "platforms/vdir/VdirZones.h"
 #include "support/keel/KeelManagerFramework.h"
@@ -289,6 +292,7 @@ struct Arguments {
   bool refs = false;                   // events --refs
   std::optional<std::string> setting;  // config default-calendar ID
   bool unset = false;                  // config default-calendar --unset
+  std::vector<std::string> files;      // import FILE...
 };
 
 // What a subcommand runs with.
@@ -566,23 +570,36 @@ std::string collectionFor(Invocation& call, platform::EKEntityMask mask, const c
                              listing + "` lists them, and " + option + " chooses one (an empty collection counts as a calendar)"};
 }
 
+// The files a plan writes or removes, with their new text (--dry-run --json).
+json changesOf(const vdir::VdirPlan& plan) {
+  json changes = json::array();
+  for (const auto& change : plan.changes) {
+    const std::string file = change.collection + "/" + change.name;
+    changes.push_back(change.bytes ? json{{"file", file}, {"text", *change.bytes}} : json{{"file", file}, {"removed", true}});
+  }
+  return changes;
+}
+
+// The same for a person: each file's name, then the text it would have.
+void printChanges(std::ostream& out, const vdir::VdirPlan& plan) {
+  for (const auto& change : plan.changes) {
+    const std::string file = change.collection + "/" + change.name;
+    if (change.bytes)
+      out << "--- would write " << neutralised(file) << "\n" << *change.bytes;
+    else
+      out << "--- would remove " << neutralised(file) << "\n";
+  }
+}
+
 // Prints what a plan will write (--dry-run), or saves it and prints what it saved: the event's
 // first occurrence, or with `occurrence` that occurrence of it.
 void saveOrShow(Invocation& call, vdir::VdirItemEditor& editor, const vdir::VdirPlan& plan, bool reminder,
                 std::optional<Date> occurrence = std::nullopt) {
   if (call.args.dryRun) {
-    json changes = json::array();
-    for (const auto& change : plan.changes) {
-      const std::string file = change.collection + "/" + change.name;
-      if (call.args.asJSON) {
-        changes.push_back(change.bytes ? json{{"file", file}, {"text", *change.bytes}} : json{{"file", file}, {"removed", true}});
-      } else if (change.bytes) {
-        call.out << "--- would write " << neutralised(file) << "\n" << *change.bytes;
-      } else {
-        call.out << "--- would remove " << neutralised(file) << "\n";
-      }
-    }
-    if (call.args.asJSON) call.out << json{{"changes", changes}}.dump(2, ' ', false, json::error_handler_t::replace) << '\n';
+    if (call.args.asJSON)
+      call.out << json{{"changes", changesOf(plan)}}.dump(2, ' ', false, json::error_handler_t::replace) << '\n';
+    else
+      printChanges(call.out, plan);
     if (!call.args.asJSON && plan.changes.empty()) call.out << "Nothing would change.\n";
     return;
   }
@@ -706,6 +723,69 @@ void runDelete(Invocation& call) {
     return;
   }
   saveOrShow(call, editor, plan, false);
+}
+
+// The items of each file to import, read and split by UID before anything is written: a file that
+// cannot be read or is not iCalendar stops the import before it starts.
+std::vector<std::pair<std::string, std::vector<vdir::VdirImportedItem>>> itemsOfFiles(const Arguments& args) {
+  std::vector<std::pair<std::string, std::vector<vdir::VdirImportedItem>>> files;
+  for (const auto& path : args.files) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) throw Exit{kExitFailure, "vesp: cannot read " + neutralised(path) + ": " + std::strerror(errno)};
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    auto items = vdir::itemsToImport(text);
+    if (!items) throw Exit{kExitFailure, "vesp: " + neutralised(path) + ": " + items.error().message()};
+    files.emplace_back(path, std::move(items).value());
+  }
+  return files;
+}
+
+const char* importVerb(vdir::VdirImportOutcome outcome, bool dryRun) {
+  switch (outcome) {
+    case vdir::VdirImportOutcome::added: return dryRun ? "would add" : "added";
+    case vdir::VdirImportOutcome::updated: return dryRun ? "would update" : "updated";
+    case vdir::VdirImportOutcome::unchanged: break;
+  }
+  return "unchanged";
+}
+
+// Brings the events and to-dos of iCalendar files into a calendar, one file per UID; an item whose
+// UID the calendar holds replaces its copy only when it is newer (SEQUENCE, then LAST-MODIFIED).
+void runImport(Invocation& call) {
+  const Arguments& args = call.args;
+  const auto files = itemsOfFiles(args);
+  bool events = false, todos = false;
+  for (const auto& file : files)
+    for (const auto& item : file.second) (item.kind == "VTODO" ? todos : events) = true;
+  if (events || !todos) call.session.requireAccess(platform::EKEntityTypeEvent, true);
+  if (todos) call.session.requireAccess(platform::EKEntityTypeReminder, true);
+  const std::string collection = events || !todos
+                                     ? collectionFor(call, platform::EKEntityMaskEvent, "calendars", "--calendar")
+                                     : collectionFor(call, platform::EKEntityMaskReminder, "reminder-lists", "--calendar");
+  vdir::VdirItemEditor editor(call.session.platform().store());
+  json results = json::array();
+  for (const auto& [path, items] : files) {
+    for (const auto& item : items) {
+      const auto imported = writtenOrExit(editor.importItem(collection, item));
+      if (!args.dryRun && !imported.plan.changes.empty()) writtenOrExit(editor.apply(imported.plan));
+      const char* verb = importVerb(imported.outcome, args.dryRun);
+      const vdir::VdirContentLine* summary = item.components.front().property("SUMMARY");
+      const std::string title = summary ? vdir::unescapedText(summary->value()) : std::string();
+      if (args.asJSON) {
+        json result = {{"file", path},     {"uid", item.uid},     {"kind", item.kind == "VTODO" ? "reminder" : "event"},
+                       {"title", title},   {"outcome", verb},     {"identifier", imported.plan.identifier}};
+        if (args.dryRun) result["changes"] = changesOf(imported.plan);
+        results.push_back(std::move(result));
+        continue;
+      }
+      call.out << verb << ": \"" << neutralised(title) << "\" (UID " << neutralised(item.uid) << ") "
+               << (imported.outcome == vdir::VdirImportOutcome::unchanged ? "the calendar's copy is as new or newer: "
+                                                                          : "as ")
+               << neutralised(imported.plan.identifier) << '\n';
+      if (args.dryRun) printChanges(call.out, imported.plan);
+    }
+  }
+  if (args.asJSON) call.out << results.dump(2, ' ', false, json::error_handler_t::replace) << '\n';
 }
 
 // A reminder's texts, due date and priority as the options give them.
@@ -946,6 +1026,14 @@ void addWriteCommands(CLI::App& app, Arguments& args, std::vector<Subcommand>& c
   addOccurrenceOptions(remove, args, "The same as --span future: this and every later occurrence");
   remove->add_flag("--dry-run", args.dryRun, "Print what would be written or removed, and change nothing");
   commands.push_back({remove, runDelete});
+
+  auto* imports = app.add_subcommand(
+      "import", "Bring the events and to-dos of iCalendar files into a calendar (a newer copy replaces an older one)");
+  imports->add_option("FILE", args.files, "The .ics files (an invitation, another calendar's export)")->required();
+  imports->add_option("--calendar", args.calendar,
+                      "The calendar (default: as for `vesp new`; for to-dos alone, the first writable reminder list)");
+  imports->add_flag("--dry-run", args.dryRun, "Print what each item would do and the text it would write, and write nothing");
+  commands.push_back({imports, runImport});
 }
 
 void addConfigCommands(CLI::App& app, Arguments& args, std::vector<Subcommand>& commands) {

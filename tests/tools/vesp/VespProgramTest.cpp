@@ -513,6 +513,80 @@ TEST_F(VespWritingTest, ACalendarThatCannotBeWrittenIsAClearFailure) {
   EXPECT_EQ(run({"new", "Dentist", "--start", "2026-12-03", "--end", "2026-12-04", "--duration", "1h"}).status, 2);
 }
 
+TEST_F(VespWritingTest, ImportBringsEachItemInOnceAndSaysWhatItDid) {
+  const std::string invitation =
+      "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Sender//Mail//EN\r\nMETHOD:REQUEST\r\n"
+      "BEGIN:VEVENT\r\nUID:invite-1\r\nDTSTAMP:20261120T000000Z\r\nSEQUENCE:0\r\n"
+      "DTSTART;TZID=Europe/Berlin:20261203T150000\r\nDTEND;TZID=Europe/Berlin:20261203T160000\r\n"
+      "SUMMARY:Review\r\nEND:VEVENT\r\n"
+      "BEGIN:VTODO\r\nUID:task-2\r\nDTSTAMP:20261120T000000Z\r\nSUMMARY:Slides\r\nEND:VTODO\r\nEND:VCALENDAR\r\n";
+  const fs::path file = config_.path() / "invitation.ics";
+  writeFile(file, invitation);
+  const auto tree = vdir::testing::treeState(root_.path());
+
+  auto dry = run({"import", file.string(), "--calendar", "c", "--dry-run"});
+  ASSERT_EQ(dry.status, 0) << dry.err;
+  EXPECT_THAT(dry.out, ::testing::HasSubstr("would add: \"Review\" (UID invite-1) as c/invite-1.ics\n"));
+  EXPECT_THAT(dry.out, ::testing::HasSubstr("--- would write c/invite-1.ics\nBEGIN:VCALENDAR\r\n"));
+  EXPECT_THAT(dry.out, ::testing::Not(::testing::HasSubstr("METHOD")));
+  EXPECT_EQ(vdir::testing::treeState(root_.path()), tree);
+
+  auto imported = run({"import", file.string(), "--calendar", "c", "--json"});
+  ASSERT_EQ(imported.status, 0) << imported.err;
+  const json results = json::parse(imported.out);
+  ASSERT_EQ(results.size(), 2u);
+  EXPECT_EQ(results[0]["outcome"], "added");
+  EXPECT_EQ(results[0]["kind"], "event");
+  EXPECT_EQ(results[0]["identifier"], "c/invite-1.ics");
+  EXPECT_EQ(results[1]["outcome"], "added");
+  EXPECT_EQ(results[1]["kind"], "reminder");
+  EXPECT_EQ(results[1]["title"], "Slides");
+  const json december = events("2026-12-03", "2026-12-04");
+  ASSERT_EQ(december.size(), 1u);
+  EXPECT_EQ(december[0]["title"], "Review");
+  EXPECT_EQ(december[0]["startDate"], "2026-12-03T14:00:00Z");
+  auto task = run({"reminder", "c/task-2.ics", "--json"});
+  ASSERT_EQ(task.status, 0) << task.err;
+  EXPECT_EQ(json::parse(task.out)["title"], "Slides");
+
+  // Again: nothing is newer, so nothing is written.
+  const auto imported1 = vdir::testing::treeState(root_.path());
+  auto again = run({"import", file.string(), "--calendar", "c"});
+  ASSERT_EQ(again.status, 0) << again.err;
+  EXPECT_THAT(again.out, ::testing::HasSubstr("unchanged: \"Review\" (UID invite-1) the calendar's copy is as new or "
+                                              "newer: c/invite-1.ics\n"));
+  EXPECT_THAT(again.out, ::testing::HasSubstr("unchanged: \"Slides\""));
+  EXPECT_EQ(vdir::testing::treeState(root_.path()), imported1);
+
+  // A newer version of the event (its SEQUENCE raised) replaces the calendar's copy.
+  std::string moved = invitation;
+  moved.replace(moved.find("SEQUENCE:0"), 10, "SEQUENCE:1");
+  moved.replace(moved.find("SUMMARY:Review"), 14, "SUMMARY:Review (moved)");
+  moved.replace(moved.find("20261203T150000"), 15, "20261203T170000");
+  writeFile(file, moved);
+  auto updated = run({"import", file.string(), "--calendar", "c"});
+  ASSERT_EQ(updated.status, 0) << updated.err;
+  EXPECT_THAT(updated.out, ::testing::HasSubstr("updated: \"Review (moved)\" (UID invite-1) as c/invite-1.ics\n"));
+  const json later = events("2026-12-03", "2026-12-04");
+  ASSERT_EQ(later.size(), 1u);
+  EXPECT_EQ(later[0]["title"], "Review (moved)");
+  EXPECT_EQ(later[0]["startDate"], "2026-12-03T16:00:00Z");
+
+  // Files that cannot be read or are not iCalendar stop the import before anything is written.
+  const auto before = vdir::testing::treeState(root_.path());
+  writeFile(config_.path() / "note.ics", "not a calendar\n");
+  auto missing = run({"import", file.string(), (config_.path() / "absent.ics").string(), "--calendar", "c"});
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_THAT(missing.err, ::testing::HasSubstr("cannot read"));
+  auto garbage = run({"import", (config_.path() / "note.ics").string(), "--calendar", "c"});
+  EXPECT_EQ(garbage.status, 1);
+  EXPECT_THAT(garbage.err, ::testing::HasSubstr("not an iCalendar file"));
+  auto nowhere = run({"import", file.string(), "--calendar", "nowhere"});
+  EXPECT_EQ(nowhere.status, 2);  // as for `vesp new`: a calendar given that is not there
+  EXPECT_THAT(nowhere.err, ::testing::HasSubstr("there is no calendar \"nowhere\""));
+  EXPECT_EQ(vdir::testing::treeState(root_.path()), before);
+}
+
 // Skips without `program`, except on CI, where scripts/test must have installed `package`.
 bool installed(const std::string& program, const std::string& package) {
   if (shell("command -v " + program + " > /dev/null").status == 0) return true;

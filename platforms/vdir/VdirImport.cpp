@@ -21,12 +21,22 @@ std::string uidOf(const VdirComponent& component) {
   return uid ? uid->value() : std::string();
 }
 
-// The occurrence an override replaces, as written (value and zone), or nothing for a master.
-std::optional<std::string> recurrenceOf(const VdirComponent& component) {
-  const VdirContentLine* id = component.property("RECURRENCE-ID");
-  if (!id) return std::nullopt;
-  const std::string* tzid = id->parameter("TZID");
-  return (tzid ? *tzid : std::string()) + ":" + id->value();
+const VdirContentLine* recurrenceOf(const VdirComponent& component) { return component.property("RECURRENCE-ID"); }
+
+// Whether two RECURRENCE-IDs name the same occurrence: the same instant, whatever form each is
+// written in (another writer may state it in UTC where the file uses the series' zone); as
+// written when a zone is unknown.
+bool sameOccurrence(const VdirContentLine& one, const VdirContentLine& other, const VdirEditContext& context) {
+  auto instantOf = [&](const VdirContentLine& line) -> std::optional<platform::Date> {
+    const std::string* tzid = line.parameter("TZID");
+    if (tzid && (!context.zoneFor || !context.zoneFor(*tzid))) return std::nullopt;
+    const std::optional<VdirTime> time = context.clock ? timeOfValue(line, line.value(), context) : std::nullopt;
+    if (!time) return std::nullopt;
+    return context.clock->instant(*time);
+  };
+  const auto first = instantOf(one), second = instantOf(other);
+  if (first && second) return *first == *second;
+  return one.value() == other.value() && one.parameters() == other.parameters();
 }
 
 long sequenceOf(const VdirComponent& component) {
@@ -40,11 +50,20 @@ std::string lastModifiedOf(const VdirComponent& component) {
   return modified ? modified->value() : std::string();
 }
 
-// The component of `calendar` for `uid` and `recurrence` (nothing: the master), or null.
-const VdirComponent* counterpartIn(const VdirComponent& calendar, const std::string& kind, const std::string& uid,
-                                   const std::optional<std::string>& recurrence) {
+// Whether `component` is the item's component for `recurrence` (null: the master).
+bool isCounterpart(const VdirComponent& component, const VdirImportedItem& item, const VdirContentLine* recurrence,
+                   const VdirEditContext& context) {
+  if (component.name() != item.kind || uidOf(component) != item.uid) return false;
+  const VdirContentLine* own = recurrenceOf(component);
+  if (!own || !recurrence) return !own && !recurrence;
+  return sameOccurrence(*own, *recurrence, context);
+}
+
+// The component of `calendar` that is the item's for `recurrence`, or null.
+const VdirComponent* counterpartIn(const VdirComponent& calendar, const VdirImportedItem& item,
+                                   const VdirContentLine* recurrence, const VdirEditContext& context) {
   for (const VdirComponent& component : calendar.components())
-    if (component.name() == kind && uidOf(component) == uid && recurrenceOf(component) == recurrence) return &component;
+    if (isCounterpart(component, item, recurrence, context)) return &component;
   return nullptr;
 }
 
@@ -100,12 +119,12 @@ bool isNewer(const VdirComponent& imported, const VdirComponent& existing) {
   return lastModifiedOf(imported) > lastModifiedOf(existing);
 }
 
-bool mergeImported(VdirDocument& document, const VdirImportedItem& item) {
+bool mergeImported(VdirDocument& document, const VdirImportedItem& item, const VdirEditContext& context) {
   VdirComponent& calendar = *document.calendar();
   auto master = std::find_if(item.components.begin(), item.components.end(),
                              [](const VdirComponent& component) { return !recurrenceOf(component); });
   if (master != item.components.end()) {
-    const VdirComponent* existing = counterpartIn(calendar, item.kind, item.uid, std::nullopt);
+    const VdirComponent* existing = counterpartIn(calendar, item, nullptr, context);
     if (!existing || isNewer(*master, *existing)) {
       calendar.removeComponents([&](const VdirComponent& component) {
         return component.name() == item.kind && uidOf(component) == item.uid;
@@ -117,13 +136,12 @@ bool mergeImported(VdirDocument& document, const VdirImportedItem& item) {
   }
   bool changed = false;
   for (const VdirComponent& component : item.components) {
-    const std::optional<std::string> recurrence = recurrenceOf(component);
+    const VdirContentLine* recurrence = recurrenceOf(component);
     if (!recurrence) continue;
-    const VdirComponent* existing = counterpartIn(calendar, item.kind, item.uid, recurrence);
+    const VdirComponent* existing = counterpartIn(calendar, item, recurrence, context);
     if (existing && !isNewer(component, *existing)) continue;
-    calendar.removeComponents([&](const VdirComponent& other) {
-      return other.name() == item.kind && uidOf(other) == item.uid && recurrenceOf(other) == recurrence;
-    });
+    calendar.removeComponents(
+        [&](const VdirComponent& other) { return isCounterpart(other, item, recurrence, context); });
     calendar.addComponent(inLineEnds(component, document.lineEnd()));
     changed = true;
   }

@@ -30,9 +30,10 @@ rivet::RivetResult<std::vector<VdirImportedItem>> itemsToImport(std::string_view
 bool isNewer(const VdirComponent& imported, const VdirComponent& existing);
 
 // Merges `item` into `document`, which holds the same UID: a newer master replaces every component
-// of the UID; otherwise each override replaces the one of its RECURRENCE-ID when newer, or is
-// added when that occurrence had none. Returns whether anything changed.
-bool mergeImported(VdirDocument& document, const VdirImportedItem& item);
+// of the UID; otherwise each override replaces the one of its occurrence (the same instant, in
+// whatever form; zones and clock from `context`) when newer, or is added when that occurrence had
+// none. Returns whether anything changed.
+bool mergeImported(VdirDocument& document, const VdirImportedItem& item, const VdirEditContext& context);
 
 // A file of its own for `item`: its calendar's properties, its zones, then its components. A zone
 // the item uses without defining it is defined from `zones` when that knows it, else left named.

@@ -323,7 +323,7 @@ rivet::RivetResult<VdirImport> VdirItemEditor::importItem(const std::string& col
                            __LINE__);
       result.plan.identifier = holder->second;
       const std::vector<std::string> before = undefinedZones(*document);
-      if (!mergeImported(*document, item)) return result;
+      if (!mergeImported(*document, item, contextFor(*document))) return result;
       defineImportedZones(*document, item);
       defineKnownZones(*document, before);
       result.outcome = VdirImportOutcome::updated;

@@ -437,6 +437,17 @@ TEST_F(VdirItemEditorTest, AnOverrideImportedAloneMergesIntoItsSeriesFile) {
   EXPECT_THAT(text, HasSubstr("RECURRENCE-ID:20261116T090000Z\r\n"));
   EXPECT_EQ(std::distance(fs::directory_iterator(root.path() / "c"), fs::directory_iterator()), 2);
   EXPECT_EQ(importAll(*editor, "c", retro), Outcomes{kUnchanged});
+
+  // The same occurrence named in another form (its zone's wall time, not UTC) is the same override.
+  std::string again = retro;
+  again.replace(again.find("RECURRENCE-ID:20261116T090000Z"), 30, "RECURRENCE-ID;TZID=Europe/Berlin:20261116T100000");
+  EXPECT_EQ(importAll(*editor, "c", again), Outcomes{kUnchanged});
+  again.replace(again.find("SUMMARY:Retro"), 13, "SEQUENCE:1\r\nSUMMARY:Retro (2)");
+  EXPECT_EQ(importAll(*editor, "c", again), Outcomes{kUpdated});
+  const std::string replaced = readFile(root.path() / "c/weekly.ics");
+  EXPECT_EQ(replaced.find("RECURRENCE-ID"), replaced.rfind("RECURRENCE-ID")) << replaced;
+  expected[monday(11, 16, 13)] = "Retro (2)";
+  EXPECT_EQ(occurrences(), expected);
 }
 
 TEST_F(VdirItemEditorTest, ImportedUidsNeverNameAFileOutsideTheCollection) {

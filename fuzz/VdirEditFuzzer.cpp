@@ -1,6 +1,6 @@
 // Fuzzes the editing of one calendar file: its bytes are kept as a document (which must give the
-// same bytes back), then every item is retitled, and each series has one occurrence changed,
-// one removed and its end moved. Nothing may crash, hang, leak or trip a sanitizer; a retitled file
+// same bytes back), its items are imported, then every item is retitled, and each series has one
+// occurrence changed, one removed and its end moved. Nothing may crash, hang, leak or trip a sanitizer; a retitled file
 // must read back with the new title and keep every other content line as it was.
 #include <cstddef>
 #include <cstdint>
@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platforms/vdir/VdirEdit.h"
+#include "platforms/vdir/VdirImport.h"
 #include "platforms/vdir/VdirZones.h"
 
 namespace {
@@ -129,6 +130,27 @@ void editOccurrences(const VdirDocument& original, const Item& item, const VdirE
   }
 }
 
+// Imports the file's items: each one's own file, and each merged back into the file itself, must
+// read back; an item merged into a file that has none of its UID is added whole.
+void import(const std::string& bytes, const VdirDocument& original, const VdirEditContext& context) {
+  auto items = itemsToImport(bytes);
+  if (!items) return;
+  for (const VdirImportedItem& item : *items) {
+    auto own = importedDocument(item, nullptr);
+    if (!own) continue;
+    auto ownAgain = VdirDocument::parse(own->text());
+    if (!ownAgain) fail("an imported item's own file cannot be read back");
+    if (ownAgain->text() != own->text()) fail("an imported item's own file does not give its bytes back");
+    VdirDocument merged = original;
+    if (mergeImported(merged, item, context) && !VdirDocument::parse(merged.text()))
+      fail("a file an item was merged into cannot be read back");
+    VdirDocument empty = *ownAgain;
+    empty.calendar()->removeComponents([](const VdirComponent&) { return true; });
+    if (!mergeImported(empty, item, context)) fail("an item merged into a file without its UID was not added");
+    if (!VdirDocument::parse(empty.text())) fail("a file an item was added to cannot be read back");
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -143,6 +165,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   context.now = vesp::platform::Date::fromTimeIntervalSince1970(1795000000.0);
   const std::vector<Item> items = itemsOf(*document);
   if (items.size() > 20) return 0;  // the work per input stays small
+  import(bytes, *document, context);
   retitle(*document, items, context);
   for (const Item& item : items) {
     if (item.recurring) editOccurrences(*document, item, context);

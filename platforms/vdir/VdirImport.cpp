@@ -1,7 +1,10 @@
 #include "platforms/vdir/VdirImport.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
+#include <map>
+#include <set>
 
 #include "platforms/vdir/VdirEdit.h"
 #include "platforms/vdir/VdirErrors.h"
@@ -23,22 +26,6 @@ std::string uidOf(const VdirComponent& component) {
 
 const VdirContentLine* recurrenceOf(const VdirComponent& component) { return component.property("RECURRENCE-ID"); }
 
-// Whether two RECURRENCE-IDs name the same occurrence: the same instant, whatever form each is
-// written in (another writer may state it in UTC where the file uses the series' zone); as
-// written when a zone is unknown.
-bool sameOccurrence(const VdirContentLine& one, const VdirContentLine& other, const VdirEditContext& context) {
-  auto instantOf = [&](const VdirContentLine& line) -> std::optional<platform::Date> {
-    const std::string* tzid = line.parameter("TZID");
-    if (tzid && (!context.zoneFor || !context.zoneFor(*tzid))) return std::nullopt;
-    const std::optional<VdirTime> time = context.clock ? timeOfValue(line, line.value(), context) : std::nullopt;
-    if (!time) return std::nullopt;
-    return context.clock->instant(*time);
-  };
-  const auto first = instantOf(one), second = instantOf(other);
-  if (first && second) return *first == *second;
-  return one.value() == other.value() && one.parameters() == other.parameters();
-}
-
 long sequenceOf(const VdirComponent& component) {
   const VdirContentLine* sequence = component.property("SEQUENCE");
   return sequence ? std::strtol(sequence->value().c_str(), nullptr, 10) : 0;
@@ -50,21 +37,20 @@ std::string lastModifiedOf(const VdirComponent& component) {
   return modified ? modified->value() : std::string();
 }
 
-// Whether `component` is the item's component for `recurrence` (null: the master).
-bool isCounterpart(const VdirComponent& component, const VdirImportedItem& item, const VdirContentLine* recurrence,
-                   const VdirEditContext& context) {
-  if (component.name() != item.kind || uidOf(component) != item.uid) return false;
-  const VdirContentLine* own = recurrenceOf(component);
-  if (!own || !recurrence) return !own && !recurrence;
-  return sameOccurrence(*own, *recurrence, context);
-}
-
-// The component of `calendar` that is the item's for `recurrence`, or null.
-const VdirComponent* counterpartIn(const VdirComponent& calendar, const VdirImportedItem& item,
-                                   const VdirContentLine* recurrence, const VdirEditContext& context) {
-  for (const VdirComponent& component : calendar.components())
-    if (isCounterpart(component, item, recurrence, context)) return &component;
-  return nullptr;
+// The occurrence a component replaces, as a key that two forms of the same instant share (another
+// writer may state it in UTC where the file uses the series' zone): its instant when its zone is
+// known, else its line as written; empty for a master.
+std::string occurrenceKey(const VdirComponent& component, const VdirEditContext& context) {
+  const VdirContentLine* id = recurrenceOf(component);
+  if (!id) return std::string();
+  const std::string* tzid = id->parameter("TZID");
+  const bool known = context.clock && (!tzid || (context.zoneFor && context.zoneFor(*tzid)));
+  if (const std::optional<VdirTime> time = known ? timeOfValue(*id, id->value(), context) : std::nullopt) {
+    char text[48];
+    std::snprintf(text, sizeof text, "@%.3f", context.clock->instant(*time).timeIntervalSince1970());
+    return text;
+  }
+  return "=" + id->text();
 }
 
 // `component` with the line ends of the file it goes into.
@@ -88,27 +74,30 @@ rivet::RivetResult<std::vector<VdirImportedItem>> itemsToImport(std::string_view
   // A stored calendar object carries no METHOD: that belongs to the message that brought it.
   bare.remove("METHOD");
   std::vector<VdirImportedItem> items;
+  std::map<std::string, std::size_t> byUid;  // an export may hold thousands of items
   for (const VdirComponent& component : calendar->components()) {
     if (!isItem(component)) continue;
     const std::string uid = uidOf(component);
     if (uid.empty()) return importError("a " + component.name() + " has no UID, so it cannot be imported", __func__, __LINE__);
-    auto same = std::find_if(items.begin(), items.end(), [&](const VdirImportedItem& item) { return item.uid == uid; });
-    if (same == items.end()) {
+    auto [at, fresh] = byUid.emplace(uid, items.size());
+    if (fresh) {
       items.push_back({uid, component.name(), {}, {}, bare});
-      same = items.end() - 1;
-    } else if (same->kind != component.name()) {
+    } else if (items[at->second].kind != component.name()) {
       return importError("the UID \"" + uid + "\" names both a VEVENT and a VTODO", __func__, __LINE__);
     }
-    same->components.push_back(component);
+    items[at->second].components.push_back(component);
   }
+  // Each item takes the file's definitions of the zones it uses (the first of each TZID).
+  std::map<std::string, const VdirComponent*> zones;
+  for (const VdirComponent& component : calendar->components())
+    if (const VdirContentLine* tzid = component.property("TZID"); component.name() == "VTIMEZONE" && tzid)
+      zones.emplace(tzid->value(), &component);
   for (VdirImportedItem& item : items) {
-    std::vector<std::string> tzids;
+    std::set<std::string> tzids;
     for (const VdirComponent& component : item.components)
       for (const std::string& tzid : zonesUsedBy(component))
-        if (std::find(tzids.begin(), tzids.end(), tzid) == tzids.end()) tzids.push_back(tzid);
-    for (const VdirComponent& component : calendar->components())
-      if (const VdirContentLine* tzid = component.property("TZID"); component.name() == "VTIMEZONE" && tzid)
-        if (std::find(tzids.begin(), tzids.end(), tzid->value()) != tzids.end()) item.zones.push_back(component);
+        if (auto zone = zones.find(tzid); zone != zones.end() && tzids.insert(tzid).second)
+          item.zones.push_back(*zone->second);
   }
   return items;
 }
@@ -121,31 +110,39 @@ bool isNewer(const VdirComponent& imported, const VdirComponent& existing) {
 
 bool mergeImported(VdirDocument& document, const VdirImportedItem& item, const VdirEditContext& context) {
   VdirComponent& calendar = *document.calendar();
+  auto ours = [&](const VdirComponent& component) {
+    return component.name() == item.kind && uidOf(component) == item.uid;
+  };
+  // The file's components of the item by occurrence (the first of each), each key computed once.
+  std::map<std::string, const VdirComponent*> existing;
+  for (const VdirComponent& component : calendar.components())
+    if (ours(component)) existing.emplace(occurrenceKey(component, context), &component);
   auto master = std::find_if(item.components.begin(), item.components.end(),
                              [](const VdirComponent& component) { return !recurrenceOf(component); });
   if (master != item.components.end()) {
-    const VdirComponent* existing = counterpartIn(calendar, item, nullptr, context);
-    if (!existing || isNewer(*master, *existing)) {
-      calendar.removeComponents([&](const VdirComponent& component) {
-        return component.name() == item.kind && uidOf(component) == item.uid;
-      });
+    auto found = existing.find(std::string());
+    if (found == existing.end() || isNewer(*master, *found->second)) {
+      calendar.removeComponents(ours);
       for (const VdirComponent& component : item.components)
         calendar.addComponent(inLineEnds(component, document.lineEnd()));
       return true;
     }
   }
-  bool changed = false;
+  std::set<std::string> replaced;
+  std::vector<const VdirComponent*> added;
   for (const VdirComponent& component : item.components) {
-    const VdirContentLine* recurrence = recurrenceOf(component);
-    if (!recurrence) continue;
-    const VdirComponent* existing = counterpartIn(calendar, item, recurrence, context);
-    if (existing && !isNewer(component, *existing)) continue;
-    calendar.removeComponents(
-        [&](const VdirComponent& other) { return isCounterpart(other, item, recurrence, context); });
-    calendar.addComponent(inLineEnds(component, document.lineEnd()));
-    changed = true;
+    if (!recurrenceOf(component)) continue;
+    std::string key = occurrenceKey(component, context);
+    auto found = existing.find(key);
+    if (found != existing.end() && !isNewer(component, *found->second)) continue;
+    if (replaced.insert(std::move(key)).second) added.push_back(&component);  // the first for an occurrence
   }
-  return changed;
+  if (added.empty()) return false;
+  calendar.removeComponents([&](const VdirComponent& component) {
+    return ours(component) && recurrenceOf(component) && replaced.count(occurrenceKey(component, context));
+  });
+  for (const VdirComponent* component : added) calendar.addComponent(inLineEnds(*component, document.lineEnd()));
+  return true;
 }
 
 rivet::RivetResult<VdirDocument> importedDocument(const VdirImportedItem& item, const VdirZoneSource& zones) {

@@ -1,7 +1,8 @@
 // Fuzzes the editing of one calendar file: its bytes are kept as a document (which must give the
 // same bytes back), its items are imported, then every item is retitled, and each series has one
-// occurrence changed, one removed and its end moved. Nothing may crash, hang, leak or trip a sanitizer; a retitled file
-// must read back with the new title and keep every other content line as it was.
+// occurrence changed, one removed and its end moved. Nothing may crash, hang, leak or trip a
+// sanitizer; a retitled file must read back with the new title and keep every other content line
+// as it was.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>

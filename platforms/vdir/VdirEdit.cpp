@@ -219,8 +219,9 @@ rivet::RivetResult<bool> applyFields(VdirComponent& component, const VdirItemCha
     if (*changes.priority < 0 || *changes.priority > 9)
       return editError("a priority is 0 (none) to 9, not " + std::to_string(*changes.priority), "applyFields",
                        __LINE__);
-    changed |= *changes.priority == 0 ? component.remove("PRIORITY") > 0
-                                      : component.set(VdirContentLine("PRIORITY", {}, std::to_string(*changes.priority)));
+    changed |= *changes.priority == 0
+                   ? component.remove("PRIORITY") > 0
+                   : component.set(VdirContentLine("PRIORITY", {}, std::to_string(*changes.priority)));
   }
   if (changes.due) {
     changed |= component.set(timeLine("DUE", *changes.due));
@@ -972,7 +973,7 @@ rivet::RivetResult<VdirDocument> newItemDocument(const VdirComponent& item, cons
   return document;
 }
 
-std::vector<std::string> undefinedZones(const VdirDocument& document) {
+std::vector<std::string> undefinedZones(const VdirDocument& document, const std::vector<std::string>& except) {
   const VdirComponent* calendar = document.calendar();
   if (!calendar) return {};
   std::set<std::string> defined;
@@ -983,25 +984,44 @@ std::vector<std::string> undefinedZones(const VdirDocument& document) {
   for (const VdirComponent& component : calendar->components()) {
     if (component.name() == "VTIMEZONE") continue;
     for (const std::string& tzid : zonesUsedBy(component))
-      if (!defined.count(tzid) && std::find(undefined.begin(), undefined.end(), tzid) == undefined.end())
+      if (!defined.count(tzid) && std::find(undefined.begin(), undefined.end(), tzid) == undefined.end() &&
+          std::find(except.begin(), except.end(), tzid) == except.end())
         undefined.push_back(tzid);
   }
   return undefined;
 }
 
+namespace {
+
+// The VTIMEZONE `zones` gives for `tzid`, in `lineEnd`; nothing when it gives none that parses.
+std::optional<VdirComponent> zoneDefinition(const std::string& tzid, const VdirZoneSource& zones,
+                                            const std::string& lineEnd) {
+  std::optional<std::string> definition = zones ? zones(tzid) : std::nullopt;
+  if (!definition) return std::nullopt;
+  auto parsed = VdirDocument::parse(withLineEnd(*definition, lineEnd));
+  if (!parsed || parsed->components().size() != 1 || parsed->components()[0].name() != "VTIMEZONE")
+    return std::nullopt;
+  return parsed->components()[0];
+}
+
+}  // namespace
+
 rivet::RivetResult<void> defineZones(VdirDocument& document, const std::vector<std::string>& tzids,
                                      const VdirZoneSource& zones) {
   std::vector<VdirComponent> definitions;
   for (const std::string& tzid : tzids) {
-    std::optional<std::string> definition = zones ? zones(tzid) : std::nullopt;
-    auto parsed = definition ? VdirDocument::parse(withLineEnd(*definition, document.lineEnd()))
-                             : rivet::RivetResult<VdirDocument>(VdirDocument());
-    const bool usable = parsed && parsed->components().size() == 1 && parsed->components()[0].name() == "VTIMEZONE";
-    if (!usable) return editError("unknown time zone \"" + tzid + "\"", "defineZones", __LINE__);
-    definitions.push_back(parsed->components()[0]);
+    auto definition = zoneDefinition(tzid, zones, document.lineEnd());
+    if (!definition) return editError("unknown time zone \"" + tzid + "\"", "defineZones", __LINE__);
+    definitions.push_back(std::move(*definition));
   }
   for (VdirComponent& zone : definitions) document.calendar()->addComponent(std::move(zone));
   return rivet::RivetResultVoidSuccess;
+}
+
+void defineKnownZones(VdirDocument& document, const std::vector<std::string>& tzids, const VdirZoneSource& zones) {
+  for (const std::string& tzid : tzids)
+    if (auto definition = zoneDefinition(tzid, zones, document.lineEnd()))
+      document.calendar()->addComponent(std::move(*definition));
 }
 
 }  // namespace vesp::vdir

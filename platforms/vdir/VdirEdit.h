@@ -105,12 +105,16 @@ rivet::RivetResult<VdirDocument> newItemDocument(const VdirComponent& item, cons
 // The TZIDs an item's times name (its own and its sub-components'), in order of first use.
 std::vector<std::string> zonesUsedBy(const VdirComponent& item);
 
-// The TZIDs that the items of `document` use and none of its VTIMEZONEs defines, in order of first use.
-std::vector<std::string> undefinedZones(const VdirDocument& document);
+// The TZIDs that the items of `document` use and none of its VTIMEZONEs defines, in order of first
+// use, leaving out those in `except`.
+std::vector<std::string> undefinedZones(const VdirDocument& document, const std::vector<std::string>& except = {});
 // Appends a VTIMEZONE from `zones` for each of `tzids` (RFC 5545 wants one for every TZID used);
 // fails, adding none, when one has no definition there.
 rivet::RivetResult<void> defineZones(VdirDocument& document, const std::vector<std::string>& tzids,
                                      const VdirZoneSource& zones);
+// Appends a VTIMEZONE from `zones` for each of `tzids` that `zones` defines; the others stay named
+// only, as readers find them by name.
+void defineKnownZones(VdirDocument& document, const std::vector<std::string>& tzids, const VdirZoneSource& zones);
 
 // Removes every component of `uid` (master and overrides); how many went.
 std::size_t removeItem(VdirDocument& document, const std::string& uid);

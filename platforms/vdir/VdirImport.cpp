@@ -78,7 +78,8 @@ rivet::RivetResult<std::vector<VdirImportedItem>> itemsToImport(std::string_view
   for (const VdirComponent& component : calendar->components()) {
     if (!isItem(component)) continue;
     const std::string uid = uidOf(component);
-    if (uid.empty()) return importError("a " + component.name() + " has no UID, so it cannot be imported", __func__, __LINE__);
+    if (uid.empty())
+      return importError("a " + component.name() + " has no UID, so it cannot be imported", __func__, __LINE__);
     auto [at, fresh] = byUid.emplace(uid, items.size());
     if (fresh) {
       items.push_back({uid, component.name(), {}, {}, bare});
@@ -152,28 +153,25 @@ rivet::RivetResult<VdirDocument> importedDocument(const VdirImportedItem& item, 
   if (!made) return importError(made.error().message(), __func__, __LINE__);
   VdirDocument document = std::move(made).value();
   // The zones first, as a new item's file has them.
-  std::vector<std::string> defined, known;
-  for (const VdirComponent& zone : item.zones) {
-    document.calendar()->addComponent(zone);
-    if (const VdirContentLine* tzid = zone.property("TZID")) defined.push_back(tzid->value());
-  }
+  std::vector<std::string> used;
   for (const VdirComponent& component : item.components)
-    for (const std::string& tzid : zonesUsedBy(component))
-      if (std::find(defined.begin(), defined.end(), tzid) == defined.end() &&
-          std::find(known.begin(), known.end(), tzid) == known.end() && zones && zones(tzid))
-        known.push_back(tzid);
-  if (auto added = defineZones(document, known, zones); !added) return added.error();
+    for (std::string& tzid : zonesUsedBy(component))
+      if (std::find(used.begin(), used.end(), tzid) == used.end()) used.push_back(std::move(tzid));
+  defineKnownZones(document, used, importedZones(item, zones));
   for (const VdirComponent& component : item.components) document.calendar()->addComponent(component);
   return document;
 }
 
-void defineImportedZones(VdirDocument& document, const VdirImportedItem& item) {
-  for (const std::string& tzid : undefinedZones(document))
+VdirZoneSource importedZones(const VdirImportedItem& item, VdirZoneSource fallback) {
+  return [&item, fallback = std::move(fallback)](const std::string& tzid) -> std::optional<std::string> {
     for (const VdirComponent& zone : item.zones)
       if (const VdirContentLine* name = zone.property("TZID"); name && name->value() == tzid) {
-        document.calendar()->addComponent(inLineEnds(zone, document.lineEnd()));
-        break;
+        std::string text;
+        zone.write(text, "\r\n");
+        return text;
       }
+    return fallback ? fallback(tzid) : std::nullopt;
+  };
 }
 
 }  // namespace vesp::vdir

@@ -39,7 +39,8 @@ bool mergeImported(VdirDocument& document, const VdirImportedItem& item, const V
 // the item uses without defining it is defined from `zones` when that knows it, else left named.
 rivet::RivetResult<VdirDocument> importedDocument(const VdirImportedItem& item, const VdirZoneSource& zones);
 
-// The TZIDs `document` uses without defining that `item` defines: their VTIMEZONEs are added.
-void defineImportedZones(VdirDocument& document, const VdirImportedItem& item);
+// Zone definitions from the sender: `item`'s own VTIMEZONEs, else those of `fallback`. The source
+// refers to `item`, which must outlive it.
+VdirZoneSource importedZones(const VdirImportedItem& item, VdirZoneSource fallback);
 
 }  // namespace vesp::vdir

@@ -74,10 +74,7 @@ struct VdirItemEditor::Found {
 
   // Defines the zones `edited` uses that it does not define and did not use undefined before.
   rivet::RivetResult<void> defineNewZones(VdirDocument& edited) const {
-    std::vector<std::string> added;
-    for (const std::string& tzid : vdir::undefinedZones(edited))
-      if (std::find(undefinedZones.begin(), undefinedZones.end(), tzid) == undefinedZones.end()) added.push_back(tzid);
-    return defineZones(edited, added, systemZoneDefinition);
+    return defineZones(edited, vdir::undefinedZones(edited, undefinedZones), systemZoneDefinition);
   }
 
   // Whether an edit of `occurrence` over `span` covers the whole item.
@@ -114,8 +111,8 @@ rivet::RivetResult<VdirItemEditor::Located> VdirItemEditor::locate(const std::st
   auto entry = located.snapshot->entries.find(identifier);
   if (entry == located.snapshot->entries.end() || entry->second.todo != todo)
     return editorError(VdirErrorCode::noSuchItem,
-                       std::string(todo ? "no reminder" : "no event") + " \"" + identifier + "\" in the store", __func__,
-                       __LINE__);
+                       std::string(todo ? "no reminder" : "no event") + " \"" + identifier + "\" in the store",
+                       __func__, __LINE__);
   located.entry = entry->second;
   located.item = located.snapshot->collections[entry->second.collection].items[entry->second.item].get();
   return located;
@@ -138,12 +135,14 @@ rivet::RivetResult<VdirItemEditor::Found> VdirItemEditor::find(const std::string
   }
   auto file = store_->fileOf(item.relativePath);
   if (!file)
-    return editorError(VdirErrorCode::noSuchItem, "\"" + identifier + "\" names no file of the store", __func__, __LINE__);
+    return editorError(VdirErrorCode::noSuchItem, "\"" + identifier + "\" names no file of the store", __func__,
+                       __LINE__);
   found.collection = file->first;
   auto read = store_->readToEdit(file->first, file->second);
   if (!read) return read.error();
   if (!read->basis.status)
-    return editorError(VdirErrorCode::noSuchItem, "\"" + identifier + "\" is no longer in the store", __func__, __LINE__);
+    return editorError(VdirErrorCode::noSuchItem, "\"" + identifier + "\" is no longer in the store", __func__,
+                       __LINE__);
   found.file = std::move(read).value();
   auto document = VdirDocument::parse(found.file.basis.text);
   if (!document)
@@ -284,28 +283,17 @@ std::optional<std::pair<std::string, std::string>> holderOf(const VdirSnapshot& 
                                                             const std::string& written) {
   const std::string unescaped = unescapedText(written);
   auto same = [&](const std::string& uid) { return uid == written || uid == unescaped; };
-  for (const VdirCollection& candidate : snapshot.collections) {
-    if (candidate.identifier != collection) continue;
-    for (const auto& item : candidate.items) {
-      for (const VdirSeriesData& series : item->series) {
-        const VdirComponentData& any = series.master ? *series.master : series.overrides.front();
-        if (same(any.uid)) return std::make_pair(item->relativePath, series.identifier);
-      }
-      for (const VdirComponentData& todo : item->todos)
-        if (same(todo.uid)) return std::make_pair(item->relativePath, todo.todoData->identifier);
+  const VdirCollection* holder = collectionNamed(snapshot, collection);
+  if (!holder) return std::nullopt;
+  for (const auto& item : holder->items) {
+    for (const VdirSeriesData& series : item->series) {
+      const VdirComponentData& any = series.master ? *series.master : series.overrides.front();
+      if (same(any.uid)) return std::make_pair(item->relativePath, series.identifier);
     }
+    for (const VdirComponentData& todo : item->todos)
+      if (same(todo.uid)) return std::make_pair(item->relativePath, todo.todoData->identifier);
   }
   return std::nullopt;
-}
-
-// Defines the system zones `document` uses undefined that were not so in `before`; zones the
-// system does not know stay named only, as the imported file had them.
-void defineKnownZones(VdirDocument& document, const std::vector<std::string>& before) {
-  std::vector<std::string> added;
-  for (const std::string& tzid : undefinedZones(document))
-    if (std::find(before.begin(), before.end(), tzid) == before.end() && systemZoneDefinition(tzid))
-      added.push_back(tzid);
-  (void)defineZones(document, added, systemZoneDefinition);
 }
 
 }  // namespace
@@ -314,7 +302,8 @@ rivet::RivetResult<VdirImport> VdirItemEditor::importItem(const std::string& col
   VdirImport result;
   if (auto holder = holderOf(*store_->snapshot(), collection, item.uid)) {
     auto file = store_->fileOf(holder->first);
-    auto read = file ? store_->readToEdit(file->first, file->second) : rivet::RivetResult<VdirFileToEdit>(VdirFileToEdit());
+    auto read =
+        file ? store_->readToEdit(file->first, file->second) : rivet::RivetResult<VdirFileToEdit>(VdirFileToEdit());
     if (!read) return read.error();
     if (read->basis.status) {
       auto document = VdirDocument::parse(read->basis.text);
@@ -324,8 +313,9 @@ rivet::RivetResult<VdirImport> VdirItemEditor::importItem(const std::string& col
       result.plan.identifier = holder->second;
       const std::vector<std::string> before = undefinedZones(*document);
       if (!mergeImported(*document, item, contextFor(*document))) return result;
-      defineImportedZones(*document, item);
-      defineKnownZones(*document, before);
+      // The sender's definitions first; a zone the file named undefined before stays so.
+      defineKnownZones(*document, undefinedZones(*document), importedZones(item, nullptr));
+      defineKnownZones(*document, undefinedZones(*document, before), systemZoneDefinition);
       result.outcome = VdirImportOutcome::updated;
       result.plan.changes.push_back({read->collection, read->name, document->text(), read->basis});
       return result;
@@ -346,8 +336,8 @@ rivet::RivetResult<VdirImport> VdirItemEditor::importItem(const std::string& col
     result.plan.changes.push_back({collection, candidate, document->text(), fresh->basis});
     return result;
   }
-  return editorError(VdirErrorCode::invalidChange, "every file name for the UID \"" + item.uid + "\" is taken", __func__,
-                     __LINE__);
+  return editorError(VdirErrorCode::invalidChange, "every file name for the UID \"" + item.uid + "\" is taken",
+                     __func__, __LINE__);
 }
 
 rivet::RivetResult<std::shared_ptr<const VdirSnapshot>> VdirItemEditor::apply(const VdirPlan& plan) {

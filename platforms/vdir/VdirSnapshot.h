@@ -41,4 +41,11 @@ struct VdirSnapshot {
   std::uint64_t generation = 0;
 };
 
+// The collection of `snapshot` with that identifier, or null.
+inline const VdirCollection* collectionNamed(const VdirSnapshot& snapshot, std::string_view identifier) {
+  for (const VdirCollection& collection : snapshot.collections)
+    if (collection.identifier == identifier) return &collection;
+  return nullptr;
+}
+
 }  // namespace vesp::vdir

@@ -126,7 +126,9 @@ Date addLocalDays(Date date, int days) {
   return Date::fromTimeIntervalSince1970(static_cast<double>(std::mktime(&fields)));
 }
 
-const char* kindName(platform::EKEntityType type) { return type == platform::EKEntityTypeReminder ? "reminders" : "events"; }
+const char* kindName(platform::EKEntityType type) {
+  return type == platform::EKEntityTypeReminder ? "reminders" : "events";
+}
 
 // The manager running over the vdir platform, for the length of one call.
 class Session {
@@ -169,7 +171,9 @@ class Session {
     (void)framework_.tearDownAll(impetus());
   }
 
-  static rivet::RivetImpetus impetus() { return rivet::RivetImpetus("vesp command", std::nullopt, "vesp", "main()", 1); }
+  static rivet::RivetImpetus impetus() {
+    return rivet::RivetImpetus("vesp command", std::nullopt, "vesp", "main()", 1);
+  }
 
   void check(const rivet::RivetResult<void>& result, const char* what) {
     if (!result) throw Exit{kExitFailure, std::string("vesp: ") + what + " failed: " + result.error().description()};
@@ -256,8 +260,9 @@ VespCalendarQuery queryOf(const std::vector<std::string>& identifiers, const std
   if (identifiers.empty()) return VespCalendarQuery::all();
   std::set<std::string> wanted;
   for (const auto& identifier : identifiers) {
-    bool exists = std::any_of(known.begin(), known.end(),
-                              [&](const VespCalendar& calendar) { return calendar.calendarIdentifier() == identifier; });
+    bool exists = std::any_of(known.begin(), known.end(), [&](const VespCalendar& calendar) {
+      return calendar.calendarIdentifier() == identifier;
+    });
     if (!exists)
       throw Exit{kExitUsage, "vesp: there is no calendar \"" + identifier + "\"; `vesp " + listing + "` lists them"};
     wanted.insert(identifier);
@@ -353,8 +358,8 @@ std::optional<VespEventInstanceIdentifier> referenced(Invocation& call, const st
   if (!std::regex_match(text, match, form)) return std::nullopt;
   const Date day = parseDate(match[1].str() + "-" + match[2].str() + "-" + match[3].str(), "the reference");
   const std::string prefix = match[4];
-  auto found = valueOrExit(call.session.manager().getEventInstances(day, addLocalDays(day, 1), VespCalendarQuery::all()),
-                           kExitFailure);
+  auto found = valueOrExit(
+      call.session.manager().getEventInstances(day, addLocalDays(day, 1), VespCalendarQuery::all()), kExitFailure);
   std::vector<VespEventInstanceIdentifier> matches;
   for (const auto& event : found)
     if (agendaDay(event) == text.substr(0, 8) && occurrenceHash(event).compare(0, prefix.size(), prefix) == 0)
@@ -481,7 +486,8 @@ std::string alarmTrigger(const std::string& text) {
   const std::string amount = !text.empty() && (text[0] == '-' || text[0] == '+') ? text.substr(1) : text;
   const auto seconds = secondsOf(amount);
   if (!seconds)
-    throw Exit{kExitUsage, "vesp: --alarm \"" + text + "\" is not a time from the start: use for example -15m, -1d or none"};
+    throw Exit{kExitUsage,
+               "vesp: --alarm \"" + text + "\" is not a time from the start: use for example -15m, -1d or none"};
   std::string trigger = std::string(before ? "-" : "") + "P";
   if (*seconds % 86400 == 0 && *seconds > 0) return trigger + std::to_string(*seconds / 86400) + "D";
   trigger += "T";
@@ -521,7 +527,8 @@ void setTimes(const Arguments& args, const vdir::VdirClock& clock, bool isNew, v
   if (!args.end.empty()) changes.end = timeOf(args.end, "--end", args.allDay, clock);
   if (!changes.start || changes.end || (args.duration.empty() && !isNew)) return;
   const long long seconds = args.duration.empty() ? (args.allDay ? 86400 : 3600) : durationOf(args.duration);
-  if (args.allDay && seconds % 86400 != 0) throw Exit{kExitUsage, "vesp: an all-day event lasts whole days (1d, 2d, ...)"};
+  if (args.allDay && seconds % 86400 != 0)
+    throw Exit{kExitUsage, "vesp: an all-day event lasts whole days (1d, 2d, ...)"};
   vdir::VdirTime end = *changes.start;
   if (args.allDay) {
     end.local = icaltime_add(end.local, icaldurationtype_from_int(static_cast<int>(seconds)));
@@ -539,13 +546,6 @@ VespSettings settingsOf(const Arguments& args) {
   } catch (const std::exception& failure) {
     throw Exit{kExitFailure, failure.what()};
   }
-}
-
-// The collection of the snapshot with that identifier, or null.
-const vdir::VdirCollection* collectionNamed(const vdir::VdirSnapshot& snapshot, const std::string& identifier) {
-  for (const auto& collection : snapshot.collections)
-    if (collection.identifier == identifier) return &collection;
-  return nullptr;
 }
 
 // The collection a new item goes to: --calendar, else for an event the default calendar set with
@@ -567,7 +567,8 @@ std::string collectionFor(Invocation& call, platform::EKEntityMask mask, const c
       return collection.identifier;
   throw Exit{kExitUsage, std::string("vesp: the store has no writable ") +
                              (mask == platform::EKEntityMaskReminder ? "reminder list" : "calendar") + "; `vesp " +
-                             listing + "` lists them, and " + option + " chooses one (an empty collection counts as a calendar)"};
+                             listing + "` lists them, and " + option +
+                             " chooses one (an empty collection counts as a calendar)"};
 }
 
 // The files a plan writes or removes, with their new text (--dry-run --json).
@@ -575,7 +576,8 @@ json changesOf(const vdir::VdirPlan& plan) {
   json changes = json::array();
   for (const auto& change : plan.changes) {
     const std::string file = change.collection + "/" + change.name;
-    changes.push_back(change.bytes ? json{{"file", file}, {"text", *change.bytes}} : json{{"file", file}, {"removed", true}});
+    changes.push_back(change.bytes ? json{{"file", file}, {"text", *change.bytes}}
+                                   : json{{"file", file}, {"removed", true}});
   }
   return changes;
 }
@@ -659,7 +661,8 @@ Occurrences occurrencesChosen(Invocation& call, const vdir::VdirItemEditor& edit
   auto [identifier, occurrence] = eventNamed(call);
   std::string span = args.span;
   if (args.future) {
-    if (!span.empty() && span != "future") throw Exit{kExitUsage, "vesp: --future means --span future: give one of them"};
+    if (!span.empty() && span != "future")
+      throw Exit{kExitUsage, "vesp: --future means --span future: give one of them"};
     span = "future";
   }
   if (span == "all") return {identifier, std::nullopt};
@@ -683,7 +686,8 @@ void runNew(Invocation& call) {
   setTimes(call.args, store->clock(), true, changes);
   setRepeatAndAlarms(call.args, changes);
   vdir::VdirItemEditor editor(store);
-  auto plan = writtenOrExit(editor.newItem(collectionFor(call, platform::EKEntityMaskEvent, "calendars", "--calendar"), "VEVENT", changes));
+  auto plan = writtenOrExit(
+      editor.newItem(collectionFor(call, platform::EKEntityMaskEvent, "calendars", "--calendar"), "VEVENT", changes));
   saveOrShow(call, editor, plan, false);
 }
 
@@ -759,9 +763,9 @@ void runImport(Invocation& call) {
     for (const auto& item : file.second) (item.kind == "VTODO" ? todos : events) = true;
   if (events || !todos) call.session.requireAccess(platform::EKEntityTypeEvent, true);
   if (todos) call.session.requireAccess(platform::EKEntityTypeReminder, true);
-  const std::string collection = events || !todos
-                                     ? collectionFor(call, platform::EKEntityMaskEvent, "calendars", "--calendar")
-                                     : collectionFor(call, platform::EKEntityMaskReminder, "reminder-lists", "--calendar");
+  const std::string collection =
+      events || !todos ? collectionFor(call, platform::EKEntityMaskEvent, "calendars", "--calendar")
+                       : collectionFor(call, platform::EKEntityMaskReminder, "reminder-lists", "--calendar");
   vdir::VdirItemEditor editor(call.session.platform().store());
   json results = json::array();
   for (const auto& [path, items] : files) {
@@ -802,7 +806,8 @@ void runReminderNew(Invocation& call) {
   auto store = call.session.platform().store();
   const vdir::VdirItemChanges changes = reminderChanges(call.args, store->clock());
   vdir::VdirItemEditor editor(store);
-  auto plan = writtenOrExit(editor.newItem(collectionFor(call, platform::EKEntityMaskReminder, "reminder-lists", "--list"), "VTODO", changes));
+  auto plan = writtenOrExit(editor.newItem(
+      collectionFor(call, platform::EKEntityMaskReminder, "reminder-lists", "--list"), "VTODO", changes));
   saveOrShow(call, editor, plan, true);
 }
 
@@ -811,10 +816,13 @@ void runReminderChange(Invocation& call, const char* change) {
   auto store = call.session.platform().store();
   vdir::VdirItemEditor editor(store);
   const std::string what = change;
-  if (what == "delete") return saveOrShow(call, editor, writtenOrExit(editor.removeReminder(call.args.identifier)), true);
+  if (what == "delete")
+    return saveOrShow(call, editor, writtenOrExit(editor.removeReminder(call.args.identifier)), true);
   if (what != "edit")
-    return saveOrShow(call, editor, writtenOrExit(editor.setReminderCompleted(call.args.identifier, what == "done")), true);
-  saveOrShow(call, editor, writtenOrExit(editor.changeReminder(call.args.identifier, reminderChanges(call.args, store->clock()))),
+    return saveOrShow(call, editor, writtenOrExit(editor.setReminderCompleted(call.args.identifier, what == "done")),
+                      true);
+  saveOrShow(call, editor,
+             writtenOrExit(editor.changeReminder(call.args.identifier, reminderChanges(call.args, store->clock()))),
              true);
 }
 
@@ -935,8 +943,9 @@ void runDefaultCalendar(Invocation& call) {
       throw Exit{kExitNotFound, "vesp: the store has no calendar \"" + neutralised(*args.setting) +
                                     "\" (`vesp calendars` lists them)"};
     if (!(found->calendar->allowedEntityTypes() & platform::EKEntityMaskEvent))
-      throw Exit{kExitUsage, "vesp: \"" + neutralised(*args.setting) +
-                                 "\" is a reminder list: the default calendar is for events (`vesp calendars` lists them)"};
+      throw Exit{kExitUsage,
+                 "vesp: \"" + neutralised(*args.setting) +
+                     "\" is a reminder list: the default calendar is for events (`vesp calendars` lists them)"};
     if (!store.writable(found->identifier))
       throw Exit{kExitFailure, "vesp: the calendar \"" + neutralised(*args.setting) +
                                    "\" is read-only: its directory cannot be written, so it cannot take new events"};
@@ -982,9 +991,10 @@ void addItemOptions(CLI::App* command, Arguments& args, bool event) {
     command->add_option("--repeat", args.repeat,
                         "How the whole series (with --future: the part that continues) repeats, as an RFC 5545 rule: "
                         "FREQ=WEEKLY;BYDAY=MO,WE;UNTIL=20270301");
-    command->add_option("--alarm", args.alarms,
-                        "An alarm before (-15m, -1d) or after (+5m) the start; repeat it for several; none removes them "
-                        "(the alarms given replace the ones the event had)");
+    command->add_option(
+        "--alarm", args.alarms,
+        "An alarm before (-15m, -1d) or after (+5m) the start; repeat it for several; none removes them "
+        "(the alarms given replace the ones the event had)");
   } else {
     command->add_option("--due", args.due, "When it is due: a day, or a day and time");
     command->add_option("--priority", args.priority, "0 (none), 1 (highest) to 9 (lowest)")->check(CLI::Range(0, 9));
@@ -1009,20 +1019,23 @@ void addOccurrenceOptions(CLI::App* command, Arguments& args, const char* future
 void addWriteCommands(CLI::App& app, Arguments& args, std::vector<Subcommand>& commands) {
   auto* created = app.add_subcommand("new", "Create an event");
   created->add_option("TITLE", args.title, "What it is")->required();
-  created->add_option("--calendar", args.calendar,
-                      "The calendar (default: the one set with `vesp config default-calendar`, else the first writable one)");
+  created->add_option(
+      "--calendar", args.calendar,
+      "The calendar (default: the one set with `vesp config default-calendar`, else the first writable one)");
   addItemOptions(created, args, true);
   created->get_option("--start")->required();
   commands.push_back({created, runNew});
 
   auto* edit = app.add_subcommand("edit", "Change an event: one occurrence, or with --future it and every later one");
-  addOccurrenceOptions(edit, args, "The same as --span future: this and every later occurrence (a new series from it on)");
+  addOccurrenceOptions(edit, args,
+                       "The same as --span future: this and every later occurrence (a new series from it on)");
   edit->add_option("--title", args.title, "A new title");
   edit->add_option("--calendar", args.calendar, "Move the whole series to this calendar");
   addItemOptions(edit, args, true);
   commands.push_back({edit, runEdit});
 
-  auto* remove = app.add_subcommand("delete", "Delete an event, one occurrence, or with --future it and every later one");
+  auto* remove =
+      app.add_subcommand("delete", "Delete an event, one occurrence, or with --future it and every later one");
   addOccurrenceOptions(remove, args, "The same as --span future: this and every later occurrence");
   remove->add_flag("--dry-run", args.dryRun, "Print what would be written or removed, and change nothing");
   commands.push_back({remove, runDelete});
@@ -1032,7 +1045,8 @@ void addWriteCommands(CLI::App& app, Arguments& args, std::vector<Subcommand>& c
   imports->add_option("FILE", args.files, "The .ics files (an invitation, another calendar's export)")->required();
   imports->add_option("--calendar", args.calendar,
                       "The calendar (default: as for `vesp new`; for to-dos alone, the first writable reminder list)");
-  imports->add_flag("--dry-run", args.dryRun, "Print what each item would do and the text it would write, and write nothing");
+  imports->add_flag("--dry-run", args.dryRun,
+                    "Print what each item would do and the text it would write, and write nothing");
   commands.push_back({imports, runImport});
 }
 
@@ -1076,8 +1090,10 @@ std::vector<Subcommand> addSubcommands(CLI::App& app, Arguments& args) {
                         "Only this reminder list (repeatable; `vesp reminder-lists` lists them)");
   commands.push_back({reminders, runReminders});
 
-  auto* reminder = app.add_subcommand("reminder", "Show one reminder, or create, complete, reopen, change or delete one");
-  reminder->add_option("ID", args.identifier, "The reminder's calendarItemIdentifier, as `vesp reminders --json` prints it");
+  auto* reminder =
+      app.add_subcommand("reminder", "Show one reminder, or create, complete, reopen, change or delete one");
+  reminder->add_option("ID", args.identifier,
+                       "The reminder's calendarItemIdentifier, as `vesp reminders --json` prints it");
   reminder->require_subcommand(0, 1);
   commands.push_back({reminder, [](Invocation& call) {
                         if (call.args.identifier.empty())
@@ -1112,7 +1128,8 @@ std::vector<Subcommand> addSubcommands(CLI::App& app, Arguments& args) {
   auto* access = app.add_subcommand("access", "Show, request or reset this program's access to events and reminders");
   access->add_option("KIND", args.accessKind, "events or reminders (default: both)")
       ->check(CLI::IsMember({"events", "reminders"}));
-  access->add_flag("--request", args.request, "Ask for access when it has not been decided (needs a terminal or --yes)");
+  access->add_flag("--request", args.request,
+                   "Ask for access when it has not been decided (needs a terminal or --yes)");
   access->add_flag("--reset", args.reset, "Forget the decision, so that the next request asks again");
   commands.push_back({access, runAccess});
 

@@ -1,6 +1,7 @@
 #include "tools/vesp/VespOutput.h"
 
 #include <algorithm>
+#include <iterator>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -26,7 +27,9 @@ json named(E value) {
 }
 
 json toJSON(const VespSource& source) {
-  return {{"sourceIdentifier", source.sourceIdentifier()}, {"sourceType", named(source.sourceType())}, {"title", source.title()}};
+  return {{"sourceIdentifier", source.sourceIdentifier()},
+          {"sourceType", named(source.sourceType())},
+          {"title", source.title()}};
 }
 
 json toJSON(const VespStructuredLocation& location) {
@@ -266,19 +269,28 @@ std::string occurrenceHash(const VespEventInstance& event) {
 
 std::vector<std::string> references(const std::vector<VespEventInstance>& events,
                                     const std::vector<VespEventInstance>& sameDays) {
+  // Each day's hashes, sorted: the longest prefix a hash shares is with a neighbour.
   std::map<std::string, std::vector<std::string>> hashesByDay;
   for (const auto& event : sameDays) hashesByDay[agendaDay(event)].push_back(occurrenceHash(event));
+  for (auto& [day, hashes] : hashesByDay) {
+    std::sort(hashes.begin(), hashes.end());
+    hashes.erase(std::unique(hashes.begin(), hashes.end()), hashes.end());
+  }
+  auto sharedPrefix = [](const std::string& one, const std::string& other) {
+    std::size_t shared = 0;
+    while (shared < one.size() && shared < other.size() && one[shared] == other[shared]) ++shared;
+    return shared;
+  };
   std::vector<std::string> result;
   for (const auto& event : events) {
     const std::string day = agendaDay(event), hash = occurrenceHash(event);
-    std::size_t length = 4;
-    for (const std::string& other : hashesByDay[day]) {
-      if (other == hash) continue;
-      std::size_t shared = 0;
-      while (shared < hash.size() && other[shared] == hash[shared]) ++shared;
-      length = std::max(length, std::min(shared + 1, hash.size()));
-    }
-    result.push_back(day + "-" + hash.substr(0, length));
+    const std::vector<std::string>& hashes = hashesByDay[day];
+    auto at = std::lower_bound(hashes.begin(), hashes.end(), hash);
+    std::size_t shared = 0;
+    if (at != hashes.begin()) shared = sharedPrefix(hash, *std::prev(at));
+    if (at != hashes.end() && *at == hash) ++at;
+    if (at != hashes.end()) shared = std::max(shared, sharedPrefix(hash, *at));
+    result.push_back(day + "-" + hash.substr(0, std::max<std::size_t>(4, std::min(shared + 1, hash.size()))));
   }
   return result;
 }
@@ -314,12 +326,14 @@ void printEvent(std::ostream& out, const VespEventInstance& event, const HumanSt
   if (event.isAllDay())
     line("when", localTime(event.startDate(), "%a %d %b %Y") + " (all day)");
   else
-    line("when", localTime(event.startDate(), "%a %d %b %Y %H:%M") + " - " + localTime(event.endDate(), "%a %d %b %Y %H:%M"));
+    line("when",
+         localTime(event.startDate(), "%a %d %b %Y %H:%M") + " - " + localTime(event.endDate(), "%a %d %b %Y %H:%M"));
   line("calendar", event.calendar().title());
   if (event.location()) line("location", *event.location());
   if (event.url()) line("link", event.url()->absoluteString());
   line("status", std::string(description(event.status())));
-  if (event.organizer()) line("organiser", event.organizer()->name().value_or(event.organizer()->url().absoluteString()));
+  if (event.organizer())
+    line("organiser", event.organizer()->name().value_or(event.organizer()->url().absoluteString()));
   if (event.attendees())
     for (const auto& attendee : *event.attendees())
       line("attendee", attendee.name().value_or(attendee.url().absoluteString()) + " (" +

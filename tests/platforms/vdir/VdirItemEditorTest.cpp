@@ -480,6 +480,24 @@ TEST_F(VdirItemEditorTest, ImportedUidsNeverNameAFileOutsideTheCollection) {
   EXPECT_EQ(importAll(*editor, "d", text), Outcomes(uids.size(), kUnchanged));
 }
 
+TEST_F(VdirItemEditorTest, UidsThatDifferOnlyInCaseAreTwoItems) {
+  // RFC 5545 compares UIDs exactly: "Case" and "case" are two items, each in its own file.
+  const std::string text =
+      "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:x\r\nBEGIN:VTODO\r\nUID:Case\r\nSUMMARY:Upper\r\nEND:VTODO\r\n"
+      "BEGIN:VTODO\r\nUID:case\r\nSUMMARY:Lower\r\nEND:VTODO\r\nEND:VCALENDAR\r\n";
+  EXPECT_EQ(importAll(*editor, "d", text), (Outcomes{kAdded, kAdded}));
+  EXPECT_THAT(readFile(root.path() / "d/Case.ics"), HasSubstr("SUMMARY:Upper\r\n"));
+  EXPECT_THAT(readFile(root.path() / "d/case.ics"), HasSubstr("SUMMARY:Lower\r\n"));
+  reopen();
+  EXPECT_EQ(importAll(*editor, "d", text), (Outcomes{kUnchanged, kUnchanged}));
+  const std::string newer =
+      "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:x\r\nBEGIN:VTODO\r\nUID:case\r\nSEQUENCE:1\r\n"
+      "SUMMARY:Lower again\r\nEND:VTODO\r\nEND:VCALENDAR\r\n";
+  EXPECT_EQ(importAll(*editor, "d", newer), Outcomes{kUpdated});
+  EXPECT_THAT(readFile(root.path() / "d/Case.ics"), HasSubstr("SUMMARY:Upper\r\n"));
+  EXPECT_THAT(readFile(root.path() / "d/case.ics"), HasSubstr("SUMMARY:Lower again\r\n"));
+}
+
 TEST_F(VdirItemEditorTest, WhatAnImportOrAnEditBringsIntoAFileTakesTheFilesLineEnds) {
   writeFile(root.path() / "d/lf.ics",
             "BEGIN:VCALENDAR\nVERSION:2.0\nPRODID:-//Unix//EN\nBEGIN:VEVENT\nUID:lf\nDTSTAMP:20261001T000000Z\n"

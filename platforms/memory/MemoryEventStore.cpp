@@ -315,6 +315,78 @@ void MemoryEventStore::removeEvent(const std::shared_ptr<platform::EKEvent>& eve
   if (world_->removeEvent(event.get())) world_->postStoreChanged();
 }
 
+namespace {
+
+platform::NSError memoryError(MemoryErrorCode code, std::string description) {
+  return platform::NSError(MemoryErrorDomain, static_cast<std::int64_t>(code), std::move(description));
+}
+
+// Why the world cannot keep `f` in its calendar, if it cannot.
+std::optional<platform::NSError> refusal(const MemoryEventFields& f, const MemoryWorld& world) {
+  const auto calendars = world.calendars();
+  const bool held = f.item.calendar && std::any_of(calendars.begin(), calendars.end(), [&](const auto& calendar) {
+                      return calendar == f.item.calendar;
+                    });
+  if (!held) return memoryError(MemoryErrorCode::noCalendar, "the event has no calendar of this store");
+  if (!f.item.calendar->allowsContentModifications())
+    return memoryError(MemoryErrorCode::readOnlyCalendar,
+                       "the calendar \"" + f.item.calendar->title() + "\" does not allow changes");
+  return std::nullopt;
+}
+
+// The later occurrences of the event `f` is an occurrence of.
+std::vector<std::shared_ptr<MemoryEvent>> laterOccurrences(const MemoryEventFields& f, const MemoryWorld& world) {
+  std::vector<std::shared_ptr<MemoryEvent>> later;
+  if (!f.eventIdentifier || !f.occurrenceDate) return later;
+  for (const auto& other : world.events()) {
+    const MemoryEventFields o = other->fields();
+    if (o.eventIdentifier == f.eventIdentifier && o.occurrenceDate && *f.occurrenceDate < *o.occurrenceDate)
+      later.push_back(other);
+  }
+  return later;
+}
+
+}  // namespace
+
+std::optional<platform::NSError> MemoryEventStore::saveEvent(const std::shared_ptr<platform::EKEvent>& event,
+                                                             platform::EKSpan span) {
+  auto memoryEvent = std::dynamic_pointer_cast<MemoryEvent>(event);
+  if (!memoryEvent)
+    return memoryError(MemoryErrorCode::invalidChange, "the event was not made by the memory platform");
+  const MemoryEventFields f = memoryEvent->fields();
+  if (auto refused = refusal(f, *world_)) return refused;
+  if (!f.startDate || !f.endDate)
+    return memoryError(MemoryErrorCode::invalidChange, "an event needs a start and an end");
+  if (*f.endDate < *f.startDate)
+    return memoryError(MemoryErrorCode::endBeforeStart, "the event ends before it starts");
+  if (span == platform::EKSpanFutureEvents)
+    for (const auto& later : laterOccurrences(f, *world_))
+      later->update([&](MemoryEventFields& o) {
+        o.item.title = f.item.title;
+        o.item.location = f.item.location;
+        o.item.notes = f.item.notes;
+        o.item.url = f.item.url;
+        o.item.calendar = f.item.calendar;
+      });
+  saveEvent(memoryEvent);
+  return std::nullopt;
+}
+
+std::optional<platform::NSError> MemoryEventStore::removeEvent(const std::shared_ptr<platform::EKEvent>& event,
+                                                               platform::EKSpan span) {
+  auto memoryEvent = std::dynamic_pointer_cast<MemoryEvent>(event);
+  const auto events = world_->events();
+  if (!memoryEvent || std::find(events.begin(), events.end(), memoryEvent) == events.end())
+    return memoryError(MemoryErrorCode::noSuchItem, "the event is not in the store");
+  const MemoryEventFields f = memoryEvent->fields();
+  if (auto refused = refusal(f, *world_)) return refused;
+  if (span == platform::EKSpanFutureEvents)
+    for (const auto& later : laterOccurrences(f, *world_)) world_->removeEvent(later.get());
+  world_->removeEvent(memoryEvent.get());
+  world_->postStoreChanged();
+  return std::nullopt;
+}
+
 void MemoryEventStore::postChanged() {
   world_->notificationCenter()->postNotificationName(platform::EKEventStoreChangedNotification,
                                                      std::static_pointer_cast<platform::NSObject>(shared_from_this()));

@@ -64,6 +64,17 @@ struct MemoryAccessRequest {
 
 class MemoryEventStore;
 
+// The memory platform's errors when saving or removing; the codes mean what the vdir platform's
+// codes of the same number mean.
+inline const std::string MemoryErrorDomain = "VespMemoryErrorDomain";
+enum class MemoryErrorCode : std::int64_t {
+  readOnlyCalendar = 10,  // the calendar does not allow content modifications
+  noCalendar = 11,        // the event has no calendar, or one this world does not hold
+  endBeforeStart = 12,
+  noSuchItem = 17,     // the event is not in the world
+  invalidChange = 18,  // any other change the world cannot take (an event of another platform, no start)
+};
+
 // The state that every store, screen and service of one memory platform shares.
 class MemoryWorld {
  public:
@@ -181,8 +192,19 @@ class MemoryEventStore final : public platform::EKEventStore {
   void requestAccessToEntityType(platform::EKEntityType entityType, AccessCompletion completion) override;
   std::string description() const override;
 
+  // The world's events are its own objects, so what a host sets on one is what every store reads
+  // at once; a save checks it (a calendar that takes changes, a start and an end in order), keeps
+  // the event, and posts the store-changed notification on every store. With EKSpanFutureEvents,
+  // the title, location, notes, URL and calendar also go to the later occurrences of its event
+  // (the world keeps occurrences, not rules). A refused save posts nothing.
+  std::optional<platform::NSError> saveEvent(const std::shared_ptr<platform::EKEvent>& event,
+                                             platform::EKSpan span) override;
+  // Removes the occurrence (with EKSpanFutureEvents also the later ones of its event).
+  std::optional<platform::NSError> removeEvent(const std::shared_ptr<platform::EKEvent>& event,
+                                               platform::EKSpan span) override;
+
   // Writes a new or changed event to the world (giving a new one its identifiers and, if absent,
-  // its occurrence date) and posts the store-changed notification on every store.
+  // its occurrence date) and posts the store-changed notification on every store, unchecked.
   void saveEvent(const std::shared_ptr<MemoryEvent>& event);
   // Removes an event from the world and posts the store-changed notification on every store.
   void removeEvent(const std::shared_ptr<platform::EKEvent>& event);

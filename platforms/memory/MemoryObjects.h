@@ -239,6 +239,19 @@ class MemoryCalendarItem : public Interface, public MemoryRecord<Fields> {
   std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>> recurrenceRules() const override {
     return this->read("recurrenceRules", [](const Fields& f) { return f.item.recurrenceRules; });
   }
+  // A memory item is the world's own object: what is set is what every store reads.
+  void setTitle(std::optional<std::string> title) override {
+    this->update([&](Fields& f) { f.item.title = std::move(title); });
+  }
+  void setLocation(std::optional<std::string> location) override {
+    this->update([&](Fields& f) { f.item.location = std::move(location); });
+  }
+  void setNotes(std::optional<std::string> notes) override {
+    this->update([&](Fields& f) { f.item.notes = std::move(notes); });
+  }
+  void setURL(std::optional<platform::URL> url) override {
+    this->update([&](Fields& f) { f.item.url = std::move(url); });
+  }
 };
 
 struct MemoryEventFields {

@@ -1,5 +1,7 @@
 #include "platforms/vdir/VdirEventStore.h"
 
+#include "platforms/vdir/VdirSaves.h"
+
 namespace vesp::vdir {
 
 namespace {
@@ -130,6 +132,18 @@ std::shared_ptr<platform::EKCalendarItem> VdirEventStore::calendarItemWithIdenti
   auto snapshot = source->snapshot();
   if (auto reminder = VdirQueries::reminder(*snapshot, identifier)) return reminder;
   return source->queries().firstOccurrence(*snapshot, identifier);
+}
+
+std::optional<platform::NSError> VdirEventStore::saveEvent(const std::shared_ptr<platform::EKEvent>& event,
+                                                           platform::EKSpan span) {
+  if (!services_->store) return vdirError(VdirErrorCode::readOnlyCalendar, "this store is only read");
+  return vdir::saveEvent(*services_->store, event, span);
+}
+
+std::optional<platform::NSError> VdirEventStore::removeEvent(const std::shared_ptr<platform::EKEvent>& event,
+                                                             platform::EKSpan span) {
+  if (!services_->store) return vdirError(VdirErrorCode::readOnlyCalendar, "this store is only read");
+  return vdir::removeEvent(*services_->store, event, span);
 }
 
 void VdirEventStore::requestAccessToEntityType(platform::EKEntityType entityType, AccessCompletion completion) {

@@ -23,9 +23,12 @@
 
 namespace vesp::vdir {
 
+class VdirStore;
+
 // What the connections of one platform share.
 struct VdirServices {
   std::shared_ptr<VdirSnapshotSource> source;
+  std::shared_ptr<VdirStore> store;  // what saves write to (the source itself); null: nothing is saved
   std::shared_ptr<VdirAccess> access;
   std::shared_ptr<platform::NSNotificationCenter> center;
   std::shared_ptr<platform::NSBundle> bundle;
@@ -57,6 +60,11 @@ class VdirEventStore : public platform::EKEventStore {
   std::string fetchRemindersMatchingPredicate(const std::shared_ptr<platform::EKPredicate>& predicate,
                                               ReminderFetchCompletion completion) override;
   std::shared_ptr<platform::EKCalendarItem> calendarItemWithIdentifier(const std::string& identifier) override;
+  // Saves and removals write the directory store (VdirSaves.h); errors are VdirErrorDomain's.
+  std::optional<platform::NSError> saveEvent(const std::shared_ptr<platform::EKEvent>& event,
+                                             platform::EKSpan span) override;
+  std::optional<platform::NSError> removeEvent(const std::shared_ptr<platform::EKEvent>& event,
+                                               platform::EKSpan span) override;
   void requestAccessToEntityType(platform::EKEntityType entityType, AccessCompletion completion) override;
   std::string description() const override;
 

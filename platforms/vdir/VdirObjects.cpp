@@ -176,7 +176,7 @@ std::string VdirCalendar::description() const {
   return "<EKCalendar '" + fields_.title + "' " + fields_.identifier + ">";
 }
 
-std::optional<platform::URL> VdirEvent::URL() const { return urlOf(data()); }
+std::optional<platform::URL> VdirEvent::URL() const { return set_.read(&VdirSetValues::url, urlOf(data())); }
 std::optional<platform::TimeZone> VdirEvent::timeZone() const { return zoneOf(data()); }
 std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> VdirEvent::alarms() const { return alarmsOf(data()); }
 std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> VdirEvent::attendees() const {
@@ -203,7 +203,7 @@ std::string VdirEvent::description() const {
   return "<EKEvent '" + data().summary.value_or("") + "' " + fields_.eventIdentifier + " " + fields_.start.iso8601() + ">";
 }
 
-std::optional<platform::URL> VdirReminder::URL() const { return urlOf(data()); }
+std::optional<platform::URL> VdirReminder::URL() const { return set_.read(&VdirSetValues::url, urlOf(data())); }
 std::optional<platform::TimeZone> VdirReminder::timeZone() const { return zoneOf(data()); }
 std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> VdirReminder::alarms() const {
   return alarmsOf(data());
@@ -224,36 +224,54 @@ std::string VdirReminder::description() const {
 }
 
 std::shared_ptr<platform::EKCalendar> VdirNewEvent::calendar() const {
-  rivet::RivetMutexLock lock(mutex_);
-  return calendar_;
+  return set_.read(&VdirSetValues::calendar, std::shared_ptr<platform::EKCalendar>());
 }
 std::optional<platform::Date> VdirNewEvent::endDate() const {
-  rivet::RivetMutexLock lock(mutex_);
-  return end_;
+  return set_.read(&VdirSetValues::end, std::optional<platform::Date>());
 }
-bool VdirNewEvent::isAllDay() const {
-  rivet::RivetMutexLock lock(mutex_);
-  return allDay_;
-}
+bool VdirNewEvent::isAllDay() const { return set_.read(&VdirSetValues::allDay, false); }
 std::optional<platform::Date> VdirNewEvent::startDate() const {
-  rivet::RivetMutexLock lock(mutex_);
-  return start_;
+  return set_.read(&VdirSetValues::start, std::optional<platform::Date>());
 }
-void VdirNewEvent::setStartDate(platform::Date startDate) {
+std::optional<std::string> VdirNewEvent::savedIdentifier() const {
   rivet::RivetMutexLock lock(mutex_);
-  start_ = startDate;
+  return saved_;
 }
-void VdirNewEvent::setEndDate(platform::Date endDate) {
+void VdirNewEvent::setSavedIdentifier(std::string identifier) {
   rivet::RivetMutexLock lock(mutex_);
-  end_ = endDate;
+  saved_ = std::move(identifier);
 }
-void VdirNewEvent::setAllDay(bool allDay) {
-  rivet::RivetMutexLock lock(mutex_);
-  allDay_ = allDay;
+
+// Setters: each records its value over the data read.
+void VdirEvent::setTitle(std::optional<std::string> value) { set_.assign(&VdirSetValues::title, std::move(value)); }
+void VdirEvent::setLocation(std::optional<std::string> value) {
+  set_.assign(&VdirSetValues::location, std::move(value));
 }
-void VdirNewEvent::setCalendar(std::shared_ptr<platform::EKCalendar> calendar) {
-  rivet::RivetMutexLock lock(mutex_);
-  calendar_ = std::move(calendar);
+void VdirEvent::setNotes(std::optional<std::string> value) { set_.assign(&VdirSetValues::notes, std::move(value)); }
+void VdirEvent::setURL(std::optional<platform::URL> value) { set_.assign(&VdirSetValues::url, std::move(value)); }
+void VdirEvent::setStartDate(platform::Date value) { set_.assign(&VdirSetValues::start, std::move(value)); }
+void VdirEvent::setEndDate(platform::Date value) { set_.assign(&VdirSetValues::end, std::move(value)); }
+void VdirEvent::setAllDay(bool value) { set_.assign(&VdirSetValues::allDay, std::move(value)); }
+void VdirEvent::setCalendar(std::shared_ptr<platform::EKCalendar> value) {
+  set_.assign(&VdirSetValues::calendar, std::move(value));
+}
+void VdirReminder::setTitle(std::optional<std::string> value) { set_.assign(&VdirSetValues::title, std::move(value)); }
+void VdirReminder::setLocation(std::optional<std::string> value) {
+  set_.assign(&VdirSetValues::location, std::move(value));
+}
+void VdirReminder::setNotes(std::optional<std::string> value) { set_.assign(&VdirSetValues::notes, std::move(value)); }
+void VdirReminder::setURL(std::optional<platform::URL> value) { set_.assign(&VdirSetValues::url, std::move(value)); }
+void VdirNewEvent::setTitle(std::optional<std::string> value) { set_.assign(&VdirSetValues::title, std::move(value)); }
+void VdirNewEvent::setLocation(std::optional<std::string> value) {
+  set_.assign(&VdirSetValues::location, std::move(value));
+}
+void VdirNewEvent::setNotes(std::optional<std::string> value) { set_.assign(&VdirSetValues::notes, std::move(value)); }
+void VdirNewEvent::setURL(std::optional<platform::URL> value) { set_.assign(&VdirSetValues::url, std::move(value)); }
+void VdirNewEvent::setStartDate(platform::Date value) { set_.assign(&VdirSetValues::start, std::move(value)); }
+void VdirNewEvent::setEndDate(platform::Date value) { set_.assign(&VdirSetValues::end, std::move(value)); }
+void VdirNewEvent::setAllDay(bool value) { set_.assign(&VdirSetValues::allDay, std::move(value)); }
+void VdirNewEvent::setCalendar(std::shared_ptr<platform::EKCalendar> value) {
+  set_.assign(&VdirSetValues::calendar, std::move(value));
 }
 
 }  // namespace vesp::vdir

@@ -1,5 +1,6 @@
-// The platform objects the vdir store hands out. Each is an immutable view of the compact data of
-// one file version (kept alive by the object), so an answer stays whole while files change.
+// The platform objects the vdir store hands out. Each reads the compact data of one file version
+// (kept alive by the object), so an answer stays whole while files change; what a host sets on an
+// event or reminder is kept on the object, over that data, until the store saves it.
 #pragma once
 
 #include <memory>
@@ -19,6 +20,40 @@
 #include "support/rivet/RivetMutex.h"
 
 namespace vesp::vdir {
+
+// What a host set on an event or reminder: each attribute it set, or nothing.
+struct VdirSetValues {
+  std::optional<std::optional<std::string>> title, location, notes;
+  std::optional<std::optional<platform::URL>> url;
+  std::optional<platform::Date> start, end;
+  std::optional<bool> allDay;
+  std::optional<std::shared_ptr<platform::EKCalendar>> calendar;
+};
+
+// The values set on one object, under its own lock.
+class VdirSettable {
+ public:
+  VdirSetValues values() const {
+    rivet::RivetMutexLock lock(mutex_);
+    return values_;
+  }
+  template <class Field, class T>
+  void assign(Field field, T value) {
+    rivet::RivetMutexLock lock(mutex_);
+    values_.*field = std::move(value);
+  }
+  // What `field` of the set values holds, or `unset` when it was not set.
+  template <class T, class Field>
+  T read(Field field, T unset) const {
+    rivet::RivetMutexLock lock(mutex_);
+    const auto& value = values_.*field;
+    return value ? T(*value) : std::move(unset);
+  }
+
+ private:
+  mutable rivet::RivetMutex mutex_;
+  VdirSetValues values_ RIVET_GUARDED_BY(mutex_);
+};
 
 class VdirSource : public platform::EKSource {
  public:
@@ -85,42 +120,59 @@ class VdirEvent : public platform::EKEvent {
   explicit VdirEvent(VdirOccurrenceFields fields) : fields_(std::move(fields)) {}
   const VdirOccurrenceFields& fields() const { return fields_; }
 
-  std::shared_ptr<platform::EKCalendar> calendar() const override { return fields_.calendar; }
+  std::shared_ptr<platform::EKCalendar> calendar() const override {
+    return set_.read(&VdirSetValues::calendar, fields_.calendar);
+  }
   std::string calendarItemIdentifier() const override { return fields_.eventIdentifier; }
   std::optional<std::string> calendarItemExternalIdentifier() const override { return data().uid; }
   std::optional<platform::Date> creationDate() const override { return data().created; }
   std::optional<platform::Date> lastModifiedDate() const override { return data().lastModified; }
-  std::optional<std::string> location() const override { return data().location; }
-  std::optional<std::string> notes() const override { return data().description; }
+  std::optional<std::string> location() const override { return set_.read(&VdirSetValues::location, data().location); }
+  std::optional<std::string> notes() const override { return set_.read(&VdirSetValues::notes, data().description); }
   std::optional<platform::URL> URL() const override;
   std::optional<platform::TimeZone> timeZone() const override;
-  std::optional<std::string> title() const override { return data().summary.value_or(""); }
+  std::optional<std::string> title() const override {
+    return set_.read(&VdirSetValues::title, std::optional<std::string>(data().summary.value_or("")));
+  }
   std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> alarms() const override;
   std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> attendees() const override;
   std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>> recurrenceRules() const override;
 
   platform::EKEventAvailability availability() const override { return data().availability; }
   std::optional<std::string> birthdayContactIdentifier() const override { return std::nullopt; }
-  std::optional<platform::Date> endDate() const override { return fields_.end; }
+  std::optional<platform::Date> endDate() const override {
+    return set_.read(&VdirSetValues::end, std::optional<platform::Date>(fields_.end));
+  }
   std::optional<std::string> eventIdentifier() const override { return fields_.eventIdentifier; }
   std::optional<platform::Date> occurrenceDate() const override { return fields_.occurrence; }
-  bool isAllDay() const override { return data().start.isDate(); }
+  bool isAllDay() const override { return set_.read(&VdirSetValues::allDay, data().start.isDate()); }
   bool isDetached() const override { return fields_.detached; }
   std::shared_ptr<platform::EKParticipant> organizer() const override;
-  std::optional<platform::Date> startDate() const override { return fields_.start; }
+  std::optional<platform::Date> startDate() const override {
+    return set_.read(&VdirSetValues::start, std::optional<platform::Date>(fields_.start));
+  }
   platform::EKEventStatus status() const override { return data().status; }
   std::shared_ptr<platform::EKStructuredLocation> structuredLocation() const override;
   std::optional<platform::AnyObject> valueForKey(const std::string& key) const override;
-  // A stored occurrence cannot be changed: the store is only read.
-  void setStartDate(platform::Date) override {}
-  void setEndDate(platform::Date) override {}
-  void setAllDay(bool) override {}
-  void setCalendar(std::shared_ptr<platform::EKCalendar>) override {}
+  void setTitle(std::optional<std::string> title) override;
+  void setLocation(std::optional<std::string> location) override;
+  void setNotes(std::optional<std::string> notes) override;
+  void setURL(std::optional<platform::URL> url) override;
+  void setStartDate(platform::Date startDate) override;
+  void setEndDate(platform::Date endDate) override;
+  void setAllDay(bool allDay) override;
+  void setCalendar(std::shared_ptr<platform::EKCalendar> calendar) override;
   std::string description() const override;
+
+  // What was set since the occurrence was read.
+  VdirSetValues setValues() const { return set_.values(); }
+  // The start as its file states it (its kind and zone), for writing a new start in that form.
+  const VdirTime& statedStart() const { return data().start; }
 
  private:
   const VdirComponentData& data() const { return *fields_.component; }
   VdirOccurrenceFields fields_;
+  VdirSettable set_;
 };
 
 class VdirReminder : public platform::EKReminder {
@@ -136,16 +188,22 @@ class VdirReminder : public platform::EKReminder {
   std::optional<std::string> calendarItemExternalIdentifier() const override { return data().uid; }
   std::optional<platform::Date> creationDate() const override { return data().created; }
   std::optional<platform::Date> lastModifiedDate() const override { return data().lastModified; }
-  std::optional<std::string> location() const override { return data().location; }
-  std::optional<std::string> notes() const override { return data().description; }
+  std::optional<std::string> location() const override { return set_.read(&VdirSetValues::location, data().location); }
+  std::optional<std::string> notes() const override { return set_.read(&VdirSetValues::notes, data().description); }
   std::optional<platform::URL> URL() const override;
   std::optional<platform::TimeZone> timeZone() const override;
-  std::optional<std::string> title() const override { return data().summary.value_or(""); }
+  std::optional<std::string> title() const override {
+    return set_.read(&VdirSetValues::title, std::optional<std::string>(data().summary.value_or("")));
+  }
   std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> alarms() const override;
   std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> attendees() const override;
   std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>> recurrenceRules() const override {
     return std::nullopt;
   }
+  void setTitle(std::optional<std::string> title) override;
+  void setLocation(std::optional<std::string> location) override;
+  void setNotes(std::optional<std::string> notes) override;
+  void setURL(std::optional<platform::URL> url) override;
 
   std::optional<platform::Date> completionDate() const override { return task().completed; }
   std::optional<platform::DateComponents> dueDateComponents() const override;
@@ -160,22 +218,26 @@ class VdirReminder : public platform::EKReminder {
   std::shared_ptr<const VdirItem> item_;
   const VdirComponentData* todo_;
   std::shared_ptr<platform::EKCalendar> calendar_;
+  VdirSettable set_;
 };
 
-// A new, unsaved event (eventWithEventStore): holds what the host sets.
+// A new event (eventWithEventStore): holds what the host sets; once saved, also the identifier the
+// store gave it.
 class VdirNewEvent : public platform::EKEvent {
  public:
   VdirNewEvent() = default;
   std::shared_ptr<platform::EKCalendar> calendar() const override;
-  std::string calendarItemIdentifier() const override { return ""; }
+  std::string calendarItemIdentifier() const override { return savedIdentifier().value_or(""); }
   std::optional<std::string> calendarItemExternalIdentifier() const override { return std::nullopt; }
   std::optional<platform::Date> creationDate() const override { return std::nullopt; }
   std::optional<platform::Date> lastModifiedDate() const override { return std::nullopt; }
-  std::optional<std::string> location() const override { return std::nullopt; }
-  std::optional<std::string> notes() const override { return std::nullopt; }
-  std::optional<platform::URL> URL() const override { return std::nullopt; }
+  std::optional<std::string> location() const override { return set_.read(&VdirSetValues::location, kNone); }
+  std::optional<std::string> notes() const override { return set_.read(&VdirSetValues::notes, kNone); }
+  std::optional<platform::URL> URL() const override {
+    return set_.read(&VdirSetValues::url, std::optional<platform::URL>());
+  }
   std::optional<platform::TimeZone> timeZone() const override { return std::nullopt; }
-  std::optional<std::string> title() const override { return std::nullopt; }
+  std::optional<std::string> title() const override { return set_.read(&VdirSetValues::title, kNone); }
   std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> alarms() const override { return std::nullopt; }
   std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> attendees() const override {
     return std::nullopt;
@@ -186,7 +248,7 @@ class VdirNewEvent : public platform::EKEvent {
   platform::EKEventAvailability availability() const override { return 0; }
   std::optional<std::string> birthdayContactIdentifier() const override { return std::nullopt; }
   std::optional<platform::Date> endDate() const override;
-  std::optional<std::string> eventIdentifier() const override { return std::nullopt; }
+  std::optional<std::string> eventIdentifier() const override { return savedIdentifier(); }
   std::optional<platform::Date> occurrenceDate() const override { return std::nullopt; }
   bool isAllDay() const override;
   bool isDetached() const override { return false; }
@@ -195,16 +257,25 @@ class VdirNewEvent : public platform::EKEvent {
   platform::EKEventStatus status() const override { return platform::EKEventStatusNone; }
   std::shared_ptr<platform::EKStructuredLocation> structuredLocation() const override { return nullptr; }
   std::optional<platform::AnyObject> valueForKey(const std::string&) const override { return std::nullopt; }
+  void setTitle(std::optional<std::string> title) override;
+  void setLocation(std::optional<std::string> location) override;
+  void setNotes(std::optional<std::string> notes) override;
+  void setURL(std::optional<platform::URL> url) override;
   void setStartDate(platform::Date startDate) override;
   void setEndDate(platform::Date endDate) override;
   void setAllDay(bool allDay) override;
   void setCalendar(std::shared_ptr<platform::EKCalendar> calendar) override;
 
+  VdirSetValues setValues() const { return set_.values(); }
+  // The event's identifier once the store saved it.
+  std::optional<std::string> savedIdentifier() const;
+  void setSavedIdentifier(std::string identifier);
+
  private:
+  static inline const std::optional<std::string> kNone = std::nullopt;
+  VdirSettable set_;
   mutable rivet::RivetMutex mutex_;
-  std::optional<platform::Date> start_ RIVET_GUARDED_BY(mutex_), end_ RIVET_GUARDED_BY(mutex_);
-  bool allDay_ RIVET_GUARDED_BY(mutex_) = false;
-  std::shared_ptr<platform::EKCalendar> calendar_ RIVET_GUARDED_BY(mutex_);
+  std::optional<std::string> saved_ RIVET_GUARDED_BY(mutex_);
 };
 
 }  // namespace vesp::vdir

@@ -13,6 +13,7 @@ std::shared_ptr<VdirPlatform> VdirPlatform::make(VdirPlatformOptions options) {
 VdirPlatform::VdirPlatform(VdirPlatformOptions options) : services_(std::make_shared<VdirServices>()) {
   store_ = VdirStore::make(std::move(options.store));
   services_->source = store_;
+  services_->store = store_;
   services_->access = std::make_shared<VdirAccess>(
       options.accessFile.empty() ? VdirAccess::defaultFile() : options.accessFile, options.applicationIdentifier);
   services_->center = std::make_shared<platform::NSNotificationCenter>();

@@ -280,6 +280,15 @@ rivet::RivetResult<VdirFileToEdit> VdirStore::readToEdit(const std::string& coll
   return file;
 }
 
+bool VdirStore::servesVersion(const std::shared_ptr<const VdirItem>& item, const VdirFileStatus& status) const {
+  rivet::RivetMutexLock lock(rescanMutex_);
+  for (const auto& [path, record] : files_)
+    if (record.item == item)
+      return record.device == status.device && record.inode == status.inode && record.size == status.size &&
+             record.modified == status.modified && record.changed == status.changed;
+  return false;
+}
+
 rivet::RivetResult<bool> VdirStore::writeChanges(const std::vector<VdirFileChange>& changes) {
   std::vector<std::pair<std::string, const VdirFileChange*>> created;
   auto takeBack = [&] {

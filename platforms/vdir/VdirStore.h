@@ -106,6 +106,10 @@ class VdirStore : public VdirSnapshotSource, public std::enable_shared_from_this
   // collection is unknown or not writable, or the file cannot be read or was not read whole
   // (repaired or partly skipped): writing it back would lose what could not be read.
   rivet::RivetResult<VdirFileToEdit> readToEdit(const std::string& collection, const std::string& name);
+  // Whether `item` is what the store serves for its file, and `status` that file's version as the
+  // store read it: an edit of an object read earlier is based on the file it came from.
+  bool servesVersion(const std::shared_ptr<const VdirItem>& item, const VdirFileStatus& status) const
+      RIVET_EXCLUDES(rescanMutex_);
   // Whether the collection exists and its directory may be written.
   bool writable(const std::string& collection) const { return writableDirectory(collection).has_value(); }
   // The collection and file name of an item's path (VdirItem::relativePath); absent when there are none.
@@ -194,7 +198,7 @@ class VdirStore : public VdirSnapshotSource, public std::enable_shared_from_this
   VdirQueries queries_;  // guards what it keeps itself
 
   // Lock order: rescanMutex_, then mutex_.
-  rivet::RivetMutex rescanMutex_;  // one rescan at a time
+  mutable rivet::RivetMutex rescanMutex_;  // one rescan at a time
   std::thread cacheWriter_;        // writes the cache after a scan; reads files_ until joined
   VdirFileRecords files_ RIVET_GUARDED_BY(rescanMutex_);
   bool cacheStale_ RIVET_GUARDED_BY(rescanMutex_) = true;  // the cache on disk does not hold files_

@@ -33,6 +33,13 @@ class EKCalendarItem : public NSObject {
   virtual std::optional<std::vector<std::shared_ptr<EKAlarm>>> alarms() const = 0;
   virtual std::optional<std::vector<std::shared_ptr<EKParticipant>>> attendees() const = 0;
   virtual std::optional<std::vector<std::shared_ptr<EKRecurrenceRule>>> recurrenceRules() const = 0;
+
+  // Setters change this object, and its reads answer what was set; EKEventStore's saveEvent writes
+  // it to the store. Absent clears the attribute.
+  virtual void setTitle(std::optional<std::string> title) = 0;
+  virtual void setLocation(std::optional<std::string> location) = 0;
+  virtual void setNotes(std::optional<std::string> notes) = 0;
+  virtual void setURL(std::optional<platform::URL> url) = 0;
 };
 
 }  // namespace vesp::platform

@@ -1,5 +1,6 @@
-// One occurrence of a calendar event. A new, unsaved event (EKEventStore's eventWithEventStore)
-// accepts its start, end, all-day flag and calendar.
+// One occurrence of a calendar event. Its setters (and those of EKCalendarItem) change the object;
+// EKEventStore's saveEvent writes the changes to the store. A new event comes from the platform's
+// eventWithEventStore.
 #pragma once
 
 #include <memory>

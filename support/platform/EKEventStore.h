@@ -52,6 +52,14 @@ class EKEventStore : public NSObject {
   // The event or reminder with this calendar-item identifier, or null.
   virtual std::shared_ptr<EKCalendarItem> calendarItemWithIdentifier(const std::string& identifier) = 0;
 
+  // Writes a new event, or what was set on an occurrence: for an occurrence of a recurring event,
+  // `span` says whether for it alone or for it and every later one (from the first occurrence, the
+  // whole series). Nothing on success; else the platform's error (its domain and codes are the
+  // platform's own, documented with it), and the store is as it was.
+  virtual std::optional<NSError> saveEvent(const std::shared_ptr<EKEvent>& event, EKSpan span) = 0;
+  // Removes the occurrence, it and every later one, or (from the first occurrence) the event.
+  virtual std::optional<NSError> removeEvent(const std::shared_ptr<EKEvent>& event, EKSpan span) = 0;
+
   // Asks the user for access; the completion is called once, on a platform thread.
   virtual void requestAccessToEntityType(EKEntityType entityType, AccessCompletion completion) = 0;
 };

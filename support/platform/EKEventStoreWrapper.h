@@ -59,6 +59,12 @@ class EKEventStoreWrapper : public EKEventStore {
   std::shared_ptr<EKCalendarItem> calendarItemWithIdentifier(const std::string& identifier) override {
     return target_->calendarItemWithIdentifier(identifier);
   }
+  std::optional<NSError> saveEvent(const std::shared_ptr<EKEvent>& event, EKSpan span) override {
+    return target_->saveEvent(event, span);
+  }
+  std::optional<NSError> removeEvent(const std::shared_ptr<EKEvent>& event, EKSpan span) override {
+    return target_->removeEvent(event, span);
+  }
   void requestAccessToEntityType(EKEntityType entityType, AccessCompletion completion) override {
     target_->requestAccessToEntityType(entityType, std::move(completion));
   }

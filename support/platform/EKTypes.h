@@ -18,6 +18,12 @@ inline constexpr EKAuthorizationStatus EKAuthorizationStatusRestricted = 1;
 inline constexpr EKAuthorizationStatus EKAuthorizationStatusDenied = 2;
 inline constexpr EKAuthorizationStatus EKAuthorizationStatusAuthorized = 3;
 
+// Which occurrences of a recurring event a save or removal is for: this one alone, or it and every
+// later one (from the first occurrence, the whole series).
+using EKSpan = std::int64_t;
+inline constexpr EKSpan EKSpanThisEvent = 0;
+inline constexpr EKSpan EKSpanFutureEvents = 1;
+
 using EKEntityMask = std::uint64_t;
 inline constexpr EKEntityMask EKEntityMaskEvent = 1;
 inline constexpr EKEntityMask EKEntityMaskReminder = 2;

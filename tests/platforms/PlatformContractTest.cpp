@@ -26,6 +26,7 @@ namespace fs = std::filesystem;
 
 struct MemoryWorld {
   static constexpr const char* name = "Memory";
+  static const std::string& errorDomain() { return memory::MemoryErrorDomain; }
   MemoryWorld() {
     auto source = memory->addSource("Local");
     auto work = memory->addCalendar("Work", source);
@@ -49,6 +50,7 @@ struct MemoryWorld {
 
 struct VdirWorld {
   static constexpr const char* name = "Vdir";
+  static const std::string& errorDomain() { return vdir::VdirErrorDomain; }
   VdirWorld() {
     using vdir::testing::simpleEvent;
     using vdir::testing::writeFile;
@@ -94,6 +96,21 @@ class PlatformContractTest : public ::testing::Test {
     for (const auto& event : store->eventsMatchingPredicate(store->predicateForEventsWithStartDate(start, end, calendars)))
       found.push_back(event->title().value_or("(none)"));
     return found;
+  }
+  std::vector<std::shared_ptr<platform::EKEvent>> events(Date start, Date end) {
+    return store->eventsMatchingPredicate(store->predicateForEventsWithStartDate(start, end, std::nullopt));
+  }
+  std::shared_ptr<platform::EKEvent> only(Date start, Date end) {
+    auto found = events(start, end);
+    EXPECT_EQ(found.size(), 1u);
+    return found.empty() ? nullptr : found.front();
+  }
+  // The error's code, when it is of the world's domain.
+  static std::optional<std::int64_t> codeOf(const std::optional<platform::NSError>& error) {
+    if (!error) return std::nullopt;
+    EXPECT_EQ(error->domain(), World::errorDomain());
+    EXPECT_FALSE(error->localizedDescription().empty());
+    return error->code();
   }
   std::shared_ptr<platform::EKCalendar> calendarTitled(const std::string& title) {
     for (auto& calendar : store->calendarsForEntityType(platform::EKEntityTypeEvent))
@@ -207,6 +224,84 @@ TYPED_TEST(PlatformContractTest, AChangePostsOneNotificationPerConnection) {
   EXPECT_EQ(posts[second.get()], 1);
   // And the change is there for every connection.
   EXPECT_THAT(this->titles(utc(2026, 3, 3), utc(2026, 3, 3, 1), std::nullopt), ElementsAre("New"));
+}
+
+// Saving and removing: the codes are the same on both platforms (10 read-only calendar, 11 no
+// calendar, 12 end before start, 17 no such item, 18 any other change that cannot be kept).
+TYPED_TEST(PlatformContractTest, ANewEventSavedIsServedWithWhatWasSetToEveryConnection) {
+  auto event = this->world.platform()->eventWithEventStore(this->store);
+  event->setTitle("Review");
+  event->setLocation("Room 4");
+  event->setNotes("Bring the draft");
+  event->setURL(platform::URL("https://example.org/review"));
+  event->setStartDate(utc(2026, 3, 4, 9));
+  event->setEndDate(utc(2026, 3, 4, 10, 30));
+  event->setCalendar(this->calendarTitled("Work"));
+  EXPECT_EQ(event->title(), "Review");  // the object answers what was set
+  ASSERT_EQ(this->store->saveEvent(event, platform::EKSpanThisEvent), std::nullopt);
+  ASSERT_TRUE(event->eventIdentifier());
+  auto other = this->world.platform()->makeEventStore();
+  for (const auto& store : {this->store, other}) {
+    auto found = store->eventsMatchingPredicate(
+        store->predicateForEventsWithStartDate(utc(2026, 3, 4), utc(2026, 3, 5), std::nullopt));
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0]->title(), "Review");
+    EXPECT_EQ(found[0]->location(), "Room 4");
+    EXPECT_EQ(found[0]->notes(), "Bring the draft");
+    EXPECT_EQ(found[0]->URL(), platform::URL("https://example.org/review"));
+    EXPECT_EQ(found[0]->startDate(), utc(2026, 3, 4, 9));
+    EXPECT_EQ(found[0]->endDate(), utc(2026, 3, 4, 10, 30));
+    EXPECT_EQ(found[0]->calendar()->title(), "Work");
+    EXPECT_EQ(found[0]->eventIdentifier(), event->eventIdentifier());
+  }
+}
+
+TYPED_TEST(PlatformContractTest, AChangedEventIsServedAsSavedAndMovesToTheCalendarSet) {
+  auto standup = this->only(utc(2026, 3, 2, 10), utc(2026, 3, 2, 11));
+  ASSERT_TRUE(standup);
+  standup->setTitle("Standup, later");
+  standup->setLocation(std::nullopt);
+  standup->setStartDate(utc(2026, 3, 2, 14));
+  standup->setEndDate(utc(2026, 3, 2, 14, 15));
+  standup->setCalendar(this->calendarTitled("Home"));
+  ASSERT_EQ(this->store->saveEvent(standup, platform::EKSpanThisEvent), std::nullopt);
+  auto other = this->world.platform()->makeEventStore();
+  auto moved = other->eventsMatchingPredicate(other->predicateForEventsWithStartDate(
+      utc(2026, 3, 2, 14), utc(2026, 3, 2, 15), std::vector{this->calendarTitled("Home")}));
+  ASSERT_EQ(moved.size(), 1u);
+  EXPECT_EQ(moved[0]->title(), "Standup, later");
+  EXPECT_EQ(moved[0]->location(), std::nullopt);
+  EXPECT_EQ(moved[0]->endDate(), utc(2026, 3, 2, 14, 15));
+  EXPECT_THAT(this->titles(utc(2026, 3, 2, 10), utc(2026, 3, 2, 11), std::nullopt), IsEmpty());
+  EXPECT_THAT(this->titles(utc(2026, 3, 2), utc(2026, 3, 3), std::vector{this->calendarTitled("Work")}),
+              ElementsAre("Ping"));
+}
+
+TYPED_TEST(PlatformContractTest, ARemovedEventIsGoneAndCannotBeRemovedAgain) {
+  auto dinner = this->only(utc(2026, 3, 2, 18), utc(2026, 3, 2, 19));
+  ASSERT_TRUE(dinner);
+  ASSERT_EQ(this->store->removeEvent(dinner, platform::EKSpanThisEvent), std::nullopt);
+  EXPECT_THAT(this->titles(utc(2026, 3, 2), utc(2026, 3, 3), std::nullopt), UnorderedElementsAre("Standup", "Ping"));
+  EXPECT_EQ(this->codeOf(this->store->removeEvent(dinner, platform::EKSpanThisEvent)), 17);
+}
+
+TYPED_TEST(PlatformContractTest, ASaveThatCannotBeKeptFailsWithItsCodeAndChangesNothing) {
+  auto platform = this->world.platform();
+  auto homeless = platform->eventWithEventStore(this->store);
+  homeless->setTitle("Nowhere");
+  homeless->setStartDate(utc(2026, 3, 5, 9));
+  homeless->setEndDate(utc(2026, 3, 5, 10));
+  EXPECT_EQ(this->codeOf(this->store->saveEvent(homeless, platform::EKSpanThisEvent)), 11);
+  auto backwards = platform->eventWithEventStore(this->store);
+  backwards->setStartDate(utc(2026, 3, 5, 10));
+  backwards->setEndDate(utc(2026, 3, 5, 9));
+  backwards->setCalendar(this->calendarTitled("Work"));
+  EXPECT_EQ(this->codeOf(this->store->saveEvent(backwards, platform::EKSpanThisEvent)), 12);
+  auto timeless = platform->eventWithEventStore(this->store);
+  timeless->setCalendar(this->calendarTitled("Work"));
+  EXPECT_EQ(this->codeOf(this->store->saveEvent(timeless, platform::EKSpanThisEvent)), 18);
+  EXPECT_THAT(this->titles(utc(2026, 3, 5), utc(2026, 3, 6), std::nullopt), IsEmpty());
+  EXPECT_EQ(this->titles(utc(2026, 3, 2), utc(2026, 3, 3), std::nullopt).size(), 3u);
 }
 
 }  // namespace

@@ -47,6 +47,10 @@ class ForwardingEvent : public platform::EKEvent {
   std::optional<platform::AnyObject> valueForKey(const std::string& key) const override {
     return target_->valueForKey(key);
   }
+  void setTitle(std::optional<std::string> title) override { target_->setTitle(std::move(title)); }
+  void setLocation(std::optional<std::string> location) override { target_->setLocation(std::move(location)); }
+  void setNotes(std::optional<std::string> notes) override { target_->setNotes(std::move(notes)); }
+  void setURL(std::optional<platform::URL> url) override { target_->setURL(std::move(url)); }
   void setStartDate(platform::Date startDate) override { target_->setStartDate(startDate); }
   void setEndDate(platform::Date endDate) override { target_->setEndDate(endDate); }
   void setAllDay(bool allDay) override { target_->setAllDay(allDay); }

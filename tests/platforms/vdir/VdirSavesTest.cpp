@@ -1,0 +1,120 @@
+// Saving through the platform interface over a tree on disk: what the host set on an occurrence of
+// a recurring event goes to that occurrence alone or to it and every later one, and a save that
+// meets a file changed by another program fails and writes nothing.
+#include "platforms/vdir/VdirSaves.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "platforms/vdir/VdirPlatform.h"
+#include "tests/platforms/vdir/VdirTestSupport.h"
+
+namespace vesp::vdir {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::readFile;
+using testing::utc;
+using testing::writeFile;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+// A weekly event on Mondays 2, 9, 16 and 23 March 2026, 09:00-10:00 UTC.
+constexpr const char* kWeekly =
+    "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Test//EN\r\nBEGIN:VEVENT\r\nUID:weekly\r\n"
+    "DTSTAMP:20260101T000000Z\r\nDTSTART:20260302T090000Z\r\nDTEND:20260302T100000Z\r\n"
+    "RRULE:FREQ=WEEKLY;COUNT=4\r\nSUMMARY:Weekly\r\nX-KEPT:yes\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n";
+
+class VdirSavesTest : public ::testing::Test {
+ protected:
+  VdirSavesTest() {
+    writeFile(root.path() / "work/weekly.ics", kWeekly);
+    writeFile(config.path() / "access.json",
+              R"({"version": 1, "applications": {"vesp": {"events": "authorized", "reminders": "authorized"}}})");
+    auto options = testing::platformOptions(root.path(), config.path() / "access.json");
+    options.store.cacheDirectory = "";
+    vdirPlatform = VdirPlatform::make(std::move(options));
+    store = vdirPlatform->makeEventStore();
+  }
+
+  std::vector<std::shared_ptr<platform::EKEvent>> march() {
+    return store->eventsMatchingPredicate(
+        store->predicateForEventsWithStartDate(utc(2026, 3, 1), utc(2026, 4, 1), std::nullopt));
+  }
+  std::vector<std::string> titles() {
+    std::vector<std::string> found;
+    for (const auto& event : march()) found.push_back(event->title().value_or(""));
+    return found;
+  }
+
+  testing::TemporaryDirectory root, config;
+  std::shared_ptr<VdirPlatform> vdirPlatform;
+  std::shared_ptr<platform::EKEventStore> store;
+};
+
+TEST_F(VdirSavesTest, AnOccurrenceChangesAloneOrWithEveryLaterOne) {
+  auto second = march().at(1);
+  second->setTitle("Moved");
+  second->setStartDate(utc(2026, 3, 9, 11));
+  second->setEndDate(utc(2026, 3, 9, 12));
+  ASSERT_EQ(store->saveEvent(second, platform::EKSpanThisEvent), std::nullopt);
+  EXPECT_THAT(titles(), ElementsAre("Weekly", "Moved", "Weekly", "Weekly"));
+  EXPECT_EQ(march().at(1)->startDate(), utc(2026, 3, 9, 11));
+  const std::string text = readFile(root.path() / "work/weekly.ics");
+  EXPECT_THAT(text, HasSubstr("RECURRENCE-ID:20260309T090000Z\r\n"));
+  EXPECT_THAT(text, HasSubstr("X-KEPT:yes\r\n"));
+
+  auto third = march().at(2);
+  third->setTitle("Later");
+  ASSERT_EQ(store->saveEvent(third, platform::EKSpanFutureEvents), std::nullopt);
+  EXPECT_THAT(titles(), ElementsAre("Weekly", "Moved", "Later", "Later"));
+  // The future is a series of its own; the old one ends before it.
+  EXPECT_NE(march().at(2)->eventIdentifier(), march().at(0)->eventIdentifier());
+  EXPECT_EQ(march().at(3)->eventIdentifier(), march().at(2)->eventIdentifier());
+
+  auto last = march().at(3);
+  ASSERT_EQ(store->removeEvent(last, platform::EKSpanThisEvent), std::nullopt);
+  EXPECT_THAT(titles(), ElementsAre("Weekly", "Moved", "Later"));
+}
+
+TEST_F(VdirSavesTest, TheFirstOccurrenceWithFutureEventsIsTheWholeSeries) {
+  auto first = march().at(0);
+  first->setTitle("Renamed");
+  ASSERT_EQ(store->saveEvent(first, platform::EKSpanFutureEvents), std::nullopt);
+  EXPECT_THAT(titles(), ElementsAre("Renamed", "Renamed", "Renamed", "Renamed"));
+  EXPECT_EQ(march().at(3)->eventIdentifier(), first->eventIdentifier());
+  ASSERT_EQ(store->removeEvent(march().at(0), platform::EKSpanFutureEvents), std::nullopt);
+  EXPECT_TRUE(march().empty());
+  EXPECT_FALSE(fs::exists(root.path() / "work/weekly.ics"));
+}
+
+TEST_F(VdirSavesTest, ASaveThatMeetsAFileChangedByAnotherProgramFailsAndWritesNothing) {
+  auto first = march().at(0);
+  first->setTitle("Mine");
+  std::string theirs = kWeekly;
+  theirs.replace(theirs.find("SUMMARY:Weekly"), 14, "SUMMARY:Theirs, longer");
+  writeFile(root.path() / "work/weekly.ics", theirs);
+  const auto error = store->saveEvent(first, platform::EKSpanThisEvent);
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->domain(), VdirErrorDomain);
+  EXPECT_EQ(error->code(), static_cast<std::int64_t>(VdirErrorCode::changedOnDisk));
+  EXPECT_EQ(readFile(root.path() / "work/weekly.ics"), theirs);
+}
+
+TEST_F(VdirSavesTest, WhatCannotBeSavedIsRefusedWithItsCode) {
+  auto first = march().at(0);
+  first->setAllDay(true);
+  auto error = store->saveEvent(first, platform::EKSpanThisEvent);
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), static_cast<std::int64_t>(VdirErrorCode::invalidChange));
+  first->setAllDay(false);
+  EXPECT_EQ(store->saveEvent(first, 7), vdirError(VdirErrorCode::invalidChange, "unknown span 7"));
+  // Saving what was not changed writes nothing.
+  const auto before = testing::treeState(root.path());
+  EXPECT_EQ(store->saveEvent(first, platform::EKSpanThisEvent), std::nullopt);
+  EXPECT_EQ(testing::treeState(root.path()), before);
+  EXPECT_EQ(readFile(root.path() / "work/weekly.ics"), kWeekly);
+}
+
+}  // namespace
+}  // namespace vesp::vdir

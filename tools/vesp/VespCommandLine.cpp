@@ -1090,8 +1090,7 @@ std::vector<Subcommand> addSubcommands(CLI::App& app, Arguments& args) {
                         "Only this reminder list (repeatable; `vesp reminder-lists` lists them)");
   commands.push_back({reminders, runReminders});
 
-  auto* reminder =
-      app.add_subcommand("reminder", "Show one reminder, or create, complete, reopen, change or delete one");
+  auto* reminder = app.add_subcommand("reminder", "Show, create, complete, reopen, change or delete a reminder");
   reminder->add_option("ID", args.identifier,
                        "The reminder's calendarItemIdentifier, as `vesp reminders --json` prints it");
   reminder->require_subcommand(0, 1);
@@ -1128,8 +1127,7 @@ std::vector<Subcommand> addSubcommands(CLI::App& app, Arguments& args) {
   auto* access = app.add_subcommand("access", "Show, request or reset this program's access to events and reminders");
   access->add_option("KIND", args.accessKind, "events or reminders (default: both)")
       ->check(CLI::IsMember({"events", "reminders"}));
-  access->add_flag("--request", args.request,
-                   "Ask for access when it has not been decided (needs a terminal or --yes)");
+  access->add_flag("--request", args.request, "Ask for access when it is undecided (needs a terminal or --yes)");
   access->add_flag("--reset", args.reset, "Forget the decision, so that the next request asks again");
   commands.push_back({access, runAccess});
 

@@ -321,16 +321,16 @@ platform::NSError memoryError(MemoryErrorCode code, std::string description) {
   return platform::NSError(MemoryErrorDomain, static_cast<std::int64_t>(code), std::move(description));
 }
 
-// Why the world cannot keep `f` in its calendar, if it cannot.
-std::optional<platform::NSError> refusal(const MemoryEventFields& f, const MemoryWorld& world) {
+// Why the world cannot keep an item with `f` in its calendar, if it cannot.
+std::optional<platform::NSError> refusal(const MemoryItemFields& f, const MemoryWorld& world) {
   const auto calendars = world.calendars();
-  const bool held = f.item.calendar && std::any_of(calendars.begin(), calendars.end(), [&](const auto& calendar) {
-                      return calendar == f.item.calendar;
+  const bool held = f.calendar && std::any_of(calendars.begin(), calendars.end(), [&](const auto& calendar) {
+                      return calendar == f.calendar;
                     });
-  if (!held) return memoryError(MemoryErrorCode::noCalendar, "the event has no calendar of this store");
-  if (!f.item.calendar->allowsContentModifications())
+  if (!held) return memoryError(MemoryErrorCode::noCalendar, "the item has no calendar of this store");
+  if (!f.calendar->allowsContentModifications())
     return memoryError(MemoryErrorCode::readOnlyCalendar,
-                       "the calendar \"" + f.item.calendar->title() + "\" does not allow changes");
+                       "the calendar \"" + f.calendar->title() + "\" does not allow changes");
   return std::nullopt;
 }
 
@@ -354,7 +354,7 @@ std::optional<platform::NSError> MemoryEventStore::saveEvent(const std::shared_p
   if (!memoryEvent)
     return memoryError(MemoryErrorCode::invalidChange, "the event was not made by the memory platform");
   const MemoryEventFields f = memoryEvent->fields();
-  if (auto refused = refusal(f, *world_)) return refused;
+  if (auto refused = refusal(f.item, *world_)) return refused;
   if (!f.startDate || !f.endDate)
     return memoryError(MemoryErrorCode::invalidChange, "an event needs a start and an end");
   if (*f.endDate < *f.startDate)
@@ -379,10 +379,42 @@ std::optional<platform::NSError> MemoryEventStore::removeEvent(const std::shared
   if (!memoryEvent || std::find(events.begin(), events.end(), memoryEvent) == events.end())
     return memoryError(MemoryErrorCode::noSuchItem, "the event is not in the store");
   const MemoryEventFields f = memoryEvent->fields();
-  if (auto refused = refusal(f, *world_)) return refused;
+  if (auto refused = refusal(f.item, *world_)) return refused;
   if (span == platform::EKSpanFutureEvents)
     for (const auto& later : laterOccurrences(f, *world_)) world_->removeEvent(later.get());
   world_->removeEvent(memoryEvent.get());
+  world_->postStoreChanged();
+  return std::nullopt;
+}
+
+std::optional<platform::NSError> MemoryEventStore::saveReminder(const std::shared_ptr<platform::EKReminder>& reminder) {
+  auto memoryReminder = std::dynamic_pointer_cast<MemoryReminder>(reminder);
+  if (!memoryReminder)
+    return memoryError(MemoryErrorCode::invalidChange, "the reminder was not made by the memory platform");
+  const MemoryReminderFields f = memoryReminder->fields();
+  if (auto refused = refusal(f.item, *world_)) return refused;
+  if (!(f.item.calendar->allowedEntityTypes() & platform::EKEntityMaskReminder))
+    return memoryError(MemoryErrorCode::noCalendar, "the calendar \"" + f.item.calendar->title() +
+                                                        "\" holds no reminders");
+  if (f.priority < 0 || f.priority > 9)
+    return memoryError(MemoryErrorCode::invalidChange, "a priority is 0 (none) to 9");
+  memoryReminder->update([&](MemoryReminderFields& fields) {
+    if (fields.item.calendarItemIdentifier.empty()) fields.item.calendarItemIdentifier = world_->nextIdentifier("reminder");
+    if (!fields.item.calendarItemExternalIdentifier)
+      fields.item.calendarItemExternalIdentifier = fields.item.calendarItemIdentifier;
+  });
+  world_->addReminder(memoryReminder);
+  world_->postStoreChanged();
+  return std::nullopt;
+}
+
+std::optional<platform::NSError> MemoryEventStore::removeReminder(const std::shared_ptr<platform::EKReminder>& reminder) {
+  auto memoryReminder = std::dynamic_pointer_cast<MemoryReminder>(reminder);
+  const auto reminders = world_->reminders();
+  if (!memoryReminder || std::find(reminders.begin(), reminders.end(), memoryReminder) == reminders.end())
+    return memoryError(MemoryErrorCode::noSuchItem, "the reminder is not in the store");
+  if (auto refused = refusal(memoryReminder->fields().item, *world_)) return refused;
+  world_->removeReminder(memoryReminder.get());
   world_->postStoreChanged();
   return std::nullopt;
 }

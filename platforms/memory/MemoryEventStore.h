@@ -203,6 +203,10 @@ class MemoryEventStore final : public platform::EKEventStore {
   std::optional<platform::NSError> removeEvent(const std::shared_ptr<platform::EKEvent>& event,
                                                platform::EKSpan span) override;
 
+  // Reminders likewise: the calendar must hold reminders and take changes, the priority be 0 to 9.
+  std::optional<platform::NSError> saveReminder(const std::shared_ptr<platform::EKReminder>& reminder) override;
+  std::optional<platform::NSError> removeReminder(const std::shared_ptr<platform::EKReminder>& reminder) override;
+
   // Writes a new or changed event to the world (giving a new one its identifiers and, if absent,
   // its occurrence date) and posts the store-changed notification on every store, unchecked.
   void saveEvent(const std::shared_ptr<MemoryEvent>& event);

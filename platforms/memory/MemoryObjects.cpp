@@ -208,9 +208,6 @@ std::optional<platform::AnyObject> MemoryEvent::valueForKey(const std::string& k
 void MemoryEvent::setStartDate(platform::Date startDate) { update([&](auto& f) { f.startDate = startDate; }); }
 void MemoryEvent::setEndDate(platform::Date endDate) { update([&](auto& f) { f.endDate = endDate; }); }
 void MemoryEvent::setAllDay(bool allDay) { update([&](auto& f) { f.isAllDay = allDay; }); }
-void MemoryEvent::setCalendar(std::shared_ptr<platform::EKCalendar> calendar) {
-  update([&](auto& f) { f.item.calendar = std::move(calendar); });
-}
 
 std::string MemoryEvent::description() const {
   auto f = fields();
@@ -219,6 +216,18 @@ std::string MemoryEvent::description() const {
   if (f.startDate) out << " " << *f.startDate;
   out << ">";
   return out.str();
+}
+
+void MemoryReminder::setCompleted(bool completed) {
+  update([&](MemoryReminderFields& f) {
+    if (completed && !f.isCompleted) f.completionDate = platform::Date::now();
+    if (!completed) f.completionDate = std::nullopt;
+    f.isCompleted = completed;
+  });
+}
+void MemoryReminder::setPriority(std::int64_t priority) { update([&](auto& f) { f.priority = priority; }); }
+void MemoryReminder::setDueDateComponents(std::optional<platform::DateComponents> components) {
+  update([&](auto& f) { f.dueDateComponents = std::move(components); });
 }
 
 std::string MemoryReminder::description() const {

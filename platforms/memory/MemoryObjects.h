@@ -252,6 +252,9 @@ class MemoryCalendarItem : public Interface, public MemoryRecord<Fields> {
   void setURL(std::optional<platform::URL> url) override {
     this->update([&](Fields& f) { f.item.url = std::move(url); });
   }
+  void setCalendar(std::shared_ptr<platform::EKCalendar> calendar) override {
+    this->update([&](Fields& f) { f.item.calendar = std::move(calendar); });
+  }
 };
 
 struct MemoryEventFields {
@@ -289,7 +292,6 @@ class MemoryEvent final : public MemoryCalendarItem<platform::EKEvent, MemoryEve
   void setStartDate(platform::Date startDate) override;
   void setEndDate(platform::Date endDate) override;
   void setAllDay(bool allDay) override;
-  void setCalendar(std::shared_ptr<platform::EKCalendar> calendar) override;
   std::string description() const override;
 };
 
@@ -310,6 +312,9 @@ class MemoryReminder final : public MemoryCalendarItem<platform::EKReminder, Mem
   bool isCompleted() const override;
   std::int64_t priority() const override;
   std::optional<platform::DateComponents> startDateComponents() const override;
+  void setCompleted(bool completed) override;
+  void setPriority(std::int64_t priority) override;
+  void setDueDateComponents(std::optional<platform::DateComponents> components) override;
   std::string description() const override;
 };
 

@@ -24,6 +24,13 @@ std::shared_ptr<platform::EKEvent> MemoryPlatform::eventWithEventStore(
   return std::make_shared<MemoryEvent>(std::move(fields));
 }
 
+std::shared_ptr<platform::EKReminder> MemoryPlatform::reminderWithEventStore(
+    const std::shared_ptr<platform::EKEventStore>&) {
+  MemoryReminderFields fields;
+  fields.item.creationDate = Date::now();
+  return std::make_shared<MemoryReminder>(std::move(fields));
+}
+
 std::shared_ptr<platform::NSNotificationCenter> MemoryPlatform::defaultCenter() {
   return world_->notificationCenter();
 }

@@ -35,6 +35,8 @@ class MemoryPlatform final : public platform::Platform {
   // The platform services.
   std::shared_ptr<platform::EKEventStore> makeEventStore() override;
   platform::EKAuthorizationStatus authorizationStatusForEntityType(platform::EKEntityType entityType) override;
+  std::shared_ptr<platform::EKReminder> reminderWithEventStore(
+      const std::shared_ptr<platform::EKEventStore>& eventStore) override;
   std::shared_ptr<platform::EKEvent> eventWithEventStore(
       const std::shared_ptr<platform::EKEventStore>& eventStore) override;
   std::shared_ptr<platform::NSNotificationCenter> defaultCenter() override;

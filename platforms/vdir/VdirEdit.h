@@ -33,6 +33,7 @@ struct VdirItemChanges {
   std::optional<VdirTime> start = std::nullopt, end = std::nullopt;
   std::optional<VdirTime> due = std::nullopt;  // to-dos, in the form the user gave
   std::optional<int> priority = std::nullopt;  // to-dos: 0 (none) to 9
+  std::optional<bool> completed = std::nullopt;  // to-dos: completes or reopens (see setCompleted)
   // A whole series' repeat rule, an RFC 5545 RRULE value ("FREQ=WEEKLY;BYDAY=MO;UNTIL=20270301");
   // an UNTIL given as a day means through that day. It replaces every rule the item had.
   std::optional<std::string> rule = std::nullopt;

@@ -146,6 +146,16 @@ std::optional<platform::NSError> VdirEventStore::removeEvent(const std::shared_p
   return vdir::removeEvent(*services_->store, event, span);
 }
 
+std::optional<platform::NSError> VdirEventStore::saveReminder(const std::shared_ptr<platform::EKReminder>& reminder) {
+  if (!services_->store) return vdirError(VdirErrorCode::readOnlyCalendar, "this store is only read");
+  return vdir::saveReminder(*services_->store, reminder);
+}
+
+std::optional<platform::NSError> VdirEventStore::removeReminder(const std::shared_ptr<platform::EKReminder>& reminder) {
+  if (!services_->store) return vdirError(VdirErrorCode::readOnlyCalendar, "this store is only read");
+  return vdir::removeReminder(*services_->store, reminder);
+}
+
 void VdirEventStore::requestAccessToEntityType(platform::EKEntityType entityType, AccessCompletion completion) {
   auto services = services_;
   queue_->async([services, entityType, completion = std::move(completion)] {

@@ -65,6 +65,8 @@ class VdirEventStore : public platform::EKEventStore {
                                              platform::EKSpan span) override;
   std::optional<platform::NSError> removeEvent(const std::shared_ptr<platform::EKEvent>& event,
                                                platform::EKSpan span) override;
+  std::optional<platform::NSError> saveReminder(const std::shared_ptr<platform::EKReminder>& reminder) override;
+  std::optional<platform::NSError> removeReminder(const std::shared_ptr<platform::EKReminder>& reminder) override;
   void requestAccessToEntityType(platform::EKEntityType entityType, AccessCompletion completion) override;
   std::string description() const override;
 

@@ -248,6 +248,9 @@ rivet::RivetResult<VdirPlan> VdirItemEditor::newItem(const std::string& collecti
   if (!item) return editFailure(item.error(), __func__, __LINE__);
   auto document = newItemDocument(*item, systemZoneDefinition);
   if (!document) return editFailure(document.error(), __func__, __LINE__);
+  if (changes.completed.value_or(false))
+    if (auto completed = setCompleted(*document, uid, true, context); !completed)
+      return editFailure(completed.error(), __func__, __LINE__);
   VdirPlan plan;
   plan.identifier = collection + "/" + name;
   plan.changes.push_back({collection, name, document->text(), file->basis});
@@ -258,7 +261,13 @@ rivet::RivetResult<VdirPlan> VdirItemEditor::changeReminder(const std::string& i
                                                             const VdirItemChanges& changes) {
   auto found = find(identifier, true);
   if (!found) return found.error();
-  return planned(*found, changeSeries(found->document, found->uid, changes, contextFor(found->document)));
+  const VdirEditContext context = contextFor(found->document);
+  auto changed = changeSeries(found->document, found->uid, changes, context);
+  if (changed && changes.completed) {
+    auto completed = setCompleted(found->document, found->uid, *changes.completed, context);
+    changed = completed ? rivet::RivetResult<bool>(*changed || *completed) : completed;
+  }
+  return planned(*found, changed);
 }
 
 rivet::RivetResult<VdirPlan> VdirItemEditor::setReminderCompleted(const std::string& identifier, bool completed) {

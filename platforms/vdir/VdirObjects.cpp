@@ -212,6 +212,7 @@ std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> VdirReminde
   return attendeesOf(data());
 }
 std::optional<platform::DateComponents> VdirReminder::dueDateComponents() const {
+  if (auto set = set_.values().due) return *set;
   if (!task().due) return std::nullopt;
   return dateComponents(*task().due);
 }
@@ -240,6 +241,31 @@ std::optional<std::string> VdirNewEvent::savedIdentifier() const {
 void VdirNewEvent::setSavedIdentifier(std::string identifier) {
   rivet::RivetMutexLock lock(mutex_);
   saved_ = std::move(identifier);
+}
+
+std::optional<std::string> VdirNewReminder::savedIdentifier() const {
+  rivet::RivetMutexLock lock(mutex_);
+  return saved_;
+}
+void VdirNewReminder::setSavedIdentifier(std::string identifier) {
+  rivet::RivetMutexLock lock(mutex_);
+  saved_ = std::move(identifier);
+}
+std::string VdirNewReminder::description() const {
+  return "<EKReminder (new) '" + title().value_or("") + "' " + savedIdentifier().value_or("unsaved") + ">";
+}
+
+// Completing keeps the stored completion date of a completed to-do, else takes now.
+void VdirReminder::setCompleted(bool completed) {
+  const std::optional<platform::Date> date =
+      !completed ? std::nullopt : task().isCompleted && task().completed ? task().completed : platform::Date::now();
+  set_.assign(&VdirSetValues::completed, completed);
+  set_.assign(&VdirSetValues::completionDate, date);
+}
+void VdirNewReminder::setCompleted(bool completed) {
+  set_.assign(&VdirSetValues::completed, completed);
+  set_.assign(&VdirSetValues::completionDate,
+              completed ? std::optional<platform::Date>(platform::Date::now()) : std::nullopt);
 }
 
 // Setters: each records its value over the data read.
@@ -271,6 +297,27 @@ void VdirNewEvent::setStartDate(platform::Date value) { set_.assign(&VdirSetValu
 void VdirNewEvent::setEndDate(platform::Date value) { set_.assign(&VdirSetValues::end, std::move(value)); }
 void VdirNewEvent::setAllDay(bool value) { set_.assign(&VdirSetValues::allDay, std::move(value)); }
 void VdirNewEvent::setCalendar(std::shared_ptr<platform::EKCalendar> value) {
+  set_.assign(&VdirSetValues::calendar, std::move(value));
+}
+
+void VdirReminder::setCalendar(std::shared_ptr<platform::EKCalendar> value) {
+  set_.assign(&VdirSetValues::calendar, std::move(value));
+}
+void VdirReminder::setPriority(std::int64_t value) { set_.assign(&VdirSetValues::priority, value); }
+void VdirReminder::setDueDateComponents(std::optional<platform::DateComponents> value) {
+  set_.assign(&VdirSetValues::due, std::move(value));
+}
+void VdirNewReminder::setTitle(std::optional<std::string> value) { set_.assign(&VdirSetValues::title, std::move(value)); }
+void VdirNewReminder::setLocation(std::optional<std::string> value) {
+  set_.assign(&VdirSetValues::location, std::move(value));
+}
+void VdirNewReminder::setNotes(std::optional<std::string> value) { set_.assign(&VdirSetValues::notes, std::move(value)); }
+void VdirNewReminder::setURL(std::optional<platform::URL> value) { set_.assign(&VdirSetValues::url, std::move(value)); }
+void VdirNewReminder::setPriority(std::int64_t value) { set_.assign(&VdirSetValues::priority, value); }
+void VdirNewReminder::setDueDateComponents(std::optional<platform::DateComponents> value) {
+  set_.assign(&VdirSetValues::due, std::move(value));
+}
+void VdirNewReminder::setCalendar(std::shared_ptr<platform::EKCalendar> value) {
   set_.assign(&VdirSetValues::calendar, std::move(value));
 }
 

@@ -3,6 +3,7 @@
 // event or reminder is kept on the object, over that data, until the store saves it.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -28,6 +29,11 @@ struct VdirSetValues {
   std::optional<platform::Date> start, end;
   std::optional<bool> allDay;
   std::optional<std::shared_ptr<platform::EKCalendar>> calendar;
+  // Reminders.
+  std::optional<bool> completed;
+  std::optional<std::optional<platform::Date>> completionDate;
+  std::optional<std::int64_t> priority;
+  std::optional<std::optional<platform::DateComponents>> due;
 };
 
 // The values set on one object, under its own lock.
@@ -182,8 +188,14 @@ class VdirReminder : public platform::EKReminder {
                std::shared_ptr<platform::EKCalendar> calendar)
       : item_(std::move(item)), todo_(todo), calendar_(std::move(calendar)) {}
   const VdirItem& item() const { return *item_; }
+  const std::shared_ptr<const VdirItem>& sharedItem() const { return item_; }
+  // As the file has them, whatever was set since.
+  const std::shared_ptr<platform::EKCalendar>& storedCalendar() const { return calendar_; }
+  bool hasStoredDue() const { return task().due.has_value(); }
 
-  std::shared_ptr<platform::EKCalendar> calendar() const override { return calendar_; }
+  std::shared_ptr<platform::EKCalendar> calendar() const override {
+    return set_.read(&VdirSetValues::calendar, calendar_);
+  }
   std::string calendarItemIdentifier() const override { return task().identifier; }
   std::optional<std::string> calendarItemExternalIdentifier() const override { return data().uid; }
   std::optional<platform::Date> creationDate() const override { return data().created; }
@@ -205,12 +217,20 @@ class VdirReminder : public platform::EKReminder {
   void setNotes(std::optional<std::string> notes) override;
   void setURL(std::optional<platform::URL> url) override;
 
-  std::optional<platform::Date> completionDate() const override { return task().completed; }
+  std::optional<platform::Date> completionDate() const override {
+    return set_.read(&VdirSetValues::completionDate, task().completed);
+  }
   std::optional<platform::DateComponents> dueDateComponents() const override;
-  bool isCompleted() const override { return task().isCompleted; }
-  std::int64_t priority() const override { return task().priority; }
+  bool isCompleted() const override { return set_.read(&VdirSetValues::completed, task().isCompleted); }
+  std::int64_t priority() const override { return set_.read(&VdirSetValues::priority, task().priority); }
   std::optional<platform::DateComponents> startDateComponents() const override;
+  void setCompleted(bool completed) override;
+  void setPriority(std::int64_t priority) override;
+  void setDueDateComponents(std::optional<platform::DateComponents> components) override;
+  void setCalendar(std::shared_ptr<platform::EKCalendar> calendar) override;
   std::string description() const override;
+
+  VdirSetValues setValues() const { return set_.values(); }
 
  private:
   const VdirComponentData& data() const { return *todo_; }
@@ -268,6 +288,63 @@ class VdirNewEvent : public platform::EKEvent {
 
   VdirSetValues setValues() const { return set_.values(); }
   // The event's identifier once the store saved it.
+  std::optional<std::string> savedIdentifier() const;
+  void setSavedIdentifier(std::string identifier);
+
+ private:
+  static inline const std::optional<std::string> kNone = std::nullopt;
+  VdirSettable set_;
+  mutable rivet::RivetMutex mutex_;
+  std::optional<std::string> saved_ RIVET_GUARDED_BY(mutex_);
+};
+
+// A new reminder (reminderWithEventStore): holds what the host sets; once saved, also the
+// identifier the store gave it.
+class VdirNewReminder : public platform::EKReminder {
+ public:
+  VdirNewReminder() = default;
+  std::shared_ptr<platform::EKCalendar> calendar() const override {
+    return set_.read(&VdirSetValues::calendar, std::shared_ptr<platform::EKCalendar>());
+  }
+  std::string calendarItemIdentifier() const override { return savedIdentifier().value_or(""); }
+  std::optional<std::string> calendarItemExternalIdentifier() const override { return std::nullopt; }
+  std::optional<platform::Date> creationDate() const override { return std::nullopt; }
+  std::optional<platform::Date> lastModifiedDate() const override { return std::nullopt; }
+  std::optional<std::string> location() const override { return set_.read(&VdirSetValues::location, kNone); }
+  std::optional<std::string> notes() const override { return set_.read(&VdirSetValues::notes, kNone); }
+  std::optional<platform::URL> URL() const override {
+    return set_.read(&VdirSetValues::url, std::optional<platform::URL>());
+  }
+  std::optional<platform::TimeZone> timeZone() const override { return std::nullopt; }
+  std::optional<std::string> title() const override { return set_.read(&VdirSetValues::title, kNone); }
+  std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> alarms() const override { return std::nullopt; }
+  std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> attendees() const override {
+    return std::nullopt;
+  }
+  std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>> recurrenceRules() const override {
+    return std::nullopt;
+  }
+  std::optional<platform::Date> completionDate() const override {
+    return set_.read(&VdirSetValues::completionDate, std::optional<platform::Date>());
+  }
+  std::optional<platform::DateComponents> dueDateComponents() const override {
+    return set_.read(&VdirSetValues::due, std::optional<platform::DateComponents>());
+  }
+  bool isCompleted() const override { return set_.read(&VdirSetValues::completed, false); }
+  std::int64_t priority() const override { return set_.read(&VdirSetValues::priority, std::int64_t(0)); }
+  std::optional<platform::DateComponents> startDateComponents() const override { return std::nullopt; }
+  void setTitle(std::optional<std::string> title) override;
+  void setLocation(std::optional<std::string> location) override;
+  void setNotes(std::optional<std::string> notes) override;
+  void setURL(std::optional<platform::URL> url) override;
+  void setCompleted(bool completed) override;
+  void setPriority(std::int64_t priority) override;
+  void setDueDateComponents(std::optional<platform::DateComponents> components) override;
+  void setCalendar(std::shared_ptr<platform::EKCalendar> calendar) override;
+  std::string description() const override;
+
+  VdirSetValues setValues() const { return set_.values(); }
+  // The reminder's identifier once the store saved it.
   std::optional<std::string> savedIdentifier() const;
   void setSavedIdentifier(std::string identifier);
 

@@ -32,6 +32,11 @@ std::shared_ptr<platform::EKEvent> VdirPlatform::eventWithEventStore(const std::
   return std::make_shared<VdirNewEvent>();
 }
 
+std::shared_ptr<platform::EKReminder> VdirPlatform::reminderWithEventStore(
+    const std::shared_ptr<platform::EKEventStore>&) {
+  return std::make_shared<VdirNewReminder>();
+}
+
 std::shared_ptr<platform::EKEventViewController> VdirPlatform::makeEventViewController() {
   return screens_->makeEventViewController();
 }

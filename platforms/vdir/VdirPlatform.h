@@ -37,6 +37,8 @@ class VdirPlatform : public platform::Platform {
 
   std::shared_ptr<platform::EKEventStore> makeEventStore() override;
   platform::EKAuthorizationStatus authorizationStatusForEntityType(platform::EKEntityType entityType) override;
+  std::shared_ptr<platform::EKReminder> reminderWithEventStore(
+      const std::shared_ptr<platform::EKEventStore>& eventStore) override;
   std::shared_ptr<platform::EKEvent> eventWithEventStore(
       const std::shared_ptr<platform::EKEventStore>& eventStore) override;
   std::shared_ptr<platform::NSNotificationCenter> defaultCenter() override;

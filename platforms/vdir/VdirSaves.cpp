@@ -72,7 +72,7 @@ bool basedOnServedFile(const VdirStore& store, const VdirPlan& plan, const std::
 
 platform::NSError changedSinceRead(const VdirItem& item) {
   return vdirError(VdirErrorCode::changedOnDisk, item.relativePath +
-                                                     " changed on disk since the event was read: nothing was written; "
+                                                     " changed on disk since the item was read: nothing was written; "
                                                      "read it again to change it");
 }
 
@@ -90,6 +90,7 @@ std::optional<platform::NSError> saveNew(VdirStore& store, VdirNewEvent& event) 
   if (!collection) return errorOf(collection.error());
   VdirItemChanges changes;
   describe(set, changes);
+  if (!changes.title) changes.title = "";
   const VdirTime form = newEventForm(set.allDay.value_or(false), store.clock());
   changes.start = timeLike(*set.start, form, store.clock());
   changes.end = timeLike(*set.end, form, store.clock());
@@ -124,7 +125,124 @@ std::optional<platform::NSError> saveOccurrence(VdirStore& store, const VdirEven
   return saved(editor, plan);
 }
 
+// A due date as the host gave it: a day, or a day and time in UTC, in a known zone, or floating.
+rivet::RivetResult<VdirTime> dueOf(const platform::DateComponents& c) {
+  auto refused = [](const std::string& why, VdirErrorCode code = VdirErrorCode::invalidChange) {
+    return vdirFailure(code, why, __FILE__, "dueOf", __LINE__);
+  };
+  auto within = [](const std::optional<std::int64_t>& value, std::int64_t low, std::int64_t high) {
+    return !value || (*value >= low && *value <= high);
+  };
+  if (!c.year || !c.month || !c.day) return refused("a due date needs a year, a month and a day");
+  if (!within(c.year, 1, 9999) || !within(c.month, 1, 12) || !within(c.day, 1, 31) || !within(c.hour, 0, 23) ||
+      !within(c.minute, 0, 59) || !within(c.second, 0, 60))
+    return refused("the due date's components are out of range");
+  VdirTime time;
+  time.local = icaltime_null_time();
+  time.local.year = static_cast<int>(*c.year);
+  time.local.month = static_cast<int>(*c.month);
+  time.local.day = static_cast<int>(*c.day);
+  if (time.local.day > icaltime_days_in_month(time.local.month, time.local.year))
+    return refused("the due date names a day its month does not have");
+  if (!c.hour) {
+    time.kind = VdirTime::Kind::date;
+    time.local.is_date = 1;
+    return time;
+  }
+  time.local.hour = static_cast<int>(*c.hour);
+  time.local.minute = static_cast<int>(c.minute.value_or(0));
+  time.local.second = static_cast<int>(c.second.value_or(0));
+  if (!c.timeZone) {
+    time.kind = VdirTime::Kind::floating;
+  } else if (c.timeZone->identifier() == "UTC" || c.timeZone->identifier() == "GMT") {
+    time.kind = VdirTime::Kind::utc;
+  } else if (icaltimezone* zone = builtinZone(c.timeZone->identifier())) {
+    time.kind = VdirTime::Kind::zoned;
+    time.zone = zone;
+    time.tzid = c.timeZone->identifier();
+  } else {
+    return refused("unknown time zone \"" + c.timeZone->identifier() + "\"", VdirErrorCode::unknownTimeZone);
+  }
+  return time;
+}
+
+// What was set on a reminder, as a change; `hadDue` says whether a due date can be cleared.
+rivet::RivetResult<VdirItemChanges> reminderChanges(const VdirSetValues& set, bool hadDue) {
+  VdirItemChanges changes;
+  describe(set, changes);
+  if (set.priority) {
+    if (*set.priority < 0 || *set.priority > 9)
+      return vdirFailure(VdirErrorCode::invalidChange, "a priority is 0 (none) to 9", __FILE__, __func__, __LINE__);
+    changes.priority = static_cast<int>(*set.priority);
+  }
+  if (set.due && *set.due) {
+    auto due = dueOf(**set.due);
+    if (!due) return due.error();
+    changes.due = *due;
+  } else if (set.due && hadDue) {
+    return vdirFailure(VdirErrorCode::invalidChange, "a stored reminder's due date cannot be removed yet", __FILE__,
+                       __func__, __LINE__);
+  }
+  changes.completed = set.completed;
+  return changes;
+}
+
+std::optional<platform::NSError> saveNewReminder(VdirStore& store, VdirNewReminder& reminder) {
+  const VdirSetValues set = reminder.setValues();
+  auto collection = collectionOf(store, set.calendar.value_or(nullptr));
+  if (!collection) return errorOf(collection.error());
+  auto changes = reminderChanges(set, false);
+  if (!changes) return errorOf(changes.error());
+  if (!changes->title) changes->title = "";
+  VdirItemEditor editor(store.shared_from_this());
+  const auto identifier = reminder.savedIdentifier();
+  auto plan = identifier ? editor.changeReminder(*identifier, *changes) : editor.newItem(*collection, "VTODO", *changes);
+  if (auto failed = saved(editor, plan)) return failed;
+  if (!identifier) reminder.setSavedIdentifier(plan->identifier);
+  return std::nullopt;
+}
+
+std::optional<platform::NSError> saveStoredReminder(VdirStore& store, const VdirReminder& reminder) {
+  const VdirSetValues set = reminder.setValues();
+  const auto& stored = reminder.storedCalendar();
+  if (set.calendar &&
+      (!*set.calendar || !stored || (*set.calendar)->calendarIdentifier() != stored->calendarIdentifier())) {
+    auto named = collectionOf(store, *set.calendar);
+    if (!named) return errorOf(named.error());
+    return vdirError(VdirErrorCode::invalidChange, "a reminder cannot move to another list yet");
+  }
+  auto changes = reminderChanges(set, reminder.hasStoredDue());
+  if (!changes) return errorOf(changes.error());
+  VdirItemEditor editor(store.shared_from_this());
+  auto plan = editor.changeReminder(reminder.calendarItemIdentifier(), *changes);
+  if (plan && !basedOnServedFile(store, *plan, reminder.sharedItem())) return changedSinceRead(reminder.item());
+  return saved(editor, plan);
+}
+
 }  // namespace
+
+std::optional<platform::NSError> saveReminder(VdirStore& store, const std::shared_ptr<platform::EKReminder>& reminder) {
+  if (auto fresh = std::dynamic_pointer_cast<VdirNewReminder>(reminder)) return saveNewReminder(store, *fresh);
+  if (auto stored = std::dynamic_pointer_cast<VdirReminder>(reminder)) return saveStoredReminder(store, *stored);
+  return vdirError(VdirErrorCode::invalidChange, "the reminder was not made by this platform");
+}
+
+std::optional<platform::NSError> removeReminder(VdirStore& store,
+                                                const std::shared_ptr<platform::EKReminder>& reminder) {
+  std::optional<std::string> identifier;
+  std::shared_ptr<const VdirItem> item;
+  if (auto fresh = std::dynamic_pointer_cast<VdirNewReminder>(reminder)) {
+    identifier = fresh->savedIdentifier();
+  } else if (auto stored = std::dynamic_pointer_cast<VdirReminder>(reminder)) {
+    identifier = stored->calendarItemIdentifier();
+    item = stored->sharedItem();
+  }
+  if (!identifier) return vdirError(VdirErrorCode::noSuchItem, "the reminder is not in the store");
+  VdirItemEditor editor(store.shared_from_this());
+  auto plan = editor.removeReminder(*identifier);
+  if (plan && item && !basedOnServedFile(store, *plan, item)) return changedSinceRead(*item);
+  return saved(editor, plan);
+}
 
 std::optional<platform::NSError> saveEvent(VdirStore& store, const std::shared_ptr<platform::EKEvent>& event,
                                            platform::EKSpan span) {

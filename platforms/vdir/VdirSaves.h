@@ -8,6 +8,7 @@
 
 #include "platforms/vdir/VdirStore.h"
 #include "support/platform/EKEvent.h"
+#include "support/platform/EKReminder.h"
 #include "support/platform/NSError.h"
 
 namespace vesp::vdir {
@@ -20,5 +21,13 @@ std::optional<platform::NSError> saveEvent(VdirStore& store, const std::shared_p
                                            platform::EKSpan span);
 std::optional<platform::NSError> removeEvent(VdirStore& store, const std::shared_ptr<platform::EKEvent>& event,
                                              platform::EKSpan span);
+
+// A new reminder (VdirNewReminder) becomes a to-do in a file of its own in its list; a stored one
+// (VdirReminder) is changed in its file: title, location, notes, URL, priority (0-9), due date (a
+// day, or a day and time in UTC, a known zone or floating), completed. Not yet: moving a reminder
+// to another list, removing a stored reminder's due date (both refused, invalidChange).
+std::optional<platform::NSError> saveReminder(VdirStore& store, const std::shared_ptr<platform::EKReminder>& reminder);
+std::optional<platform::NSError> removeReminder(VdirStore& store,
+                                                const std::shared_ptr<platform::EKReminder>& reminder);
 
 }  // namespace vesp::vdir

@@ -32,8 +32,6 @@ class EKEvent : public EKCalendarItem {
   virtual void setStartDate(Date startDate) = 0;
   virtual void setEndDate(Date endDate) = 0;
   virtual void setAllDay(bool allDay) = 0;
-  // Null sets the calendar to none.
-  virtual void setCalendar(std::shared_ptr<EKCalendar> calendar) = 0;
 };
 
 }  // namespace vesp::platform

@@ -60,6 +60,11 @@ class EKEventStore : public NSObject {
   // Removes the occurrence, it and every later one, or (from the first occurrence) the event.
   virtual std::optional<NSError> removeEvent(const std::shared_ptr<EKEvent>& event, EKSpan span) = 0;
 
+  // Writes a new reminder, or what was set on one. Nothing on success; else the platform's error,
+  // and the store is as it was.
+  virtual std::optional<NSError> saveReminder(const std::shared_ptr<EKReminder>& reminder) = 0;
+  virtual std::optional<NSError> removeReminder(const std::shared_ptr<EKReminder>& reminder) = 0;
+
   // Asks the user for access; the completion is called once, on a platform thread.
   virtual void requestAccessToEntityType(EKEntityType entityType, AccessCompletion completion) = 0;
 };

@@ -65,6 +65,12 @@ class EKEventStoreWrapper : public EKEventStore {
   std::optional<NSError> removeEvent(const std::shared_ptr<EKEvent>& event, EKSpan span) override {
     return target_->removeEvent(event, span);
   }
+  std::optional<NSError> saveReminder(const std::shared_ptr<EKReminder>& reminder) override {
+    return target_->saveReminder(reminder);
+  }
+  std::optional<NSError> removeReminder(const std::shared_ptr<EKReminder>& reminder) override {
+    return target_->removeReminder(reminder);
+  }
   void requestAccessToEntityType(EKEntityType entityType, AccessCompletion completion) override {
     target_->requestAccessToEntityType(entityType, std::move(completion));
   }

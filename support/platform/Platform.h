@@ -28,6 +28,8 @@ class Platform {
   virtual EKAuthorizationStatus authorizationStatusForEntityType(EKEntityType entityType) = 0;
   // A new, unsaved event in `eventStore` (EKEvent's eventWithEventStore:).
   virtual std::shared_ptr<EKEvent> eventWithEventStore(const std::shared_ptr<EKEventStore>& eventStore) = 0;
+  // A new, unsaved reminder in `eventStore` (EKReminder's reminderWithEventStore:).
+  virtual std::shared_ptr<EKReminder> reminderWithEventStore(const std::shared_ptr<EKEventStore>& eventStore) = 0;
   // The default notification centre; the same object on every call.
   virtual std::shared_ptr<NSNotificationCenter> defaultCenter() = 0;
   // The main bundle, whose information dictionary declares the usage descriptions.
@@ -70,6 +72,9 @@ class PlatformWrapper : public Platform {
   }
   std::shared_ptr<EKEvent> eventWithEventStore(const std::shared_ptr<EKEventStore>& eventStore) override {
     return target_->eventWithEventStore(eventStore);
+  }
+  std::shared_ptr<EKReminder> reminderWithEventStore(const std::shared_ptr<EKEventStore>& eventStore) override {
+    return target_->reminderWithEventStore(eventStore);
   }
   std::shared_ptr<NSNotificationCenter> defaultCenter() override { return target_->defaultCenter(); }
   std::shared_ptr<NSBundle> mainBundle() override { return target_->mainBundle(); }

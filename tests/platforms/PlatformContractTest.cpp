@@ -1,7 +1,8 @@
 // What every platform we serve promises the library, run over each of them: the memory platform and
 // the vdir platform over a tree on disk. Each world holds the same contents: calendars "Work" and
 // "Home", the event "Standup" [10:00, 11:00) and the instant "Ping" at 12:00 in Work, "Dinner"
-// [18:00, 19:00) in Home, all on 2 March 2026 (UTC), and access granted to both kinds.
+// [18:00, 19:00) in Home, all on 2 March 2026 (UTC), the reminder list "Tasks" with the reminder
+// "Water plants", and access granted to both kinds.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -34,6 +35,7 @@ struct MemoryWorld {
     memory->addEvent(work, "Standup", utc(2026, 3, 2, 10), utc(2026, 3, 2, 11));
     memory->addEvent(work, "Ping", utc(2026, 3, 2, 12), utc(2026, 3, 2, 12));
     memory->addEvent(home, "Dinner", utc(2026, 3, 2, 18), utc(2026, 3, 2, 19));
+    memory->addReminder(memory->addCalendar("Tasks", source, platform::EKEntityMaskReminder), "Water plants");
     memory->setAuthorizationStatus(platform::EKEntityTypeEvent, platform::EKAuthorizationStatusAuthorized);
     memory->setAuthorizationStatus(platform::EKEntityTypeReminder, platform::EKAuthorizationStatusAuthorized);
   }
@@ -59,6 +61,10 @@ struct VdirWorld {
     writeFile(root.path() / "work/ping.ics", simpleEvent("ping", "Ping", "20260302T120000Z", "20260302T120000Z"));
     writeFile(root.path() / "home/dinner.ics",
               simpleEvent("dinner", "Dinner", "20260302T180000Z", "20260302T190000Z"));
+    writeFile(root.path() / "tasks/water.ics",
+              "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Test//EN\r\nBEGIN:VTODO\r\nUID:water\r\n"
+              "DTSTAMP:20260101T000000Z\r\nSUMMARY:Water plants\r\nEND:VTODO\r\nEND:VCALENDAR\r\n");
+    writeFile(root.path() / "tasks/displayname", "Tasks");
     writeFile(root.path() / "work/displayname", "Work");
     writeFile(root.path() / "home/displayname", "Home");
     writeFile(config.path() / "access.json",
@@ -112,11 +118,16 @@ class PlatformContractTest : public ::testing::Test {
     EXPECT_FALSE(error->localizedDescription().empty());
     return error->code();
   }
-  std::shared_ptr<platform::EKCalendar> calendarTitled(const std::string& title) {
-    for (auto& calendar : store->calendarsForEntityType(platform::EKEntityTypeEvent))
+  std::shared_ptr<platform::EKCalendar> calendarTitled(const std::string& title,
+                                                       platform::EKEntityType type = platform::EKEntityTypeEvent) {
+    for (auto& calendar : store->calendarsForEntityType(type))
       if (calendar->title() == title) return calendar;
     ADD_FAILURE() << "no calendar " << title;
     return nullptr;
+  }
+  std::shared_ptr<platform::EKReminder> reminderNamed(const std::shared_ptr<platform::EKEventStore>& from,
+                                                      const std::string& identifier) {
+    return std::dynamic_pointer_cast<platform::EKReminder>(from->calendarItemWithIdentifier(identifier));
   }
 };
 
@@ -302,6 +313,80 @@ TYPED_TEST(PlatformContractTest, ASaveThatCannotBeKeptFailsWithItsCodeAndChanges
   EXPECT_EQ(this->codeOf(this->store->saveEvent(timeless, platform::EKSpanThisEvent)), 18);
   EXPECT_THAT(this->titles(utc(2026, 3, 5), utc(2026, 3, 6), std::nullopt), IsEmpty());
   EXPECT_EQ(this->titles(utc(2026, 3, 2), utc(2026, 3, 3), std::nullopt).size(), 3u);
+}
+
+TYPED_TEST(PlatformContractTest, ANewReminderIsSavedCompletedAndRemoved) {
+  auto platform = this->world.platform();
+  auto reminder = platform->reminderWithEventStore(this->store);
+  reminder->setTitle("Buy stamps");
+  reminder->setNotes("Ten of them");
+  reminder->setPriority(1);
+  platform::DateComponents due;
+  due.year = 2026;
+  due.month = 3;
+  due.day = 6;
+  reminder->setDueDateComponents(due);
+  reminder->setCalendar(this->calendarTitled("Tasks", platform::EKEntityTypeReminder));
+  ASSERT_EQ(this->store->saveReminder(reminder), std::nullopt);
+  const std::string identifier = reminder->calendarItemIdentifier();
+  ASSERT_FALSE(identifier.empty());
+
+  auto other = platform->makeEventStore();
+  auto found = this->reminderNamed(other, identifier);
+  ASSERT_TRUE(found);
+  EXPECT_EQ(found->title(), "Buy stamps");
+  EXPECT_EQ(found->notes(), "Ten of them");
+  EXPECT_EQ(found->priority(), 1);
+  EXPECT_EQ(found->dueDateComponents(), due);
+  EXPECT_FALSE(found->isCompleted());
+  EXPECT_EQ(found->calendar()->title(), "Tasks");
+
+  found->setCompleted(true);
+  ASSERT_EQ(other->saveReminder(found), std::nullopt);
+  auto done = this->reminderNamed(this->store, identifier);
+  ASSERT_TRUE(done);
+  EXPECT_TRUE(done->isCompleted());
+  EXPECT_TRUE(done->completionDate());
+
+  ASSERT_EQ(this->store->removeReminder(done), std::nullopt);
+  EXPECT_EQ(this->store->calendarItemWithIdentifier(identifier), nullptr);
+  EXPECT_EQ(this->codeOf(this->store->removeReminder(done)), 17);
+}
+
+TYPED_TEST(PlatformContractTest, AStoredReminderChangesAndReopens) {
+  auto platform = this->world.platform();
+  auto predicate = this->store->predicateForIncompleteRemindersWithDueDateStarting(std::nullopt, std::nullopt,
+                                                                                   std::nullopt);
+  std::shared_ptr<platform::EKReminder> water;
+  std::mutex mutex;
+  std::condition_variable fetched;
+  bool arrived = false;
+  (void)this->store->fetchRemindersMatchingPredicate(
+      predicate, [&](std::optional<std::vector<std::shared_ptr<platform::EKReminder>>> reminders) {
+        std::lock_guard lock(mutex);
+        if (reminders && reminders->size() == 1) water = reminders->front();
+        arrived = true;
+        fetched.notify_all();
+      });
+  {
+    std::unique_lock lock(mutex);
+    ASSERT_TRUE(fetched.wait_for(lock, std::chrono::seconds(10), [&] { return arrived; }));
+  }
+  ASSERT_TRUE(water);
+  const std::string identifier = water->calendarItemIdentifier();
+  water->setTitle("Water the plants");
+  water->setPriority(5);
+  ASSERT_EQ(this->store->saveReminder(water), std::nullopt);
+  auto changed = this->reminderNamed(platform->makeEventStore(), identifier);
+  ASSERT_TRUE(changed);
+  EXPECT_EQ(changed->title(), "Water the plants");
+  EXPECT_EQ(changed->priority(), 5);
+
+  changed->setPriority(12);
+  EXPECT_EQ(this->codeOf(this->store->saveReminder(changed)), 18);
+  auto homeless = platform->reminderWithEventStore(this->store);
+  homeless->setTitle("Nowhere");
+  EXPECT_EQ(this->codeOf(this->store->saveReminder(homeless)), 11);
 }
 
 }  // namespace

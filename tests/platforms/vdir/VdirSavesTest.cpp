@@ -116,5 +116,67 @@ TEST_F(VdirSavesTest, WhatCannotBeSavedIsRefusedWithItsCode) {
   EXPECT_EQ(readFile(root.path() / "work/weekly.ics"), kWeekly);
 }
 
+TEST_F(VdirSavesTest, AReminderKeepsTheFormOfItsDueDateAndCompletesAsOtherClientsExpect) {
+  writeFile(root.path() / "tasks/displayname", "Tasks");
+  writeFile(root.path() / "tasks/seed.ics",
+            "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Test//EN\r\nBEGIN:VTODO\r\nUID:seed\r\n"
+            "DTSTAMP:20260101T000000Z\r\nSUMMARY:Seed\r\nEND:VTODO\r\nEND:VCALENDAR\r\n");
+  ASSERT_TRUE(vdirPlatform->refresh());
+  std::shared_ptr<platform::EKCalendar> tasks;
+  for (const auto& calendar : store->calendarsForEntityType(platform::EKEntityTypeReminder))
+    if (calendar->title() == "Tasks") tasks = calendar;
+  ASSERT_TRUE(tasks);
+  auto make = [&](const std::string& title, platform::DateComponents due) {
+    auto reminder = vdirPlatform->reminderWithEventStore(store);
+    reminder->setTitle(title);
+    reminder->setCalendar(tasks);
+    reminder->setDueDateComponents(due);
+    EXPECT_EQ(store->saveReminder(reminder), std::nullopt);
+    return reminder;
+  };
+  platform::DateComponents zoned;
+  zoned.year = 2026, zoned.month = 3, zoned.day = 6, zoned.hour = 17, zoned.minute = 30;
+  zoned.timeZone = platform::TimeZone("Europe/Berlin");
+  auto berlin = make("Call", zoned);
+  platform::DateComponents floating = zoned;
+  floating.timeZone = std::nullopt;
+  auto local = make("Stretch", floating);
+  const auto file = [&](const std::shared_ptr<platform::EKReminder>& reminder) {
+    const std::string& identifier = reminder->calendarItemIdentifier();
+    return readFile(root.path() / identifier);
+  };
+  EXPECT_THAT(file(berlin), HasSubstr("DUE;TZID=Europe/Berlin:20260306T173000\r\n"));
+  EXPECT_THAT(file(berlin), HasSubstr("BEGIN:VTIMEZONE\r\nTZID:Europe/Berlin\r\n"));
+  EXPECT_THAT(file(local), HasSubstr("DUE:20260306T173000\r\n"));
+
+  auto stored = std::dynamic_pointer_cast<platform::EKReminder>(
+      store->calendarItemWithIdentifier(berlin->calendarItemIdentifier()));
+  ASSERT_TRUE(stored);
+  platform::DateComponents readBack = zoned;  // a stored date-time states its seconds
+  readBack.second = 0;
+  EXPECT_EQ(stored->dueDateComponents(), readBack);
+  stored->setCompleted(true);
+  ASSERT_EQ(store->saveReminder(stored), std::nullopt);
+  const std::string done = file(berlin);
+  EXPECT_THAT(done, HasSubstr("STATUS:COMPLETED\r\n"));
+  EXPECT_THAT(done, HasSubstr("PERCENT-COMPLETE:100\r\n"));
+  EXPECT_THAT(done, HasSubstr("\r\nCOMPLETED:"));
+
+  platform::DateComponents nowhere = zoned;
+  nowhere.timeZone = platform::TimeZone("Mars/Olympus");
+  auto lost = vdirPlatform->reminderWithEventStore(store);
+  lost->setCalendar(tasks);
+  lost->setDueDateComponents(nowhere);
+  auto error = store->saveReminder(lost);
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), static_cast<std::int64_t>(VdirErrorCode::unknownTimeZone));
+  platform::DateComponents february = floating;
+  february.month = 2, february.day = 30;
+  lost->setDueDateComponents(february);
+  error = store->saveReminder(lost);
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), static_cast<std::int64_t>(VdirErrorCode::invalidChange));
+}
+
 }  // namespace
 }  // namespace vesp::vdir

@@ -234,23 +234,7 @@ bool VdirNewEvent::isAllDay() const { return set_.read(&VdirSetValues::allDay, f
 std::optional<platform::Date> VdirNewEvent::startDate() const {
   return set_.read(&VdirSetValues::start, std::optional<platform::Date>());
 }
-std::optional<std::string> VdirNewEvent::savedIdentifier() const {
-  rivet::RivetMutexLock lock(mutex_);
-  return saved_;
-}
-void VdirNewEvent::setSavedIdentifier(std::string identifier) {
-  rivet::RivetMutexLock lock(mutex_);
-  saved_ = std::move(identifier);
-}
 
-std::optional<std::string> VdirNewReminder::savedIdentifier() const {
-  rivet::RivetMutexLock lock(mutex_);
-  return saved_;
-}
-void VdirNewReminder::setSavedIdentifier(std::string identifier) {
-  rivet::RivetMutexLock lock(mutex_);
-  saved_ = std::move(identifier);
-}
 std::string VdirNewReminder::description() const {
   return "<EKReminder (new) '" + title().value_or("") + "' " + savedIdentifier().value_or("unsaved") + ">";
 }
@@ -266,59 +250,6 @@ void VdirNewReminder::setCompleted(bool completed) {
   set_.assign(&VdirSetValues::completed, completed);
   set_.assign(&VdirSetValues::completionDate,
               completed ? std::optional<platform::Date>(platform::Date::now()) : std::nullopt);
-}
-
-// Setters: each records its value over the data read.
-void VdirEvent::setTitle(std::optional<std::string> value) { set_.assign(&VdirSetValues::title, std::move(value)); }
-void VdirEvent::setLocation(std::optional<std::string> value) {
-  set_.assign(&VdirSetValues::location, std::move(value));
-}
-void VdirEvent::setNotes(std::optional<std::string> value) { set_.assign(&VdirSetValues::notes, std::move(value)); }
-void VdirEvent::setURL(std::optional<platform::URL> value) { set_.assign(&VdirSetValues::url, std::move(value)); }
-void VdirEvent::setStartDate(platform::Date value) { set_.assign(&VdirSetValues::start, std::move(value)); }
-void VdirEvent::setEndDate(platform::Date value) { set_.assign(&VdirSetValues::end, std::move(value)); }
-void VdirEvent::setAllDay(bool value) { set_.assign(&VdirSetValues::allDay, std::move(value)); }
-void VdirEvent::setCalendar(std::shared_ptr<platform::EKCalendar> value) {
-  set_.assign(&VdirSetValues::calendar, std::move(value));
-}
-void VdirReminder::setTitle(std::optional<std::string> value) { set_.assign(&VdirSetValues::title, std::move(value)); }
-void VdirReminder::setLocation(std::optional<std::string> value) {
-  set_.assign(&VdirSetValues::location, std::move(value));
-}
-void VdirReminder::setNotes(std::optional<std::string> value) { set_.assign(&VdirSetValues::notes, std::move(value)); }
-void VdirReminder::setURL(std::optional<platform::URL> value) { set_.assign(&VdirSetValues::url, std::move(value)); }
-void VdirNewEvent::setTitle(std::optional<std::string> value) { set_.assign(&VdirSetValues::title, std::move(value)); }
-void VdirNewEvent::setLocation(std::optional<std::string> value) {
-  set_.assign(&VdirSetValues::location, std::move(value));
-}
-void VdirNewEvent::setNotes(std::optional<std::string> value) { set_.assign(&VdirSetValues::notes, std::move(value)); }
-void VdirNewEvent::setURL(std::optional<platform::URL> value) { set_.assign(&VdirSetValues::url, std::move(value)); }
-void VdirNewEvent::setStartDate(platform::Date value) { set_.assign(&VdirSetValues::start, std::move(value)); }
-void VdirNewEvent::setEndDate(platform::Date value) { set_.assign(&VdirSetValues::end, std::move(value)); }
-void VdirNewEvent::setAllDay(bool value) { set_.assign(&VdirSetValues::allDay, std::move(value)); }
-void VdirNewEvent::setCalendar(std::shared_ptr<platform::EKCalendar> value) {
-  set_.assign(&VdirSetValues::calendar, std::move(value));
-}
-
-void VdirReminder::setCalendar(std::shared_ptr<platform::EKCalendar> value) {
-  set_.assign(&VdirSetValues::calendar, std::move(value));
-}
-void VdirReminder::setPriority(std::int64_t value) { set_.assign(&VdirSetValues::priority, value); }
-void VdirReminder::setDueDateComponents(std::optional<platform::DateComponents> value) {
-  set_.assign(&VdirSetValues::due, std::move(value));
-}
-void VdirNewReminder::setTitle(std::optional<std::string> value) { set_.assign(&VdirSetValues::title, std::move(value)); }
-void VdirNewReminder::setLocation(std::optional<std::string> value) {
-  set_.assign(&VdirSetValues::location, std::move(value));
-}
-void VdirNewReminder::setNotes(std::optional<std::string> value) { set_.assign(&VdirSetValues::notes, std::move(value)); }
-void VdirNewReminder::setURL(std::optional<platform::URL> value) { set_.assign(&VdirSetValues::url, std::move(value)); }
-void VdirNewReminder::setPriority(std::int64_t value) { set_.assign(&VdirSetValues::priority, value); }
-void VdirNewReminder::setDueDateComponents(std::optional<platform::DateComponents> value) {
-  set_.assign(&VdirSetValues::due, std::move(value));
-}
-void VdirNewReminder::setCalendar(std::shared_ptr<platform::EKCalendar> value) {
-  set_.assign(&VdirSetValues::calendar, std::move(value));
 }
 
 }  // namespace vesp::vdir

@@ -61,6 +61,59 @@ class VdirSettable {
   VdirSetValues values_ RIVET_GUARDED_BY(mutex_);
 };
 
+// The setters every item shares, defined once: each keeps what the host set over the data read,
+// for the item's reads and for the store's save.
+template <class Interface>
+class VdirSettableItem : public Interface {
+ public:
+  void setTitle(std::optional<std::string> value) override { set_.assign(&VdirSetValues::title, std::move(value)); }
+  void setLocation(std::optional<std::string> value) override {
+    set_.assign(&VdirSetValues::location, std::move(value));
+  }
+  void setNotes(std::optional<std::string> value) override { set_.assign(&VdirSetValues::notes, std::move(value)); }
+  void setURL(std::optional<platform::URL> value) override { set_.assign(&VdirSetValues::url, std::move(value)); }
+  void setCalendar(std::shared_ptr<platform::EKCalendar> value) override {
+    set_.assign(&VdirSetValues::calendar, std::move(value));
+  }
+  // What was set since the item was read or made.
+  VdirSetValues setValues() const { return set_.values(); }
+
+ protected:
+  VdirSettable set_;
+};
+
+class VdirSettableEvent : public VdirSettableItem<platform::EKEvent> {
+ public:
+  void setStartDate(platform::Date value) override { set_.assign(&VdirSetValues::start, value); }
+  void setEndDate(platform::Date value) override { set_.assign(&VdirSetValues::end, value); }
+  void setAllDay(bool value) override { set_.assign(&VdirSetValues::allDay, value); }
+};
+
+class VdirSettableReminder : public VdirSettableItem<platform::EKReminder> {
+ public:
+  void setPriority(std::int64_t value) override { set_.assign(&VdirSetValues::priority, value); }
+  void setDueDateComponents(std::optional<platform::DateComponents> value) override {
+    set_.assign(&VdirSetValues::due, std::move(value));
+  }
+};
+
+// The identifier the store gave a new item when it saved it, under its own lock.
+class VdirSavedIdentifier {
+ public:
+  std::optional<std::string> get() const {
+    rivet::RivetMutexLock lock(mutex_);
+    return saved_;
+  }
+  void set(std::string identifier) {
+    rivet::RivetMutexLock lock(mutex_);
+    saved_ = std::move(identifier);
+  }
+
+ private:
+  mutable rivet::RivetMutex mutex_;
+  std::optional<std::string> saved_ RIVET_GUARDED_BY(mutex_);
+};
+
 class VdirSource : public platform::EKSource {
  public:
   VdirSource(std::string identifier, platform::EKSourceType type, std::string title)
@@ -121,7 +174,7 @@ struct VdirOccurrenceFields {
   bool detached = false;
 };
 
-class VdirEvent : public platform::EKEvent {
+class VdirEvent : public VdirSettableEvent {
  public:
   explicit VdirEvent(VdirOccurrenceFields fields) : fields_(std::move(fields)) {}
   const VdirOccurrenceFields& fields() const { return fields_; }
@@ -160,28 +213,17 @@ class VdirEvent : public platform::EKEvent {
   platform::EKEventStatus status() const override { return data().status; }
   std::shared_ptr<platform::EKStructuredLocation> structuredLocation() const override;
   std::optional<platform::AnyObject> valueForKey(const std::string& key) const override;
-  void setTitle(std::optional<std::string> title) override;
-  void setLocation(std::optional<std::string> location) override;
-  void setNotes(std::optional<std::string> notes) override;
-  void setURL(std::optional<platform::URL> url) override;
-  void setStartDate(platform::Date startDate) override;
-  void setEndDate(platform::Date endDate) override;
-  void setAllDay(bool allDay) override;
-  void setCalendar(std::shared_ptr<platform::EKCalendar> calendar) override;
   std::string description() const override;
 
-  // What was set since the occurrence was read.
-  VdirSetValues setValues() const { return set_.values(); }
   // The start as its file states it (its kind and zone), for writing a new start in that form.
   const VdirTime& statedStart() const { return data().start; }
 
  private:
   const VdirComponentData& data() const { return *fields_.component; }
   VdirOccurrenceFields fields_;
-  VdirSettable set_;
 };
 
-class VdirReminder : public platform::EKReminder {
+class VdirReminder : public VdirSettableReminder {
  public:
   // REQUIRES: `todo` is one of item's to-dos.
   VdirReminder(std::shared_ptr<const VdirItem> item, const VdirComponentData* todo,
@@ -212,10 +254,6 @@ class VdirReminder : public platform::EKReminder {
   std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>> recurrenceRules() const override {
     return std::nullopt;
   }
-  void setTitle(std::optional<std::string> title) override;
-  void setLocation(std::optional<std::string> location) override;
-  void setNotes(std::optional<std::string> notes) override;
-  void setURL(std::optional<platform::URL> url) override;
 
   std::optional<platform::Date> completionDate() const override {
     return set_.read(&VdirSetValues::completionDate, task().completed);
@@ -225,12 +263,8 @@ class VdirReminder : public platform::EKReminder {
   std::int64_t priority() const override { return set_.read(&VdirSetValues::priority, task().priority); }
   std::optional<platform::DateComponents> startDateComponents() const override;
   void setCompleted(bool completed) override;
-  void setPriority(std::int64_t priority) override;
-  void setDueDateComponents(std::optional<platform::DateComponents> components) override;
-  void setCalendar(std::shared_ptr<platform::EKCalendar> calendar) override;
   std::string description() const override;
 
-  VdirSetValues setValues() const { return set_.values(); }
 
  private:
   const VdirComponentData& data() const { return *todo_; }
@@ -238,12 +272,11 @@ class VdirReminder : public platform::EKReminder {
   std::shared_ptr<const VdirItem> item_;
   const VdirComponentData* todo_;
   std::shared_ptr<platform::EKCalendar> calendar_;
-  VdirSettable set_;
 };
 
 // A new event (eventWithEventStore): holds what the host sets; once saved, also the identifier the
 // store gave it.
-class VdirNewEvent : public platform::EKEvent {
+class VdirNewEvent : public VdirSettableEvent {
  public:
   VdirNewEvent() = default;
   std::shared_ptr<platform::EKCalendar> calendar() const override;
@@ -277,30 +310,19 @@ class VdirNewEvent : public platform::EKEvent {
   platform::EKEventStatus status() const override { return platform::EKEventStatusNone; }
   std::shared_ptr<platform::EKStructuredLocation> structuredLocation() const override { return nullptr; }
   std::optional<platform::AnyObject> valueForKey(const std::string&) const override { return std::nullopt; }
-  void setTitle(std::optional<std::string> title) override;
-  void setLocation(std::optional<std::string> location) override;
-  void setNotes(std::optional<std::string> notes) override;
-  void setURL(std::optional<platform::URL> url) override;
-  void setStartDate(platform::Date startDate) override;
-  void setEndDate(platform::Date endDate) override;
-  void setAllDay(bool allDay) override;
-  void setCalendar(std::shared_ptr<platform::EKCalendar> calendar) override;
 
-  VdirSetValues setValues() const { return set_.values(); }
   // The event's identifier once the store saved it.
-  std::optional<std::string> savedIdentifier() const;
-  void setSavedIdentifier(std::string identifier);
+  std::optional<std::string> savedIdentifier() const { return saved_.get(); }
+  void setSavedIdentifier(std::string identifier) { saved_.set(std::move(identifier)); }
 
  private:
   static inline const std::optional<std::string> kNone = std::nullopt;
-  VdirSettable set_;
-  mutable rivet::RivetMutex mutex_;
-  std::optional<std::string> saved_ RIVET_GUARDED_BY(mutex_);
+  VdirSavedIdentifier saved_;
 };
 
 // A new reminder (reminderWithEventStore): holds what the host sets; once saved, also the
 // identifier the store gave it.
-class VdirNewReminder : public platform::EKReminder {
+class VdirNewReminder : public VdirSettableReminder {
  public:
   VdirNewReminder() = default;
   std::shared_ptr<platform::EKCalendar> calendar() const override {
@@ -333,26 +355,16 @@ class VdirNewReminder : public platform::EKReminder {
   bool isCompleted() const override { return set_.read(&VdirSetValues::completed, false); }
   std::int64_t priority() const override { return set_.read(&VdirSetValues::priority, std::int64_t(0)); }
   std::optional<platform::DateComponents> startDateComponents() const override { return std::nullopt; }
-  void setTitle(std::optional<std::string> title) override;
-  void setLocation(std::optional<std::string> location) override;
-  void setNotes(std::optional<std::string> notes) override;
-  void setURL(std::optional<platform::URL> url) override;
   void setCompleted(bool completed) override;
-  void setPriority(std::int64_t priority) override;
-  void setDueDateComponents(std::optional<platform::DateComponents> components) override;
-  void setCalendar(std::shared_ptr<platform::EKCalendar> calendar) override;
   std::string description() const override;
 
-  VdirSetValues setValues() const { return set_.values(); }
   // The reminder's identifier once the store saved it.
-  std::optional<std::string> savedIdentifier() const;
-  void setSavedIdentifier(std::string identifier);
+  std::optional<std::string> savedIdentifier() const { return saved_.get(); }
+  void setSavedIdentifier(std::string identifier) { saved_.set(std::move(identifier)); }
 
  private:
   static inline const std::optional<std::string> kNone = std::nullopt;
-  VdirSettable set_;
-  mutable rivet::RivetMutex mutex_;
-  std::optional<std::string> saved_ RIVET_GUARDED_BY(mutex_);
+  VdirSavedIdentifier saved_;
 };
 
 }  // namespace vesp::vdir

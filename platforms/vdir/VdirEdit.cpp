@@ -109,7 +109,7 @@ rivet::RivetResult<VdirTime> moved(const VdirTime& time, const VdirTime& from, c
   if (!before) return before.error();
   if (!after) return after.error();
   return timeLike(platform::Date(at->timeIntervalSinceReferenceDate() + after->timeIntervalSince(*before)), to,
-                  context);
+                  *context.clock);
 }
 
 // A line of several time values rewritten: each kept value moved (or dropped when `keep` says so),
@@ -129,7 +129,7 @@ rivet::RivetResult<std::optional<VdirContentLine>> rewrittenTimes(const VdirCont
     if (!sameForm(kept, form)) {
       auto instant = instantOf(kept, context);
       if (!instant) return instant.error();
-      kept = timeLike(*instant, form, context);
+      kept = timeLike(*instant, form, *context.clock);
     }
     if (!values.empty()) values.append(1, ',');
     values.append(timeValue(kept));
@@ -458,7 +458,7 @@ bool hasOccurrenceAt(const VdirComponent& master, const VdirTime& start, platfor
   auto first = instantOf(start, context);
   if (first && sameInstant(*first, instant)) return true;
   if (statesInstant(master, "RDATE", instant, context)) return true;
-  const std::int64_t target = fieldSeconds(timeLike(instant, start, context).local);
+  const std::int64_t target = fieldSeconds(timeLike(instant, start, *context.clock).local);
   for (const VdirContentLine* line : master.properties("RRULE")) {
     const icalrecurrencetype rule = icalrecurrencetype_from_string(line->value().c_str());
     if (rule.freq == ICAL_NO_RECURRENCE || unservableRule(rule, start)) return true;
@@ -490,7 +490,7 @@ rivet::RivetResult<int> instancesBefore(const VdirContentLine& line, const VdirT
                                                         __LINE__);
   if (const char* why = unservableRule(rule, start))
     return editError(std::string("the rule cannot be expanded: ") + why, "instancesBefore", __LINE__);
-  const std::int64_t before = fieldSeconds(timeLike(occurrence, start, context).local);
+  const std::int64_t before = fieldSeconds(timeLike(occurrence, start, *context.clock).local);
   const std::optional<RuleWalk> walk = walkRule(rule, start, before, limit);
   if (!walk) return editError("the rule cannot be expanded: " + line.value(), "instancesBefore", __LINE__);
   return walk->before;
@@ -596,13 +596,6 @@ VdirContentLine timeLine(const std::string& name, const VdirTime& time) {
   return VdirContentLine(name, std::move(parameters), timeValue(time));
 }
 
-VdirTime timeLike(platform::Date instant, const VdirTime& like, const VdirEditContext& context) {
-  VdirTime time = like;
-  time.local = context.clock->wallClockLike(instant, like);
-  time.local.is_date = like.isDate() ? 1 : 0;
-  return time;
-}
-
 VdirComponent* masterOf(VdirDocument& document, const std::string& uid) {
   VdirComponent* calendar = document.calendar();
   if (!calendar) return nullptr;
@@ -682,7 +675,7 @@ rivet::RivetResult<bool> changeOccurrenceOn(VdirDocument& document, const std::s
   VdirComponent item = existing ? *existing : **master;
   if (!existing) {
     for (const char* name : {"RRULE", "RDATE", "EXDATE", "EXRULE"}) item.remove(name);
-    const VdirTime at = timeLike(occurrence, *seriesStart, context);
+    const VdirTime at = timeLike(occurrence, *seriesStart, *context.clock);
     auto moved = moveStart(item, *seriesStart, at, {}, context);
     if (!moved) return moved.error();
     item.set(timeLine("RECURRENCE-ID", at));
@@ -726,7 +719,7 @@ rivet::RivetResult<bool> removeOccurrenceOn(VdirDocument& document, const std::s
     return instant && sameInstant(*instant, occurrence);
   });
   if (excluded && overrides == 0) return false;
-  if (!excluded) item.add(timeLine("EXDATE", timeLike(occurrence, *seriesStart, context)));
+  if (!excluded) item.add(timeLine("EXDATE", timeLike(occurrence, *seriesStart, *context.clock)));
   stamp(item, true, context);
   alignSequences(document, uid, item);
   return true;
@@ -747,13 +740,13 @@ rivet::RivetResult<bool> endSeriesBeforeOn(VdirDocument& document, const std::st
   // RFC 5545: UNTIL is a DATE for an all-day series, floating for a floating one, else in UTC.
   std::string until;
   if (seriesStart->isDate()) {
-    VdirTime day = timeLike(occurrence, *seriesStart, context);
+    VdirTime day = timeLike(occurrence, *seriesStart, *context.clock);
     day.local = fieldsAt(fieldSeconds(day.local) - 86400, true);
     until = timeValue(day);
   } else {
     VdirTime last = seriesStart->kind == VdirTime::Kind::floating ? *seriesStart : VdirTime{};
     if (seriesStart->kind != VdirTime::Kind::floating) last.kind = VdirTime::Kind::utc;
-    until = timeValue(timeLike(platform::Date(occurrence.timeIntervalSinceReferenceDate() - 1), last, context));
+    until = timeValue(timeLike(platform::Date(occurrence.timeIntervalSinceReferenceDate() - 1), last, *context.clock));
   }
   std::vector<VdirContentLine> rules;
   for (const VdirContentLine* line : item.properties("RRULE")) {
@@ -861,7 +854,7 @@ rivet::RivetResult<VdirComponent> futureMaster(const VdirComponent& master, cons
                                                const VdirEditContext& context) {
   VdirComponent future = master;
   future.set(VdirContentLine("UID", {}, escapedText(newUid)));
-  const VdirTime at = timeLike(occurrence, seriesStart, context);
+  const VdirTime at = timeLike(occurrence, seriesStart, *context.clock);
   auto moved = moveStart(future, seriesStart, at, {}, context);
   if (!moved) return moved.error();
   std::vector<VdirContentLine> rules;

@@ -53,8 +53,6 @@ std::vector<std::string> valuesOf(const VdirContentLine& line);
 std::string timeValue(const VdirTime& time);
 // A line stating `time`: VALUE=DATE for a date, TZID for a zoned time.
 VdirContentLine timeLine(const std::string& name, const VdirTime& time);
-// The wall-clock time of `instant` in the form of `like` (its kind and zone).
-VdirTime timeLike(platform::Date instant, const VdirTime& like, const VdirEditContext& context);
 
 // The events and to-dos of a document, found by UID (case-sensitive, as RFC 5545 has it).
 VdirComponent* masterOf(VdirDocument& document, const std::string& uid);  // no RECURRENCE-ID

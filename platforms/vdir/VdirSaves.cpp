@@ -23,28 +23,6 @@ std::optional<VdirSpan> spanOf(platform::EKSpan span) {
   return std::nullopt;
 }
 
-// `instant` in the form of `like` (its kind and zone).
-VdirTime timeLike(platform::Date instant, VdirTime like, const VdirClock& clock) {
-  like.local = clock.wallClockLike(instant, like);
-  return like;
-}
-
-// How a new event states its times: a date when it lasts all day, else the wall-clock time in the
-// user's zone under its name (UTC when the zone is unknown).
-VdirTime newEventForm(bool allDay, const VdirClock& clock) {
-  VdirTime form;
-  if (allDay) {
-    form.kind = VdirTime::Kind::date;
-  } else if (icaltimezone* zone = builtinZone(clock.localZoneName()); zone && clock.localZoneName() != "UTC") {
-    form.kind = VdirTime::Kind::zoned;
-    form.zone = zone;
-    form.tzid = clock.localZoneName();
-  } else {
-    form.kind = VdirTime::Kind::utc;
-  }
-  return form;
-}
-
 // The descriptive attributes set: title, location, notes and URL.
 void describe(const VdirSetValues& set, VdirItemChanges& changes) {
   if (set.title) changes.title = set.title->value_or("");
@@ -91,7 +69,7 @@ std::optional<platform::NSError> saveNew(VdirStore& store, VdirNewEvent& event) 
   VdirItemChanges changes;
   describe(set, changes);
   if (!changes.title) changes.title = "";
-  const VdirTime form = newEventForm(set.allDay.value_or(false), store.clock());
+  const VdirTime form = newItemForm(set.allDay.value_or(false), store.clock());
   changes.start = timeLike(*set.start, form, store.clock());
   changes.end = timeLike(*set.end, form, store.clock());
   VdirItemEditor editor(store.shared_from_this());

@@ -74,6 +74,27 @@ icaltimetype VdirClock::wallClockLike(platform::Date instant, const VdirTime& li
   return wall;
 }
 
+VdirTime timeLike(platform::Date instant, const VdirTime& like, const VdirClock& clock) {
+  VdirTime time = like;
+  time.local = clock.wallClockLike(instant, like);
+  time.local.is_date = like.isDate() ? 1 : 0;
+  return time;
+}
+
+VdirTime newItemForm(bool allDay, const VdirClock& clock) {
+  VdirTime form;
+  if (allDay) {
+    form.kind = VdirTime::Kind::date;
+  } else if (icaltimezone* zone = builtinZone(clock.localZoneName()); zone && clock.localZoneName() != "UTC") {
+    form.kind = VdirTime::Kind::zoned;
+    form.zone = zone;
+    form.tzid = clock.localZoneName();
+  } else {
+    form.kind = VdirTime::Kind::utc;
+  }
+  return form;
+}
+
 platform::DateComponents dateComponents(const VdirTime& time) {
   platform::DateComponents components;
   components.year = time.local.year;

@@ -53,6 +53,12 @@ class VdirClock {
   icaltimezone* localZone_ = nullptr;  // null: UTC
 };
 
+// The wall-clock time of `instant` in the form of `like` (its kind and zone).
+VdirTime timeLike(platform::Date instant, const VdirTime& like, const VdirClock& clock);
+// How a new item states its times: a date when it lasts all day, else the wall-clock time in the
+// user's zone under its name (UTC when that zone is UTC or unknown).
+VdirTime newItemForm(bool allDay, const VdirClock& clock);
+
 // Date components of a time as the file states it: a DATE gives year, month and day only; a
 // DATE-TIME adds hour, minute and second, and its zone when it has one.
 platform::DateComponents dateComponents(const VdirTime& time);

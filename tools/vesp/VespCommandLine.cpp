@@ -437,15 +437,10 @@ T writtenOrExit(rivet::RivetResult<T> result) {
 // when it ends in Z, else the wall-clock time in the local zone, under that zone's name.
 vdir::VdirTime timeOf(const std::string& text, const char* option, bool allDay, const vdir::VdirClock& clock) {
   const Date instant = parseDate(text, option);
-  vdir::VdirTime like;
-  if (allDay) {
-    like.kind = vdir::VdirTime::Kind::date;
-  } else if (text.back() == 'Z' || clock.localZoneName() == "UTC" || !vdir::builtinZone(clock.localZoneName())) {
+  vdir::VdirTime like = vdir::newItemForm(allDay, clock);
+  if (!allDay && text.back() == 'Z') {
+    like = vdir::VdirTime();
     like.kind = vdir::VdirTime::Kind::utc;
-  } else {
-    like.kind = vdir::VdirTime::Kind::zoned;
-    like.tzid = clock.localZoneName();
-    like.zone = vdir::builtinZone(like.tzid);
   }
   if (allDay) {
     // The day the user named, whatever the zone.

@@ -353,7 +353,7 @@ TEST_F(VdirEditTest, TimesAreReadAndWrittenInTheirOwnForms) {
   for (const char* bad : {"", "2026", "20261301", "20261019T250000", "20261019X090000", "2026101aT090000"}) {
     EXPECT_FALSE(timeOfValue(list, bad, context_)) << bad;
   }
-  EXPECT_EQ(timeValue(timeLike(at(berlin(12, 24, 18)), *time, context_)), "20261224T180000");
+  EXPECT_EQ(timeValue(timeLike(at(berlin(12, 24, 18)), *time, *context_.clock)), "20261224T180000");
 }
 
 TEST_F(VdirEditTest, ChangingThisAndLaterOccurrencesSplitsTheSeries) {

@@ -3,6 +3,8 @@
 // meets a file changed by another program fails and writes nothing.
 #include "platforms/vdir/VdirSaves.h"
 
+#include <sys/stat.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -99,6 +101,60 @@ TEST_F(VdirSavesTest, ASaveThatMeetsAFileChangedByAnotherProgramFailsAndWritesNo
   EXPECT_EQ(error->domain(), VdirErrorDomain);
   EXPECT_EQ(error->code(), static_cast<std::int64_t>(VdirErrorCode::changedOnDisk));
   EXPECT_EQ(readFile(root.path() / "work/weekly.ics"), theirs);
+}
+
+// The store has seen their version (a rescan), but the host's occurrence was read from the one before.
+TEST_F(VdirSavesTest, AnOccurrenceReadBeforeTheStoreRescannedAChangedFileIsNotSavedOverIt) {
+  auto first = march().at(0);
+  std::string theirs = kWeekly;
+  theirs.replace(theirs.find("SUMMARY:Weekly"), 14, "SUMMARY:Theirs");
+  writeFile(root.path() / "work/weekly.ics", theirs);
+  ASSERT_TRUE(vdirPlatform->refresh());
+  ASSERT_EQ(march().at(0)->title(), "Theirs");
+  first->setTitle("Mine");
+  auto error = store->saveEvent(first, platform::EKSpanFutureEvents);
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), static_cast<std::int64_t>(VdirErrorCode::changedOnDisk));
+  error = store->removeEvent(first, platform::EKSpanThisEvent);
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), static_cast<std::int64_t>(VdirErrorCode::changedOnDisk));
+  EXPECT_EQ(readFile(root.path() / "work/weekly.ics"), theirs);
+  // Read again, it saves.
+  auto again = march().at(0);
+  again->setTitle("Mine");
+  EXPECT_EQ(store->saveEvent(again, platform::EKSpanFutureEvents), std::nullopt);
+  EXPECT_THAT(titles(), ElementsAre("Mine", "Mine", "Mine", "Mine"));
+}
+
+TEST_F(VdirSavesTest, NothingIsSavedIntoACollectionWhoseDirectoryIsNotWritable) {
+  const fs::path work = root.path() / "work";
+  ASSERT_EQ(::chmod(work.c_str(), 0555), 0);
+  const auto before = testing::treeState(root.path());
+  const bool refreshed = vdirPlatform->refresh();
+  auto first = march().at(0);
+  const bool allowed = first->calendar()->allowsContentModifications();
+  first->setTitle("Mine");
+  const auto changed = store->saveEvent(first, platform::EKSpanThisEvent);
+  const auto removed = store->removeEvent(march().at(1), platform::EKSpanFutureEvents);
+  auto added = vdirPlatform->eventWithEventStore(store);
+  added->setTitle("New");
+  added->setStartDate(utc(2026, 3, 5, 9));
+  added->setEndDate(utc(2026, 3, 5, 10));
+  added->setCalendar(first->calendar());
+  const auto created = store->saveEvent(added, platform::EKSpanThisEvent);
+  const auto after = testing::treeState(root.path());
+  ::chmod(work.c_str(), 0755);
+  EXPECT_TRUE(refreshed);
+  EXPECT_FALSE(allowed);
+  for (const auto& error : {changed, removed, created}) {
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->domain(), VdirErrorDomain);
+    EXPECT_EQ(error->code(), static_cast<std::int64_t>(VdirErrorCode::readOnlyCalendar))
+        << error->localizedDescription();
+  }
+  EXPECT_EQ(readFile(work / "weekly.ics"), kWeekly);
+  EXPECT_THAT(titles(), ElementsAre("Weekly", "Weekly", "Weekly", "Weekly"));
+  EXPECT_EQ(after, before);
 }
 
 TEST_F(VdirSavesTest, WhatCannotBeSavedIsRefusedWithItsCode) {

@@ -224,9 +224,6 @@ std::string VdirReminder::description() const {
   return "<EKReminder '" + data().summary.value_or("") + "' " + task().identifier + ">";
 }
 
-std::shared_ptr<platform::EKCalendar> VdirNewEvent::calendar() const {
-  return set_.read(&VdirSetValues::calendar, std::shared_ptr<platform::EKCalendar>());
-}
 std::optional<platform::Date> VdirNewEvent::endDate() const {
   return set_.read(&VdirSetValues::end, std::optional<platform::Date>());
 }

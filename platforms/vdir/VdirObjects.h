@@ -274,23 +274,25 @@ class VdirReminder : public VdirSettableReminder {
   std::shared_ptr<platform::EKCalendar> calendar_;
 };
 
-// A new event (eventWithEventStore): holds what the host sets; once saved, also the identifier the
-// store gave it.
-class VdirNewEvent : public VdirSettableEvent {
+// What a new item (eventWithEventStore, reminderWithEventStore) answers: what the host set on it,
+// and once saved, the identifier the store gave it.
+template <class Settable>
+class VdirNewItem : public Settable {
  public:
-  VdirNewEvent() = default;
-  std::shared_ptr<platform::EKCalendar> calendar() const override;
+  std::shared_ptr<platform::EKCalendar> calendar() const override {
+    return this->set_.read(&VdirSetValues::calendar, std::shared_ptr<platform::EKCalendar>());
+  }
   std::string calendarItemIdentifier() const override { return savedIdentifier().value_or(""); }
   std::optional<std::string> calendarItemExternalIdentifier() const override { return std::nullopt; }
   std::optional<platform::Date> creationDate() const override { return std::nullopt; }
   std::optional<platform::Date> lastModifiedDate() const override { return std::nullopt; }
-  std::optional<std::string> location() const override { return set_.read(&VdirSetValues::location, kNone); }
-  std::optional<std::string> notes() const override { return set_.read(&VdirSetValues::notes, kNone); }
+  std::optional<std::string> location() const override { return this->set_.read(&VdirSetValues::location, kNone); }
+  std::optional<std::string> notes() const override { return this->set_.read(&VdirSetValues::notes, kNone); }
   std::optional<platform::URL> URL() const override {
-    return set_.read(&VdirSetValues::url, std::optional<platform::URL>());
+    return this->set_.read(&VdirSetValues::url, std::optional<platform::URL>());
   }
   std::optional<platform::TimeZone> timeZone() const override { return std::nullopt; }
-  std::optional<std::string> title() const override { return set_.read(&VdirSetValues::title, kNone); }
+  std::optional<std::string> title() const override { return this->set_.read(&VdirSetValues::title, kNone); }
   std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> alarms() const override { return std::nullopt; }
   std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> attendees() const override {
     return std::nullopt;
@@ -298,6 +300,18 @@ class VdirNewEvent : public VdirSettableEvent {
   std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>> recurrenceRules() const override {
     return std::nullopt;
   }
+
+  // The item's identifier once the store saved it.
+  std::optional<std::string> savedIdentifier() const { return saved_.get(); }
+  void setSavedIdentifier(std::string identifier) { saved_.set(std::move(identifier)); }
+
+ private:
+  static inline const std::optional<std::string> kNone = std::nullopt;
+  VdirSavedIdentifier saved_;
+};
+
+class VdirNewEvent : public VdirNewItem<VdirSettableEvent> {
+ public:
   platform::EKEventAvailability availability() const override { return 0; }
   std::optional<std::string> birthdayContactIdentifier() const override { return std::nullopt; }
   std::optional<platform::Date> endDate() const override;
@@ -310,42 +324,10 @@ class VdirNewEvent : public VdirSettableEvent {
   platform::EKEventStatus status() const override { return platform::EKEventStatusNone; }
   std::shared_ptr<platform::EKStructuredLocation> structuredLocation() const override { return nullptr; }
   std::optional<platform::AnyObject> valueForKey(const std::string&) const override { return std::nullopt; }
-
-  // The event's identifier once the store saved it.
-  std::optional<std::string> savedIdentifier() const { return saved_.get(); }
-  void setSavedIdentifier(std::string identifier) { saved_.set(std::move(identifier)); }
-
- private:
-  static inline const std::optional<std::string> kNone = std::nullopt;
-  VdirSavedIdentifier saved_;
 };
 
-// A new reminder (reminderWithEventStore): holds what the host sets; once saved, also the
-// identifier the store gave it.
-class VdirNewReminder : public VdirSettableReminder {
+class VdirNewReminder : public VdirNewItem<VdirSettableReminder> {
  public:
-  VdirNewReminder() = default;
-  std::shared_ptr<platform::EKCalendar> calendar() const override {
-    return set_.read(&VdirSetValues::calendar, std::shared_ptr<platform::EKCalendar>());
-  }
-  std::string calendarItemIdentifier() const override { return savedIdentifier().value_or(""); }
-  std::optional<std::string> calendarItemExternalIdentifier() const override { return std::nullopt; }
-  std::optional<platform::Date> creationDate() const override { return std::nullopt; }
-  std::optional<platform::Date> lastModifiedDate() const override { return std::nullopt; }
-  std::optional<std::string> location() const override { return set_.read(&VdirSetValues::location, kNone); }
-  std::optional<std::string> notes() const override { return set_.read(&VdirSetValues::notes, kNone); }
-  std::optional<platform::URL> URL() const override {
-    return set_.read(&VdirSetValues::url, std::optional<platform::URL>());
-  }
-  std::optional<platform::TimeZone> timeZone() const override { return std::nullopt; }
-  std::optional<std::string> title() const override { return set_.read(&VdirSetValues::title, kNone); }
-  std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> alarms() const override { return std::nullopt; }
-  std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> attendees() const override {
-    return std::nullopt;
-  }
-  std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>> recurrenceRules() const override {
-    return std::nullopt;
-  }
   std::optional<platform::Date> completionDate() const override {
     return set_.read(&VdirSetValues::completionDate, std::optional<platform::Date>());
   }
@@ -357,14 +339,6 @@ class VdirNewReminder : public VdirSettableReminder {
   std::optional<platform::DateComponents> startDateComponents() const override { return std::nullopt; }
   void setCompleted(bool completed) override;
   std::string description() const override;
-
-  // The reminder's identifier once the store saved it.
-  std::optional<std::string> savedIdentifier() const { return saved_.get(); }
-  void setSavedIdentifier(std::string identifier) { saved_.set(std::move(identifier)); }
-
- private:
-  static inline const std::optional<std::string> kNone = std::nullopt;
-  VdirSavedIdentifier saved_;
 };
 
 }  // namespace vesp::vdir

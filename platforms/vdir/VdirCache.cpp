@@ -566,6 +566,14 @@ rivet::RivetError cacheFailure(std::string problem, const char* function, std::u
 
 }  // namespace
 
+void VdirFileRecord::setVersion(const VdirFileStatus& status) {
+  device = status.device;
+  inode = status.inode;
+  size = status.size;
+  modified = status.modified;
+  changed = status.changed;
+}
+
 std::string defaultCacheDirectory() {
   if (const char* cache = std::getenv("XDG_CACHE_HOME"); cache && cache[0] == '/') return std::string(cache) + "/vesp";
   if (const char* home = std::getenv("HOME"); home && home[0] == '/') return std::string(home) + "/.cache/vesp";

@@ -32,6 +32,7 @@ namespace vesp::vdir {
 
 class VdirEnv;
 class VdirZones;
+struct VdirFileStatus;
 
 // What the store knows of one file: the version read and what reading it gave.
 struct VdirFileRecord {
@@ -41,6 +42,9 @@ struct VdirFileRecord {
   std::int64_t modified = 0, changed = 0;  // nanoseconds since 1970
   std::shared_ptr<const VdirItem> item;
   std::vector<VdirDiagnostic> diagnostics;
+
+  // Makes this record valid for the version of its file that `status` describes.
+  void setVersion(const VdirFileStatus& status);
 
   bool sameVersion(const VdirFileRecord& other) const {
     return device == other.device && inode == other.inode && size == other.size && modified == other.modified &&

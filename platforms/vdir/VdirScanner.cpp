@@ -24,15 +24,6 @@ namespace {
 
 constexpr std::size_t kNone = static_cast<std::size_t>(-1);
 
-// The version of a file a record is valid for.
-void setVersion(VdirFileRecord& record, const VdirFileStatus& status) {
-  record.device = status.device;
-  record.inode = status.inode;
-  record.size = status.size;
-  record.modified = status.modified;
-  record.changed = status.changed;
-}
-
 bool endsWith(const std::string& text, const std::string& suffix) {
   return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
@@ -363,7 +354,7 @@ void VdirScanner::lookAt(Slot& slot, VdirFileRecords& previous) const {
     return;
   }
   const VdirFileStatus& status = **looked;
-  setVersion(slot.record, status);
+  slot.record.setVersion(status);
   if (previous[slot.previous].second.sameVersion(slot.record)) {
     // Each record is matched to one file at most.
     slot.record = std::move(previous[slot.previous].second);
@@ -394,7 +385,7 @@ bool VdirScanner::readSlot(Slot& slot) const {
   }
   // The version read is the one recorded.
   const VdirFileText& file = **read;
-  setVersion(slot.record, file.status);
+  slot.record.setVersion(file.status);
   if (file.tooLong) {
     if (static_cast<std::uintmax_t>(file.status.size) > limit)
       slot.record.diagnostics.push_back(tooLarge(slot.relative, file.status.size, limit));

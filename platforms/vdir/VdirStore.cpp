@@ -281,11 +281,11 @@ rivet::RivetResult<VdirFileToEdit> VdirStore::readToEdit(const std::string& coll
 }
 
 bool VdirStore::servesVersion(const std::shared_ptr<const VdirItem>& item, const VdirFileStatus& status) const {
+  VdirFileRecord version;
+  version.setVersion(status);
   rivet::RivetMutexLock lock(rescanMutex_);
   for (const auto& [path, record] : files_)
-    if (record.item == item)
-      return record.device == status.device && record.inode == status.inode && record.size == status.size &&
-             record.modified == status.modified && record.changed == status.changed;
+    if (record.item == item) return record.sameVersion(version);
   return false;
 }
 

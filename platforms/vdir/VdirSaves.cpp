@@ -60,6 +60,15 @@ std::optional<platform::NSError> saved(VdirItemEditor& editor, const rivet::Rive
   return std::nullopt;
 }
 
+// Applies the plan made for an edit of `item` (what a stored event or reminder was read from; null
+// for one the host created), unless the store has read its file again since the item was read.
+std::optional<platform::NSError> savedOver(const VdirStore& store, VdirItemEditor& editor,
+                                           const rivet::RivetResult<VdirPlan>& plan,
+                                           const std::shared_ptr<const VdirItem>& item) {
+  if (plan && item && !basedOnServedFile(store, *plan, item)) return changedSinceRead(*item);
+  return saved(editor, plan);
+}
+
 std::optional<platform::NSError> saveNew(VdirStore& store, VdirNewEvent& event) {
   const VdirSetValues set = event.setValues();
   if (!set.start || !set.end) return vdirError(VdirErrorCode::invalidChange, "a new event needs a start and an end");
@@ -99,8 +108,7 @@ std::optional<platform::NSError> saveOccurrence(VdirStore& store, const VdirEven
   }
   VdirItemEditor editor(store.shared_from_this());
   auto plan = editor.changeEvent(event.fields().eventIdentifier, event.fields().occurrence, span, changes, collection);
-  if (plan && !basedOnServedFile(store, *plan, event.fields().item)) return changedSinceRead(*event.fields().item);
-  return saved(editor, plan);
+  return savedOver(store, editor, plan, event.fields().item);
 }
 
 // A due date as the host gave it: a day, or a day and time in UTC, in a known zone, or floating.
@@ -193,8 +201,7 @@ std::optional<platform::NSError> saveStoredReminder(VdirStore& store, const Vdir
   if (!changes) return errorOf(changes.error());
   VdirItemEditor editor(store.shared_from_this());
   auto plan = editor.changeReminder(reminder.calendarItemIdentifier(), *changes);
-  if (plan && !basedOnServedFile(store, *plan, reminder.sharedItem())) return changedSinceRead(reminder.item());
-  return saved(editor, plan);
+  return savedOver(store, editor, plan, reminder.sharedItem());
 }
 
 }  // namespace
@@ -218,8 +225,7 @@ std::optional<platform::NSError> removeReminder(VdirStore& store,
   if (!identifier) return vdirError(VdirErrorCode::noSuchItem, "the reminder is not in the store");
   VdirItemEditor editor(store.shared_from_this());
   auto plan = editor.removeReminder(*identifier);
-  if (plan && item && !basedOnServedFile(store, *plan, item)) return changedSinceRead(*item);
-  return saved(editor, plan);
+  return savedOver(store, editor, plan, item);
 }
 
 std::optional<platform::NSError> saveEvent(VdirStore& store, const std::shared_ptr<platform::EKEvent>& event,
@@ -248,8 +254,7 @@ std::optional<platform::NSError> removeEvent(VdirStore& store, const std::shared
   if (!identifier) return vdirError(VdirErrorCode::noSuchItem, "the event is not in the store");
   VdirItemEditor editor(store.shared_from_this());
   auto plan = editor.removeEvent(*identifier, occurrence, *vdirSpan);
-  if (plan && item && !basedOnServedFile(store, *plan, item)) return changedSinceRead(*item);
-  return saved(editor, plan);
+  return savedOver(store, editor, plan, item);
 }
 
 }  // namespace vesp::vdir

@@ -1,5 +1,7 @@
 #include "platforms/vdir/VdirEventStore.h"
 
+#include <utility>
+
 #include "platforms/vdir/VdirSaves.h"
 
 namespace vesp::vdir {
@@ -47,6 +49,13 @@ class VdirReminderPredicate : public platform::EKPredicate {
   std::optional<platform::Date> start, end;
   CalendarSet calendars;
 };
+
+// A write through `store`, refused when the store is only read.
+template <typename Write>
+std::optional<platform::NSError> writeTo(const std::shared_ptr<VdirStore>& store, Write&& write) {
+  if (!store) return vdirError(VdirErrorCode::readOnlyCalendar, "this store is only read");
+  return std::forward<Write>(write)(*store);
+}
 
 }  // namespace
 
@@ -136,24 +145,20 @@ std::shared_ptr<platform::EKCalendarItem> VdirEventStore::calendarItemWithIdenti
 
 std::optional<platform::NSError> VdirEventStore::saveEvent(const std::shared_ptr<platform::EKEvent>& event,
                                                            platform::EKSpan span) {
-  if (!services_->store) return vdirError(VdirErrorCode::readOnlyCalendar, "this store is only read");
-  return vdir::saveEvent(*services_->store, event, span);
+  return writeTo(services_->store, [&](VdirStore& store) { return vdir::saveEvent(store, event, span); });
 }
 
 std::optional<platform::NSError> VdirEventStore::removeEvent(const std::shared_ptr<platform::EKEvent>& event,
                                                              platform::EKSpan span) {
-  if (!services_->store) return vdirError(VdirErrorCode::readOnlyCalendar, "this store is only read");
-  return vdir::removeEvent(*services_->store, event, span);
+  return writeTo(services_->store, [&](VdirStore& store) { return vdir::removeEvent(store, event, span); });
 }
 
 std::optional<platform::NSError> VdirEventStore::saveReminder(const std::shared_ptr<platform::EKReminder>& reminder) {
-  if (!services_->store) return vdirError(VdirErrorCode::readOnlyCalendar, "this store is only read");
-  return vdir::saveReminder(*services_->store, reminder);
+  return writeTo(services_->store, [&](VdirStore& store) { return vdir::saveReminder(store, reminder); });
 }
 
 std::optional<platform::NSError> VdirEventStore::removeReminder(const std::shared_ptr<platform::EKReminder>& reminder) {
-  if (!services_->store) return vdirError(VdirErrorCode::readOnlyCalendar, "this store is only read");
-  return vdir::removeReminder(*services_->store, reminder);
+  return writeTo(services_->store, [&](VdirStore& store) { return vdir::removeReminder(store, reminder); });
 }
 
 void VdirEventStore::requestAccessToEntityType(platform::EKEntityType entityType, AccessCompletion completion) {

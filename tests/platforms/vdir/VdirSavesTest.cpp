@@ -27,6 +27,10 @@ constexpr const char* kWeekly =
     "DTSTAMP:20260101T000000Z\r\nDTSTART:20260302T090000Z\r\nDTEND:20260302T100000Z\r\n"
     "RRULE:FREQ=WEEKLY;COUNT=4\r\nSUMMARY:Weekly\r\nX-KEPT:yes\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n";
 
+constexpr const char* kSeed =
+    "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Test//EN\r\nBEGIN:VTODO\r\nUID:seed\r\n"
+    "DTSTAMP:20260101T000000Z\r\nSUMMARY:Seed\r\nEND:VTODO\r\nEND:VCALENDAR\r\n";
+
 class VdirSavesTest : public ::testing::Test {
  protected:
   VdirSavesTest() {
@@ -47,6 +51,16 @@ class VdirSavesTest : public ::testing::Test {
     std::vector<std::string> found;
     for (const auto& event : march()) found.push_back(event->title().value_or(""));
     return found;
+  }
+
+  // The stored to-do "seed" in a reminder list "Tasks", read by the platform.
+  std::shared_ptr<platform::EKReminder> seed() {
+    if (!fs::exists(root.path() / "tasks/seed.ics")) {
+      writeFile(root.path() / "tasks/displayname", "Tasks");
+      writeFile(root.path() / "tasks/seed.ics", kSeed);
+      EXPECT_TRUE(vdirPlatform->refresh());
+    }
+    return std::dynamic_pointer_cast<platform::EKReminder>(store->calendarItemWithIdentifier("tasks/seed.ics"));
   }
 
   testing::TemporaryDirectory root, config;
@@ -154,6 +168,62 @@ TEST_F(VdirSavesTest, NothingIsSavedIntoACollectionWhoseDirectoryIsNotWritable) 
   }
   EXPECT_EQ(readFile(work / "weekly.ics"), kWeekly);
   EXPECT_THAT(titles(), ElementsAre("Weekly", "Weekly", "Weekly", "Weekly"));
+  EXPECT_EQ(after, before);
+}
+
+TEST_F(VdirSavesTest, AReminderReadBeforeTheStoreRescannedAChangedFileIsNotSavedOverIt) {
+  auto mine = seed();
+  ASSERT_TRUE(mine);
+  std::string theirs = kSeed;
+  theirs.replace(theirs.find("SUMMARY:Seed"), 12, "SUMMARY:Theirs");
+  writeFile(root.path() / "tasks/seed.ics", theirs);
+  ASSERT_TRUE(vdirPlatform->refresh());
+  mine->setTitle("Mine");
+  auto error = store->saveReminder(mine);
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), static_cast<std::int64_t>(VdirErrorCode::changedOnDisk)) << error->localizedDescription();
+  error = store->removeReminder(mine);
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), static_cast<std::int64_t>(VdirErrorCode::changedOnDisk)) << error->localizedDescription();
+  EXPECT_EQ(readFile(root.path() / "tasks/seed.ics"), theirs);
+  // Read again, it saves.
+  auto again = seed();
+  ASSERT_TRUE(again);
+  EXPECT_EQ(again->title(), "Theirs");
+  again->setTitle("Mine");
+  EXPECT_EQ(store->saveReminder(again), std::nullopt);
+  EXPECT_EQ(seed()->title(), "Mine");
+}
+
+TEST_F(VdirSavesTest, NoReminderIsSavedIntoAListWhoseDirectoryIsNotWritable) {
+  auto stored = seed();
+  ASSERT_TRUE(stored);
+  const fs::path tasks = root.path() / "tasks";
+  ASSERT_EQ(::chmod(tasks.c_str(), 0555), 0);
+  const auto before = testing::treeState(root.path());
+  const bool refreshed = vdirPlatform->refresh();
+  stored = seed();
+  ASSERT_TRUE(stored);
+  const bool allowed = stored->calendar()->allowsContentModifications();
+  stored->setCompleted(true);
+  const auto changed = store->saveReminder(stored);
+  const auto removed = store->removeReminder(stored);
+  auto added = vdirPlatform->reminderWithEventStore(store);
+  added->setTitle("New");
+  added->setCalendar(stored->calendar());
+  const auto created = store->saveReminder(added);
+  const auto after = testing::treeState(root.path());
+  ::chmod(tasks.c_str(), 0755);
+  EXPECT_TRUE(refreshed);
+  EXPECT_FALSE(allowed);
+  for (const auto& error : {changed, removed, created}) {
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->domain(), VdirErrorDomain);
+    EXPECT_EQ(error->code(), static_cast<std::int64_t>(VdirErrorCode::readOnlyCalendar))
+        << error->localizedDescription();
+  }
+  EXPECT_EQ(readFile(tasks / "seed.ics"), kSeed);
+  EXPECT_FALSE(seed()->isCompleted());
   EXPECT_EQ(after, before);
 }
 

@@ -394,12 +394,13 @@ std::optional<platform::NSError> MemoryEventStore::saveReminder(const std::share
   const MemoryReminderFields f = memoryReminder->fields();
   if (auto refused = refusal(f.item, *world_)) return refused;
   if (!(f.item.calendar->allowedEntityTypes() & platform::EKEntityMaskReminder))
-    return memoryError(MemoryErrorCode::noCalendar, "the calendar \"" + f.item.calendar->title() +
-                                                        "\" holds no reminders");
+    return memoryError(MemoryErrorCode::noCalendar,
+                       "the calendar \"" + f.item.calendar->title() + "\" holds no reminders");
   if (f.priority < 0 || f.priority > 9)
     return memoryError(MemoryErrorCode::invalidChange, "a priority is 0 (none) to 9");
   memoryReminder->update([&](MemoryReminderFields& fields) {
-    if (fields.item.calendarItemIdentifier.empty()) fields.item.calendarItemIdentifier = world_->nextIdentifier("reminder");
+    if (fields.item.calendarItemIdentifier.empty())
+      fields.item.calendarItemIdentifier = world_->nextIdentifier("reminder");
     if (!fields.item.calendarItemExternalIdentifier)
       fields.item.calendarItemExternalIdentifier = fields.item.calendarItemIdentifier;
   });
@@ -408,7 +409,8 @@ std::optional<platform::NSError> MemoryEventStore::saveReminder(const std::share
   return std::nullopt;
 }
 
-std::optional<platform::NSError> MemoryEventStore::removeReminder(const std::shared_ptr<platform::EKReminder>& reminder) {
+std::optional<platform::NSError> MemoryEventStore::removeReminder(
+    const std::shared_ptr<platform::EKReminder>& reminder) {
   auto memoryReminder = std::dynamic_pointer_cast<MemoryReminder>(reminder);
   const auto reminders = world_->reminders();
   if (!memoryReminder || std::find(reminders.begin(), reminders.end(), memoryReminder) == reminders.end())

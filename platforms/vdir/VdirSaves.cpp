@@ -182,7 +182,8 @@ std::optional<platform::NSError> saveNewReminder(VdirStore& store, VdirNewRemind
   if (!changes->title) changes->title = "";
   VdirItemEditor editor(store.shared_from_this());
   const auto identifier = reminder.savedIdentifier();
-  auto plan = identifier ? editor.changeReminder(*identifier, *changes) : editor.newItem(*collection, "VTODO", *changes);
+  auto plan =
+      identifier ? editor.changeReminder(*identifier, *changes) : editor.newItem(*collection, "VTODO", *changes);
   if (auto failed = saved(editor, plan)) return failed;
   if (!identifier) reminder.setSavedIdentifier(plan->identifier);
   return std::nullopt;

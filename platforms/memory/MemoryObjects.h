@@ -255,6 +255,12 @@ class MemoryCalendarItem : public Interface, public MemoryRecord<Fields> {
   void setCalendar(std::shared_ptr<platform::EKCalendar> calendar) override {
     this->update([&](Fields& f) { f.item.calendar = std::move(calendar); });
   }
+  void setAlarms(std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> alarms) override {
+    this->update([&](Fields& f) { f.item.alarms = std::move(alarms); });
+  }
+  void setRecurrenceRules(std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>> rules) override {
+    this->update([&](Fields& f) { f.item.recurrenceRules = std::move(rules); });
+  }
 };
 
 struct MemoryEventFields {

@@ -178,11 +178,15 @@ std::string VdirCalendar::description() const {
 
 std::optional<platform::URL> VdirEvent::URL() const { return set_.read(&VdirSetValues::url, urlOf(data())); }
 std::optional<platform::TimeZone> VdirEvent::timeZone() const { return zoneOf(data()); }
-std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> VdirEvent::alarms() const { return alarmsOf(data()); }
+std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> VdirEvent::alarms() const {
+  if (auto set = set_.values().alarms) return *set;
+  return alarmsOf(data());
+}
 std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> VdirEvent::attendees() const {
   return attendeesOf(data());
 }
 std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>> VdirEvent::recurrenceRules() const {
+  if (auto set = set_.values().rules) return *set;
   const auto& rules = fields_.series->rules;
   if (rules.empty()) return std::nullopt;
   std::vector<std::shared_ptr<platform::EKRecurrenceRule>> result;
@@ -206,6 +210,7 @@ std::string VdirEvent::description() const {
 std::optional<platform::URL> VdirReminder::URL() const { return set_.read(&VdirSetValues::url, urlOf(data())); }
 std::optional<platform::TimeZone> VdirReminder::timeZone() const { return zoneOf(data()); }
 std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> VdirReminder::alarms() const {
+  if (auto set = set_.values().alarms) return *set;
   return alarmsOf(data());
 }
 std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> VdirReminder::attendees() const {

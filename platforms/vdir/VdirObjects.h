@@ -29,6 +29,8 @@ struct VdirSetValues {
   std::optional<platform::Date> start, end;
   std::optional<bool> allDay;
   std::optional<std::shared_ptr<platform::EKCalendar>> calendar;
+  std::optional<std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>>> alarms;
+  std::optional<std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>>> rules;
   // Reminders.
   std::optional<bool> completed;
   std::optional<std::optional<platform::Date>> completionDate;
@@ -74,6 +76,12 @@ class VdirSettableItem : public Interface {
   void setURL(std::optional<platform::URL> value) override { set_.assign(&VdirSetValues::url, std::move(value)); }
   void setCalendar(std::shared_ptr<platform::EKCalendar> value) override {
     set_.assign(&VdirSetValues::calendar, std::move(value));
+  }
+  void setAlarms(std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> value) override {
+    set_.assign(&VdirSetValues::alarms, std::move(value));
+  }
+  void setRecurrenceRules(std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>> value) override {
+    set_.assign(&VdirSetValues::rules, std::move(value));
   }
   // What was set since the item was read or made.
   VdirSetValues setValues() const { return set_.values(); }
@@ -252,7 +260,7 @@ class VdirReminder : public VdirSettableReminder {
   std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> alarms() const override;
   std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> attendees() const override;
   std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>> recurrenceRules() const override {
-    return std::nullopt;
+    return set_.read(&VdirSetValues::rules, std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>>());
   }
 
   std::optional<platform::Date> completionDate() const override {
@@ -293,12 +301,15 @@ class VdirNewItem : public Settable {
   }
   std::optional<platform::TimeZone> timeZone() const override { return std::nullopt; }
   std::optional<std::string> title() const override { return this->set_.read(&VdirSetValues::title, kNone); }
-  std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> alarms() const override { return std::nullopt; }
+  std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> alarms() const override {
+    return this->set_.read(&VdirSetValues::alarms, std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>>());
+  }
   std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> attendees() const override {
     return std::nullopt;
   }
   std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>> recurrenceRules() const override {
-    return std::nullopt;
+    return this->set_.read(&VdirSetValues::rules,
+                           std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>>());
   }
 
   // The item's identifier once the store saved it.

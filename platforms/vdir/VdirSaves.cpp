@@ -3,6 +3,7 @@
 #include <string>
 
 #include "platforms/vdir/VdirErrors.h"
+#include "platforms/vdir/VdirHostValues.h"
 #include "platforms/vdir/VdirItemEditor.h"
 #include "platforms/vdir/VdirObjects.h"
 #include "platforms/vdir/VdirText.h"
@@ -29,6 +30,25 @@ void describe(const VdirSetValues& set, VdirItemChanges& changes) {
   if (set.location) changes.location = *set.location;
   if (set.notes) changes.notes = *set.notes;
   if (set.url) changes.url = *set.url ? std::optional<std::string>((*set.url)->absoluteString()) : std::nullopt;
+}
+
+// The alarms and repeat rule set, as the editor writes them. One rule at most, and (for now) a
+// rule set can replace a rule but not remove every one.
+std::optional<platform::NSError> schedule(const VdirSetValues& set, const VdirClock& clock, VdirItemChanges& changes) {
+  if (set.alarms) {
+    auto triggers = alarmTriggers(set.alarms->value_or(std::vector<std::shared_ptr<platform::EKAlarm>>()));
+    if (!triggers) return errorOf(triggers.error());
+    changes.alarms = std::move(triggers).value();
+  }
+  if (set.rules) {
+    if (!*set.rules || (*set.rules)->empty() || !(*set.rules)->front())
+      return vdirError(VdirErrorCode::invalidChange, "removing an item's repeat rule is not supported yet");
+    if ((*set.rules)->size() > 1) return vdirError(VdirErrorCode::invalidChange, "an item can have one repeat rule");
+    auto value = ruleValue(*(*set.rules)->front(), clock);
+    if (!value) return errorOf(value.error());
+    changes.rule = std::move(value).value();
+  }
+  return std::nullopt;
 }
 
 // The collection a calendar set on an event names, when it is one of the store's.
@@ -77,6 +97,7 @@ std::optional<platform::NSError> saveNew(VdirStore& store, VdirNewEvent& event) 
   if (!collection) return errorOf(collection.error());
   VdirItemChanges changes;
   describe(set, changes);
+  if (auto refused = schedule(set, store.clock(), changes)) return refused;
   if (!changes.title) changes.title = "";
   const VdirTime form = newItemForm(set.allDay.value_or(false), store.clock());
   changes.start = timeLike(*set.start, form, store.clock());
@@ -98,6 +119,7 @@ std::optional<platform::NSError> saveOccurrence(VdirStore& store, const VdirEven
   if (end < start) return vdirError(VdirErrorCode::endBeforeStart, "the event ends before it starts");
   VdirItemChanges changes;
   describe(set, changes);
+  if (auto refused = schedule(set, store.clock(), changes)) return refused;
   if (set.start) changes.start = timeLike(*set.start, event.statedStart(), store.clock());
   if (set.end) changes.end = timeLike(*set.end, event.statedStart(), store.clock());
   std::optional<std::string> collection;
@@ -156,6 +178,9 @@ rivet::RivetResult<VdirTime> dueOf(const platform::DateComponents& c) {
 rivet::RivetResult<VdirItemChanges> reminderChanges(const VdirSetValues& set, bool hadDue) {
   VdirItemChanges changes;
   describe(set, changes);
+  if (set.alarms || set.rules)
+    return vdirFailure(VdirErrorCode::invalidChange, "a reminder's alarms and repeat rules cannot be saved yet",
+                       __FILE__, __func__, __LINE__);
   if (set.priority) {
     if (*set.priority < 0 || *set.priority > 9)
       return vdirFailure(VdirErrorCode::invalidChange, "a priority is 0 (none) to 9", __FILE__, __func__, __LINE__);

@@ -13,6 +13,12 @@ namespace vesp::platform {
 
 class EKAlarm : public NSObject {
  public:
+  // A display alarm `offset` seconds from the item's start (negative before it), for a host to set
+  // on an item.
+  static std::shared_ptr<EKAlarm> alarmWithRelativeOffset(double offset);
+  // A display alarm at an instant.
+  static std::shared_ptr<EKAlarm> alarmWithAbsoluteDate(Date date);
+
   virtual std::optional<Date> absoluteDate() const = 0;
   virtual EKAlarmProximity proximity() const = 0;
   // Seconds from the item's start; negative before it.

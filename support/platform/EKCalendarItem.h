@@ -42,6 +42,9 @@ class EKCalendarItem : public NSObject {
   virtual void setURL(std::optional<platform::URL> url) = 0;
   // Null sets the calendar to none.
   virtual void setCalendar(std::shared_ptr<EKCalendar> calendar) = 0;
+  // The item's alarms and repeat rules, replacing those it has; absent or empty removes them.
+  virtual void setAlarms(std::optional<std::vector<std::shared_ptr<EKAlarm>>> alarms) = 0;
+  virtual void setRecurrenceRules(std::optional<std::vector<std::shared_ptr<EKRecurrenceRule>>> rules) = 0;
 };
 
 }  // namespace vesp::platform

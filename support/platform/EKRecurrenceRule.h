@@ -16,12 +16,20 @@ namespace vesp::platform {
 
 class EKRecurrenceEnd : public NSObject {
  public:
+  // Ends for a host to set on a rule: through an instant, or after a number of occurrences.
+  static std::shared_ptr<EKRecurrenceEnd> recurrenceEndWithEndDate(Date endDate);
+  static std::shared_ptr<EKRecurrenceEnd> recurrenceEndWithOccurrenceCount(std::int64_t occurrenceCount);
+
   virtual std::optional<Date> endDate() const = 0;
   virtual std::int64_t occurrenceCount() const = 0;
 };
 
 class EKRecurrenceDayOfWeek : public NSObject {
  public:
+  // `dayOfTheWeek` in every week of the rule's period (`weekNumber` 0), or in the given week of it
+  // (1 the first, -1 the last).
+  static std::shared_ptr<EKRecurrenceDayOfWeek> dayOfWeek(EKWeekday dayOfTheWeek, std::int64_t weekNumber = 0);
+
   virtual EKWeekday dayOfTheWeek() const = 0;
   virtual std::int64_t weekNumber() const = 0;
 };
@@ -29,6 +37,16 @@ class EKRecurrenceDayOfWeek : public NSObject {
 class EKRecurrenceRule : public NSObject {
  public:
   using NumberList = std::optional<std::vector<AnyObject>>;
+  // A rule for a host to set on an item: every `interval` days, weeks, months or years, with no
+  // end when `end` is null. The second form also names days, months, weeks and positions.
+  static std::shared_ptr<EKRecurrenceRule> recurrenceWithFrequency(EKRecurrenceFrequency frequency,
+                                                                   std::int64_t interval,
+                                                                   std::shared_ptr<EKRecurrenceEnd> end);
+  static std::shared_ptr<EKRecurrenceRule> recurrenceWithFrequency(
+      EKRecurrenceFrequency frequency, std::int64_t interval,
+      std::optional<std::vector<std::shared_ptr<EKRecurrenceDayOfWeek>>> daysOfTheWeek, NumberList daysOfTheMonth,
+      NumberList monthsOfTheYear, NumberList weeksOfTheYear, NumberList daysOfTheYear, NumberList setPositions,
+      std::shared_ptr<EKRecurrenceEnd> end);
 
   virtual std::string calendarIdentifier() const = 0;
   virtual NumberList daysOfTheMonth() const = 0;

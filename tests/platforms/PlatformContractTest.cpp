@@ -267,6 +267,45 @@ TYPED_TEST(PlatformContractTest, ANewEventSavedIsServedWithWhatWasSetToEveryConn
   }
 }
 
+TYPED_TEST(PlatformContractTest, AlarmsAndARepeatRuleSetOnANewEventAreServedAsSaved) {
+  using platform::EKRecurrenceRule;
+  auto event = this->world.platform()->eventWithEventStore(this->store);
+  event->setTitle("Gym");
+  event->setStartDate(utc(2026, 3, 5, 18));
+  event->setEndDate(utc(2026, 3, 5, 19));
+  event->setCalendar(this->calendarTitled("Home"));
+  event->setAlarms(std::vector{platform::EKAlarm::alarmWithRelativeOffset(-900),
+                               platform::EKAlarm::alarmWithRelativeOffset(-86400)});
+  event->setRecurrenceRules(std::vector{EKRecurrenceRule::recurrenceWithFrequency(
+      platform::EKRecurrenceFrequencyWeekly, 2,
+      std::vector{platform::EKRecurrenceDayOfWeek::dayOfWeek(platform::EKWeekdayThursday)}, std::nullopt,
+      std::nullopt, std::nullopt, std::nullopt, std::nullopt,
+      platform::EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(3))});
+  ASSERT_EQ(this->store->saveEvent(event, platform::EKSpanFutureEvents), std::nullopt);
+  auto other = this->world.platform()->makeEventStore();
+  auto found = other->eventsMatchingPredicate(
+      other->predicateForEventsWithStartDate(utc(2026, 3, 5), utc(2026, 3, 6), std::nullopt));
+  ASSERT_EQ(found.size(), 1u);
+  const auto alarms = found[0]->alarms();
+  ASSERT_TRUE(alarms);
+  ASSERT_EQ(alarms->size(), 2u);
+  EXPECT_EQ((*alarms)[0]->relativeOffset(), -900);
+  EXPECT_EQ((*alarms)[1]->relativeOffset(), -86400);
+  const auto rules = found[0]->recurrenceRules();
+  ASSERT_TRUE(rules);
+  ASSERT_EQ(rules->size(), 1u);
+  const auto& rule = *rules->front();
+  EXPECT_EQ(rule.frequency(), platform::EKRecurrenceFrequencyWeekly);
+  EXPECT_EQ(rule.interval(), 2);
+  ASSERT_TRUE(rule.daysOfTheWeek());
+  ASSERT_EQ(rule.daysOfTheWeek()->size(), 1u);
+  EXPECT_EQ(rule.daysOfTheWeek()->front()->dayOfTheWeek(), platform::EKWeekdayThursday);
+  EXPECT_EQ(rule.daysOfTheWeek()->front()->weekNumber(), 0);
+  ASSERT_TRUE(rule.recurrenceEnd());
+  EXPECT_EQ(rule.recurrenceEnd()->occurrenceCount(), 3);
+  EXPECT_EQ(rule.recurrenceEnd()->endDate(), std::nullopt);
+}
+
 TYPED_TEST(PlatformContractTest, AChangedEventIsServedAsSavedAndMovesToTheCalendarSet) {
   auto standup = this->only(utc(2026, 3, 2, 10), utc(2026, 3, 2, 11));
   ASSERT_TRUE(standup);

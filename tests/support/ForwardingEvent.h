@@ -55,6 +55,12 @@ class ForwardingEvent : public platform::EKEvent {
   void setEndDate(platform::Date endDate) override { target_->setEndDate(endDate); }
   void setAllDay(bool allDay) override { target_->setAllDay(allDay); }
   void setCalendar(std::shared_ptr<platform::EKCalendar> calendar) override { target_->setCalendar(std::move(calendar)); }
+  void setAlarms(std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> alarms) override {
+    target_->setAlarms(std::move(alarms));
+  }
+  void setRecurrenceRules(std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>> rules) override {
+    target_->setRecurrenceRules(std::move(rules));
+  }
 
  private:
   std::shared_ptr<platform::EKEvent> target_;

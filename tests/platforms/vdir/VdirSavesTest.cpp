@@ -227,6 +227,77 @@ TEST_F(VdirSavesTest, NoReminderIsSavedIntoAListWhoseDirectoryIsNotWritable) {
   EXPECT_EQ(after, before);
 }
 
+TEST_F(VdirSavesTest, ARepeatRuleAndAlarmsSetOnASeriesAreWrittenAsOtherClientsReadThem) {
+  auto first = march().at(0);
+  first->setRecurrenceRules(std::vector{platform::EKRecurrenceRule::recurrenceWithFrequency(
+      platform::EKRecurrenceFrequencyWeekly, 1,
+      std::vector{platform::EKRecurrenceDayOfWeek::dayOfWeek(platform::EKWeekdayMonday),
+                  platform::EKRecurrenceDayOfWeek::dayOfWeek(platform::EKWeekdayThursday)},
+      std::nullopt, std::nullopt, std::nullopt, std::nullopt, std::nullopt,
+      platform::EKRecurrenceEnd::recurrenceEndWithEndDate(utc(2026, 3, 26, 9)))});
+  first->setAlarms(std::vector{platform::EKAlarm::alarmWithRelativeOffset(-(90 * 60)),
+                               platform::EKAlarm::alarmWithRelativeOffset(0)});
+  ASSERT_EQ(store->saveEvent(first, platform::EKSpanFutureEvents), std::nullopt);
+  const std::string text = readFile(root.path() / "work/weekly.ics");
+  EXPECT_THAT(text, HasSubstr("RRULE:FREQ=WEEKLY;BYDAY=MO,TH;UNTIL=20260326T090000Z\r\n"));
+  EXPECT_THAT(text, HasSubstr("TRIGGER:-PT1H30M\r\n"));
+  EXPECT_THAT(text, HasSubstr("TRIGGER:PT0S\r\n"));
+  EXPECT_THAT(text, HasSubstr("X-KEPT:yes\r\n"));
+  std::vector<platform::Date> starts;
+  for (const auto& event : march()) starts.push_back(*event->startDate());
+  EXPECT_THAT(starts, ElementsAre(utc(2026, 3, 2, 9), utc(2026, 3, 5, 9), utc(2026, 3, 9, 9), utc(2026, 3, 12, 9),
+                                  utc(2026, 3, 16, 9), utc(2026, 3, 19, 9), utc(2026, 3, 23, 9), utc(2026, 3, 26, 9)));
+}
+
+TEST_F(VdirSavesTest, RulesAndAlarmsThatCannotBeWrittenAreRefusedAndNothingChanges) {
+  using platform::EKRecurrenceRule;
+  const auto before = testing::treeState(root.path());
+  auto refusedCode = [&](auto set) {
+    auto first = march().at(0);
+    set(*first);
+    const auto error = store->saveEvent(first, platform::EKSpanFutureEvents);
+    return error ? std::optional<std::int64_t>(error->code()) : std::nullopt;
+  };
+  const auto invalid = static_cast<std::int64_t>(VdirErrorCode::invalidChange);
+  auto weekly = [](std::int64_t interval, platform::EKWeekday day, std::vector<platform::AnyObject> months) {
+    return EKRecurrenceRule::recurrenceWithFrequency(
+        platform::EKRecurrenceFrequencyWeekly, interval,
+        std::vector{platform::EKRecurrenceDayOfWeek::dayOfWeek(day)}, std::nullopt, std::move(months),
+        std::nullopt, std::nullopt, std::nullopt, nullptr);
+  };
+  using platform::NSNumber;
+  EXPECT_EQ(refusedCode([&](platform::EKEvent& e) { e.setRecurrenceRules(std::vector{weekly(0, 2, {})}); }), invalid);
+  EXPECT_EQ(refusedCode([&](platform::EKEvent& e) { e.setRecurrenceRules(std::vector{weekly(1, 9, {})}); }), invalid);
+  EXPECT_EQ(refusedCode([&](platform::EKEvent& e) {
+              e.setRecurrenceRules(std::vector{weekly(1, 2, {platform::AnyObject(NSNumber(13))})});
+            }),
+            invalid);
+  EXPECT_EQ(refusedCode([&](platform::EKEvent& e) {
+              e.setRecurrenceRules(std::vector{weekly(1, 2, {platform::AnyObject("March")})});
+            }),
+            invalid);
+  EXPECT_EQ(refusedCode([&](platform::EKEvent& e) {
+              e.setRecurrenceRules(std::vector{weekly(1, 2, {}), weekly(2, 3, {})});
+            }),
+            invalid);
+  EXPECT_EQ(refusedCode([&](platform::EKEvent& e) { e.setRecurrenceRules(std::nullopt); }), invalid);
+  EXPECT_EQ(refusedCode([&](platform::EKEvent& e) {
+              e.setAlarms(std::vector{platform::EKAlarm::alarmWithAbsoluteDate(utc(2026, 3, 1))});
+            }),
+            invalid);
+  EXPECT_EQ(refusedCode([&](platform::EKEvent& e) {
+              e.setAlarms(std::vector{platform::EKAlarm::alarmWithRelativeOffset(-0.5)});
+            }),
+            invalid);
+  // A rule belongs to the whole series, not to one occurrence.
+  auto second = march().at(1);
+  second->setRecurrenceRules(std::vector{weekly(1, 2, {})});
+  const auto alone = store->saveEvent(second, platform::EKSpanThisEvent);
+  ASSERT_TRUE(alone);
+  EXPECT_EQ(alone->code(), invalid);
+  EXPECT_EQ(testing::treeState(root.path()), before);
+}
+
 TEST_F(VdirSavesTest, WhatCannotBeSavedIsRefusedWithItsCode) {
   auto first = march().at(0);
   first->setAllDay(true);

@@ -334,6 +334,17 @@ std::optional<platform::NSError> refusal(const MemoryItemFields& f, const Memory
   return std::nullopt;
 }
 
+// A repeat rule set on the item that no calendar could keep.
+std::optional<platform::NSError> ruleRefusal(const MemoryItemFields& f) {
+  if (f.recurrenceRules)
+    for (const auto& rule : *f.recurrenceRules) {
+      if (!rule) return memoryError(MemoryErrorCode::invalidChange, "a repeat rule of the item is missing");
+      if (auto problem = platform::recurrenceRuleProblem(*rule))
+        return memoryError(MemoryErrorCode::invalidChange, *problem);
+    }
+  return std::nullopt;
+}
+
 // The later occurrences of the event `f` is an occurrence of.
 std::vector<std::shared_ptr<MemoryEvent>> laterOccurrences(const MemoryEventFields& f, const MemoryWorld& world) {
   std::vector<std::shared_ptr<MemoryEvent>> later;
@@ -355,6 +366,7 @@ std::optional<platform::NSError> MemoryEventStore::saveEvent(const std::shared_p
     return memoryError(MemoryErrorCode::invalidChange, "the event was not made by the memory platform");
   const MemoryEventFields f = memoryEvent->fields();
   if (auto refused = refusal(f.item, *world_)) return refused;
+  if (auto refused = ruleRefusal(f.item)) return refused;
   if (!f.startDate || !f.endDate)
     return memoryError(MemoryErrorCode::invalidChange, "an event needs a start and an end");
   if (*f.endDate < *f.startDate)
@@ -398,6 +410,7 @@ std::optional<platform::NSError> MemoryEventStore::saveReminder(const std::share
                        "the calendar \"" + f.item.calendar->title() + "\" holds no reminders");
   if (f.priority < 0 || f.priority > 9)
     return memoryError(MemoryErrorCode::invalidChange, "a priority is 0 (none) to 9");
+  if (auto refused = ruleRefusal(f.item)) return refused;
   memoryReminder->update([&](MemoryReminderFields& fields) {
     if (fields.item.calendarItemIdentifier.empty())
       fields.item.calendarItemIdentifier = world_->nextIdentifier("reminder");

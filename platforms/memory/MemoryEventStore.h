@@ -204,6 +204,7 @@ class MemoryEventStore final : public platform::EKEventStore {
                                                platform::EKSpan span) override;
 
   // Reminders likewise: the calendar must hold reminders and take changes, the priority be 0 to 9.
+  // For both, every repeat rule set must be one RFC 5545 allows (recurrenceRuleProblem).
   std::optional<platform::NSError> saveReminder(const std::shared_ptr<platform::EKReminder>& reminder) override;
   std::optional<platform::NSError> removeReminder(const std::shared_ptr<platform::EKReminder>& reminder) override;
 

@@ -1,7 +1,6 @@
 #include "platforms/vdir/VdirHostValues.h"
 
 #include <cmath>
-#include <cstdlib>
 
 #include "platforms/vdir/VdirEdit.h"
 #include "platforms/vdir/VdirErrors.h"
@@ -13,10 +12,9 @@ rivet::RivetError refused(const std::string& why, const char* function, int line
   return vdirFailure(VdirErrorCode::invalidChange, why, __FILE__, function, line);
 }
 
-// The platform's frequencies, then the sub-daily ones the store reports past them.
+// The platform's frequencies, then the sub-daily ones the store reports past them (all checked).
 const char* frequencyName(platform::EKRecurrenceFrequency frequency) {
   static const char* const kNames[] = {"DAILY", "WEEKLY", "MONTHLY", "YEARLY", "HOURLY", "MINUTELY", "SECONDLY"};
-  if (frequency < 0 || frequency >= static_cast<platform::EKRecurrenceFrequency>(std::size(kNames))) return nullptr;
   return kNames[frequency];
 }
 
@@ -26,38 +24,24 @@ const char* weekdayName(platform::EKWeekday day) {
   return kNames[day - platform::EKWeekdaySunday];
 }
 
-// ";NAME=a,b,c" of a number list whose every value is a whole number from `low` to `high` (or, when
-// `signedRange`, from -high to -low as well); empty when the list is absent or empty.
-rivet::RivetResult<std::string> numberPart(const char* name, const platform::EKRecurrenceRule::NumberList& list,
-                                           std::int64_t low, std::int64_t high, bool signedRange) {
+// ";NAME=a,b,c" of a number list already checked; empty when the list is absent or empty.
+std::string numberPart(const char* name, const platform::EKRecurrenceRule::NumberList& list) {
   if (!list || list->empty()) return std::string();
   std::string part = std::string(";") + name + "=";
-  for (std::size_t i = 0; i < list->size(); ++i) {
-    const platform::NSNumber* number = (*list)[i].number();
-    const std::int64_t value = number ? number->integerValue() : 0;
-    const std::int64_t magnitude = signedRange ? std::llabs(value) : value;
-    if (!number || number->isFloatingPoint() || magnitude < low || magnitude > high)
-      return refused(std::string("the repeat rule's ") + name + " values must be whole numbers from " +
-                         (signedRange ? "-" + std::to_string(high) + " to -" + std::to_string(low) + " or " : "") +
-                         std::to_string(low) + " to " + std::to_string(high),
-                     "numberPart", __LINE__);
-    part += (i ? "," : "") + std::to_string(value);
-  }
+  for (std::size_t i = 0; i < list->size(); ++i)
+    part += (i ? "," : "") + std::to_string((*list)[i].number()->integerValue());
   return part;
 }
 
-rivet::RivetResult<std::string> dayPart(const platform::EKRecurrenceRule& rule) {
+// ";BYDAY=..." of days already checked: each weekday with its week number, when it has one.
+std::string dayPart(const platform::EKRecurrenceRule& rule) {
   const auto days = rule.daysOfTheWeek();
   if (!days || days->empty()) return std::string();
   std::string part = ";BYDAY=";
   for (std::size_t i = 0; i < days->size(); ++i) {
     const auto& day = (*days)[i];
-    const char* name = day ? weekdayName(day->dayOfTheWeek()) : nullptr;
-    const std::int64_t week = day ? day->weekNumber() : 0;
-    if (!name || week < -53 || week > 53)
-      return refused("a day of the repeat rule is not a weekday (1 Sunday to 7 Saturday) in week -53 to 53",
-                     "dayPart", __LINE__);
-    part += (i ? "," : "") + (week ? std::to_string(week) : std::string()) + name;
+    part += (i ? "," : "") + (day->weekNumber() ? std::to_string(day->weekNumber()) : std::string()) +
+            weekdayName(day->dayOfTheWeek());
   }
   return part;
 }
@@ -65,30 +49,20 @@ rivet::RivetResult<std::string> dayPart(const platform::EKRecurrenceRule& rule) 
 }  // namespace
 
 rivet::RivetResult<std::string> ruleValue(const platform::EKRecurrenceRule& rule, const VdirClock& clock) {
-  const char* frequency = frequencyName(rule.frequency());
-  if (!frequency) return refused("unknown repeat frequency " + std::to_string(rule.frequency()), "ruleValue", __LINE__);
-  if (rule.interval() < 1 || rule.interval() > 100000)
-    return refused("a repeat interval is 1 to 100000, not " + std::to_string(rule.interval()), "ruleValue", __LINE__);
-  std::string value = std::string("FREQ=") + frequency;
+  if (auto problem = platform::recurrenceRuleProblem(rule)) return refused(*problem, "ruleValue", __LINE__);
+  std::string value = std::string("FREQ=") + frequencyName(rule.frequency());
   if (rule.interval() != 1) value += ";INTERVAL=" + std::to_string(rule.interval());
-  for (auto part : {dayPart(rule), numberPart("BYMONTHDAY", rule.daysOfTheMonth(), 1, 31, true),
-                    numberPart("BYYEARDAY", rule.daysOfTheYear(), 1, 366, true),
-                    numberPart("BYWEEKNO", rule.weeksOfTheYear(), 1, 53, true),
-                    numberPart("BYMONTH", rule.monthsOfTheYear(), 1, 12, false),
-                    numberPart("BYSETPOS", rule.setPositions(), 1, 366, true)}) {
-    if (!part) return part.error();
-    value += *part;
-  }
+  value += dayPart(rule) + numberPart("BYMONTHDAY", rule.daysOfTheMonth()) +
+           numberPart("BYYEARDAY", rule.daysOfTheYear()) + numberPart("BYWEEKNO", rule.weeksOfTheYear()) +
+           numberPart("BYMONTH", rule.monthsOfTheYear()) + numberPart("BYSETPOS", rule.setPositions());
   if (const char* start = weekdayName(rule.firstDayOfTheWeek())) value += std::string(";WKST=") + start;
   if (const auto end = rule.recurrenceEnd()) {
     if (end->endDate()) {
       VdirTime utc;
       utc.kind = VdirTime::Kind::utc;
       value += ";UNTIL=" + timeValue(timeLike(*end->endDate(), utc, clock));
-    } else if (end->occurrenceCount() > 0) {
-      value += ";COUNT=" + std::to_string(end->occurrenceCount());
     } else {
-      return refused("a repeat rule's end names neither a date nor a number of occurrences", "ruleValue", __LINE__);
+      value += ";COUNT=" + std::to_string(end->occurrenceCount());
     }
   }
   return value;

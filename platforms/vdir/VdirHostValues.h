@@ -19,6 +19,7 @@ rivet::RivetResult<std::string> ruleValue(const platform::EKRecurrenceRule& rule
 
 // The TRIGGER durations of `alarms` ("-PT15M", "PT0S"), in order. An alarm at an instant or on a
 // place, or one not a whole number of seconds from the start, fails with invalidChange.
-rivet::RivetResult<std::vector<std::string>> alarmTriggers(const std::vector<std::shared_ptr<platform::EKAlarm>>& alarms);
+rivet::RivetResult<std::vector<std::string>> alarmTriggers(
+    const std::vector<std::shared_ptr<platform::EKAlarm>>& alarms);
 
 }  // namespace vesp::vdir

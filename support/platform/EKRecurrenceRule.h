@@ -61,4 +61,10 @@ class EKRecurrenceRule : public NSObject {
   virtual NumberList weeksOfTheYear() const = 0;
 };
 
+// What makes `rule` one that no calendar can keep, said for a person: an unknown frequency, an
+// interval outside 1 to 100000, a weekday, week, day, month or position out of range, a number
+// list holding something other than whole numbers, an end that names neither a date nor a count.
+// None for a rule RFC 5545 allows.
+std::optional<std::string> recurrenceRuleProblem(const EKRecurrenceRule& rule);
+
 }  // namespace vesp::platform

@@ -78,7 +78,50 @@ class RuleValue final : public EKRecurrenceRule {
   RuleFields f_;
 };
 
+// Why a number list of a rule is out of range: each value must be a whole number from `low` to
+// `high` or, when `signedRange`, from -high to -low as well.
+std::optional<std::string> listProblem(const char* name, const EKRecurrenceRule::NumberList& list, std::int64_t low,
+                                       std::int64_t high, bool signedRange) {
+  if (!list) return std::nullopt;
+  for (const AnyObject& object : *list) {
+    const NSNumber* number = object.number();
+    const std::int64_t value = number ? number->integerValue() : 0;
+    const bool inRange = (value >= low && value <= high) || (signedRange && value <= -low && value >= -high);
+    if (!number || number->isFloatingPoint() || !inRange)
+      return std::string("the repeat rule's ") + name + " values must be whole numbers from " +
+             (signedRange ? "-" + std::to_string(high) + " to -" + std::to_string(low) + " or " : "") +
+             std::to_string(low) + " to " + std::to_string(high);
+  }
+  return std::nullopt;
+}
+
 }  // namespace
+
+std::optional<std::string> recurrenceRuleProblem(const EKRecurrenceRule& rule) {
+  // The platform's four frequencies, then the sub-daily ones (hourly, minutely, secondly) a store
+  // reports past them.
+  if (rule.frequency() < EKRecurrenceFrequencyDaily || rule.frequency() > EKRecurrenceFrequencyYearly + 3)
+    return "unknown repeat frequency " + std::to_string(rule.frequency());
+  if (rule.interval() < 1 || rule.interval() > 100000)
+    return "a repeat interval is 1 to 100000, not " + std::to_string(rule.interval());
+  if (rule.firstDayOfTheWeek() != 0 &&
+      (rule.firstDayOfTheWeek() < EKWeekdaySunday || rule.firstDayOfTheWeek() > EKWeekdaySaturday))
+    return "the repeat rule's first day of the week is not a weekday (1 Sunday to 7 Saturday)";
+  if (const auto days = rule.daysOfTheWeek())
+    for (const auto& day : *days)
+      if (!day || day->dayOfTheWeek() < EKWeekdaySunday || day->dayOfTheWeek() > EKWeekdaySaturday ||
+          day->weekNumber() < -53 || day->weekNumber() > 53)
+        return std::string("a day of the repeat rule is not a weekday (1 Sunday to 7 Saturday) in week -53 to 53");
+  for (auto problem : {listProblem("BYMONTHDAY", rule.daysOfTheMonth(), 1, 31, true),
+                       listProblem("BYYEARDAY", rule.daysOfTheYear(), 1, 366, true),
+                       listProblem("BYWEEKNO", rule.weeksOfTheYear(), 1, 53, true),
+                       listProblem("BYMONTH", rule.monthsOfTheYear(), 1, 12, false),
+                       listProblem("BYSETPOS", rule.setPositions(), 1, 366, true)})
+    if (problem) return problem;
+  if (const auto end = rule.recurrenceEnd(); end && !end->endDate() && end->occurrenceCount() <= 0)
+    return std::string("a repeat rule's end names neither a date nor a number of occurrences");
+  return std::nullopt;
+}
 
 std::shared_ptr<EKAlarm> EKAlarm::alarmWithRelativeOffset(double offset) {
   return std::make_shared<AlarmValue>(std::nullopt, offset);

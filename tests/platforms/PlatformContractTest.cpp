@@ -350,6 +350,25 @@ TYPED_TEST(PlatformContractTest, ASaveThatCannotBeKeptFailsWithItsCodeAndChanges
   auto timeless = platform->eventWithEventStore(this->store);
   timeless->setCalendar(this->calendarTitled("Work"));
   EXPECT_EQ(this->codeOf(this->store->saveEvent(timeless, platform::EKSpanThisEvent)), 18);
+  // Repeat rules no calendar can keep: every 0 weeks; in a thirteenth month; a Monday in week 60.
+  using platform::EKRecurrenceRule;
+  const std::vector<std::shared_ptr<EKRecurrenceRule>> impossible = {
+      EKRecurrenceRule::recurrenceWithFrequency(platform::EKRecurrenceFrequencyWeekly, 0, nullptr),
+      EKRecurrenceRule::recurrenceWithFrequency(platform::EKRecurrenceFrequencyYearly, 1, std::nullopt, std::nullopt,
+                                                std::vector<platform::AnyObject>{platform::NSNumber(13)},
+                                                std::nullopt, std::nullopt, std::nullopt, nullptr),
+      EKRecurrenceRule::recurrenceWithFrequency(
+          platform::EKRecurrenceFrequencyMonthly, 1,
+          std::vector{platform::EKRecurrenceDayOfWeek::dayOfWeek(platform::EKWeekdayMonday, 60)}, std::nullopt,
+          std::nullopt, std::nullopt, std::nullopt, std::nullopt, nullptr)};
+  for (const auto& rule : impossible) {
+    auto repeating = platform->eventWithEventStore(this->store);
+    repeating->setStartDate(utc(2026, 3, 5, 9));
+    repeating->setEndDate(utc(2026, 3, 5, 10));
+    repeating->setCalendar(this->calendarTitled("Work"));
+    repeating->setRecurrenceRules(std::vector{rule});
+    EXPECT_EQ(this->codeOf(this->store->saveEvent(repeating, platform::EKSpanFutureEvents)), 18);
+  }
   EXPECT_THAT(this->titles(utc(2026, 3, 5), utc(2026, 3, 6), std::nullopt), IsEmpty());
   EXPECT_EQ(this->titles(utc(2026, 3, 2), utc(2026, 3, 3), std::nullopt).size(), 3u);
 }

@@ -371,6 +371,9 @@ std::optional<platform::NSError> MemoryEventStore::saveEvent(const std::shared_p
     return memoryError(MemoryErrorCode::invalidChange, "an event needs a start and an end");
   if (*f.endDate < *f.startDate)
     return memoryError(MemoryErrorCode::endBeforeStart, "the event ends before it starts");
+  if (f.availability < platform::EKEventAvailabilityNotSupported || f.availability > platform::EKEventAvailabilityLast)
+    return memoryError(MemoryErrorCode::invalidChange,
+                       "unknown availability " + std::to_string(f.availability) + " (-1 to 3)");
   if (span == platform::EKSpanFutureEvents)
     for (const auto& later : laterOccurrences(f, *world_))
       later->update([&](MemoryEventFields& o) {
@@ -379,6 +382,7 @@ std::optional<platform::NSError> MemoryEventStore::saveEvent(const std::shared_p
         o.item.notes = f.item.notes;
         o.item.url = f.item.url;
         o.item.calendar = f.item.calendar;
+        o.availability = f.availability;
       });
   saveEvent(memoryEvent);
   return std::nullopt;

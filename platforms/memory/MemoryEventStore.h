@@ -193,10 +193,11 @@ class MemoryEventStore final : public platform::EKEventStore {
   std::string description() const override;
 
   // The world's events are its own objects, so what a host sets on one is what every store reads
-  // at once; a save checks it (a calendar that takes changes, a start and an end in order), keeps
-  // the event, and posts the store-changed notification on every store. With EKSpanFutureEvents,
-  // the title, location, notes, URL and calendar also go to the later occurrences of its event
-  // (the world keeps occurrences, not rules). A refused save posts nothing.
+  // at once; a save checks it (a calendar that takes changes, a start and an end in order, an
+  // availability of -1 to 3), keeps the event, and posts the store-changed notification on every
+  // store. With EKSpanFutureEvents, the title, location, notes, URL, calendar and availability also
+  // go to the later occurrences of its event (the world keeps occurrences, not rules). A refused
+  // save posts nothing.
   std::optional<platform::NSError> saveEvent(const std::shared_ptr<platform::EKEvent>& event,
                                              platform::EKSpan span) override;
   // Removes the occurrence (with EKSpanFutureEvents also the later ones of its event).

@@ -208,6 +208,9 @@ std::optional<platform::AnyObject> MemoryEvent::valueForKey(const std::string& k
 void MemoryEvent::setStartDate(platform::Date startDate) { update([&](auto& f) { f.startDate = startDate; }); }
 void MemoryEvent::setEndDate(platform::Date endDate) { update([&](auto& f) { f.endDate = endDate; }); }
 void MemoryEvent::setAllDay(bool allDay) { update([&](auto& f) { f.isAllDay = allDay; }); }
+void MemoryEvent::setAvailability(platform::EKEventAvailability availability) {
+  update([&](auto& f) { f.availability = availability; });
+}
 
 std::string MemoryEvent::description() const {
   auto f = fields();

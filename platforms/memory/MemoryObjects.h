@@ -298,6 +298,7 @@ class MemoryEvent final : public MemoryCalendarItem<platform::EKEvent, MemoryEve
   void setStartDate(platform::Date startDate) override;
   void setEndDate(platform::Date endDate) override;
   void setAllDay(bool allDay) override;
+  void setAvailability(platform::EKEventAvailability availability) override;
   std::string description() const override;
 };
 

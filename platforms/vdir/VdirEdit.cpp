@@ -208,7 +208,23 @@ rivet::RivetResult<bool> setAlarms(VdirComponent& component, const std::vector<s
   return true;
 }
 
-// The fields of `changes` that need no knowledge of a series: texts, priority, due, end, alarms.
+// Sets TRANSP and the busy status other clients write so that they (and this store's reader) read
+// `availability` (busy 0 to unavailable 3): free is TRANSPARENT; tentative and unavailable are the
+// statuses TENTATIVE and OOF of an opaque event. A property already there is changed, not removed,
+// and one that is not needed is not added. Whether anything changed.
+bool setAvailability(VdirComponent& component, platform::EKEventAvailability availability) {
+  static const char* const kStatus[] = {"BUSY", "FREE", "TENTATIVE", "OOF"};
+  const bool free = availability == platform::EKEventAvailabilityFree;
+  bool changed = false;
+  if (free || component.property("TRANSP"))
+    changed |= component.set(VdirContentLine("TRANSP", {}, free ? "TRANSPARENT" : "OPAQUE"));
+  if (availability >= platform::EKEventAvailabilityTentative || component.property("X-MICROSOFT-CDO-BUSYSTATUS"))
+    changed |= component.set(VdirContentLine("X-MICROSOFT-CDO-BUSYSTATUS", {}, kStatus[availability]));
+  return changed;
+}
+
+// The fields of `changes` that need no knowledge of a series: texts, priority, due, end, alarms,
+// availability.
 rivet::RivetResult<bool> applyFields(VdirComponent& component, const VdirItemChanges& changes) {
   bool changed = false;
   if (changes.title) changed |= setText(component, "SUMMARY", *changes.title);
@@ -235,6 +251,13 @@ rivet::RivetResult<bool> applyFields(VdirComponent& component, const VdirItemCha
     auto alarms = setAlarms(component, *changes.alarms);
     if (!alarms) return alarms.error();
     changed |= *alarms;
+  }
+  if (changes.availability) {
+    if (*changes.availability < platform::EKEventAvailabilityBusy ||
+        *changes.availability > platform::EKEventAvailabilityLast)
+      return editError("an availability is 0 (busy) to 3 (unavailable), not " + std::to_string(*changes.availability),
+                       "applyFields", __LINE__);
+    changed |= setAvailability(component, *changes.availability);
   }
   return changed;
 }

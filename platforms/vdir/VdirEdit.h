@@ -12,6 +12,7 @@
 #include "platforms/vdir/VdirDocument.h"
 #include "platforms/vdir/VdirTime.h"
 #include "support/platform/Date.h"
+#include "support/platform/EKTypes.h"
 #include "support/rivet/RivetResult.h"
 
 namespace vesp::vdir {
@@ -40,6 +41,9 @@ struct VdirItemChanges {
   // The item's alarms as RFC 5545 durations from its start ("-PT15M"); they replace the VALARMs it
   // had, and an empty list removes them.
   std::optional<std::vector<std::string>> alarms = std::nullopt;
+  // Events: how the event shows its owner's time (EKEventAvailability busy, free, tentative or
+  // unavailable), as TRANSP and the busy status other clients write.
+  std::optional<platform::EKEventAvailability> availability = std::nullopt;
   bool movesTime() const { return start || end || due || rule; }
 };
 

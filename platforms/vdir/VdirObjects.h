@@ -28,6 +28,7 @@ struct VdirSetValues {
   std::optional<std::optional<platform::URL>> url;
   std::optional<platform::Date> start, end;
   std::optional<bool> allDay;
+  std::optional<platform::EKEventAvailability> availability;
   std::optional<std::shared_ptr<platform::EKCalendar>> calendar;
   std::optional<std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>>> alarms;
   std::optional<std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>>> rules;
@@ -95,6 +96,9 @@ class VdirSettableEvent : public VdirSettableItem<platform::EKEvent> {
   void setStartDate(platform::Date value) override { set_.assign(&VdirSetValues::start, value); }
   void setEndDate(platform::Date value) override { set_.assign(&VdirSetValues::end, value); }
   void setAllDay(bool value) override { set_.assign(&VdirSetValues::allDay, value); }
+  void setAvailability(platform::EKEventAvailability value) override {
+    set_.assign(&VdirSetValues::availability, value);
+  }
 };
 
 class VdirSettableReminder : public VdirSettableItem<platform::EKReminder> {
@@ -205,7 +209,9 @@ class VdirEvent : public VdirSettableEvent {
   std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> attendees() const override;
   std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>> recurrenceRules() const override;
 
-  platform::EKEventAvailability availability() const override { return data().availability; }
+  platform::EKEventAvailability availability() const override {
+    return set_.read(&VdirSetValues::availability, data().availability);
+  }
   std::optional<std::string> birthdayContactIdentifier() const override { return std::nullopt; }
   std::optional<platform::Date> endDate() const override {
     return set_.read(&VdirSetValues::end, std::optional<platform::Date>(fields_.end));
@@ -323,7 +329,9 @@ class VdirNewItem : public Settable {
 
 class VdirNewEvent : public VdirNewItem<VdirSettableEvent> {
  public:
-  platform::EKEventAvailability availability() const override { return 0; }
+  platform::EKEventAvailability availability() const override {
+    return set_.read(&VdirSetValues::availability, platform::EKEventAvailability{platform::EKEventAvailabilityBusy});
+  }
   std::optional<std::string> birthdayContactIdentifier() const override { return std::nullopt; }
   std::optional<platform::Date> endDate() const override;
   std::optional<std::string> eventIdentifier() const override { return savedIdentifier(); }

@@ -51,6 +51,17 @@ std::optional<platform::NSError> schedule(const VdirSetValues& set, const VdirCl
   return std::nullopt;
 }
 
+// The availability set on an event, as the editor writes it.
+std::optional<platform::NSError> showTime(const VdirSetValues& set, VdirItemChanges& changes) {
+  if (!set.availability) return std::nullopt;
+  if (*set.availability < platform::EKEventAvailabilityBusy || *set.availability > platform::EKEventAvailabilityLast)
+    return vdirError(VdirErrorCode::invalidChange,
+                     "an event here is busy (0), free (1), tentative (2) or unavailable (3), not " +
+                         std::to_string(*set.availability));
+  changes.availability = *set.availability;
+  return std::nullopt;
+}
+
 // The collection a calendar set on an event names, when it is one of the store's.
 rivet::RivetResult<std::string> collectionOf(VdirStore& store, const std::shared_ptr<platform::EKCalendar>& calendar) {
   if (!calendar || !collectionNamed(*store.snapshot(), calendar->calendarIdentifier()))
@@ -98,6 +109,7 @@ std::optional<platform::NSError> saveNew(VdirStore& store, VdirNewEvent& event) 
   VdirItemChanges changes;
   describe(set, changes);
   if (auto refused = schedule(set, store.clock(), changes)) return refused;
+  if (auto refused = showTime(set, changes)) return refused;
   if (!changes.title) changes.title = "";
   const VdirTime form = newItemForm(set.allDay.value_or(false), store.clock());
   changes.start = timeLike(*set.start, form, store.clock());
@@ -120,6 +132,7 @@ std::optional<platform::NSError> saveOccurrence(VdirStore& store, const VdirEven
   VdirItemChanges changes;
   describe(set, changes);
   if (auto refused = schedule(set, store.clock(), changes)) return refused;
+  if (auto refused = showTime(set, changes)) return refused;
   if (set.start) changes.start = timeLike(*set.start, event.statedStart(), store.clock());
   if (set.end) changes.end = timeLike(*set.end, event.statedStart(), store.clock());
   std::optional<std::string> collection;

@@ -32,6 +32,8 @@ class EKEvent : public EKCalendarItem {
   virtual void setStartDate(Date startDate) = 0;
   virtual void setEndDate(Date endDate) = 0;
   virtual void setAllDay(bool allDay) = 0;
+  // How the event shows its owner's time: busy, free, tentative or unavailable (out of office).
+  virtual void setAvailability(EKEventAvailability availability) = 0;
 };
 
 }  // namespace vesp::platform

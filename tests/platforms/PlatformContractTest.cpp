@@ -306,6 +306,30 @@ TYPED_TEST(PlatformContractTest, AlarmsAndARepeatRuleSetOnANewEventAreServedAsSa
   EXPECT_EQ(rule.recurrenceEnd()->endDate(), std::nullopt);
 }
 
+TYPED_TEST(PlatformContractTest, AnAvailabilitySetIsServedAsSaved) {
+  auto event = this->world.platform()->eventWithEventStore(this->store);
+  event->setTitle("Focus");
+  event->setStartDate(utc(2026, 3, 5, 13));
+  event->setEndDate(utc(2026, 3, 5, 15));
+  event->setCalendar(this->calendarTitled("Work"));
+  event->setAvailability(platform::EKEventAvailabilityFree);
+  ASSERT_EQ(this->store->saveEvent(event, platform::EKSpanThisEvent), std::nullopt);
+  auto other = this->world.platform()->makeEventStore();
+  auto read = [&] {
+    return other->eventsMatchingPredicate(
+        other->predicateForEventsWithStartDate(utc(2026, 3, 5), utc(2026, 3, 6), std::nullopt));
+  };
+  ASSERT_EQ(read().size(), 1u);
+  EXPECT_EQ(read()[0]->availability(), platform::EKEventAvailabilityFree);
+  auto stored = read()[0];
+  stored->setAvailability(platform::EKEventAvailabilityUnavailable);
+  ASSERT_EQ(other->saveEvent(stored, platform::EKSpanThisEvent), std::nullopt);
+  EXPECT_EQ(read().at(0)->availability(), platform::EKEventAvailabilityUnavailable);
+  stored = read()[0];
+  stored->setAvailability(9);
+  EXPECT_EQ(this->codeOf(other->saveEvent(stored, platform::EKSpanThisEvent)), 18);
+}
+
 TYPED_TEST(PlatformContractTest, AChangedEventIsServedAsSavedAndMovesToTheCalendarSet) {
   auto standup = this->only(utc(2026, 3, 2, 10), utc(2026, 3, 2, 11));
   ASSERT_TRUE(standup);

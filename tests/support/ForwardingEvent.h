@@ -54,6 +54,9 @@ class ForwardingEvent : public platform::EKEvent {
   void setStartDate(platform::Date startDate) override { target_->setStartDate(startDate); }
   void setEndDate(platform::Date endDate) override { target_->setEndDate(endDate); }
   void setAllDay(bool allDay) override { target_->setAllDay(allDay); }
+  void setAvailability(platform::EKEventAvailability availability) override {
+    target_->setAvailability(availability);
+  }
   void setCalendar(std::shared_ptr<platform::EKCalendar> calendar) override { target_->setCalendar(std::move(calendar)); }
   void setAlarms(std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> alarms) override {
     target_->setAlarms(std::move(alarms));

@@ -20,6 +20,7 @@ using testing::utc;
 using testing::writeFile;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::Not;
 
 // A weekly event on Mondays 2, 9, 16 and 23 March 2026, 09:00-10:00 UTC.
 constexpr const char* kWeekly =
@@ -295,6 +296,51 @@ TEST_F(VdirSavesTest, RulesAndAlarmsThatCannotBeWrittenAreRefusedAndNothingChang
   const auto alone = store->saveEvent(second, platform::EKSpanThisEvent);
   ASSERT_TRUE(alone);
   EXPECT_EQ(alone->code(), invalid);
+  EXPECT_EQ(testing::treeState(root.path()), before);
+}
+
+TEST_F(VdirSavesTest, AvailabilityIsWrittenAsOtherClientsReadIt) {
+  auto availabilities = [&] {
+    std::vector<platform::EKEventAvailability> found;
+    for (const auto& event : march()) found.push_back(event->availability());
+    return found;
+  };
+  const fs::path file = root.path() / "work/weekly.ics";
+  auto first = march().at(0);
+  first->setAvailability(platform::EKEventAvailabilityTentative);
+  EXPECT_EQ(first->availability(), platform::EKEventAvailabilityTentative);  // read back before the save
+  ASSERT_EQ(store->saveEvent(first, platform::EKSpanFutureEvents), std::nullopt);
+  EXPECT_THAT(readFile(file), HasSubstr("X-MICROSOFT-CDO-BUSYSTATUS:TENTATIVE\r\n"));
+  EXPECT_THAT(readFile(file), Not(HasSubstr("TRANSP")));  // an opaque event needs no TRANSP
+  EXPECT_THAT(availabilities(), ElementsAre(2, 2, 2, 2));
+
+  auto second = march().at(1);
+  second->setAvailability(platform::EKEventAvailabilityFree);
+  ASSERT_EQ(store->saveEvent(second, platform::EKSpanThisEvent), std::nullopt);
+  EXPECT_THAT(readFile(file), HasSubstr("TRANSP:TRANSPARENT\r\n"));
+  EXPECT_THAT(readFile(file), HasSubstr("X-MICROSOFT-CDO-BUSYSTATUS:FREE\r\n"));
+  EXPECT_THAT(availabilities(), ElementsAre(2, 1, 2, 2));
+
+  auto fourth = march().at(3);
+  fourth->setAvailability(platform::EKEventAvailabilityUnavailable);
+  ASSERT_EQ(store->saveEvent(fourth, platform::EKSpanThisEvent), std::nullopt);
+  EXPECT_THAT(readFile(file), HasSubstr("X-MICROSOFT-CDO-BUSYSTATUS:OOF\r\n"));
+  EXPECT_THAT(availabilities(), ElementsAre(2, 1, 2, 3));
+
+  // The same availability again writes nothing.
+  const auto before = testing::treeState(root.path());
+  auto third = march().at(2);
+  third->setAvailability(platform::EKEventAvailabilityTentative);
+  ASSERT_EQ(store->saveEvent(third, platform::EKSpanThisEvent), std::nullopt);
+  EXPECT_EQ(testing::treeState(root.path()), before);
+
+  for (const platform::EKEventAvailability refused : {platform::EKEventAvailabilityNotSupported, std::int64_t{4}}) {
+    third->setAvailability(refused);
+    auto error = store->saveEvent(third, platform::EKSpanThisEvent);
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code(), static_cast<std::int64_t>(VdirErrorCode::invalidChange));
+    EXPECT_THAT(error->localizedDescription(), HasSubstr("busy (0), free (1), tentative (2) or unavailable (3)"));
+  }
   EXPECT_EQ(testing::treeState(root.path()), before);
 }
 

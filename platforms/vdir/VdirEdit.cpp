@@ -600,6 +600,18 @@ std::optional<VdirTime> timeOfValue(const VdirContentLine& line, std::string_vie
   return time;
 }
 
+std::string durationValue(std::int64_t seconds) {
+  std::string text = seconds < 0 ? "-P" : "P";
+  // The magnitude as unsigned, so that the smallest int64 has one too.
+  const std::uint64_t amount = seconds < 0 ? 0 - static_cast<std::uint64_t>(seconds) : seconds;
+  if (amount > 0 && amount % 86400 == 0) return text + std::to_string(amount / 86400) + "D";
+  text += "T";
+  if (amount >= 3600) text += std::to_string(amount / 3600) + "H";
+  if (amount % 3600 >= 60) text += std::to_string(amount % 3600 / 60) + "M";
+  if (amount % 60 != 0 || amount == 0) text += std::to_string(amount % 60) + "S";
+  return text;
+}
+
 std::string timeValue(const VdirTime& time) {
   char text[32];
   const icaltimetype& t = time.local;

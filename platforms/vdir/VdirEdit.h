@@ -4,6 +4,7 @@
 // same TZID for a zoned one), an UNTIL in UTC (a DATE for an all-day series), stamps in UTC.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -55,6 +56,9 @@ std::optional<VdirTime> timeOfValue(const VdirContentLine& line, std::string_vie
 std::vector<std::string> valuesOf(const VdirContentLine& line);
 // `time` as a value ("20261201", "20261201T090000", "20261201T090000Z").
 std::string timeValue(const VdirTime& time);
+// `seconds` as an RFC 5545 duration: whole days as "P2D", anything else in hours, minutes and seconds
+// ("-PT1H30M", "PT25H", "PT0S").
+std::string durationValue(std::int64_t seconds);
 // A line stating `time`: VALUE=DATE for a date, TZID for a zoned time.
 VdirContentLine timeLine(const std::string& name, const VdirTime& time);
 

@@ -77,17 +77,7 @@ rivet::RivetResult<std::vector<std::string>> alarmTriggers(
     const double offset = alarm->relativeOffset();
     if (!std::isfinite(offset) || offset != std::floor(offset) || std::fabs(offset) > 1e9)
       return refused("an alarm's offset is a whole number of seconds", "alarmTriggers", __LINE__);
-    auto seconds = static_cast<std::int64_t>(std::fabs(offset));
-    std::string text = offset < 0 ? "-P" : "P";
-    if (seconds >= 86400) text += std::to_string(seconds / 86400) + "D";
-    seconds %= 86400;
-    if (seconds > 0 || text.back() == 'P') {
-      text += "T";
-      if (seconds >= 3600) text += std::to_string(seconds / 3600) + "H";
-      if (seconds % 3600 >= 60) text += std::to_string(seconds % 3600 / 60) + "M";
-      if (seconds % 60 > 0 || text.back() == 'T') text += std::to_string(seconds % 60) + "S";
-    }
-    triggers.push_back(std::move(text));
+    triggers.push_back(durationValue(static_cast<std::int64_t>(offset)));
   }
   return triggers;
 }

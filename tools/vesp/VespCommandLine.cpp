@@ -24,6 +24,7 @@
 #include "Vesp/VespCalendarManager.h"
 #include "Vesp/VespCodingError.h"
 #include "Vesp/VespJSONCoder.h"
+#include "platforms/vdir/VdirEdit.h"
 #include "platforms/vdir/VdirErrors.h"
 #include "platforms/vdir/VdirImport.h"
 #include "platforms/vdir/VdirItemEditor.h"
@@ -483,13 +484,7 @@ std::string alarmTrigger(const std::string& text) {
   if (!seconds)
     throw Exit{kExitUsage,
                "vesp: --alarm \"" + text + "\" is not a time from the start: use for example -15m, -1d or none"};
-  std::string trigger = std::string(before ? "-" : "") + "P";
-  if (*seconds % 86400 == 0 && *seconds > 0) return trigger + std::to_string(*seconds / 86400) + "D";
-  trigger += "T";
-  if (*seconds >= 3600) trigger += std::to_string(*seconds / 3600) + "H";
-  if (*seconds % 3600 >= 60) trigger += std::to_string(*seconds % 3600 / 60) + "M";
-  if (*seconds % 60 != 0 || *seconds == 0) trigger += std::to_string(*seconds % 60) + "S";
-  return trigger;
+  return vdir::durationValue(before ? -*seconds : *seconds);
 }
 
 // --repeat and --alarm, as changes.

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <limits>
 #include <memory>
 #include <set>
 #include <string>
@@ -354,6 +356,15 @@ TEST_F(VdirEditTest, TimesAreReadAndWrittenInTheirOwnForms) {
     EXPECT_FALSE(timeOfValue(list, bad, context_)) << bad;
   }
   EXPECT_EQ(timeValue(timeLike(at(berlin(12, 24, 18)), *time, *context_.clock)), "20261224T180000");
+}
+
+TEST(VdirDurationTest, DurationsAreWrittenInDaysOrInHoursMinutesAndSeconds) {
+  EXPECT_EQ(durationValue(0), "PT0S");
+  EXPECT_EQ(durationValue(-5400), "-PT1H30M");
+  EXPECT_EQ(durationValue(90061), "PT25H1M1S");
+  EXPECT_EQ(durationValue(-172800), "-P2D");
+  EXPECT_EQ(durationValue(59), "PT59S");
+  EXPECT_EQ(durationValue(std::numeric_limits<std::int64_t>::min()), "-PT2562047788015215H30M8S");
 }
 
 TEST_F(VdirEditTest, ChangingThisAndLaterOccurrencesSplitsTheSeries) {

@@ -152,6 +152,14 @@ std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> alarmsOf(const Vd
   return alarms;
 }
 
+std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>> rulesOf(
+    const std::shared_ptr<const VdirItem>& item, const VdirSeriesData& series) {
+  if (series.rules.empty()) return std::nullopt;
+  std::vector<std::shared_ptr<platform::EKRecurrenceRule>> rules;
+  for (const auto& rule : series.rules) rules.push_back(std::make_shared<VdirRecurrenceRule>(item, &rule));
+  return rules;
+}
+
 std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> attendeesOf(const VdirComponentData& data) {
   if (data.attendees.empty()) return std::nullopt;
   std::vector<std::shared_ptr<platform::EKParticipant>> attendees;
@@ -179,19 +187,13 @@ std::string VdirCalendar::description() const {
 std::optional<platform::URL> VdirEvent::URL() const { return set_.read(&VdirSetValues::url, urlOf(data())); }
 std::optional<platform::TimeZone> VdirEvent::timeZone() const { return zoneOf(data()); }
 std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> VdirEvent::alarms() const {
-  if (auto set = set_.values().alarms) return *set;
-  return alarmsOf(data());
+  return set_.readOr(&VdirSetValues::alarms, [this] { return alarmsOf(data()); });
 }
 std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> VdirEvent::attendees() const {
   return attendeesOf(data());
 }
 std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>> VdirEvent::recurrenceRules() const {
-  if (auto set = set_.values().rules) return *set;
-  const auto& rules = fields_.series->rules;
-  if (rules.empty()) return std::nullopt;
-  std::vector<std::shared_ptr<platform::EKRecurrenceRule>> result;
-  for (const auto& rule : rules) result.push_back(std::make_shared<VdirRecurrenceRule>(fields_.item, &rule));
-  return result;
+  return set_.readOr(&VdirSetValues::rules, [this] { return rulesOf(fields_.item, *fields_.series); });
 }
 std::shared_ptr<platform::EKParticipant> VdirEvent::organizer() const {
   return data().organizer ? std::make_shared<VdirParticipant>(*data().organizer) : nullptr;
@@ -210,16 +212,16 @@ std::string VdirEvent::description() const {
 std::optional<platform::URL> VdirReminder::URL() const { return set_.read(&VdirSetValues::url, urlOf(data())); }
 std::optional<platform::TimeZone> VdirReminder::timeZone() const { return zoneOf(data()); }
 std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> VdirReminder::alarms() const {
-  if (auto set = set_.values().alarms) return *set;
-  return alarmsOf(data());
+  return set_.readOr(&VdirSetValues::alarms, [this] { return alarmsOf(data()); });
 }
 std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> VdirReminder::attendees() const {
   return attendeesOf(data());
 }
 std::optional<platform::DateComponents> VdirReminder::dueDateComponents() const {
-  if (auto set = set_.values().due) return *set;
-  if (!task().due) return std::nullopt;
-  return dateComponents(*task().due);
+  return set_.readOr(&VdirSetValues::due, [this]() -> std::optional<platform::DateComponents> {
+    if (!task().due) return std::nullopt;
+    return dateComponents(*task().due);
+  });
 }
 std::optional<platform::DateComponents> VdirReminder::startDateComponents() const {
   if (!task().start) return std::nullopt;

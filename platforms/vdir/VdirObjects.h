@@ -58,6 +58,16 @@ class VdirSettable {
     const auto& value = values_.*field;
     return value ? T(*value) : std::move(unset);
   }
+  // As `read`, but `unset()` is called only when the field was not set, and outside the lock.
+  template <class Field, class Fallback>
+  auto readOr(Field field, Fallback unset) const -> decltype(unset()) {
+    {
+      rivet::RivetMutexLock lock(mutex_);
+      const auto& value = values_.*field;
+      if (value) return decltype(unset())(*value);
+    }
+    return unset();
+  }
 
  private:
   mutable rivet::RivetMutex mutex_;

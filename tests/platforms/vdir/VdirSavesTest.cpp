@@ -5,6 +5,9 @@
 
 #include <sys/stat.h>
 
+#include <initializer_list>
+#include <optional>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -31,6 +34,15 @@ constexpr const char* kWeekly =
 constexpr const char* kSeed =
     "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Test//EN\r\nBEGIN:VTODO\r\nUID:seed\r\n"
     "DTSTAMP:20260101T000000Z\r\nSUMMARY:Seed\r\nEND:VTODO\r\nEND:VCALENDAR\r\n";
+
+// Each of `errors` is there, and is the vdir store's `code`.
+void expectEachRefusedWith(std::initializer_list<std::optional<platform::NSError>> errors, VdirErrorCode code) {
+  for (const auto& error : errors) {
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->domain(), VdirErrorDomain);
+    EXPECT_EQ(error->code(), static_cast<std::int64_t>(code)) << error->localizedDescription();
+  }
+}
 
 class VdirSavesTest : public ::testing::Test {
  protected:
@@ -111,10 +123,7 @@ TEST_F(VdirSavesTest, ASaveThatMeetsAFileChangedByAnotherProgramFailsAndWritesNo
   std::string theirs = kWeekly;
   theirs.replace(theirs.find("SUMMARY:Weekly"), 14, "SUMMARY:Theirs, longer");
   writeFile(root.path() / "work/weekly.ics", theirs);
-  const auto error = store->saveEvent(first, platform::EKSpanThisEvent);
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->domain(), VdirErrorDomain);
-  EXPECT_EQ(error->code(), static_cast<std::int64_t>(VdirErrorCode::changedOnDisk));
+  expectEachRefusedWith({store->saveEvent(first, platform::EKSpanThisEvent)}, VdirErrorCode::changedOnDisk);
   EXPECT_EQ(readFile(root.path() / "work/weekly.ics"), theirs);
 }
 
@@ -127,12 +136,9 @@ TEST_F(VdirSavesTest, AnOccurrenceReadBeforeTheStoreRescannedAChangedFileIsNotSa
   ASSERT_TRUE(vdirPlatform->refresh());
   ASSERT_EQ(march().at(0)->title(), "Theirs");
   first->setTitle("Mine");
-  auto error = store->saveEvent(first, platform::EKSpanFutureEvents);
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->code(), static_cast<std::int64_t>(VdirErrorCode::changedOnDisk));
-  error = store->removeEvent(first, platform::EKSpanThisEvent);
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->code(), static_cast<std::int64_t>(VdirErrorCode::changedOnDisk));
+  const auto saved = store->saveEvent(first, platform::EKSpanFutureEvents);
+  const auto removed = store->removeEvent(first, platform::EKSpanThisEvent);
+  expectEachRefusedWith({saved, removed}, VdirErrorCode::changedOnDisk);
   EXPECT_EQ(readFile(root.path() / "work/weekly.ics"), theirs);
   // Read again, it saves.
   auto again = march().at(0);
@@ -161,12 +167,7 @@ TEST_F(VdirSavesTest, NothingIsSavedIntoACollectionWhoseDirectoryIsNotWritable) 
   ::chmod(work.c_str(), 0755);
   EXPECT_TRUE(refreshed);
   EXPECT_FALSE(allowed);
-  for (const auto& error : {changed, removed, created}) {
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->domain(), VdirErrorDomain);
-    EXPECT_EQ(error->code(), static_cast<std::int64_t>(VdirErrorCode::readOnlyCalendar))
-        << error->localizedDescription();
-  }
+  expectEachRefusedWith({changed, removed, created}, VdirErrorCode::readOnlyCalendar);
   EXPECT_EQ(readFile(work / "weekly.ics"), kWeekly);
   EXPECT_THAT(titles(), ElementsAre("Weekly", "Weekly", "Weekly", "Weekly"));
   EXPECT_EQ(after, before);
@@ -180,12 +181,9 @@ TEST_F(VdirSavesTest, AReminderReadBeforeTheStoreRescannedAChangedFileIsNotSaved
   writeFile(root.path() / "tasks/seed.ics", theirs);
   ASSERT_TRUE(vdirPlatform->refresh());
   mine->setTitle("Mine");
-  auto error = store->saveReminder(mine);
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->code(), static_cast<std::int64_t>(VdirErrorCode::changedOnDisk)) << error->localizedDescription();
-  error = store->removeReminder(mine);
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->code(), static_cast<std::int64_t>(VdirErrorCode::changedOnDisk)) << error->localizedDescription();
+  const auto saved = store->saveReminder(mine);
+  const auto removed = store->removeReminder(mine);
+  expectEachRefusedWith({saved, removed}, VdirErrorCode::changedOnDisk);
   EXPECT_EQ(readFile(root.path() / "tasks/seed.ics"), theirs);
   // Read again, it saves.
   auto again = seed();
@@ -217,12 +215,7 @@ TEST_F(VdirSavesTest, NoReminderIsSavedIntoAListWhoseDirectoryIsNotWritable) {
   ::chmod(tasks.c_str(), 0755);
   EXPECT_TRUE(refreshed);
   EXPECT_FALSE(allowed);
-  for (const auto& error : {changed, removed, created}) {
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->domain(), VdirErrorDomain);
-    EXPECT_EQ(error->code(), static_cast<std::int64_t>(VdirErrorCode::readOnlyCalendar))
-        << error->localizedDescription();
-  }
+  expectEachRefusedWith({changed, removed, created}, VdirErrorCode::readOnlyCalendar);
   EXPECT_EQ(readFile(tasks / "seed.ics"), kSeed);
   EXPECT_FALSE(seed()->isCompleted());
   EXPECT_EQ(after, before);

@@ -223,6 +223,24 @@ bool setAvailability(VdirComponent& component, platform::EKEventAvailability ava
   return changed;
 }
 
+// Sets a to-do's DUE, or removes it, with any DURATION that stated it. A to-do keeps a due date that
+// its repeat rule or an alarm is counted from.
+rivet::RivetResult<bool> setDue(VdirComponent& component, const std::optional<VdirTime>& due) {
+  if (due) return component.set(timeLine("DUE", *due)) | (component.remove("DURATION") > 0);
+  if (!component.property("DUE") && !component.property("DURATION")) return false;
+  if (!component.property("DTSTART") && (component.property("RRULE") || component.property("RDATE")))
+    return editError("a repeating to-do without a start keeps its due date", "setDue", __LINE__);
+  for (const VdirComponent& alarm : component.components()) {
+    const VdirContentLine* trigger = alarm.property("TRIGGER");
+    const std::string* related = trigger ? trigger->parameter("RELATED") : nullptr;
+    if (alarm.name() == "VALARM" && related && sameName(*related, "END"))
+      return editError("the to-do has an alarm counted from its due date", "setDue", __LINE__);
+  }
+  component.remove("DUE");
+  component.remove("DURATION");
+  return true;
+}
+
 // The fields of `changes` that need no knowledge of a series: texts, priority, due, end, alarms,
 // availability.
 rivet::RivetResult<bool> applyFields(VdirComponent& component, const VdirItemChanges& changes) {
@@ -240,8 +258,9 @@ rivet::RivetResult<bool> applyFields(VdirComponent& component, const VdirItemCha
                    : component.set(VdirContentLine("PRIORITY", {}, std::to_string(*changes.priority)));
   }
   if (changes.due) {
-    changed |= component.set(timeLine("DUE", *changes.due));
-    changed |= component.remove("DURATION") > 0;
+    auto due = setDue(component, *changes.due);
+    if (!due) return due.error();
+    changed |= *due;
   }
   if (changes.end) {
     changed |= component.set(timeLine("DTEND", *changes.end));

@@ -33,7 +33,8 @@ struct VdirItemChanges {
   std::optional<std::optional<std::string>> location = std::nullopt, notes = std::nullopt, url = std::nullopt;
   // Events: the end is exclusive; each in the form it is to be written.
   std::optional<VdirTime> start = std::nullopt, end = std::nullopt;
-  std::optional<VdirTime> due = std::nullopt;  // to-dos, in the form the user gave
+  // To-dos: the due date in the form the user gave; a present empty optional removes it.
+  std::optional<std::optional<VdirTime>> due = std::nullopt;
   std::optional<int> priority = std::nullopt;  // to-dos: 0 (none) to 9
   std::optional<bool> completed = std::nullopt;  // to-dos: completes or reopens (see setCompleted)
   // A whole series' repeat rule, an RFC 5545 RRULE value ("FREQ=WEEKLY;BYDAY=MO;UNTIL=20270301");

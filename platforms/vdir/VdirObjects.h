@@ -257,7 +257,6 @@ class VdirReminder : public VdirSettableReminder {
   const std::shared_ptr<const VdirItem>& sharedItem() const { return item_; }
   // As the file has them, whatever was set since.
   const std::shared_ptr<platform::EKCalendar>& storedCalendar() const { return calendar_; }
-  bool hasStoredDue() const { return task().due.has_value(); }
 
   std::shared_ptr<platform::EKCalendar> calendar() const override {
     return set_.read(&VdirSetValues::calendar, calendar_);

@@ -187,8 +187,8 @@ rivet::RivetResult<VdirTime> dueOf(const platform::DateComponents& c) {
   return time;
 }
 
-// What was set on a reminder, as a change; `hadDue` says whether a due date can be cleared.
-rivet::RivetResult<VdirItemChanges> reminderChanges(const VdirSetValues& set, bool hadDue) {
+// What was set on a reminder, as a change.
+rivet::RivetResult<VdirItemChanges> reminderChanges(const VdirSetValues& set) {
   VdirItemChanges changes;
   describe(set, changes);
   if (set.alarms || set.rules)
@@ -202,10 +202,9 @@ rivet::RivetResult<VdirItemChanges> reminderChanges(const VdirSetValues& set, bo
   if (set.due && *set.due) {
     auto due = dueOf(**set.due);
     if (!due) return due.error();
-    changes.due = *due;
-  } else if (set.due && hadDue) {
-    return vdirFailure(VdirErrorCode::invalidChange, "a stored reminder's due date cannot be removed yet", __FILE__,
-                       __func__, __LINE__);
+    changes.due = std::optional<VdirTime>(*due);
+  } else if (set.due) {
+    changes.due.emplace();  // removes the due date
   }
   changes.completed = set.completed;
   return changes;
@@ -215,7 +214,7 @@ std::optional<platform::NSError> saveNewReminder(VdirStore& store, VdirNewRemind
   const VdirSetValues set = reminder.setValues();
   auto collection = collectionOf(store, set.calendar.value_or(nullptr));
   if (!collection) return errorOf(collection.error());
-  auto changes = reminderChanges(set, false);
+  auto changes = reminderChanges(set);
   if (!changes) return errorOf(changes.error());
   if (!changes->title) changes->title = "";
   VdirItemEditor editor(store.shared_from_this());
@@ -236,7 +235,7 @@ std::optional<platform::NSError> saveStoredReminder(VdirStore& store, const Vdir
     if (!named) return errorOf(named.error());
     return vdirError(VdirErrorCode::invalidChange, "a reminder cannot move to another list yet");
   }
-  auto changes = reminderChanges(set, reminder.hasStoredDue());
+  auto changes = reminderChanges(set);
   if (!changes) return errorOf(changes.error());
   VdirItemEditor editor(store.shared_from_this());
   auto plan = editor.changeReminder(reminder.calendarItemIdentifier(), *changes);

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <initializer_list>
+#include <map>
 #include <optional>
 
 #include <gmock/gmock.h>
@@ -412,6 +413,55 @@ TEST_F(VdirSavesTest, AReminderKeepsTheFormOfItsDueDateAndCompletesAsOtherClient
   error = store->saveReminder(lost);
   ASSERT_TRUE(error);
   EXPECT_EQ(error->code(), static_cast<std::int64_t>(VdirErrorCode::invalidChange));
+}
+
+TEST_F(VdirSavesTest, AStoredReminderLosesItsDueDateUnlessSomethingIsCountedFromIt) {
+  const std::string head = "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Test//EN\r\nBEGIN:VTODO\r\n";
+  const std::string tail = "END:VTODO\r\nEND:VCALENDAR\r\n";
+  const std::map<std::string, std::string> files = {
+      {"dated", "UID:dated\r\nDTSTAMP:20260101T000000Z\r\nDUE;VALUE=DATE:20261201\r\nSUMMARY:Dated\r\n"},
+      {"lasting",
+       "UID:lasting\r\nDTSTAMP:20260101T000000Z\r\nDTSTART:20261201T090000Z\r\nDURATION:PT2H\r\n"
+       "SUMMARY:Lasting\r\n"},
+      {"repeating",
+       "UID:repeating\r\nDTSTAMP:20260101T000000Z\r\nDUE:20261201T090000Z\r\nRRULE:FREQ=WEEKLY;COUNT=3\r\n"
+       "SUMMARY:Repeating\r\n"},
+      {"alarmed",
+       "UID:alarmed\r\nDTSTAMP:20260101T000000Z\r\nDUE:20261201T090000Z\r\nSUMMARY:Alarmed\r\n"
+       "BEGIN:VALARM\r\nACTION:DISPLAY\r\nDESCRIPTION:x\r\nTRIGGER;RELATED=end:-PT15M\r\nEND:VALARM\r\n"},
+  };
+  writeFile(root.path() / "tasks/displayname", "Tasks");
+  for (const auto& [name, body] : files) writeFile(root.path() / ("tasks/" + name + ".ics"), head + body + tail);
+  ASSERT_TRUE(vdirPlatform->refresh());
+  auto reminder = [&](const std::string& name) {
+    return std::dynamic_pointer_cast<platform::EKReminder>(store->calendarItemWithIdentifier("tasks/" + name + ".ics"));
+  };
+  auto clear = [&](const std::string& name) {
+    auto stored = reminder(name);
+    EXPECT_TRUE(stored) << name;
+    if (!stored) return std::optional<platform::NSError>();
+    stored->setDueDateComponents(std::nullopt);
+    EXPECT_EQ(stored->dueDateComponents(), std::nullopt) << name;
+    return store->saveReminder(stored);
+  };
+  ASSERT_TRUE(reminder("dated")->dueDateComponents());
+  EXPECT_EQ(clear("dated"), std::nullopt);
+  EXPECT_EQ(clear("lasting"), std::nullopt);
+  expectEachRefusedWith({clear("repeating"), clear("alarmed")}, VdirErrorCode::invalidChange);
+
+  const std::string dated = readFile(root.path() / "tasks/dated.ics");
+  EXPECT_THAT(dated, Not(HasSubstr("DUE")));
+  EXPECT_THAT(dated, HasSubstr("SUMMARY:Dated\r\n"));
+  const std::string lasting = readFile(root.path() / "tasks/lasting.ics");
+  EXPECT_THAT(lasting, Not(HasSubstr("DURATION")));
+  EXPECT_THAT(lasting, HasSubstr("DTSTART:20261201T090000Z\r\n"));
+  EXPECT_EQ(reminder("dated")->dueDateComponents(), std::nullopt);
+  EXPECT_EQ(reminder("lasting")->dueDateComponents(), std::nullopt);
+  EXPECT_TRUE(reminder("lasting")->startDateComponents());
+  for (const char* name : {"repeating", "alarmed"}) {
+    EXPECT_EQ(readFile(root.path() / ("tasks/" + std::string(name) + ".ics")), head + files.at(name) + tail) << name;
+    EXPECT_TRUE(reminder(name)->dueDateComponents()) << name;
+  }
 }
 
 }  // namespace

@@ -180,22 +180,8 @@ rivet::RivetResult<VdirPlan> VdirItemEditor::changeEvent(const std::string& even
     if (!wholeSeries)
       return editorError(VdirErrorCode::invalidChange, "only a whole series moves to another calendar", __func__,
                          __LINE__);
-    VdirDocument others = found->document;
-    if (removeItem(others, found->uid) > 0 && holdsItems(others))
-      return editorError(VdirErrorCode::invalidChange,
-                         "the file holds other items too: only a file of one item moves to another calendar", __func__,
-                         __LINE__);
-    VdirDocument moved = found->document;
-    auto edited = changeSeries(moved, found->uid, changes, context);
-    if (!edited) return editFailure(edited.error(), __func__, __LINE__);
-    if (auto defined = found->defineNewZones(moved); !defined) return editFailure(defined.error(), __func__, __LINE__);
-    auto target = store_->readToEdit(*collection, found->file.name);
-    if (!target) return target.error();
-    VdirPlan plan;
-    plan.identifier = *collection + "/" + escapedName(found->file.name);
-    plan.changes.push_back({*collection, found->file.name, moved.text(), target->basis});
-    plan.changes.push_back({found->file.collection, found->file.name, std::nullopt, found->file.basis});
-    return plan;
+    return moved(*found, *collection,
+                 [&](VdirDocument& document) { return changeSeries(document, found->uid, changes, context); });
   }
   if (wholeSeries) return planned(*found, changeSeries(found->document, found->uid, changes, context));
   if (span == VdirSpan::thisOccurrence)
@@ -214,6 +200,38 @@ rivet::RivetResult<VdirPlan> VdirItemEditor::changeEvent(const std::string& even
   plan->changes.push_back({found->file.collection, name, rest->text(), fresh->basis});
   plan->identifier = found->file.collection + "/" + name;
   return plan;
+}
+
+rivet::RivetResult<VdirPlan> VdirItemEditor::moved(
+    Found& found, const std::string& collection, const std::function<rivet::RivetResult<bool>(VdirDocument&)>& edit) {
+  VdirDocument others = found.document;
+  if (removeItem(others, found.uid) > 0 && holdsItems(others))
+    return editorError(VdirErrorCode::invalidChange,
+                       "the file holds other items too: only a file of one item moves to another calendar", __func__,
+                       __LINE__);
+  VdirDocument document = found.document;
+  auto edited = edit(document);
+  if (!edited) return editFailure(edited.error(), __func__, __LINE__);
+  if (auto defined = found.defineNewZones(document); !defined) return editFailure(defined.error(), __func__, __LINE__);
+  // A file of another item with the same name stays as it is.
+  auto target = freeFile(collection, found.file.name);
+  if (!target) return target.error();
+  VdirPlan plan;
+  plan.identifier = collection + "/" + escapedName(target->name);
+  plan.changes.push_back({collection, target->name, document.text(), target->basis});
+  plan.changes.push_back({found.file.collection, found.file.name, std::nullopt, found.file.basis});
+  return plan;
+}
+
+rivet::RivetResult<VdirFileToEdit> VdirItemEditor::freeFile(const std::string& collection,
+                                                            const std::string& name) const {
+  const std::string stem = name.size() > 4 && name.ends_with(".ics") ? name.substr(0, name.size() - 4) : name;
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    auto file = store_->readToEdit(collection, attempt == 0 ? name : stem + "-" + std::to_string(attempt) + ".ics");
+    if (!file || !file->basis.status) return file;
+  }
+  return editorError(VdirErrorCode::invalidChange, "every file name like \"" + name + "\" is taken in " + collection,
+                     __func__, __LINE__);
 }
 
 rivet::RivetResult<bool> VdirItemEditor::recurs(const std::string& eventIdentifier) const {
@@ -258,16 +276,19 @@ rivet::RivetResult<VdirPlan> VdirItemEditor::newItem(const std::string& collecti
 }
 
 rivet::RivetResult<VdirPlan> VdirItemEditor::changeReminder(const std::string& identifier,
-                                                            const VdirItemChanges& changes) {
+                                                            const VdirItemChanges& changes,
+                                                            const std::optional<std::string>& collection) {
   auto found = find(identifier, true);
   if (!found) return found.error();
   const VdirEditContext context = contextFor(found->document);
-  auto changed = changeSeries(found->document, found->uid, changes, context);
-  if (changed && changes.completed) {
-    auto completed = setCompleted(found->document, found->uid, *changes.completed, context);
-    changed = completed ? rivet::RivetResult<bool>(*changed || *completed) : completed;
-  }
-  return planned(*found, changed);
+  auto edit = [&](VdirDocument& document) {
+    auto changed = changeSeries(document, found->uid, changes, context);
+    if (!changed || !changes.completed) return changed;
+    auto completed = setCompleted(document, found->uid, *changes.completed, context);
+    return completed ? rivet::RivetResult<bool>(*changed || *completed) : completed;
+  };
+  if (collection && *collection != found->collection) return moved(*found, *collection, edit);
+  return planned(*found, edit(found->document));
 }
 
 rivet::RivetResult<VdirPlan> VdirItemEditor::setReminderCompleted(const std::string& identifier, bool completed) {
@@ -333,20 +354,12 @@ rivet::RivetResult<VdirImport> VdirItemEditor::importItem(const std::string& col
   auto document = importedDocument(item, systemZoneDefinition);
   if (!document) return editFailure(document.error(), __func__, __LINE__);
   // The UID's own name, unless a file of another item has it already.
-  const std::string name = fileNameForUid(item.uid);
-  for (int attempt = 0; attempt < 100; ++attempt) {
-    const std::string candidate =
-        attempt == 0 ? name : name.substr(0, name.size() - 4) + "-" + std::to_string(attempt) + ".ics";
-    auto fresh = store_->readToEdit(collection, candidate);
-    if (!fresh) return fresh.error();
-    if (fresh->basis.status) continue;
-    result.outcome = VdirImportOutcome::added;
-    result.plan.identifier = collection + "/" + candidate;
-    result.plan.changes.push_back({collection, candidate, document->text(), fresh->basis});
-    return result;
-  }
-  return editorError(VdirErrorCode::invalidChange, "every file name for the UID \"" + item.uid + "\" is taken",
-                     __func__, __LINE__);
+  auto fresh = freeFile(collection, fileNameForUid(item.uid));
+  if (!fresh) return fresh.error();
+  result.outcome = VdirImportOutcome::added;
+  result.plan.identifier = collection + "/" + fresh->name;
+  result.plan.changes.push_back({collection, fresh->name, document->text(), fresh->basis});
+  return result;
 }
 
 rivet::RivetResult<std::shared_ptr<const VdirSnapshot>> VdirItemEditor::apply(const VdirPlan& plan) {

@@ -7,6 +7,7 @@
 // latest snapshot, and a save that meets a file changed since it was read fails as a whole.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -63,7 +64,9 @@ class VdirItemEditor {
   // of its own.
   rivet::RivetResult<VdirPlan> newItem(const std::string& collection, const std::string& componentName,
                                        const VdirItemChanges& changes);
-  rivet::RivetResult<VdirPlan> changeReminder(const std::string& identifier, const VdirItemChanges& changes);
+  // With `collection`, the to-do moves to that collection.
+  rivet::RivetResult<VdirPlan> changeReminder(const std::string& identifier, const VdirItemChanges& changes,
+                                              const std::optional<std::string>& collection = std::nullopt);
   rivet::RivetResult<VdirPlan> setReminderCompleted(const std::string& identifier, bool completed);
   rivet::RivetResult<VdirPlan> removeReminder(const std::string& identifier);
 
@@ -85,6 +88,11 @@ class VdirItemEditor {
   rivet::RivetResult<Located> locate(const std::string& identifier, bool todo) const;
   rivet::RivetResult<Found> find(const std::string& identifier, bool todo);
   rivet::RivetResult<VdirPlan> planned(Found& found, const rivet::RivetResult<bool>& edited);
+  // Moves the item of `found`, as `edit` changes it, to `collection`: only a file of one item moves.
+  rivet::RivetResult<VdirPlan> moved(Found& found, const std::string& collection,
+                                     const std::function<rivet::RivetResult<bool>(VdirDocument&)>& edit);
+  // A file of `collection` that does not exist yet: `name`, or else `name` with a number added.
+  rivet::RivetResult<VdirFileToEdit> freeFile(const std::string& collection, const std::string& name) const;
   VdirEditContext contextFor(const VdirDocument& document) const;
 
   std::shared_ptr<VdirStore> store_;

@@ -259,6 +259,36 @@ TEST_F(VdirItemEditorTest, ASeriesMovesToAnotherCalendarNewFileFirst) {
   EXPECT_EQ(codeOf(one.error()), VdirErrorCode::invalidChange);
 }
 
+// A file of another item that has the moving item's file name stays, and the item takes a name of its own.
+TEST_F(VdirItemEditorTest, AnItemMovesBesideAFileOfTheSameNameWithoutTouchingIt) {
+  std::string theirs = kTodo;
+  theirs.replace(theirs.find("UID:milk"), 8, "UID:their-milk");
+  writeFile(root.path() / "d/milk.ics", theirs);
+  std::string weekly = kWeekly;
+  weekly.replace(weekly.find("UID:weekly"), 10, "UID:their-weekly");
+  writeFile(root.path() / "d/weekly.ics", weekly);
+  reopen();
+  auto todo = editor->changeReminder("c/milk.ics", {.title = "Oat milk"}, "d");
+  ASSERT_TRUE(todo.has_value()) << todo.error().message();
+  EXPECT_EQ(todo->identifier, "d/milk-1.ics");
+  apply(todo);
+  auto event = editor->changeEvent("c/weekly.ics", std::nullopt, VdirSpan::thisOccurrence, {}, "d");
+  ASSERT_TRUE(event.has_value()) << event.error().message();
+  EXPECT_EQ(event->identifier, "d/weekly-1.ics");
+  apply(event);
+  EXPECT_EQ(readFile(root.path() / "d/milk.ics"), theirs);
+  EXPECT_EQ(readFile(root.path() / "d/weekly.ics"), weekly);
+  EXPECT_FALSE(fs::exists(root.path() / "c/milk.ics"));
+  EXPECT_FALSE(fs::exists(root.path() / "c/weekly.ics"));
+  const std::string moved = readFile(root.path() / "d/milk-1.ics");
+  EXPECT_THAT(moved, HasSubstr("UID:milk\r\n"));
+  EXPECT_THAT(moved, HasSubstr("SUMMARY:Oat milk\r\n"));
+  EXPECT_THAT(moved, HasSubstr("X-KEEP:yes\r\n"));
+  ASSERT_NE(store->reminder("d/milk-1.ics"), nullptr);
+  EXPECT_EQ(store->reminder("d/milk.ics")->title(), "Milk");
+  ASSERT_NE(store->firstOccurrence("d/weekly-1.ics"), nullptr);
+}
+
 TEST_F(VdirItemEditorTest, FailuresSayWhatKindTheyAreAndChangeNothing) {
   const auto tree = testing::treeState(root.path());
   auto missing = editor->changeEvent("c/nothing.ics", std::nullopt, VdirSpan::thisOccurrence, {.title = "x"});

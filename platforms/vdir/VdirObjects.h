@@ -256,7 +256,6 @@ class VdirReminder : public VdirSettableReminder {
   const VdirItem& item() const { return *item_; }
   const std::shared_ptr<const VdirItem>& sharedItem() const { return item_; }
   // As the file has them, whatever was set since.
-  const std::shared_ptr<platform::EKCalendar>& storedCalendar() const { return calendar_; }
 
   std::shared_ptr<platform::EKCalendar> calendar() const override {
     return set_.read(&VdirSetValues::calendar, calendar_);

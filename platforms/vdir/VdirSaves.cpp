@@ -228,17 +228,16 @@ std::optional<platform::NSError> saveNewReminder(VdirStore& store, VdirNewRemind
 
 std::optional<platform::NSError> saveStoredReminder(VdirStore& store, const VdirReminder& reminder) {
   const VdirSetValues set = reminder.setValues();
-  const auto& stored = reminder.storedCalendar();
-  if (set.calendar &&
-      (!*set.calendar || !stored || (*set.calendar)->calendarIdentifier() != stored->calendarIdentifier())) {
+  std::optional<std::string> collection;
+  if (set.calendar) {
     auto named = collectionOf(store, *set.calendar);
     if (!named) return errorOf(named.error());
-    return vdirError(VdirErrorCode::invalidChange, "a reminder cannot move to another list yet");
+    collection = *named;
   }
   auto changes = reminderChanges(set);
   if (!changes) return errorOf(changes.error());
   VdirItemEditor editor(store.shared_from_this());
-  auto plan = editor.changeReminder(reminder.calendarItemIdentifier(), *changes);
+  auto plan = editor.changeReminder(reminder.calendarItemIdentifier(), *changes, collection);
   return savedOver(store, editor, plan, reminder.sharedItem());
 }
 

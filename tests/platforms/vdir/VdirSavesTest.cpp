@@ -415,6 +415,35 @@ TEST_F(VdirSavesTest, AReminderKeepsTheFormOfItsDueDateAndCompletesAsOtherClient
   EXPECT_EQ(error->code(), static_cast<std::int64_t>(VdirErrorCode::invalidChange));
 }
 
+TEST_F(VdirSavesTest, AReminderMovesToTheListSetOnIt) {
+  auto stored = seed();
+  ASSERT_TRUE(stored);
+  writeFile(root.path() / "chores/displayname", "Chores");
+  ASSERT_TRUE(vdirPlatform->refresh());
+  std::shared_ptr<platform::EKCalendar> chores;
+  for (const auto& calendar : store->calendarsForEntityType(platform::EKEntityTypeReminder))
+    if (calendar->title() == "Chores") chores = calendar;
+  for (const auto& calendar : store->calendarsForEntityType(platform::EKEntityTypeEvent))
+    if (calendar->title() == "Chores") chores = calendar;
+  ASSERT_TRUE(chores);
+  stored = seed();
+  stored->setCalendar(chores);
+  stored->setCompleted(true);
+  ASSERT_EQ(store->saveReminder(stored), std::nullopt);
+  EXPECT_FALSE(fs::exists(root.path() / "tasks/seed.ics"));
+  const std::string moved = readFile(root.path() / "chores/seed.ics");
+  EXPECT_THAT(moved, HasSubstr("UID:seed\r\n"));
+  EXPECT_THAT(moved, HasSubstr("STATUS:COMPLETED\r\n"));
+  auto read = std::dynamic_pointer_cast<platform::EKReminder>(store->calendarItemWithIdentifier("chores/seed.ics"));
+  ASSERT_TRUE(read);
+  EXPECT_EQ(read->calendar()->calendarIdentifier(), chores->calendarIdentifier());
+  EXPECT_TRUE(read->isCompleted());
+  // A list that is not the store's is refused, and nothing moves.
+  read->setCalendar(nullptr);
+  expectEachRefusedWith({store->saveReminder(read)}, VdirErrorCode::noCalendar);
+  EXPECT_EQ(readFile(root.path() / "chores/seed.ics"), moved);
+}
+
 TEST_F(VdirSavesTest, AStoredReminderLosesItsDueDateUnlessSomethingIsCountedFromIt) {
   const std::string head = "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Test//EN\r\nBEGIN:VTODO\r\n";
   const std::string tail = "END:VTODO\r\nEND:VCALENDAR\r\n";

@@ -255,7 +255,6 @@ class VdirReminder : public VdirSettableReminder {
       : item_(std::move(item)), todo_(todo), calendar_(std::move(calendar)) {}
   const VdirItem& item() const { return *item_; }
   const std::shared_ptr<const VdirItem>& sharedItem() const { return item_; }
-  // As the file has them, whatever was set since.
 
   std::shared_ptr<platform::EKCalendar> calendar() const override {
     return set_.read(&VdirSetValues::calendar, calendar_);

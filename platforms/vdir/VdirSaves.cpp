@@ -24,12 +24,14 @@ std::optional<VdirSpan> spanOf(platform::EKSpan span) {
   return std::nullopt;
 }
 
-// The descriptive attributes set: title, location, notes and URL.
+// The descriptive attributes set: title, location, notes, URL and (events) availability; the editor
+// refuses an availability it cannot write.
 void describe(const VdirSetValues& set, VdirItemChanges& changes) {
   if (set.title) changes.title = set.title->value_or("");
   if (set.location) changes.location = *set.location;
   if (set.notes) changes.notes = *set.notes;
   if (set.url) changes.url = *set.url ? std::optional<std::string>((*set.url)->absoluteString()) : std::nullopt;
+  changes.availability = set.availability;
 }
 
 // The alarms and repeat rule set, as the editor writes them. One rule at most, and (for now) a
@@ -48,17 +50,6 @@ std::optional<platform::NSError> schedule(const VdirSetValues& set, const VdirCl
     if (!value) return errorOf(value.error());
     changes.rule = std::move(value).value();
   }
-  return std::nullopt;
-}
-
-// The availability set on an event, as the editor writes it.
-std::optional<platform::NSError> showTime(const VdirSetValues& set, VdirItemChanges& changes) {
-  if (!set.availability) return std::nullopt;
-  if (*set.availability < platform::EKEventAvailabilityBusy || *set.availability > platform::EKEventAvailabilityLast)
-    return vdirError(VdirErrorCode::invalidChange,
-                     "an event here is busy (0), free (1), tentative (2) or unavailable (3), not " +
-                         std::to_string(*set.availability));
-  changes.availability = *set.availability;
   return std::nullopt;
 }
 
@@ -109,7 +100,6 @@ std::optional<platform::NSError> saveNew(VdirStore& store, VdirNewEvent& event) 
   VdirItemChanges changes;
   describe(set, changes);
   if (auto refused = schedule(set, store.clock(), changes)) return refused;
-  if (auto refused = showTime(set, changes)) return refused;
   if (!changes.title) changes.title = "";
   const VdirTime form = newItemForm(set.allDay.value_or(false), store.clock());
   changes.start = timeLike(*set.start, form, store.clock());
@@ -132,7 +122,6 @@ std::optional<platform::NSError> saveOccurrence(VdirStore& store, const VdirEven
   VdirItemChanges changes;
   describe(set, changes);
   if (auto refused = schedule(set, store.clock(), changes)) return refused;
-  if (auto refused = showTime(set, changes)) return refused;
   if (set.start) changes.start = timeLike(*set.start, event.statedStart(), store.clock());
   if (set.end) changes.end = timeLike(*set.end, event.statedStart(), store.clock());
   std::optional<std::string> collection;

@@ -333,7 +333,7 @@ TEST_F(VdirSavesTest, AvailabilityIsWrittenAsOtherClientsReadIt) {
     auto error = store->saveEvent(third, platform::EKSpanThisEvent);
     ASSERT_TRUE(error);
     EXPECT_EQ(error->code(), static_cast<std::int64_t>(VdirErrorCode::invalidChange));
-    EXPECT_THAT(error->localizedDescription(), HasSubstr("busy (0), free (1), tentative (2) or unavailable (3)"));
+    EXPECT_THAT(error->localizedDescription(), HasSubstr("an availability is 0 (busy) to 3 (unavailable)"));
   }
   EXPECT_EQ(testing::treeState(root.path()), before);
 }

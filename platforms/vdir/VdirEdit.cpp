@@ -226,7 +226,10 @@ bool setAvailability(VdirComponent& component, platform::EKEventAvailability ava
 // Sets a to-do's DUE, or removes it, with any DURATION that stated it. A to-do keeps a due date that
 // its repeat rule or an alarm is counted from.
 rivet::RivetResult<bool> setDue(VdirComponent& component, const std::optional<VdirTime>& due) {
-  if (due) return component.set(timeLine("DUE", *due)) | (component.remove("DURATION") > 0);
+  if (due) {
+    const bool changed = component.set(timeLine("DUE", *due));
+    return component.remove("DURATION") > 0 || changed;
+  }
   if (!component.property("DUE") && !component.property("DURATION")) return false;
   if (!component.property("DTSTART") && (component.property("RRULE") || component.property("RDATE")))
     return editError("a repeating to-do without a start keeps its due date", "setDue", __LINE__);

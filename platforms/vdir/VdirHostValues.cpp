@@ -1,6 +1,7 @@
 #include "platforms/vdir/VdirHostValues.h"
 
 #include <cmath>
+#include <iterator>
 
 #include "platforms/vdir/VdirEdit.h"
 #include "platforms/vdir/VdirErrors.h"
@@ -12,9 +13,11 @@ rivet::RivetError refused(const std::string& why, const char* function, int line
   return vdirFailure(VdirErrorCode::invalidChange, why, __FILE__, function, line);
 }
 
-// The platform's frequencies, then the sub-daily ones the store reports past them (all checked).
+// The platform's frequencies, then the sub-daily ones the store reports past them; `frequency` is
+// one of them (recurrenceRuleProblem checked it).
 const char* frequencyName(platform::EKRecurrenceFrequency frequency) {
   static const char* const kNames[] = {"DAILY", "WEEKLY", "MONTHLY", "YEARLY", "HOURLY", "MINUTELY", "SECONDLY"};
+  static_assert(std::size(kNames) == platform::EKRecurrenceFrequencySecondly + 1);
   return kNames[frequency];
 }
 

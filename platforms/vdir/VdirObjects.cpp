@@ -79,20 +79,14 @@ platform::EKWeekday weekdayFromIcal(icalrecurrencetype_weekday day) {
   return static_cast<platform::EKWeekday>(day);
 }
 
-// Sub-daily rules have no platform value: they are reported past the last one, as the platform
-// would report a frequency the library does not know.
-inline constexpr platform::EKRecurrenceFrequency kFrequencyHourly = platform::EKRecurrenceFrequencyLast + 1;
-inline constexpr platform::EKRecurrenceFrequency kFrequencyMinutely = platform::EKRecurrenceFrequencyLast + 2;
-inline constexpr platform::EKRecurrenceFrequency kFrequencySecondly = platform::EKRecurrenceFrequencyLast + 3;
-
 platform::EKRecurrenceFrequency frequencyFromIcal(icalrecurrencetype_frequency frequency) {
   switch (frequency) {
     case ICAL_WEEKLY_RECURRENCE: return platform::EKRecurrenceFrequencyWeekly;
     case ICAL_MONTHLY_RECURRENCE: return platform::EKRecurrenceFrequencyMonthly;
     case ICAL_YEARLY_RECURRENCE: return platform::EKRecurrenceFrequencyYearly;
-    case ICAL_HOURLY_RECURRENCE: return kFrequencyHourly;
-    case ICAL_MINUTELY_RECURRENCE: return kFrequencyMinutely;
-    case ICAL_SECONDLY_RECURRENCE: return kFrequencySecondly;
+    case ICAL_HOURLY_RECURRENCE: return platform::EKRecurrenceFrequencyHourly;
+    case ICAL_MINUTELY_RECURRENCE: return platform::EKRecurrenceFrequencyMinutely;
+    case ICAL_SECONDLY_RECURRENCE: return platform::EKRecurrenceFrequencySecondly;
     default: return platform::EKRecurrenceFrequencyDaily;
   }
 }

@@ -113,6 +113,11 @@ inline constexpr EKRecurrenceFrequency EKRecurrenceFrequencyWeekly = 1;
 inline constexpr EKRecurrenceFrequency EKRecurrenceFrequencyMonthly = 2;
 inline constexpr EKRecurrenceFrequency EKRecurrenceFrequencyYearly = 3;
 inline constexpr EKRecurrenceFrequency EKRecurrenceFrequencyLast = EKRecurrenceFrequencyYearly;
+// The sub-daily frequencies have no platform value: a store reports them past the last one, as the
+// platform reports a frequency the library does not know.
+inline constexpr EKRecurrenceFrequency EKRecurrenceFrequencyHourly = EKRecurrenceFrequencyLast + 1;
+inline constexpr EKRecurrenceFrequency EKRecurrenceFrequencyMinutely = EKRecurrenceFrequencyLast + 2;
+inline constexpr EKRecurrenceFrequency EKRecurrenceFrequencySecondly = EKRecurrenceFrequencyLast + 3;
 
 // Named by day; the first is Sunday (1).
 using EKWeekday = std::int64_t;

@@ -98,9 +98,8 @@ std::optional<std::string> listProblem(const char* name, const EKRecurrenceRule:
 }  // namespace
 
 std::optional<std::string> recurrenceRuleProblem(const EKRecurrenceRule& rule) {
-  // The platform's four frequencies, then the sub-daily ones (hourly, minutely, secondly) a store
-  // reports past them.
-  if (rule.frequency() < EKRecurrenceFrequencyDaily || rule.frequency() > EKRecurrenceFrequencyYearly + 3)
+  // The platform's four frequencies, then the sub-daily ones a store reports past them.
+  if (rule.frequency() < EKRecurrenceFrequencyDaily || rule.frequency() > EKRecurrenceFrequencySecondly)
     return "unknown repeat frequency " + std::to_string(rule.frequency());
   if (rule.interval() < 1 || rule.interval() > 100000)
     return "a repeat interval is 1 to 100000, not " + std::to_string(rule.interval());

@@ -374,9 +374,11 @@ TYPED_TEST(PlatformContractTest, ASaveThatCannotBeKeptFailsWithItsCodeAndChanges
   auto timeless = platform->eventWithEventStore(this->store);
   timeless->setCalendar(this->calendarTitled("Work"));
   EXPECT_EQ(this->codeOf(this->store->saveEvent(timeless, platform::EKSpanThisEvent)), 18);
-  // Repeat rules no calendar can keep: every 0 weeks; in a thirteenth month; a Monday in week 60.
+  // Repeat rules no calendar can keep: every 0 weeks; in a thirteenth month; a Monday in week 60; a
+  // frequency past the sub-daily ones.
   using platform::EKRecurrenceRule;
   const std::vector<std::shared_ptr<EKRecurrenceRule>> impossible = {
+      EKRecurrenceRule::recurrenceWithFrequency(platform::EKRecurrenceFrequencySecondly + 1, 1, nullptr),
       EKRecurrenceRule::recurrenceWithFrequency(platform::EKRecurrenceFrequencyWeekly, 0, nullptr),
       EKRecurrenceRule::recurrenceWithFrequency(platform::EKRecurrenceFrequencyYearly, 1, std::nullopt, std::nullopt,
                                                 std::vector<platform::AnyObject>{platform::NSNumber(13)},

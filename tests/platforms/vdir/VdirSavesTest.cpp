@@ -244,6 +244,24 @@ TEST_F(VdirSavesTest, ARepeatRuleAndAlarmsSetOnASeriesAreWrittenAsOtherClientsRe
                                   utc(2026, 3, 16, 9), utc(2026, 3, 19, 9), utc(2026, 3, 23, 9), utc(2026, 3, 26, 9)));
 }
 
+TEST_F(VdirSavesTest, SubDailyRulesAreWrittenByTheirNames) {
+  using platform::EKRecurrenceRule;
+  const std::vector<std::pair<platform::EKRecurrenceFrequency, std::string>> frequencies = {
+      {platform::EKRecurrenceFrequencyHourly, "HOURLY"},
+      {platform::EKRecurrenceFrequencyMinutely, "MINUTELY"},
+      {platform::EKRecurrenceFrequencySecondly, "SECONDLY"}};
+  for (const auto& [frequency, name] : frequencies) {
+    auto first = march().at(0);
+    first->setRecurrenceRules(std::vector{EKRecurrenceRule::recurrenceWithFrequency(
+        frequency, 2, platform::EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(3))});
+    ASSERT_EQ(store->saveEvent(first, platform::EKSpanFutureEvents), std::nullopt) << name;
+    EXPECT_THAT(readFile(root.path() / "work/weekly.ics"), HasSubstr("RRULE:FREQ=" + name + ";INTERVAL=2;COUNT=3\r\n"));
+    const auto rules = march().at(0)->recurrenceRules();
+    ASSERT_TRUE(rules && rules->size() == 1) << name;
+    EXPECT_EQ(rules->front()->frequency(), frequency);
+  }
+}
+
 TEST_F(VdirSavesTest, RulesAndAlarmsThatCannotBeWrittenAreRefusedAndNothingChanges) {
   using platform::EKRecurrenceRule;
   const auto before = testing::treeState(root.path());

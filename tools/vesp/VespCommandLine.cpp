@@ -424,6 +424,9 @@ int exitStatusOf(const rivet::RivetError& error) {
     case vdir::VdirErrorCode::endBeforeStart:
     case vdir::VdirErrorCode::unknownTimeZone:
     case vdir::VdirErrorCode::invalidChange: return kExitUsage;
+    case vdir::VdirErrorCode::changedOnDisk: return kExitConflict;
+    case vdir::VdirErrorCode::readOnlyCalendar:
+    case vdir::VdirErrorCode::notReadWhole: return kExitReadOnly;
     default: return kExitFailure;
   }
 }
@@ -963,7 +966,8 @@ void addGlobalOptions(CLI::App& app, Arguments& args) {
   app.add_flag("--json", args.asJSON, "Print one JSON document instead of the human view");
   app.add_flag("--yes", args.yes, "Answer yes when asked for access to the store (for scripts)");
   app.add_flag("--verbose", args.verbose, "Log the library's failures to stderr, one JSON object per line");
-  app.footer("Exit status: 0 success, 1 failure, 2 bad arguments, 3 access not granted, 4 no store, 5 not found.\n"
+  app.footer("Exit status: 0 success, 1 failure, 2 bad arguments, 3 access not granted, 4 no store, 5 not found,\n"
+             "6 the file changed on disk meanwhile (nothing was written), 7 read-only calendar or file.\n"
              "Dates are YYYY-MM-DD or YYYY-MM-DDTHH:MM[:SS] in local time, or UTC with a trailing Z.\n"
              "Colour is used on a terminal unless NO_COLOR is set.");
 }

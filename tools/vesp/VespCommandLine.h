@@ -12,6 +12,8 @@ inline constexpr int kExitUsage = 2;         // bad arguments: options, dates, i
 inline constexpr int kExitNoAccess = 3;      // access not granted
 inline constexpr int kExitNoStore = 4;       // no store at the given path
 inline constexpr int kExitNotFound = 5;      // no such event, occurrence or reminder
+inline constexpr int kExitConflict = 6;      // another program changed the file meanwhile: nothing was written
+inline constexpr int kExitReadOnly = 7;      // the calendar, or a file that was not read whole, cannot be written
 
 // Runs the program with its arguments; prints results on `out` and messages on `err`.
 int runVesp(int argc, const char* const* argv, std::ostream& out, std::ostream& err);

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -507,10 +508,50 @@ TEST_F(VespWritingTest, ACalendarThatCannotBeWrittenIsAClearFailure) {
   ASSERT_EQ(::chmod((root_.path() / "c").c_str(), 0555), 0);
   auto refused = run({"new", "Dentist", "--start", "2026-12-03T15:00", "--calendar", "c"});
   ::chmod((root_.path() / "c").c_str(), 0755);
-  EXPECT_EQ(refused.status, 1);
+  EXPECT_EQ(refused.status, 7);
   EXPECT_THAT(refused.err, ::testing::HasSubstr("is read-only: its directory cannot be written"));
   EXPECT_EQ(run({"new", "Dentist"}).status, 2);  // no --start
   EXPECT_EQ(run({"new", "Dentist", "--start", "2026-12-03", "--end", "2026-12-04", "--duration", "1h"}).status, 2);
+
+  // A file served with a UID made up for it would not be written back as the same item.
+  writeFile(root_.path() / "c/repaired.ics",
+            "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nBEGIN:VEVENT\r\nSUMMARY:No UID\r\nDTSTART:20261203T090000Z\r\n"
+            "END:VEVENT\r\nEND:VCALENDAR\r\n");
+  const auto before = vdir::testing::treeState(root_.path());
+  auto repaired = run({"edit", "c/repaired.ics", "--title", "Named"});
+  EXPECT_EQ(repaired.status, 7) << repaired.err;
+  EXPECT_THAT(repaired.err, ::testing::HasSubstr("c/repaired.ics was not read whole"));
+  EXPECT_EQ(vdir::testing::treeState(root_.path()), before);
+}
+
+TEST_F(VespWritingTest, AFileAnotherProgramChangesDuringASaveIsAConflictAndKeepsItsVersion) {
+  ASSERT_EQ(run({"events"}).status, 0);
+  // Another program replaces the file again and again, whole each time (a new file renamed over it).
+  std::atomic<bool> stop{false};
+  std::thread writer([&] {
+    const fs::path file = root_.path() / "c/weekly.ics", next = root_.path() / "c/.writer";
+    for (int written = 0; !stop; ++written) {
+      writeFile(next, "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Other//EN\r\nBEGIN:VEVENT\r\nUID:weekly\r\n"
+                      "DTSTAMP:20261001T000000Z\r\nDTSTART:20261102T080000Z\r\nDTEND:20261102T090000Z\r\n"
+                      "RRULE:FREQ=WEEKLY;COUNT=5\r\nSUMMARY:Theirs " +
+                          std::to_string(written) + "\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
+      fs::rename(next, file);
+    }
+  });
+  // Each run either saves before the next replacement or finds the file changed and writes nothing.
+  std::set<int> statuses;
+  std::string conflict;
+  for (int attempt = 0; attempt < 200 && conflict.empty(); ++attempt) {
+    auto saved = run({"edit", "c/weekly.ics", "--title", "Mine"});
+    statuses.insert(saved.status);
+    if (saved.status == 6) conflict = saved.err;
+  }
+  stop = true;
+  writer.join();
+  EXPECT_THAT(statuses, ::testing::IsSubsetOf({0, 6}));
+  EXPECT_THAT(conflict, ::testing::HasSubstr("changed on disk since it was read: nothing was saved"));
+  const std::string kept = vdir::testing::readFile(root_.path() / "c/weekly.ics");
+  EXPECT_THAT(kept, ::testing::HasSubstr("SUMMARY:Theirs "));
 }
 
 TEST_F(VespWritingTest, ImportBringsEachItemInOnceAndSaysWhatItDid) {

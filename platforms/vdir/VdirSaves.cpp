@@ -61,6 +61,14 @@ rivet::RivetResult<std::string> collectionOf(VdirStore& store, const std::shared
   return calendar->calendarIdentifier();
 }
 
+// The collection a stored item moves to: the one its set calendar names, or none when no calendar was set.
+rivet::RivetResult<std::optional<std::string>> movedTo(VdirStore& store, const VdirSetValues& set) {
+  if (!set.calendar) return std::optional<std::string>();
+  auto named = collectionOf(store, *set.calendar);
+  if (!named) return named.error();
+  return std::optional<std::string>(*named);
+}
+
 // Whether the plan's edit of the event's file starts from the version the event was read from:
 // another program may have changed the file since, and the store not yet seen it.
 bool basedOnServedFile(const VdirStore& store, const VdirPlan& plan, const std::shared_ptr<const VdirItem>& item) {
@@ -124,14 +132,10 @@ std::optional<platform::NSError> saveOccurrence(VdirStore& store, const VdirEven
   if (auto refused = schedule(set, store.clock(), changes)) return refused;
   if (set.start) changes.start = timeLike(*set.start, event.statedStart(), store.clock());
   if (set.end) changes.end = timeLike(*set.end, event.statedStart(), store.clock());
-  std::optional<std::string> collection;
-  if (set.calendar) {
-    auto named = collectionOf(store, *set.calendar);
-    if (!named) return errorOf(named.error());
-    collection = *named;
-  }
+  auto collection = movedTo(store, set);
+  if (!collection) return errorOf(collection.error());
   VdirItemEditor editor(store.shared_from_this());
-  auto plan = editor.changeEvent(event.fields().eventIdentifier, event.fields().occurrence, span, changes, collection);
+  auto plan = editor.changeEvent(event.fields().eventIdentifier, event.fields().occurrence, span, changes, *collection);
   return savedOver(store, editor, plan, event.fields().item);
 }
 
@@ -217,16 +221,12 @@ std::optional<platform::NSError> saveNewReminder(VdirStore& store, VdirNewRemind
 
 std::optional<platform::NSError> saveStoredReminder(VdirStore& store, const VdirReminder& reminder) {
   const VdirSetValues set = reminder.setValues();
-  std::optional<std::string> collection;
-  if (set.calendar) {
-    auto named = collectionOf(store, *set.calendar);
-    if (!named) return errorOf(named.error());
-    collection = *named;
-  }
+  auto collection = movedTo(store, set);
+  if (!collection) return errorOf(collection.error());
   auto changes = reminderChanges(set);
   if (!changes) return errorOf(changes.error());
   VdirItemEditor editor(store.shared_from_this());
-  auto plan = editor.changeReminder(reminder.calendarItemIdentifier(), *changes, collection);
+  auto plan = editor.changeReminder(reminder.calendarItemIdentifier(), *changes, *collection);
   return savedOver(store, editor, plan, reminder.sharedItem());
 }
 

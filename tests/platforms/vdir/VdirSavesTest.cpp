@@ -6,8 +6,10 @@
 #include <sys/stat.h>
 
 #include <initializer_list>
+#include <iterator>
 #include <map>
 #include <optional>
+#include <string>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -460,6 +462,43 @@ TEST_F(VdirSavesTest, AReminderMovesToTheListSetOnIt) {
   read->setCalendar(nullptr);
   expectEachRefusedWith({store->saveReminder(read)}, VdirErrorCode::noCalendar);
   EXPECT_EQ(readFile(root.path() / "chores/seed.ics"), moved);
+}
+
+// A move takes the item's own file name in the new list, or the first of name-1 ... name-99 that is
+// free; when all hundred are taken it is refused and both lists stay as they were.
+TEST_F(VdirSavesTest, AMoveIsRefusedWhenEveryFileNameItCouldTakeIsTaken) {
+  ASSERT_TRUE(seed());
+  writeFile(root.path() / "chores/displayname", "Chores");
+  auto other = [](int n) {
+    return "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Test//EN\r\nBEGIN:VTODO\r\nUID:other-" + std::to_string(n) +
+           "\r\nDTSTAMP:20260101T000000Z\r\nSUMMARY:Other\r\nEND:VTODO\r\nEND:VCALENDAR\r\n";
+  };
+  writeFile(root.path() / "chores/seed.ics", other(0));
+  for (int n = 1; n < 100; ++n) writeFile(root.path() / ("chores/seed-" + std::to_string(n) + ".ics"), other(n));
+  ASSERT_TRUE(vdirPlatform->refresh());
+  std::shared_ptr<platform::EKCalendar> chores;
+  for (const auto& calendar : store->calendarsForEntityType(platform::EKEntityTypeReminder))
+    if (calendar->title() == "Chores") chores = calendar;
+  ASSERT_TRUE(chores);
+
+  auto stored = seed();
+  stored->setCalendar(chores);
+  auto error = store->saveReminder(stored);
+  expectEachRefusedWith({error}, VdirErrorCode::invalidChange);
+  EXPECT_THAT(error->localizedDescription(), HasSubstr("every file name like \"seed.ics\" is taken in chores"));
+  EXPECT_EQ(readFile(root.path() / "tasks/seed.ics"), kSeed);
+  EXPECT_EQ(readFile(root.path() / "chores/seed-99.ics"), other(99));
+  EXPECT_EQ(std::distance(fs::directory_iterator(root.path() / "chores"), fs::directory_iterator()), 101);
+
+  // The last name freed is the one the move takes.
+  fs::remove(root.path() / "chores/seed-99.ics");
+  ASSERT_TRUE(vdirPlatform->refresh());
+  stored = seed();
+  stored->setCalendar(chores);
+  ASSERT_EQ(store->saveReminder(stored), std::nullopt);
+  EXPECT_FALSE(fs::exists(root.path() / "tasks/seed.ics"));
+  EXPECT_THAT(readFile(root.path() / "chores/seed-99.ics"), HasSubstr("UID:seed\r\n"));
+  EXPECT_EQ(readFile(root.path() / "chores/seed.ics"), other(0));
 }
 
 TEST_F(VdirSavesTest, AStoredReminderLosesItsDueDateUnlessSomethingIsCountedFromIt) {

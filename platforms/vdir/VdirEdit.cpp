@@ -680,6 +680,23 @@ void stamp(VdirComponent& component, bool movesTime, const VdirEditContext& cont
 
 namespace {
 
+rivet::RivetResult<bool> changeOccurrenceOn(VdirDocument& document, const std::string& uid, platform::Date occurrence,
+                                          const VdirItemChanges& changes, const VdirEditContext& context);
+
+// A series is changed from its first occurrence: when that occurrence is an override, it shows what
+// was set on it too (its other fields, and the other overrides, stay as they are).
+rivet::RivetResult<bool> changeFirstOverride(VdirDocument& document, const std::string& uid,
+                                             const VdirComponent& master, VdirItemChanges changes,
+                                             const VdirEditContext& context) {
+  // Without a start, or in a zone the store does not know, the first occurrence has no instant
+  // that an override could be found at.
+  auto start = startOf(master, context);
+  auto first = start ? instantOf(*start, context) : rivet::RivetResult<platform::Date>(start.error());
+  if (!first || !overrideOf(document, uid, *first, context)) return false;
+  changes.rule.reset();
+  return changeOccurrenceOn(document, uid, *first, changes, context);
+}
+
 rivet::RivetResult<bool> changeSeriesOn(VdirDocument& document, const std::string& uid, const VdirItemChanges& changes,
                                       const VdirEditContext& context) {
   auto master = requireMaster(document, uid);
@@ -710,14 +727,17 @@ rivet::RivetResult<bool> changeSeriesOn(VdirDocument& document, const std::strin
     movedTime |= *rule;
     if (*rule) dropDetachedOverrides(document, uid, item, context);
   }
-  if (!changed) return false;
-  if (movedTime) {
-    if (auto span = checkSpan(item, context); !span) return span.error();
+  if (changed) {
+    if (movedTime) {
+      if (auto span = checkSpan(item, context); !span) return span.error();
+    }
+    stamp(item, movedTime, context);
+    // Only a raised SEQUENCE is carried to the overrides: a title leaves theirs as they are.
+    if (movedTime) alignSequences(document, uid, item);
   }
-  stamp(item, movedTime, context);
-  // Only a raised SEQUENCE is carried to the overrides: a title leaves theirs as they are.
-  if (movedTime) alignSequences(document, uid, item);
-  return true;
+  auto first = changeFirstOverride(document, uid, item, changes, context);
+  if (!first) return first.error();
+  return changed || *first;
 }
 
 rivet::RivetResult<bool> changeOccurrenceOn(VdirDocument& document, const std::string& uid, platform::Date occurrence,

@@ -120,6 +120,30 @@ TEST_F(VdirSavesTest, TheFirstOccurrenceWithFutureEventsIsTheWholeSeries) {
   EXPECT_FALSE(fs::exists(root.path() / "work/weekly.ics"));
 }
 
+// An occurrence changed alone is an override; changed again with every later one, it shows the new
+// change too, while the other overrides keep what was set on them alone.
+TEST_F(VdirSavesTest, AnOverriddenOccurrenceChangedWithTheLaterOnesShowsTheChange) {
+  for (int at : {0, 2, 3}) {
+    auto occurrence = march().at(at);
+    occurrence->setTitle("Alone " + std::to_string(at));
+    ASSERT_EQ(store->saveEvent(occurrence, platform::EKSpanThisEvent), std::nullopt);
+  }
+  auto first = march().at(0);
+  first->setTitle("Series");
+  ASSERT_EQ(store->saveEvent(first, platform::EKSpanFutureEvents), std::nullopt);
+  EXPECT_THAT(titles(), ElementsAre("Series", "Series", "Alone 2", "Alone 3"));
+
+  auto third = march().at(2);
+  third->setTitle("Later");
+  third->setStartDate(utc(2026, 3, 16, 10));
+  third->setEndDate(utc(2026, 3, 16, 11));
+  ASSERT_EQ(store->saveEvent(third, platform::EKSpanFutureEvents), std::nullopt);
+  EXPECT_THAT(titles(), ElementsAre("Series", "Series", "Later", "Alone 3"));
+  EXPECT_EQ(march().at(2)->startDate(), utc(2026, 3, 16, 10));
+  EXPECT_EQ(march().at(3)->startDate(), utc(2026, 3, 23, 10));
+  EXPECT_EQ(march().at(3)->eventIdentifier(), march().at(2)->eventIdentifier());
+}
+
 TEST_F(VdirSavesTest, ASaveThatMeetsAFileChangedByAnotherProgramFailsAndWritesNothing) {
   auto first = march().at(0);
   first->setTitle("Mine");

@@ -157,7 +157,9 @@ Outcome saveChecked(World& w, const std::shared_ptr<EKEvent>& event, vesp::platf
   const auto after = served(w);
   const auto timesAfter = times(after);
   const bool split = tree(w.collection).size() > before.size();
-  if (!split && timesAfter != timesBefore) fail("a save changed which occurrences are served");
+  // (A series that reached the limit of 60 occurrences in a query is cut where the limit falls,
+  // which an override may move.)
+  if (!split && timesBefore.size() < 60 && timesAfter != timesBefore) fail("a save changed which occurrences are served");
   if (split && after.size() < 200 &&
       !std::includes(timesAfter.begin(), timesAfter.end(), timesBefore.begin(), timesBefore.end()))
     fail("a split lost an occurrence");

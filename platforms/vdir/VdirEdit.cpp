@@ -414,7 +414,13 @@ std::string ruleWithoutEnd(const std::string& rule) {
 
 // Makes `text` the only repeat rule of `item`, its UNTIL in the form RFC 5545 asks of the item's
 // start: a day for an all-day item, else a time (UTC unless floating), a day read as its last second.
+// An empty `text` removes every rule, extra date and exclusion: the item no longer repeats.
 rivet::RivetResult<bool> setRule(VdirComponent& item, const std::string& text, const VdirEditContext& context) {
+  if (text.empty()) {
+    bool removed = false;
+    for (const char* name : {"RRULE", "EXRULE", "RDATE", "EXDATE"}) removed |= item.remove(name) > 0;
+    return removed;
+  }
   auto start = startOf(item, context);
   if (!start) return start.error();
   const icalrecurrencetype parsed = icalrecurrencetype_from_string(text.c_str());
@@ -683,18 +689,38 @@ namespace {
 rivet::RivetResult<bool> changeOccurrenceOn(VdirDocument& document, const std::string& uid, platform::Date occurrence,
                                           const VdirItemChanges& changes, const VdirEditContext& context);
 
+// The override standing at the first occurrence of the series `master`, if any. Without a start, or
+// in a zone the store does not know, the first occurrence has no instant an override could be at.
+VdirComponent* firstOverride(VdirDocument& document, const std::string& uid, const VdirComponent& master,
+                             const VdirEditContext& context) {
+  auto start = startOf(master, context);
+  auto first = start ? instantOf(*start, context) : rivet::RivetResult<platform::Date>(start.error());
+  return first ? overrideOf(document, uid, *first, context) : nullptr;
+}
+
 // A series is changed from its first occurrence: when that occurrence is an override, it shows what
 // was set on it too (its other fields, and the other overrides, stay as they are).
 rivet::RivetResult<bool> changeFirstOverride(VdirDocument& document, const std::string& uid,
                                              const VdirComponent& master, VdirItemChanges changes,
                                              const VdirEditContext& context) {
-  // Without a start, or in a zone the store does not know, the first occurrence has no instant
-  // that an override could be found at.
-  auto start = startOf(master, context);
-  auto first = start ? instantOf(*start, context) : rivet::RivetResult<platform::Date>(start.error());
-  if (!first || !overrideOf(document, uid, *first, context)) return false;
+  VdirComponent* first = firstOverride(document, uid, master, context);
+  if (!first) return false;
   changes.rule.reset();
-  return changeOccurrenceOn(document, uid, *first, changes, context);
+  auto instant = recurrenceInstant(*first, context);
+  return instant ? changeOccurrenceOn(document, uid, *instant, changes, context) : rivet::RivetResult<bool>(false);
+}
+
+// An item that no longer repeats is its first occurrence as it stood: an override there takes the
+// master's place, since few readers apply an override to an item without repeats.
+void foldFirstOverride(VdirDocument& document, const std::string& uid, const VdirEditContext& context) {
+  VdirComponent* master = masterOf(document, uid);
+  VdirComponent* first = master ? firstOverride(document, uid, *master, context) : nullptr;
+  if (!first) return;
+  VdirComponent folded = *first;
+  folded.remove("RECURRENCE-ID");
+  folded.set(VdirContentLine("SEQUENCE", {}, std::to_string(std::max(sequenceOf(*master), sequenceOf(folded)))));
+  *master = std::move(folded);
+  document.calendar()->removeComponents([&](const VdirComponent& component) { return &component == first; });
 }
 
 rivet::RivetResult<bool> changeSeriesOn(VdirDocument& document, const std::string& uid, const VdirItemChanges& changes,
@@ -737,6 +763,8 @@ rivet::RivetResult<bool> changeSeriesOn(VdirDocument& document, const std::strin
   }
   auto first = changeFirstOverride(document, uid, item, changes, context);
   if (!first) return first.error();
+  // Only the override at the start is left once every repeat is gone (see dropDetachedOverrides).
+  if (changes.rule && changes.rule->empty()) foldFirstOverride(document, uid, context);
   return changed || *first;
 }
 

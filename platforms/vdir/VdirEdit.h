@@ -38,7 +38,8 @@ struct VdirItemChanges {
   std::optional<int> priority = std::nullopt;  // to-dos: 0 (none) to 9
   std::optional<bool> completed = std::nullopt;  // to-dos: completes or reopens (see setCompleted)
   // A whole series' repeat rule, an RFC 5545 RRULE value ("FREQ=WEEKLY;BYDAY=MO;UNTIL=20270301");
-  // an UNTIL given as a day means through that day. It replaces every rule the item had.
+  // an UNTIL given as a day means through that day. It replaces every rule the item had. An empty
+  // rule removes every rule, extra date and exclusion: the series becomes its first occurrence.
   std::optional<std::string> rule = std::nullopt;
   // The item's alarms as RFC 5545 durations from its start ("-PT15M"); they replace the VALARMs it
   // had, and an empty list removes them.

@@ -34,8 +34,8 @@ void describe(const VdirSetValues& set, VdirItemChanges& changes) {
   changes.availability = set.availability;
 }
 
-// The alarms and repeat rule set, as the editor writes them. One rule at most, and (for now) a
-// rule set can replace a rule but not remove every one.
+// The alarms and repeat rule set, as the editor writes them. One rule at most; none (or an empty
+// list) removes every repeat, and the item becomes the occurrence it was saved from.
 std::optional<platform::NSError> schedule(const VdirSetValues& set, const VdirClock& clock, VdirItemChanges& changes) {
   if (set.alarms) {
     auto triggers = alarmTriggers(set.alarms->value_or(std::vector<std::shared_ptr<platform::EKAlarm>>()));
@@ -43,8 +43,11 @@ std::optional<platform::NSError> schedule(const VdirSetValues& set, const VdirCl
     changes.alarms = std::move(triggers).value();
   }
   if (set.rules) {
-    if (!*set.rules || (*set.rules)->empty() || !(*set.rules)->front())
-      return vdirError(VdirErrorCode::invalidChange, "removing an item's repeat rule is not supported yet");
+    if (!*set.rules || (*set.rules)->empty()) {
+      changes.rule = "";
+      return std::nullopt;
+    }
+    if (!(*set.rules)->front()) return vdirError(VdirErrorCode::invalidChange, "a repeat rule of the item is missing");
     if ((*set.rules)->size() > 1) return vdirError(VdirErrorCode::invalidChange, "an item can have one repeat rule");
     auto value = ruleValue(*(*set.rules)->front(), clock);
     if (!value) return errorOf(value.error());

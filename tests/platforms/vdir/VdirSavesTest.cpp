@@ -270,6 +270,47 @@ TEST_F(VdirSavesTest, ARepeatRuleAndAlarmsSetOnASeriesAreWrittenAsOtherClientsRe
                                   utc(2026, 3, 16, 9), utc(2026, 3, 19, 9), utc(2026, 3, 23, 9), utc(2026, 3, 26, 9)));
 }
 
+// Without its repeat rules a series is the occurrence it was saved from, as that occurrence stood.
+TEST_F(VdirSavesTest, ASeriesWithoutItsRulesIsTheOccurrenceItWasSavedFrom) {
+  for (int at : {0, 2}) {
+    auto occurrence = march().at(at);
+    occurrence->setTitle("Alone " + std::to_string(at));
+    ASSERT_EQ(store->saveEvent(occurrence, platform::EKSpanThisEvent), std::nullopt);
+  }
+  ASSERT_EQ(store->removeEvent(march().at(1), platform::EKSpanThisEvent), std::nullopt);
+  auto first = march().at(0);
+  first->setRecurrenceRules(std::nullopt);
+  first->setLocation("Room 2");
+  ASSERT_EQ(store->saveEvent(first, platform::EKSpanFutureEvents), std::nullopt);
+  EXPECT_THAT(titles(), ElementsAre("Alone 0"));
+  EXPECT_EQ(march().at(0)->startDate(), utc(2026, 3, 2, 9));
+  EXPECT_EQ(march().at(0)->location(), "Room 2");
+  EXPECT_FALSE(march().at(0)->recurrenceRules().has_value());
+  const std::string text = readFile(root.path() / "work/weekly.ics");
+  for (const char* gone : {"RRULE", "EXDATE", "RECURRENCE-ID", "Alone 2"}) EXPECT_THAT(text, Not(HasSubstr(gone)));
+  EXPECT_THAT(text, HasSubstr("X-KEPT:yes\r\n"));
+  EXPECT_EQ(text.find("BEGIN:VEVENT"), text.rfind("BEGIN:VEVENT"));
+  // Saved again without rules, it is unchanged.
+  auto single = march().at(0);
+  single->setRecurrenceRules(std::vector<std::shared_ptr<platform::EKRecurrenceRule>>{});
+  ASSERT_EQ(store->saveEvent(single, platform::EKSpanFutureEvents), std::nullopt);
+  EXPECT_EQ(readFile(root.path() / "work/weekly.ics"), text);
+}
+
+TEST_F(VdirSavesTest, ALaterOccurrenceWithoutRulesEndsTheSeriesAndStandsAlone) {
+  auto third = march().at(2);
+  third->setRecurrenceRules(std::nullopt);
+  ASSERT_EQ(store->saveEvent(third, platform::EKSpanFutureEvents), std::nullopt);
+  EXPECT_THAT(titles(), ElementsAre("Weekly", "Weekly", "Weekly"));
+  EXPECT_FALSE(march().at(2)->recurrenceRules().has_value());
+  EXPECT_TRUE(march().at(0)->recurrenceRules().has_value());
+  EXPECT_EQ(march().at(2)->startDate(), utc(2026, 3, 16, 9));
+  // Alone, it takes no rule removal: the rules are the series'.
+  auto second = march().at(1);
+  second->setRecurrenceRules(std::nullopt);
+  expectEachRefusedWith({store->saveEvent(second, platform::EKSpanThisEvent)}, VdirErrorCode::invalidChange);
+}
+
 TEST_F(VdirSavesTest, SubDailyRulesAreWrittenByTheirNames) {
   using platform::EKRecurrenceRule;
   const std::vector<std::pair<platform::EKRecurrenceFrequency, std::string>> frequencies = {
@@ -319,7 +360,10 @@ TEST_F(VdirSavesTest, RulesAndAlarmsThatCannotBeWrittenAreRefusedAndNothingChang
               e.setRecurrenceRules(std::vector{weekly(1, 2, {}), weekly(2, 3, {})});
             }),
             invalid);
-  EXPECT_EQ(refusedCode([&](platform::EKEvent& e) { e.setRecurrenceRules(std::nullopt); }), invalid);
+  EXPECT_EQ(refusedCode([&](platform::EKEvent& e) {
+              e.setRecurrenceRules(std::vector<std::shared_ptr<EKRecurrenceRule>>{nullptr});
+            }),
+            invalid);
   EXPECT_EQ(refusedCode([&](platform::EKEvent& e) {
               e.setAlarms(std::vector{platform::EKAlarm::alarmWithAbsoluteDate(utc(2026, 3, 1))});
             }),

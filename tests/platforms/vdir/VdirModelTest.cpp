@@ -1,7 +1,8 @@
 // A thousand random writes through the platform (events created, retitled, moved in time and removed
-// with each span, series moved between calendars, reminders created, completed, retitled, moved and
-// removed), each also applied to a plain model of what the store should then answer. After every step
-// the store's answers equal the model's, and every hundred steps so do those of a store opened cold.
+// with each span, series moved between calendars or made to stop repeating, reminders created,
+// completed, retitled, moved and removed), each also applied to a plain model of what the store
+// should then answer. After every step the store's answers equal the model's, and every hundred
+// steps so do those of a store opened cold.
 #include <algorithm>
 #include <condition_variable>
 #include <cstdint>
@@ -182,6 +183,7 @@ class VdirModelTest : public ::testing::Test {
   void shiftAlone();
   void remove(platform::EKSpan span);
   void moveSeries();
+  void stopRepeating();
   void createReminder();
   void changeReminder();
   void removeReminder();
@@ -281,6 +283,26 @@ void VdirModelTest::remove(platform::EKSpan span) {
   });
 }
 
+// An occurrence saved without repeat rules for it and every later one: the series stops before it,
+// and it stands alone as it was (from the series' start, the series is that occurrence alone).
+void VdirModelTest::stopRepeating() {
+  if (occurrences.empty()) return createEvent();
+  ModelOccurrence& chosen = occurrences[any(occurrences)];
+  auto event = served(chosen);
+  ASSERT_TRUE(event) << chosen.title;
+  event->setRecurrenceRules(std::nullopt);
+  ASSERT_EQ(store->saveEvent(event, platform::EKSpanFutureEvents), std::nullopt) << "stopping " << chosen.title;
+  done = "stopped the repeats of " + chosen.title;
+  const ModelSeries of = series.at(chosen.series);
+  if (!of.recurring) return;
+  const int from = chosen.series, alone = static_cast<int>(series.size());
+  const std::int64_t at = chosen.instant;
+  series[alone] = {false, at, of.calendar};
+  chosen.series = alone;
+  chosen.detached = false;
+  std::erase_if(occurrences, [&](const ModelOccurrence& o) { return o.series == from && o.instant >= at; });
+}
+
 // A whole series moves: the host changes the calendar of its first occurrence, for it and every later one.
 void VdirModelTest::moveSeries() {
   std::vector<std::size_t> firsts;
@@ -353,13 +375,14 @@ void VdirModelTest::step(int kind) {
     case 9:
       return createReminder();
     case 10: return changeReminder();
-    default: return removeReminder();
+    case 11: return removeReminder();
+    default: return stopRepeating();
   }
 }
 
 TEST_F(VdirModelTest, AThousandRandomWritesLeaveTheStoreAnsweringAsTheModelDoes) {
   for (int n = 1; n <= 1000; ++n) {
-    step(below(12));
+    step(below(13));
     if (HasFatalFailure()) return;
     SCOPED_TRACE("step " + std::to_string(n) + ": " + done);
     ASSERT_EQ(eventRows(*store), modelEventRows());

@@ -77,10 +77,13 @@ struct VdirItemEditor::Found {
     return defineZones(edited, vdir::undefinedZones(edited, undefinedZones), systemZoneDefinition);
   }
 
-  // Whether an edit of `occurrence` over `span` covers the whole item.
+  // Whether an edit of `occurrence` over `span` covers the whole item. An item that does not repeat
+  // may still have overrides (other clients write them): each is an occurrence of its own.
   bool coversSeries(const std::optional<platform::Date>& occurrence, VdirSpan span) const {
-    return !recurring || !occurrence || (span == VdirSpan::futureOccurrences && firstStart == occurrence);
+    return !occurrence || (firstStart == occurrence && (!recurring || span == VdirSpan::futureOccurrences));
   }
+  // The span an edit has: with no later occurrences to carry it, this occurrence alone.
+  VdirSpan spanOf(VdirSpan span) const { return recurring ? span : VdirSpan::thisOccurrence; }
 };
 
 VdirEditContext VdirItemEditor::contextFor(const VdirDocument& document) const {
@@ -184,7 +187,7 @@ rivet::RivetResult<VdirPlan> VdirItemEditor::changeEvent(const std::string& even
                  [&](VdirDocument& document) { return changeSeries(document, found->uid, changes, context); });
   }
   if (wholeSeries) return planned(*found, changeSeries(found->document, found->uid, changes, context));
-  if (span == VdirSpan::thisOccurrence)
+  if (found->spanOf(span) == VdirSpan::thisOccurrence)
     return planned(*found, changeOccurrence(found->document, found->uid, *occurrence, changes, context));
   // This and every later occurrence: a new series in a file of its own.
   const std::string uid = randomUid();
@@ -247,7 +250,7 @@ rivet::RivetResult<VdirPlan> VdirItemEditor::removeEvent(const std::string& even
   const VdirEditContext context = contextFor(found->document);
   const bool wholeSeries = found->coversSeries(occurrence, span);
   rivet::RivetResult<bool> edited = wholeSeries ? rivet::RivetResult<bool>(removeItem(found->document, found->uid) > 0)
-                                    : span == VdirSpan::thisOccurrence
+                                    : found->spanOf(span) == VdirSpan::thisOccurrence
                                         ? removeOccurrence(found->document, found->uid, *occurrence, context)
                                         : endSeriesBefore(found->document, found->uid, *occurrence, context);
   auto plan = planned(*found, edited);

@@ -144,6 +144,29 @@ TEST_F(VdirSavesTest, AnOverriddenOccurrenceChangedWithTheLaterOnesShowsTheChang
   EXPECT_EQ(march().at(3)->eventIdentifier(), march().at(2)->eventIdentifier());
 }
 
+// Some clients leave an override beside an event that does not repeat; it is served as an occurrence
+// of its own, and changing or removing it leaves the event as it was.
+TEST_F(VdirSavesTest, AnOverrideOfAnEventThatDoesNotRepeatIsAnOccurrenceOfItsOwn) {
+  writeFile(root.path() / "work/weekly.ics",
+            "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Test//EN\r\nBEGIN:VEVENT\r\nUID:single\r\n"
+            "DTSTAMP:20260101T000000Z\r\nDTSTART:20260302T090000Z\r\nDTEND:20260302T100000Z\r\nSUMMARY:Event\r\n"
+            "END:VEVENT\r\nBEGIN:VEVENT\r\nUID:single\r\nDTSTAMP:20260101T000000Z\r\n"
+            "RECURRENCE-ID:20260309T090000Z\r\nDTSTART:20260309T110000Z\r\nDTEND:20260309T120000Z\r\n"
+            "SUMMARY:Stray\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
+  ASSERT_TRUE(vdirPlatform->refresh());
+  ASSERT_THAT(titles(), ElementsAre("Event", "Stray"));
+  for (auto span : {platform::EKSpanThisEvent, platform::EKSpanFutureEvents}) {
+    auto stray = march().at(1);
+    stray->setTitle(span == platform::EKSpanThisEvent ? "Stray alone" : "Stray on");
+    ASSERT_EQ(store->saveEvent(stray, span), std::nullopt);
+  }
+  EXPECT_THAT(titles(), ElementsAre("Event", "Stray on"));
+  ASSERT_EQ(store->removeEvent(march().at(1), platform::EKSpanFutureEvents), std::nullopt);
+  EXPECT_THAT(titles(), ElementsAre("Event"));
+  EXPECT_EQ(march().at(0)->startDate(), utc(2026, 3, 2, 9));
+  EXPECT_THAT(readFile(root.path() / "work/weekly.ics"), Not(HasSubstr("RECURRENCE-ID")));
+}
+
 TEST_F(VdirSavesTest, ASaveThatMeetsAFileChangedByAnotherProgramFailsAndWritesNothing) {
   auto first = march().at(0);
   first->setTitle("Mine");

@@ -492,7 +492,7 @@ std::string alarmTrigger(const std::string& text) {
 
 // --repeat and --alarm, as changes.
 void setRepeatAndAlarms(const Arguments& args, vdir::VdirItemChanges& changes) {
-  if (args.repeat) changes.rule = *args.repeat;
+  if (args.repeat) changes.rule = *args.repeat == "none" ? std::string() : *args.repeat;
   if (args.alarms.empty()) return;
   changes.alarms.emplace();
   if (args.alarms == std::vector<std::string>{"none"}) return;
@@ -984,7 +984,8 @@ void addItemOptions(CLI::App* command, Arguments& args, bool event) {
     command->add_flag("--all-day", args.allDay, "An all-day event: --start and --end are days");
     command->add_option("--repeat", args.repeat,
                         "How the whole series (with --future: the part that continues) repeats, as an RFC 5545 rule: "
-                        "FREQ=WEEKLY;BYDAY=MO,WE;UNTIL=20270301");
+                        "FREQ=WEEKLY;BYDAY=MO,WE;UNTIL=20270301; none stops it repeating (the first occurrence, "
+                        "or with --future the one given, stands alone)");
     command->add_option(
         "--alarm", args.alarms,
         "An alarm before (-15m, -1d) or after (+5m) the start; repeat it for several; none removes them "

@@ -283,6 +283,12 @@ TEST_F(VespWritingTest, RepeatAndAlarmsChangeTheWholeSeries) {
   for (const json& event : events("2026-11-01", "2026-12-31")) starts.push_back(event["startDate"]);
   EXPECT_EQ(starts, (std::vector<std::string>{"2026-11-02T08:00:00Z", "2026-11-09T08:00:00Z", "2026-11-10T08:00:00Z",
                                               "2026-11-11T08:00:00Z"}));
+  // --repeat none: the first series (by now 2 November alone) stops repeating; the one split off stays.
+  auto stopped = run({"edit", "c/weekly.ics", "--repeat", "none", "--json"});
+  ASSERT_EQ(stopped.status, 0) << stopped.err;
+  EXPECT_TRUE(json::parse(stopped.out)["recurrenceRules"].is_null());
+  EXPECT_THAT(vdir::testing::readFile(root_.path() / "c/weekly.ics"), ::testing::Not(::testing::HasSubstr("RRULE")));
+  EXPECT_EQ(events("2026-11-01", "2026-12-31").size(), 4u);
 }
 
 TEST_F(VespWritingTest, NewEventsGoToTheDefaultCalendarSetForTheStore) {

@@ -69,6 +69,8 @@ icaltimetype fieldsAt(std::int64_t seconds, bool isDate) {
   return fields;
 }
 
+}  // namespace
+
 std::string utcText(platform::Date instant) {
   icaltimetype fields = fieldsAt(static_cast<std::int64_t>(std::floor(instant.timeIntervalSince1970())), false);
   char text[32];
@@ -76,6 +78,8 @@ std::string utcText(platform::Date instant) {
                 fields.minute, fields.second);
   return text;
 }
+
+namespace {
 
 bool sameForm(const VdirTime& a, const VdirTime& b) { return a.kind == b.kind && a.tzid == b.tzid; }
 
@@ -183,18 +187,23 @@ bool setText(VdirComponent& component, const std::string& name, const std::optio
   return component.set(VdirContentLine(name, {}, escaped ? escapedText(*text) : *text));
 }
 
-// Replaces the VALARMs of `component` by one display alarm per trigger. Whether anything changed.
+// Replaces the VALARMs of `component` by one display alarm per trigger (a duration from the start,
+// or a UTC time for an alarm at a set time). Whether anything changed.
 rivet::RivetResult<bool> setAlarms(VdirComponent& component, const std::vector<std::string>& triggers) {
   std::vector<VdirComponent> alarms;
   const VdirContentLine* title = component.property("SUMMARY");
   for (const std::string& trigger : triggers) {
-    if (icaldurationtype_is_bad_duration(icaldurationtype_from_string(trigger.c_str())))
-      return editError("an alarm is a duration from the start such as -PT15M, not \"" + trigger + "\"", "setAlarms",
-                       __LINE__);
+    const icaltimetype at = icaltime_from_string(trigger.c_str());
+    const bool absolute = !icaltime_is_null_time(at) && icaltime_is_utc(at) && !at.is_date;
+    if (!absolute && icaldurationtype_is_bad_duration(icaldurationtype_from_string(trigger.c_str())))
+      return editError("an alarm is a duration from the start such as -PT15M or a UTC time such as 20261201T090000Z, "
+                       "not \"" + trigger + "\"", "setAlarms", __LINE__);
     VdirComponent alarm("VALARM");
     alarm.add(VdirContentLine("ACTION", {}, "DISPLAY"));
     alarm.add(VdirContentLine("DESCRIPTION", {}, title ? title->value() : "Reminder"));
-    alarm.add(VdirContentLine("TRIGGER", {}, trigger));
+    alarm.add(VdirContentLine("TRIGGER", absolute ? std::vector<VdirParameter>{{"VALUE", {"DATE-TIME"}}}
+                                                  : std::vector<VdirParameter>{},
+                              trigger));
     alarms.push_back(std::move(alarm));
   }
   // Compared as written, so that setting the alarms an item has changes nothing.

@@ -41,8 +41,9 @@ struct VdirItemChanges {
   // an UNTIL given as a day means through that day. It replaces every rule the item had. An empty
   // rule removes every rule, extra date and exclusion: the series becomes its first occurrence.
   std::optional<std::string> rule = std::nullopt;
-  // The item's alarms as RFC 5545 durations from its start ("-PT15M"); they replace the VALARMs it
-  // had, and an empty list removes them.
+  // The item's alarms as RFC 5545 durations from its start ("-PT15M") or, for an alarm at a set
+  // time, UTC date-times ("20261201T090000Z"); they replace the VALARMs it had, and an empty list
+  // removes them.
   std::optional<std::vector<std::string>> alarms = std::nullopt;
   // Events: how the event shows its owner's time (EKEventAvailability busy, free, tentative or
   // unavailable), as TRANSP and the busy status other clients write.
@@ -58,6 +59,8 @@ std::optional<VdirTime> timeOfValue(const VdirContentLine& line, std::string_vie
 std::vector<std::string> valuesOf(const VdirContentLine& line);
 // `time` as a value ("20261201", "20261201T090000", "20261201T090000Z").
 std::string timeValue(const VdirTime& time);
+// `instant` as a UTC date-time value ("20261201T090000Z"), to the second.
+std::string utcText(platform::Date instant);
 // `seconds` as an RFC 5545 duration: whole days as "P2D", anything else in hours, minutes and seconds
 // ("-PT1H30M", "PT25H", "PT0S").
 std::string durationValue(std::int64_t seconds);

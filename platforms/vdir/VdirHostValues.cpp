@@ -75,8 +75,17 @@ rivet::RivetResult<std::vector<std::string>> alarmTriggers(
     const std::vector<std::shared_ptr<platform::EKAlarm>>& alarms) {
   std::vector<std::string> triggers;
   for (const auto& alarm : alarms) {
-    if (!alarm || alarm->absoluteDate() || alarm->proximity() != platform::EKAlarmProximityNone)
-      return refused("only alarms relative to the item's start can be saved", "alarmTriggers", __LINE__);
+    if (!alarm || alarm->proximity() != platform::EKAlarmProximityNone)
+      return refused("only alarms at a time, or relative to the item's start, can be saved", "alarmTriggers",
+                     __LINE__);
+    if (const auto at = alarm->absoluteDate()) {
+      // Years 1 to 9999, which an iCalendar date-time can state.
+      const double seconds = at->timeIntervalSince1970();
+      if (!std::isfinite(seconds) || seconds < -62135596800.0 || seconds >= 253402300800.0)
+        return refused("an alarm's time is in the years 1 to 9999", "alarmTriggers", __LINE__);
+      triggers.push_back(utcText(*at));
+      continue;
+    }
     const double offset = alarm->relativeOffset();
     if (!std::isfinite(offset) || offset != std::floor(offset) || std::fabs(offset) > 1e9)
       return refused("an alarm's offset is a whole number of seconds", "alarmTriggers", __LINE__);

@@ -17,8 +17,10 @@ namespace vesp::vdir {
 // on a value RFC 5545 does not allow (a weekday of 9, a month of 13, an interval of 0, ...).
 rivet::RivetResult<std::string> ruleValue(const platform::EKRecurrenceRule& rule, const VdirClock& clock);
 
-// The TRIGGER durations of `alarms` ("-PT15M", "PT0S"), in order. An alarm at an instant or on a
-// place, or one not a whole number of seconds from the start, fails with invalidChange.
+// The TRIGGER values of `alarms`, in order: durations from the start ("-PT15M", "PT0S"), and UTC
+// times ("20261201T090000Z", to the second) for alarms at a set time. An alarm on a place, one not a
+// whole number of seconds from the start, or one at a time outside the years 1 to 9999 fails with
+// invalidChange.
 rivet::RivetResult<std::vector<std::string>> alarmTriggers(
     const std::vector<std::shared_ptr<platform::EKAlarm>>& alarms);
 

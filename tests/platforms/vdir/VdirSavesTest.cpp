@@ -334,6 +334,27 @@ TEST_F(VdirSavesTest, ALaterOccurrenceWithoutRulesEndsTheSeriesAndStandsAlone) {
   expectEachRefusedWith({store->saveEvent(second, platform::EKSpanThisEvent)}, VdirErrorCode::invalidChange);
 }
 
+TEST_F(VdirSavesTest, AnAlarmAtASetTimeIsWrittenAsAUtcTriggerAndReadBack) {
+  auto first = march().at(0);
+  const platform::Date at = utc(2026, 3, 1, 18, 30).addingTimeInterval(0.75);
+  first->setAlarms(std::vector{platform::EKAlarm::alarmWithAbsoluteDate(at),
+                               platform::EKAlarm::alarmWithRelativeOffset(-600)});
+  ASSERT_EQ(store->saveEvent(first, platform::EKSpanFutureEvents), std::nullopt);
+  const std::string text = readFile(root.path() / "work/weekly.ics");
+  EXPECT_THAT(text, HasSubstr("TRIGGER;VALUE=DATE-TIME:20260301T183000Z\r\n"));
+  EXPECT_THAT(text, HasSubstr("TRIGGER:-PT10M\r\n"));
+  const auto alarms = march().at(2)->alarms();
+  ASSERT_TRUE(alarms);
+  ASSERT_EQ(alarms->size(), 2u);
+  EXPECT_EQ((*alarms)[0]->absoluteDate(), utc(2026, 3, 1, 18, 30)) << "to the second";
+  EXPECT_EQ((*alarms)[1]->relativeOffset(), -600);
+  // Saved again as read, nothing is written.
+  auto again = march().at(0);
+  again->setAlarms(again->alarms());
+  ASSERT_EQ(store->saveEvent(again, platform::EKSpanFutureEvents), std::nullopt);
+  EXPECT_EQ(readFile(root.path() / "work/weekly.ics"), text);
+}
+
 TEST_F(VdirSavesTest, SubDailyRulesAreWrittenByTheirNames) {
   using platform::EKRecurrenceRule;
   const std::vector<std::pair<platform::EKRecurrenceFrequency, std::string>> frequencies = {
@@ -388,7 +409,8 @@ TEST_F(VdirSavesTest, RulesAndAlarmsThatCannotBeWrittenAreRefusedAndNothingChang
             }),
             invalid);
   EXPECT_EQ(refusedCode([&](platform::EKEvent& e) {
-              e.setAlarms(std::vector{platform::EKAlarm::alarmWithAbsoluteDate(utc(2026, 3, 1))});
+              e.setAlarms(std::vector{platform::EKAlarm::alarmWithAbsoluteDate(
+                  platform::Date::fromTimeIntervalSince1970(253402300800.0))});  // the year 10000
             }),
             invalid);
   EXPECT_EQ(refusedCode([&](platform::EKEvent& e) {

@@ -479,8 +479,11 @@ long long durationOf(const std::string& text) {
   return *seconds;
 }
 
-// An --alarm ("-15m" before the start, "+1h" or "1h" after it, "0m" at it) as an RFC 5545 duration.
+// An --alarm ("-15m" before the start, "+1h" or "1h" after it, "0m" at it) as an RFC 5545 duration,
+// or one at a set time (a date and time as --start takes them) as a UTC time.
 std::string alarmTrigger(const std::string& text) {
+  static const std::regex kDate("^[0-9]{4}-[0-9]{2}-[0-9]{2}.*");
+  if (std::regex_match(text, kDate)) return vdir::utcText(parseDate(text, "--alarm"));
   const bool before = !text.empty() && text[0] == '-';
   const std::string amount = !text.empty() && (text[0] == '-' || text[0] == '+') ? text.substr(1) : text;
   const auto seconds = secondsOf(amount);
@@ -988,7 +991,8 @@ void addItemOptions(CLI::App* command, Arguments& args, bool event) {
                         "or with --future the one given, stands alone)");
     command->add_option(
         "--alarm", args.alarms,
-        "An alarm before (-15m, -1d) or after (+5m) the start; repeat it for several; none removes them "
+        "An alarm before (-15m, -1d) or after (+5m) the start, or at a time (2026-12-01T08:00); repeat it for "
+        "several; none removes them "
         "(the alarms given replace the ones the event had)");
   } else {
     command->add_option("--due", args.due, "When it is due: a day, or a day and time");

@@ -272,6 +272,12 @@ TEST_F(VespWritingTest, RepeatAndAlarmsChangeTheWholeSeries) {
   const std::string text = vdir::testing::readFile(root_.path() / "c/weekly.ics");
   EXPECT_THAT(text, ::testing::HasSubstr("TRIGGER:-PT1H30M\r\n"));
   EXPECT_THAT(text, ::testing::HasSubstr("X-KEPT:yes\r\n"));
+  auto timed = run({"edit", "c/weekly.ics", "--alarm", "2026-11-01T20:00", "--alarm", "-10m", "--json"});
+  ASSERT_EQ(timed.status, 0) << timed.err;
+  EXPECT_EQ(json::parse(timed.out)["alarms"][0]["absoluteDate"], "2026-11-01T19:00:00Z");
+  EXPECT_THAT(vdir::testing::readFile(root_.path() / "c/weekly.ics"),
+              ::testing::HasSubstr("TRIGGER;VALUE=DATE-TIME:20261101T190000Z\r\n"));
+  EXPECT_EQ(run({"edit", "c/weekly.ics", "--alarm", "2026-13-01T20:00"}).status, 2);
   auto none = run({"edit", "c/weekly.ics", "--alarm", "none", "--json"});
   ASSERT_EQ(none.status, 0) << none.err;
   EXPECT_TRUE(json::parse(none.out)["alarms"].is_null());

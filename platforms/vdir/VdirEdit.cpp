@@ -193,8 +193,9 @@ rivet::RivetResult<bool> setAlarms(VdirComponent& component, const std::vector<s
   std::vector<VdirComponent> alarms;
   const VdirContentLine* title = component.property("SUMMARY");
   for (const std::string& trigger : triggers) {
-    const icaltimetype at = icaltime_from_string(trigger.c_str());
-    const bool absolute = !icaltime_is_null_time(at) && icaltime_is_utc(at) && !at.is_date;
+    // A UTC time has the one shape "20261201T090000Z"; anything else must be a duration.
+    const bool absolute = trigger.size() == 16 && trigger[8] == 'T' && trigger.back() == 'Z' &&
+                          !icaltime_is_null_time(icaltime_from_string(trigger.c_str()));
     if (!absolute && icaldurationtype_is_bad_duration(icaldurationtype_from_string(trigger.c_str())))
       return editError("an alarm is a duration from the start such as -PT15M or a UTC time such as 20261201T090000Z, "
                        "not \"" + trigger + "\"", "setAlarms", __LINE__);
@@ -729,6 +730,7 @@ void foldFirstOverride(VdirDocument& document, const std::string& uid, const Vdi
   folded.remove("RECURRENCE-ID");
   folded.set(VdirContentLine("SEQUENCE", {}, std::to_string(std::max(sequenceOf(*master), sequenceOf(folded)))));
   *master = std::move(folded);
+  stamp(*master, false, context);
   document.calendar()->removeComponents([&](const VdirComponent& component) { return &component == first; });
 }
 

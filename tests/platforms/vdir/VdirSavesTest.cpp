@@ -313,6 +313,8 @@ TEST_F(VdirSavesTest, ASeriesWithoutItsRulesIsTheOccurrenceItWasSavedFrom) {
   for (const char* gone : {"RRULE", "EXDATE", "RECURRENCE-ID", "Alone 2"}) EXPECT_THAT(text, Not(HasSubstr(gone)));
   EXPECT_THAT(text, HasSubstr("X-KEPT:yes\r\n"));
   EXPECT_EQ(text.find("BEGIN:VEVENT"), text.rfind("BEGIN:VEVENT"));
+  // Raised once by the occurrence removed and once by the repeats stopped.
+  EXPECT_THAT(text, HasSubstr("SEQUENCE:2\r\n"));
   // Saved again without rules, it is unchanged.
   auto single = march().at(0);
   single->setRecurrenceRules(std::vector<std::shared_ptr<platform::EKRecurrenceRule>>{});

@@ -3,7 +3,8 @@
 // later occurrence alone. A save may be refused (and must then leave the tree as it was); a save
 // that succeeds must leave a file that still reads back, the same occurrences served at the same
 // times, the changed occurrence with its new title, and (for a whole series) every content line
-// but the item's SUMMARY and stamps as it was. Nothing may crash, hang, leak or trip a sanitizer.
+// but the items' SUMMARY, stamps and SEQUENCE as it was. Nothing may crash, hang, leak or trip a
+// sanitizer.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -92,8 +93,8 @@ std::map<std::string, std::string> tree(const fs::path& collection) {
   return files;
 }
 
-// The unfolded content lines of `text` but an item's SUMMARY, DTSTAMP and LAST-MODIFIED, read
-// without the code under test.
+// The unfolded content lines of `text` but SUMMARY, DTSTAMP, LAST-MODIFIED and SEQUENCE (an
+// override's is raised to its master's when it changes), read without the code under test.
 std::vector<std::string> untouchedLines(const std::string& text) {
   std::vector<std::string> lines;
   std::istringstream in(text);
@@ -107,7 +108,7 @@ std::vector<std::string> untouchedLines(const std::string& text) {
     }
   }
   std::erase_if(lines, [](const std::string& l) {
-    for (const char* name : {"SUMMARY", "DTSTAMP", "LAST-MODIFIED"}) {
+    for (const char* name : {"SUMMARY", "DTSTAMP", "LAST-MODIFIED", "SEQUENCE"}) {
       const std::size_t n = std::char_traits<char>::length(name);
       if (l.size() > n && l.compare(0, n, name) == 0 && (l[n] == ':' || l[n] == ';')) return true;
     }
@@ -159,7 +160,8 @@ Outcome saveChecked(World& w, const std::shared_ptr<EKEvent>& event, vesp::platf
   const bool split = tree(w.collection).size() > before.size();
   // (A series that reached the limit of 60 occurrences in a query is cut where the limit falls,
   // which an override may move.)
-  if (!split && timesBefore.size() < 60 && timesAfter != timesBefore) fail("a save changed which occurrences are served");
+  if (!split && timesBefore.size() < 60 && timesAfter != timesBefore)
+    fail("a save changed which occurrences are served");
   if (split && after.size() < 200 &&
       !std::includes(timesAfter.begin(), timesAfter.end(), timesBefore.begin(), timesBefore.end()))
     fail("a split lost an occurrence");
@@ -178,7 +180,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   std::set<std::string> identifiers;
   for (const auto& event : served(w))
-    if (auto identifier = event->eventIdentifier(); identifier && identifiers.size() < 4) identifiers.insert(*identifier);
+    if (auto identifier = event->eventIdentifier(); identifier && identifiers.size() < 4)
+      identifiers.insert(*identifier);
   for (const std::string& identifier : identifiers) {
     // The series from its first occurrence: the whole series, or (when that occurrence is gone) a split.
     const auto first = w.store->eventWithIdentifier(identifier);

@@ -170,6 +170,10 @@ class VdirModelTest : public ::testing::Test {
     return nullptr;
   }
 
+  static std::uint32_t seed() {
+    const char* given = std::getenv("VESP_MODEL_SEED");
+    return given ? static_cast<std::uint32_t>(std::stoul(given)) : 20261126u;
+  }
   std::string nextTitle(const char* kind) { return kind + std::to_string(++titles); }
   template <typename T>
   std::size_t any(const std::vector<T>& from) {
@@ -193,8 +197,7 @@ class VdirModelTest : public ::testing::Test {
   std::shared_ptr<VdirPlatform> platform;
   std::shared_ptr<platform::EKEventStore> store;
   // Another seed explores other histories: VESP_MODEL_SEED=n.
-  std::mt19937 random{std::getenv("VESP_MODEL_SEED") ? static_cast<std::uint32_t>(std::stoul(std::getenv("VESP_MODEL_SEED")))
-                                                     : 20261126u};
+  std::mt19937 random{seed()};
   std::vector<ModelOccurrence> occurrences;
   std::map<int, ModelSeries> series;
   std::vector<ModelReminder> reminders;

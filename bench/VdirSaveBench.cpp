@@ -39,8 +39,9 @@ int main(int argc, char** argv) {
   auto store = vdir::VdirStore::make(options);
   const double open = since(began);
   std::vector<std::string> events;
-  for (const auto& [identifier, entry] : store->snapshot()->entries)
+  store->snapshot()->entries.forEach([&](std::string_view identifier, const vdir::VdirSnapshot::Entry& entry) {
     if (!entry.todo && identifier.find('#') == std::string_view::npos) events.emplace_back(identifier);
+  });
   std::sort(events.begin(), events.end());
   if (events.empty()) {
     std::fprintf(stderr, "vesp_save_bench: the store holds no events\n");

@@ -111,13 +111,13 @@ VdirEditContext VdirItemEditor::contextFor(const VdirDocument& document) const {
 rivet::RivetResult<VdirItemEditor::Located> VdirItemEditor::locate(const std::string& identifier, bool todo) const {
   Located located;
   located.snapshot = store_->snapshot();
-  auto entry = located.snapshot->entries.find(identifier);
-  if (entry == located.snapshot->entries.end() || entry->second.todo != todo)
+  const auto* entry = located.snapshot->entries.find(identifier);
+  if (!entry || entry->todo != todo)
     return editorError(VdirErrorCode::noSuchItem,
                        std::string(todo ? "no reminder" : "no event") + " \"" + identifier + "\" in the store",
                        __func__, __LINE__);
-  located.entry = entry->second;
-  located.item = located.snapshot->collections[entry->second.collection].items[entry->second.item].get();
+  located.entry = *entry;
+  located.item = entry->item.get();
   return located;
 }
 

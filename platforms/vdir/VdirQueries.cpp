@@ -114,11 +114,11 @@ std::vector<std::shared_ptr<platform::EKEvent>> VdirQueries::events(
 
 std::shared_ptr<platform::EKEvent> VdirQueries::firstOccurrence(const VdirSnapshot& current,
                                                                  const std::string& eventIdentifier) const {
-  auto at = current.entries.find(eventIdentifier);
-  if (at == current.entries.end() || at->second.todo) return nullptr;
-  const auto& collection = current.collections[at->second.collection];
-  const auto& item = collection.items[at->second.item];
-  const auto& series = item->series[at->second.index];
+  const auto* at = current.entries.find(eventIdentifier);
+  if (!at || at->todo) return nullptr;
+  const auto& collection = current.collections[at->collection];
+  const auto& item = at->item;
+  const auto& series = item->series[at->index];
   // Widening windows from the series' first possible start; the earliest occurrence wins.
   double from = series.firstStart;
   double limit = series.lastEnd.value_or(from + 200 * 366 * 86400.0);
@@ -137,11 +137,10 @@ std::shared_ptr<platform::EKEvent> VdirQueries::firstOccurrence(const VdirSnapsh
 
 std::shared_ptr<platform::EKReminder> VdirQueries::reminder(const VdirSnapshot& current,
                                                              const std::string& identifier) {
-  auto at = current.entries.find(identifier);
-  if (at == current.entries.end() || !at->second.todo) return nullptr;
-  const auto& collection = current.collections[at->second.collection];
-  const auto& item = collection.items[at->second.item];
-  return std::make_shared<VdirReminder>(item, &item->todos[at->second.index], collection.calendar);
+  const auto* at = current.entries.find(identifier);
+  if (!at || !at->todo) return nullptr;
+  return std::make_shared<VdirReminder>(at->item, &at->item->todos[at->index],
+                                        current.collections[at->collection].calendar);
 }
 
 std::vector<std::shared_ptr<platform::EKReminder>> VdirQueries::reminders(

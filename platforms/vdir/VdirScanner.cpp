@@ -7,7 +7,6 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
-#include <future>
 #include <string_view>
 #include <thread>
 #include <unordered_map>
@@ -92,7 +91,6 @@ struct VdirScanner::Slot {
   std::size_t previous = kNone;  // its record in the scan before's records
   VdirFileRecord record;
   bool parse = false, gone = false, unreadable = false;
-  bool known = false;  // its record was taken over unseen (relist)
 };
 
 // A problem of the tree (no slot), or the place of a file's own problems in the listing.
@@ -256,63 +254,35 @@ std::size_t VdirScanner::addSlot(Slot slot) {
   return slots_.size() - 1;
 }
 
-void VdirScanner::relist(const VdirSnapshot& previous, VdirFileRecords& records,
+void VdirScanner::relist(const VdirSnapshot& previous,
                          const std::vector<std::pair<std::string, std::string>>& written) {
   relisted_ = true;
   next_->rootExists = previous.rootExists;
   next_->rootReadable = previous.rootReadable;
-  std::unordered_map<std::string_view, std::size_t> byIdentifier;
-  for (const auto& served : previous.collections) {
-    const VdirCalendarFields& fields = served.calendar->fields();
-    Collection collection;
-    collection.identifier = served.identifier;
-    collection.directory = served.directory;
-    collection.source = fields.source;
-    collection.type = fields.type;
-    collection.displayName = fields.title;
-    collection.colour = fields.color;
-    collections_.push_back(std::move(collection));
-  }
-  for (std::size_t c = 0; c < collections_.size(); ++c) byIdentifier.emplace(collections_[c].identifier, c);
-  auto collectionOf = [&](const std::string& relative) -> Collection* {
-    auto slash = relative.rfind('/');
-    if (slash == std::string::npos) return nullptr;
-    auto found = byIdentifier.find(std::string_view(relative).substr(0, slash));
-    return found == byIdentifier.end() ? nullptr : &collections_[found->second];
-  };
-  std::unordered_set<std::string> rewritten;
-  for (const auto& [identifier, name] : written) rewritten.insert(identifier + "/" + escapedName(name));
-  // Problems of the tree itself (those no file's record holds) stay as they were.
-  std::unordered_set<std::string_view> ofFiles;
-  for (const auto& [relative, record] : records)
-    for (const auto& diagnostic : record.diagnostics) ofFiles.insert(diagnostic.path);
-  for (const auto& diagnostic : previous.diagnostics)
-    if (!ofFiles.count(diagnostic.path) && !rewritten.count(diagnostic.path))
-      problem(diagnostic.path, diagnostic.action, diagnostic.problem);
-  slots_.reserve(records.size() + written.size());
-  problems_.reserve(problems_.size() + records.size() + written.size());
-  for (auto& [relative, record] : records) {
-    Collection* collection = collectionOf(relative);
-    if (!collection || rewritten.count(relative)) continue;
-    Slot slot;
-    slot.relative = std::move(relative);  // the records are consumed: the next ones are made from the slots
-    slot.record = std::move(record);
-    slot.known = true;
-    collection->slots.push_back(addSlot(std::move(slot)));
-  }
-  for (const auto& [identifier, name] : written) {
-    Collection* collection = collectionOf(identifier + "/x");
-    if (!collection) continue;
+  for (const auto& file : written) {
+    const std::string& identifier = file.first;
+    const std::string& name = file.second;
+    const VdirCollection* served = collectionNamed(previous, identifier);
+    if (!served) continue;
+    auto pending = std::find_if(collections_.begin(), collections_.end(),
+                                [&](const Collection& collection) { return collection.identifier == identifier; });
+    if (pending == collections_.end()) {
+      const VdirCalendarFields& fields = served->calendar->fields();
+      Collection collection;
+      collection.identifier = served->identifier;
+      collection.directory = served->directory;
+      collection.source = fields.source;
+      collection.type = fields.type;
+      collection.displayName = fields.title;
+      collection.colour = fields.color;
+      pending = collections_.insert(collections_.end(), std::move(collection));
+    }
     Slot slot;
     slot.relative = identifier + "/" + escapedName(name);
     slot.name = name;
-    slot.path = collection->directory + "/" + name;
+    slot.path = pending->directory + "/" + name;
     slot.parse = true;
-    // In its place among the collection's files, as a listing would have put it.
-    auto& slots = collection->slots;
-    auto at = std::lower_bound(slots.begin(), slots.end(), slot.relative,
-                               [&](std::size_t index, const std::string& relative) { return slots_[index].relative < relative; });
-    slots.insert(at, addSlot(std::move(slot)));
+    pending->slots.push_back(addSlot(std::move(slot)));
   }
 }
 
@@ -335,7 +305,6 @@ void VdirScanner::matchPrevious(const VdirFileRecords& previous) {
 }
 
 void VdirScanner::lookAt(Slot& slot, VdirFileRecords& previous) const {
-  if (slot.known) return;
   // A file not seen before is read in any case (and looked at when it is opened).
   if (slot.previous == kNone) {
     slot.parse = true;
@@ -425,6 +394,13 @@ VdirCollection VdirScanner::assemble(Collection& pending, const VdirCalendars& p
     }
     result.records.emplace_back(std::move(slot.relative), std::move(slot.record));
   }
+  collection.calendar = calendarOf(pending, events, todos, previous);
+  result.calendars[pending.identifier] = collection.calendar;
+  return collection;
+}
+
+std::shared_ptr<VdirCalendar> VdirScanner::calendarOf(const Collection& pending, std::size_t events, std::size_t todos,
+                                                      const VdirCalendars& previous) const {
   VdirCalendarFields fields;
   fields.identifier = pending.identifier;
   fields.title = validUtf8(pending.displayName.value_or(""));
@@ -442,11 +418,8 @@ VdirCollection VdirScanner::assemble(Collection& pending, const VdirCalendars& p
   if (old && old->fields().title == fields.title && platform::CGColorEqualToColor(old->fields().color, fields.color) &&
       old->fields().entityTypes == fields.entityTypes && old->fields().source == fields.source &&
       old->fields().type == fields.type && old->fields().writable == fields.writable)
-    collection.calendar = old;
-  else
-    collection.calendar = std::make_shared<VdirCalendar>(std::move(fields));
-  result.calendars[pending.identifier] = collection.calendar;
-  return collection;
+    return old;
+  return std::make_shared<VdirCalendar>(std::move(fields));
 }
 
 VdirScanResult VdirScanner::finish(const VdirCalendars& previous) {
@@ -464,25 +437,72 @@ VdirScanResult VdirScanner::finish(const VdirCalendars& previous) {
   for (auto& pending : collections_) next.collections.push_back(assemble(pending, previous, result));
   std::sort(next.collections.begin(), next.collections.end(),
             [](const auto& a, const auto& b) { return a.identifier < b.identifier; });
-  // The two look-up tables, side by side.
-  const std::size_t files = result.records.size();
-  auto paths = std::async(files > 4096 ? std::launch::async : std::launch::deferred, [&] {
-    next.paths.reserve(files);
-    for (const auto& collection : next.collections)
-      for (const auto& item : collection.items) next.paths.insert(item->relativePath);
-  });
-  next.entries.reserve(files + files / 8);
-  for (std::size_t c = 0; c < next.collections.size(); ++c)
-    for (std::size_t i = 0; i < next.collections[c].items.size(); ++i) {
-      const auto& item = *next.collections[c].items[i];
-      for (std::size_t s = 0; s < item.series.size(); ++s)
-        next.entries.emplace(item.series[s].identifier, VdirSnapshot::Entry{c, i, false, s});
-      for (std::size_t t = 0; t < item.todos.size(); ++t)
-        next.entries.emplace(item.todos[t].todoData->identifier, VdirSnapshot::Entry{c, i, true, t});
-    }
-  paths.get();
+  next.entries = VdirEntries::of(next.collections);
   result.snapshot = std::move(next_);
   return result;
+}
+
+VdirScanResult VdirScanner::patch(const VdirSnapshot& previous, VdirFileRecords& records,
+                                  const VdirCalendars& calendars) {
+  VdirScanResult result;
+  result.reread = toParse_.size();
+  result.calendars = calendars;
+  auto& next = *next_;
+  next.collections = previous.collections;
+  next.entries = previous.entries;
+  std::unordered_set<std::string_view> reread;
+  for (const Slot& slot : slots_) reread.insert(slot.relative);
+  for (const auto& diagnostic : previous.diagnostics)
+    if (!reread.count(diagnostic.path)) next.diagnostics.push_back(diagnostic);
+  for (const Collection& pending : collections_) {
+    const auto c = static_cast<std::size_t>(
+        std::find_if(next.collections.begin(), next.collections.end(),
+                     [&](const VdirCollection& collection) { return collection.identifier == pending.identifier; }) -
+        next.collections.begin());
+    VdirCollection& collection = next.collections[c];
+    for (std::size_t index : pending.slots) patchFile(slots_[index], c, next, records);
+    std::size_t events = 0, todos = 0;
+    for (const auto& item : collection.items) {
+      events += item->series.size();
+      todos += item->todos.size();
+    }
+    collection.calendar = calendarOf(pending, events, todos, calendars);
+    result.calendars[pending.identifier] = collection.calendar;
+  }
+  result.records = std::move(records);
+  result.snapshot = std::move(next_);
+  return result;
+}
+
+void VdirScanner::patchFile(Slot& slot, std::size_t c, VdirSnapshot& next, VdirFileRecords& records) {
+  // The file's item in its place among the collection's, which are kept by path.
+  auto& items = next.collections[c].items;
+  auto at = std::lower_bound(
+      items.begin(), items.end(), slot.relative,
+      [](const auto& item, const std::string& relative) { return item->relativePath < relative; });
+  std::shared_ptr<const VdirItem> removed;
+  if (at != items.end() && (*at)->relativePath == slot.relative) removed = *at;
+  const bool kept = !slot.gone && !slot.unreadable;
+  std::shared_ptr<const VdirItem> added = kept ? slot.record.item : nullptr;
+  if (removed && added) *at = added;
+  else if (removed) items.erase(at);
+  else if (added) items.insert(at, added);
+  next.entries = next.entries.replaced(removed.get(), added, c, next.collections);
+  if (kept)
+    next.diagnostics.insert(next.diagnostics.end(), slot.record.diagnostics.begin(), slot.record.diagnostics.end());
+  // Its record, in listing order: after the records before it in its collection.
+  const std::string_view collectionPrefix(slot.relative.data(), slot.relative.rfind('/') + 1);
+  auto record = records.begin(), after = records.end();
+  for (; record != records.end() && record->first != slot.relative; ++record)
+    if (record->first.compare(0, collectionPrefix.size(), collectionPrefix) == 0 && record->first < slot.relative)
+      after = record;
+  if (record != records.end()) {
+    if (kept) record->second = std::move(slot.record);
+    else records.erase(record);
+  } else if (kept) {
+    records.emplace(after == records.end() ? records.end() : after + 1, std::move(slot.relative),
+                    std::move(slot.record));
+  }
 }
 
 }  // namespace vesp::vdir

@@ -3,10 +3,11 @@
 // (and can be tested) one at a time:
 //
 //   list()   every collection and its .ics files, sorted, on the calling thread (or relist(),
-//            which takes the collections and unchanged records over from the scan before);
+//            which lists only the files a store wrote itself);
 //   look()   each file's version against the scan before, taking over unchanged records (every core);
 //   read()   read and parse what is new or changed (every core);
-//   finish() the snapshot and the records, in listing order; problems in the order they were met.
+//   finish() the snapshot and the records, in listing order; problems in the order they were met
+//            (or patch(), after relist(): the snapshot before with the files read again).
 //
 // A scanner is used once, by one thread; it reads files and never writes them.
 #pragma once
@@ -54,12 +55,10 @@ class VdirScanner {
 
   // Lists the tree. Accounts' sources are taken from `sources` when unchanged, else made there.
   void list(VdirSources& sources);
-  // Instead of list(): the collections of `previous` and every record of `records` (its scan's,
-  // moved out of it), except those of `written` (collection identifier and file name), which are
-  // read again, or left out when they are gone. Nothing else is listed or looked at: for a store
-  // that knows which files it changed itself.
-  void relist(const VdirSnapshot& previous, VdirFileRecords& records,
-              const std::vector<std::pair<std::string, std::string>>& written);
+  // Instead of list(): only the files of `written` (collection identifier and file name, in
+  // collections of `previous`), which look() and read() read again. Nothing else is listed or
+  // looked at: for a store that knows which files it changed itself. Then patch(), not finish().
+  void relist(const VdirSnapshot& previous, const std::vector<std::pair<std::string, std::string>>& written);
   // Compares each listed file with its record in `previous` (the scan before's, in its order) and
   // moves the records of unchanged files out of it.
   void look(VdirFileRecords& previous);
@@ -67,6 +66,12 @@ class VdirScanner {
   std::size_t read();
   // The snapshot; a collection whose calendar fields are unchanged keeps its calendar from `previous`.
   VdirScanResult finish(const VdirCalendars& previous);
+  // After relist(): `previous` (the snapshot relist() was given) with the files read again in place
+  // of their old versions, or without them when they are gone, and its `records` changed alike
+  // (moved into the result). Costs about a copy of the collections' item lists: the look-up table
+  // is shared with `previous` (see VdirEntries). Calendars are kept from `calendars` unless their
+  // fields changed.
+  VdirScanResult patch(const VdirSnapshot& previous, VdirFileRecords& records, const VdirCalendars& calendars);
 
  private:
   struct Slot;
@@ -82,6 +87,11 @@ class VdirScanner {
   void lookAt(Slot& slot, VdirFileRecords& previous) const;
   bool readSlot(Slot& slot) const;  // whether it parsed the file
   VdirCollection assemble(Collection& pending, const VdirCalendars& previous, VdirScanResult& result);
+  // The calendar of a collection holding that many series and to-dos; the one in `previous` when
+  // its fields are unchanged.
+  std::shared_ptr<VdirCalendar> calendarOf(const Collection& pending, std::size_t events, std::size_t todos,
+                                           const VdirCalendars& previous) const;
+  void patchFile(Slot& slot, std::size_t collection, VdirSnapshot& next, VdirFileRecords& records);
   void problem(std::string path, VdirDiagnostic::Action action, std::string text);
   std::size_t addSlot(struct Slot slot);
 

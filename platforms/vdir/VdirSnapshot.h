@@ -4,17 +4,67 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 #include "platforms/vdir/VdirItem.h"
 #include "platforms/vdir/VdirObjects.h"
 
 namespace vesp::vdir {
+
+struct VdirCollection;
+
+// Where each event series and to-do of a snapshot is, by its identifier. A save makes the next
+// snapshot's table from this one's without copying it: the table built by the last scan is shared,
+// and only the entries that saves changed since are kept beside it, until there are enough of them
+// to build the table again. Immutable once made.
+class VdirEntries {
+ public:
+  struct Entry {
+    std::size_t collection = 0;
+    std::shared_ptr<const VdirItem> item;  // keeps the identifier that is the entry's key alive
+    bool todo = false;
+    std::size_t index = 0;  // in the item's series or to-dos
+  };
+
+  // Every series and to-do of `collections`.
+  static VdirEntries of(const std::vector<VdirCollection>& collections);
+  // This table without the entries of `removed` and with those of `added`, in collection
+  // `collection` (either item may be null). Built again from `collections` (the snapshot's with the
+  // change) when the changes kept beside the shared table grow past a fraction of it.
+  VdirEntries replaced(const VdirItem* removed, const std::shared_ptr<const VdirItem>& added, std::size_t collection,
+                       const std::vector<VdirCollection>& collections) const;
+
+  // The entry with this identifier, or null.
+  const Entry* find(std::string_view identifier) const;
+  std::size_t size() const { return size_; }
+  // Calls `visit(identifier, entry)` for every entry, in no order.
+  template <typename Visit>
+  void forEach(Visit&& visit) const {
+    if (base_)
+      for (const auto& [identifier, entry] : *base_)
+        if (!changes_ || !changes_->count(identifier)) visit(identifier, entry);
+    if (changes_)
+      for (const auto& [identifier, entry] : *changes_)
+        if (entry.item) visit(std::string_view(identifier), entry);
+  }
+
+ private:
+  struct Hash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
+  };
+  using Table = std::unordered_map<std::string_view, Entry>;
+  // Changed entries by identifier; one without an item was removed.
+  using Changes = std::unordered_map<std::string, Entry, Hash, std::equal_to<>>;
+  std::shared_ptr<const Table> base_;
+  std::shared_ptr<const Changes> changes_;
+  std::size_t size_ = 0;
+};
 
 struct VdirCollection {
   std::string identifier;  // its path within the store: "work/meetings" (names escaped, see VdirText)
@@ -25,16 +75,8 @@ struct VdirCollection {
 
 struct VdirSnapshot {
   std::vector<VdirCollection> collections;  // by identifier
-  // Where each event series and to-do is, by its identifier.
-  struct Entry {
-    std::size_t collection = 0, item = 0;
-    bool todo = false;
-    std::size_t index = 0;  // in the item's series or to-dos
-  };
-  // (Keys point into the items' own strings, which live as long as the snapshot.)
-  std::unordered_map<std::string_view, Entry> entries;
-  // The files served, by path.
-  std::unordered_set<std::string_view> paths;
+  using Entry = VdirEntries::Entry;
+  VdirEntries entries;
   std::vector<VdirDiagnostic> diagnostics;
   bool rootExists = false;
   bool rootReadable = false;

@@ -338,12 +338,13 @@ rivet::RivetResult<std::shared_ptr<const VdirSnapshot>> VdirStore::save(std::vec
     std::vector<std::pair<std::string, std::string>> paths;
     for (const auto& change : changes) paths.emplace_back(change.collection, change.name);
     VdirScanner scanner(options_, *env_, *zones_, *clock_, 1);
-    scanner.relist(*snapshot(), files_, paths);
+    auto previous = snapshot();
+    scanner.relist(*previous, paths);
     scanner.look(files_);
     parses_ += scanner.read();
     // The cache is left to the next scan: encoding it costs far more than a save, and a cache
     // that misses the files saved only has them read again at the next open.
-    changed = adopt(scanner.finish(calendars_), scannedAt, false);
+    changed = adopt(scanner.patch(*previous, files_, calendars_), scannedAt, false);
     saved = snapshot();
   }
   if (changed) notifyListeners();

@@ -55,15 +55,7 @@ class VdirQueriesTest : public ::testing::Test {
   }
 
   static std::shared_ptr<const VdirSnapshot> withEntries(const std::shared_ptr<VdirSnapshot>& snapshot) {
-    for (std::size_t c = 0; c < snapshot->collections.size(); ++c) {
-      const auto& items = snapshot->collections[c].items;
-      for (std::size_t i = 0; i < items.size(); ++i) {
-        for (std::size_t s = 0; s < items[i]->series.size(); ++s)
-          snapshot->entries.emplace(items[i]->series[s].identifier, VdirSnapshot::Entry{c, i, false, s});
-        for (std::size_t t = 0; t < items[i]->todos.size(); ++t)
-          snapshot->entries.emplace(items[i]->todos[t].todoData->identifier, VdirSnapshot::Entry{c, i, true, t});
-      }
-    }
+    snapshot->entries = VdirEntries::of(snapshot->collections);
     return snapshot;
   }
 

@@ -90,7 +90,6 @@ TEST_F(VdirScannerTest, CollectionsAndAccountsAreListedByNameWithTheirFilesInOrd
   EXPECT_EQ(alpha.calendar->fields().type, platform::EKCalendarTypeLocal);
   EXPECT_EQ(alpha.calendar->fields().title, "Alpha");
   EXPECT_THAT(alpha.items, IsEmpty());
-  EXPECT_EQ(result.snapshot->paths.size(), 4u);
   EXPECT_EQ(result.snapshot->entries.size(), 4u);
   EXPECT_THAT(problems(*result.snapshot), IsEmpty());
 }

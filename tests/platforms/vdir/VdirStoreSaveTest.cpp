@@ -4,7 +4,9 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <mutex>
+#include <random>
 #include <set>
 #include <thread>
 
@@ -32,6 +34,20 @@ std::set<std::string> titlesOn10March(VdirStore& store) {
   std::set<std::string> titles;
   for (const auto& found : store.events(utc(2026, 3, 10), utc(2026, 3, 11), std::nullopt)) titles.insert(*found->title());
   return titles;
+}
+
+std::string todoFile(const std::string& uid, const std::string& title) {
+  return "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Vesp tests//EN\r\nBEGIN:VTODO\r\nUID:" + uid +
+         "\r\nSUMMARY:" + title + "\r\nEND:VTODO\r\nEND:VCALENDAR\r\n";
+}
+
+// One file holding two events, each its own series.
+std::string twoEvents(const std::string& first, const std::string& second, const std::string& title) {
+  auto one = simpleEvent(first, title, "20260310T090000Z", "20260310T100000Z");
+  auto two = simpleEvent(second, title + " too", "20260310T110000Z", "20260310T120000Z");
+  const std::string end = "END:VCALENDAR\r\n";
+  const auto begin = two.find("BEGIN:VEVENT");
+  return one.substr(0, one.size() - end.size()) + two.substr(begin);
 }
 
 VdirFileChange replacing(const VdirFileToEdit& file, std::string bytes) {
@@ -250,6 +266,106 @@ TEST_F(VdirStoreSaveTest, AnItemsPathGivesItsCollectionAndTheFileNameOnDisk) {
   EXPECT_TRUE(titlesOn10March(store).count("Saved"));
   EXPECT_EQ(store.fileOf("no-slash"), std::nullopt);
   EXPECT_EQ(store.fileOf("c/100%.ics"), std::nullopt);
+}
+
+// Everything a snapshot serves, as lines of text: the collections with their calendars' fields and
+// items, the look-up table and the problems found.
+std::vector<std::string> served(const VdirSnapshot& snapshot) {
+  std::vector<std::string> lines{"root " + std::to_string(snapshot.rootExists) + std::to_string(snapshot.rootReadable)};
+  auto title = [](const VdirComponentData& data) { return data.summary.value_or("-"); };
+  for (const auto& collection : snapshot.collections) {
+    const auto& fields = collection.calendar->fields();
+    lines.push_back("collection " + collection.identifier + " \"" + fields.title + "\" types " +
+                    std::to_string(fields.entityTypes) + (fields.writable ? " writable" : ""));
+    for (const auto& item : collection.items) {
+      std::string line = "  " + item->relativePath;
+      for (const auto& series : item->series)
+        line += " series " + series.identifier + " " + (series.master ? title(*series.master) : "(overrides)");
+      for (const auto& todo : item->todos) line += " to-do " + todo.todoData->identifier + " " + title(todo);
+      lines.push_back(line);
+    }
+  }
+  std::vector<std::string> entries;
+  snapshot.entries.forEach([&](std::string_view identifier, const VdirSnapshot::Entry& entry) {
+    const auto& items = snapshot.collections.at(entry.collection).items;
+    const bool inCollection = std::find(items.begin(), items.end(), entry.item) != items.end();
+    entries.push_back("entry " + std::string(identifier) + " " + entry.item->relativePath +
+                      (entry.todo ? " to-do " : " series ") + std::to_string(entry.index) +
+                      (inCollection ? "" : " (not in its collection)"));
+  });
+  std::sort(entries.begin(), entries.end());
+  lines.insert(lines.end(), entries.begin(), entries.end());
+  lines.push_back("entries " + std::to_string(snapshot.entries.size()));
+  std::vector<std::string> problems;
+  for (const auto& diagnostic : snapshot.diagnostics)
+    problems.push_back("problem " + diagnostic.path + ": " + diagnostic.problem);
+  std::sort(problems.begin(), problems.end());
+  lines.insert(lines.end(), problems.begin(), problems.end());
+  return lines;
+}
+
+// Random creations, replacements, removals and moves of whole files, each checked against a scan
+// of the tree from nothing: a save patches the snapshot before it, and must serve what a scan would.
+TEST_F(VdirStoreSaveTest, WhatASaveServesIsWhatAScanOfTheTreeServes) {
+  writeFile(root.path() / "t/t.ics", todoFile("t", "Todo"));  // a reminder list, until events come into it
+  auto platform = open();
+  auto& store = *platform->store();
+  const std::vector<std::string> collections{"c", "d", "t"};
+  std::mt19937 random(20261126);
+  auto below = [&](std::size_t n) { return std::uniform_int_distribution<std::size_t>(0, n - 1)(random); };
+  // What a file may hold: an event, a to-do, two events (two series) or what is no iCalendar at all.
+  auto content = [&](std::size_t step) {
+    const std::string n = std::to_string(step);
+    switch (below(8)) {
+      case 0: return std::string("not a calendar ") + n;
+      case 1: case 2: return todoFile("t" + n, "To-do " + n);
+      case 3: return twoEvents("a" + n, "b" + n, "Pair " + n);
+      default: return simpleEvent("e" + n, "Event " + n, "20260310T090000Z", "20260310T100000Z");
+    }
+  };
+  std::set<std::string> broken;  // files that cannot be read to edit them
+  std::size_t saves = 0;
+  for (std::size_t step = 0; step < 150; ++step) {
+    const std::string collection = collections[below(3)], name = "f" + std::to_string(below(6)) + ".ics";
+    if (broken.count(collection + "/" + name)) continue;
+    auto file = store.readToEdit(collection, name);
+    ASSERT_TRUE(file.has_value()) << file.error().message();
+    std::vector<VdirFileChange> changes;
+    std::string text = content(step);
+    if (!file->basis.status) {
+      changes.push_back(replacing(*file, text));
+    } else if (const auto choice = below(3); choice == 0) {
+      changes.push_back(replacing(*file, text));
+    } else if (choice == 1) {
+      changes.push_back({collection, name, std::nullopt, file->basis});
+    } else {
+      // A move: the file's text into another collection, under the same name when it is free there.
+      const std::string other = collections[(std::find(collections.begin(), collections.end(), collection) -
+                                             collections.begin() + 1 + below(2)) % 3];
+      if (broken.count(other + "/" + name)) continue;
+      auto target = store.readToEdit(other, name);
+      ASSERT_TRUE(target.has_value()) << target.error().message();
+      if (target->basis.status) continue;
+      text = file->basis.text;
+      changes.push_back(replacing(*target, text));
+      changes.push_back({collection, name, std::nullopt, file->basis});
+    }
+    auto saved = store.save(changes);
+    ASSERT_TRUE(saved.has_value()) << saved.error().message();
+    ++saves;
+    for (const auto& change : changes)
+      if (change.bytes && change.bytes->rfind("not a calendar", 0) == 0)
+        broken.insert(change.collection + "/" + change.name);
+    VdirStoreOptions options = platform->store()->options();
+    options.cacheDirectory = "";
+    auto scanned = VdirStore::make(options);
+    ASSERT_EQ(served(*store.snapshot()), served(*scanned->snapshot())) << "after save " << saves;
+  }
+  EXPECT_GT(saves, 100u);
+  // The records kept for the files written are those of the files on disk: a rescan reads nothing.
+  const auto parses = store.parseCount();
+  EXPECT_FALSE(store.refresh());
+  EXPECT_EQ(store.parseCount(), parses);
 }
 
 }  // namespace

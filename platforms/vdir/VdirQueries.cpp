@@ -40,6 +40,11 @@ std::shared_ptr<platform::EKEvent> VdirQueries::makeEvent(const std::shared_ptr<
 
 std::shared_ptr<VdirTimeIndex> VdirQueries::indexFor(const std::shared_ptr<const VdirSnapshot>& snapshot) {
   if (index_ && index_->snapshot() == snapshot) return index_;
+  // A snapshot a save made from the index's own: the index follows the save's changes.
+  if (index_ && snapshot->patchedFrom.lock() == index_->snapshot()) {
+    index_ = std::make_shared<VdirTimeIndex>(snapshot, *index_);
+    return index_;
+  }
   auto index = std::make_shared<VdirTimeIndex>(snapshot);
   if (index_) index->carryOver(*index_);
   index_ = index;

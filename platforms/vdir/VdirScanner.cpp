@@ -442,17 +442,18 @@ VdirScanResult VdirScanner::finish(const VdirCalendars& previous) {
   return result;
 }
 
-VdirScanResult VdirScanner::patch(const VdirSnapshot& previous, VdirFileRecords& records,
+VdirScanResult VdirScanner::patch(const std::shared_ptr<const VdirSnapshot>& previous, VdirFileRecords& records,
                                   const VdirCalendars& calendars) {
   VdirScanResult result;
   result.reread = toParse_.size();
   result.calendars = calendars;
   auto& next = *next_;
-  next.collections = previous.collections;
-  next.entries = previous.entries;
+  next.collections = previous->collections;
+  next.entries = previous->entries;
+  next.patchedFrom = previous;
   std::unordered_set<std::string_view> reread;
   for (const Slot& slot : slots_) reread.insert(slot.relative);
-  for (const auto& diagnostic : previous.diagnostics)
+  for (const auto& diagnostic : previous->diagnostics)
     if (!reread.count(diagnostic.path)) next.diagnostics.push_back(diagnostic);
   for (const Collection& pending : collections_) {
     const auto c = static_cast<std::size_t>(
@@ -484,6 +485,7 @@ void VdirScanner::patchFile(Slot& slot, std::size_t c, VdirSnapshot& next, VdirF
   if (at != items.end() && (*at)->relativePath == slot.relative) removed = *at;
   const bool kept = !slot.gone && !slot.unreadable;
   std::shared_ptr<const VdirItem> added = kept ? slot.record.item : nullptr;
+  next.patches.push_back({c, static_cast<std::size_t>(at - items.begin()), removed.get(), added.get()});
   if (removed && added) *at = added;
   else if (removed) items.erase(at);
   else if (added) items.insert(at, added);

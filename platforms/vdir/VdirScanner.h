@@ -69,9 +69,10 @@ class VdirScanner {
   // After relist(): `previous` (the snapshot relist() was given) with the files read again in place
   // of their old versions, or without them when they are gone, and its `records` changed alike
   // (moved into the result). Costs about a copy of the collections' item lists: the look-up table
-  // is shared with `previous` (see VdirEntries). Calendars are kept from `calendars` unless their
-  // fields changed.
-  VdirScanResult patch(const VdirSnapshot& previous, VdirFileRecords& records, const VdirCalendars& calendars);
+  // is shared with `previous` (see VdirEntries), and the snapshot names what changed in it (its
+  // patches). Calendars are kept from `calendars` unless their fields changed.
+  VdirScanResult patch(const std::shared_ptr<const VdirSnapshot>& previous, VdirFileRecords& records,
+                       const VdirCalendars& calendars);
 
  private:
   struct Slot;

@@ -78,6 +78,16 @@ struct VdirSnapshot {
   using Entry = VdirEntries::Entry;
   VdirEntries entries;
   std::vector<VdirDiagnostic> diagnostics;
+  // A snapshot a save made from another: that one, and what the save changed in it, in order (the
+  // time index follows these changes rather than being built again).
+  struct Patch {
+    std::size_t collection = 0;
+    std::size_t position = 0;          // of the file's item among the collection's, before the change
+    const VdirItem* removed = nullptr;  // the file's item before (alive in `patchedFrom`), or none
+    const VdirItem* added = nullptr;    // after (alive in this snapshot), or none
+  };
+  std::weak_ptr<const VdirSnapshot> patchedFrom;
+  std::vector<Patch> patches;
   bool rootExists = false;
   bool rootReadable = false;
   std::uint64_t generation = 0;

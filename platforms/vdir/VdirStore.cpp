@@ -344,7 +344,7 @@ rivet::RivetResult<std::shared_ptr<const VdirSnapshot>> VdirStore::save(std::vec
     parses_ += scanner.read();
     // The cache is left to the next scan: encoding it costs far more than a save, and a cache
     // that misses the files saved only has them read again at the next open.
-    changed = adopt(scanner.patch(*previous, files_, calendars_), scannedAt, false);
+    changed = adopt(scanner.patch(previous, files_, calendars_), scannedAt, false);
     saved = snapshot();
   }
   if (changed) notifyListeners();

@@ -4,29 +4,75 @@
 #include <cmath>
 #include <limits>
 #include <string>
+#include <utility>
 
 namespace vesp::vdir {
+
+namespace {
+
+bool byFirst(const VdirTimeIndex::Entry& a, const VdirTimeIndex::Entry& b) { return a.first < b.first; }
+
+}  // namespace
 
 VdirTimeIndex::VdirTimeIndex(std::shared_ptr<const VdirSnapshot> snapshot) : snapshot_(std::move(snapshot)) {
   for (std::size_t c = 0; c < snapshot_->collections.size(); ++c) {
     const auto& items = snapshot_->collections[c].items;
     for (std::size_t i = 0; i < items.size(); ++i)
-      for (const auto& series : items[i]->series) {
-        Entry entry{series.firstStart, series.lastEnd.value_or(std::numeric_limits<double>::infinity()),
-                    static_cast<std::uint32_t>(c), static_cast<std::uint32_t>(i), &series};
-        if (!series.lastEnd) {
-          unbounded_.push_back(entry);
-          continue;
-        }
-        std::size_t lengthClass = 0;
-        for (double span = kLengthUnit; span < entry.last - entry.first && lengthClass < 62; span *= 2) ++lengthClass;
-        if (bounded_.size() <= lengthClass) bounded_.resize(lengthClass + 1);
-        bounded_[lengthClass].push_back(entry);
-      }
+      add(*items[i], static_cast<std::uint32_t>(c), static_cast<std::uint32_t>(i), false);
   }
-  auto byFirst = [](const Entry& a, const Entry& b) { return a.first < b.first; };
   for (auto& list : bounded_) std::sort(list.begin(), list.end(), byFirst);
   std::sort(unbounded_.begin(), unbounded_.end(), byFirst);
+}
+
+VdirTimeIndex::VdirTimeIndex(std::shared_ptr<const VdirSnapshot> snapshot, VdirTimeIndex& previous)
+    : snapshot_(std::move(snapshot)), bounded_(previous.bounded_), unbounded_(previous.unbounded_) {
+  // The new index is not shared yet: no one else can hold its lock while the previous one's is taken.
+  rivet::RivetMutexLock lock(mutex_);
+  rivet::RivetMutexLock lockPrevious(previous.mutex_);
+  periods_ = std::move(previous.periods_);
+  previous.periods_.clear();
+  cachedOccurrences_ = std::exchange(previous.cachedOccurrences_, 0);
+  for (const auto& patch : snapshot_->patches) apply(patch);
+}
+
+void VdirTimeIndex::add(const VdirItem& item, std::uint32_t collection, std::uint32_t position, bool inPlace) {
+  for (const auto& series : item.series) {
+    Entry entry{series.firstStart, series.lastEnd.value_or(std::numeric_limits<double>::infinity()), collection,
+                position, &series};
+    std::vector<Entry>* list = &unbounded_;
+    if (series.lastEnd) {
+      std::size_t lengthClass = 0;
+      for (double span = kLengthUnit; span < entry.last - entry.first && lengthClass < 62; span *= 2) ++lengthClass;
+      if (bounded_.size() <= lengthClass) bounded_.resize(lengthClass + 1);
+      list = &bounded_[lengthClass];
+    }
+    if (inPlace) list->insert(std::upper_bound(list->begin(), list->end(), entry, byFirst), entry);
+    else list->push_back(entry);
+  }
+}
+
+void VdirTimeIndex::apply(const VdirSnapshot::Patch& patch) {
+  const auto collection = static_cast<std::uint32_t>(patch.collection);
+  const auto position = static_cast<std::uint32_t>(patch.position);
+  // The removed item's series leave; the items after the file's place move down (a file gone) or
+  // up (a file new) by one.
+  const bool gone = patch.removed && !patch.added, fresh = !patch.removed && patch.added;
+  auto follow = [&](std::vector<Entry>& list) {
+    if (patch.removed)
+      std::erase_if(list, [&](const Entry& entry) { return entry.collection == collection && entry.item == position; });
+    if (!gone && !fresh) return;
+    for (Entry& entry : list)
+      if (entry.collection == collection && entry.item >= position) entry.item = gone ? entry.item - 1 : entry.item + 1;
+  };
+  follow(unbounded_);
+  for (auto& list : bounded_) follow(list);
+  if (patch.removed)
+    for (const auto& series : patch.removed->series)
+      if (auto found = periods_.find(&series); found != periods_.end()) {
+        for (const auto& [period, data] : found->second) cachedOccurrences_ -= data.occurrences.size();
+        periods_.erase(found);
+      }
+  if (patch.added) add(*patch.added, collection, position, true);
 }
 
 std::size_t VdirTimeIndex::cachedOccurrences() const {

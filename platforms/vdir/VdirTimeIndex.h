@@ -48,6 +48,11 @@ class VdirTimeIndex {
   };
 
   explicit VdirTimeIndex(std::shared_ptr<const VdirSnapshot> snapshot);
+  // The index of a snapshot a save made from the snapshot of `previous` (see VdirSnapshot::patches):
+  // previous's lists with the saved files' series taken out and put in, and the periods previous
+  // kept, taken over (less those of the series taken out). Costs a copy of the lists, not a sort.
+  VdirTimeIndex(std::shared_ptr<const VdirSnapshot> snapshot, VdirTimeIndex& previous)
+      RIVET_EXCLUDES(previous.mutex_);
 
   const std::shared_ptr<const VdirSnapshot>& snapshot() const { return snapshot_; }
   // Occurrences kept, over all series.
@@ -123,6 +128,11 @@ class VdirTimeIndex {
   using Periods = std::map<std::int64_t, Period>;
 
   void forgetAllBut(const Periods& keep) RIVET_REQUIRES(mutex_);
+  // Adds the series of `item`, the item at `position` in collection `collection`: appended, for a
+  // sort to follow, or `inPlace`, in order.
+  void add(const VdirItem& item, std::uint32_t collection, std::uint32_t position, bool inPlace);
+  // Follows one file's change in the snapshot (see VdirSnapshot::Patch).
+  void apply(const VdirSnapshot::Patch& patch) RIVET_REQUIRES(mutex_);
 
   // Constant after construction.
   std::shared_ptr<const VdirSnapshot> snapshot_;

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "platforms/vdir/VdirErrors.h"
+#include "platforms/vdir/VdirObjects.h"
 #include "platforms/vdir/VdirPlatform.h"
 #include "platforms/vdir/VdirStore.h"
 #include "tests/platforms/vdir/VdirTestSupport.h"
@@ -304,8 +305,21 @@ std::vector<std::string> served(const VdirSnapshot& snapshot) {
   return lines;
 }
 
+// The occurrences of March 2026, as lines of text, each with the file it was read from.
+std::vector<std::string> march(VdirStore& store) {
+  std::vector<std::string> lines;
+  for (const auto& event : store.events(utc(2026, 3, 1), utc(2026, 4, 1), std::nullopt)) {
+    auto read = std::dynamic_pointer_cast<VdirEvent>(event);
+    lines.push_back(event->eventIdentifier().value_or("-") + " " + event->title().value_or("-") + " " +
+                    event->startDate().value().iso8601() + " " + event->calendar()->calendarIdentifier() + " from " +
+                    (read ? read->fields().item->relativePath : "?"));
+  }
+  return lines;
+}
+
 // Random creations, replacements, removals and moves of whole files, each checked against a scan
-// of the tree from nothing: a save patches the snapshot before it, and must serve what a scan would.
+// of the tree from nothing: a save patches the snapshot before it (and a query after it, the time
+// index and the expansions it keeps), and must serve what a scan would.
 TEST_F(VdirStoreSaveTest, WhatASaveServesIsWhatAScanOfTheTreeServes) {
   writeFile(root.path() / "t/t.ics", todoFile("t", "Todo"));  // a reminder list, until events come into it
   auto platform = open();
@@ -313,13 +327,19 @@ TEST_F(VdirStoreSaveTest, WhatASaveServesIsWhatAScanOfTheTreeServes) {
   const std::vector<std::string> collections{"c", "d", "t"};
   std::mt19937 random(20261126);
   auto below = [&](std::size_t n) { return std::uniform_int_distribution<std::size_t>(0, n - 1)(random); };
-  // What a file may hold: an event, a to-do, two events (two series) or what is no iCalendar at all.
+  // What a file may hold: an event, a daily one, a to-do, two events (two series) or what is no
+  // iCalendar at all.
   auto content = [&](std::size_t step) {
     const std::string n = std::to_string(step);
-    switch (below(8)) {
+    switch (below(9)) {
       case 0: return std::string("not a calendar ") + n;
       case 1: case 2: return todoFile("t" + n, "To-do " + n);
       case 3: return twoEvents("a" + n, "b" + n, "Pair " + n);
+      case 4: {
+        const std::string day = "2026030" + std::to_string(1 + below(9));
+        return simpleEvent("d" + n, "Daily " + n, day + "T080000Z", day + "T090000Z",
+                           "RRULE:FREQ=DAILY;COUNT=" + std::to_string(2 + below(40)) + "\r\n");
+      }
       default: return simpleEvent("e" + n, "Event " + n, "20260310T090000Z", "20260310T100000Z");
     }
   };
@@ -360,6 +380,7 @@ TEST_F(VdirStoreSaveTest, WhatASaveServesIsWhatAScanOfTheTreeServes) {
     options.cacheDirectory = "";
     auto scanned = VdirStore::make(options);
     ASSERT_EQ(served(*store.snapshot()), served(*scanned->snapshot())) << "after save " << saves;
+    ASSERT_EQ(march(store), march(*scanned)) << "after save " << saves;
   }
   EXPECT_GT(saves, 100u);
   // The records kept for the files written are those of the files on disk: a rescan reads nothing.

@@ -10,7 +10,8 @@ namespace {
 template <typename Add>
 void eachEntryOf(const VdirItem& item, Add&& add) {
   for (std::size_t s = 0; s < item.series.size(); ++s) add(std::string_view(item.series[s].identifier), false, s);
-  for (std::size_t t = 0; t < item.todos.size(); ++t) add(std::string_view(item.todos[t].todoData->identifier), true, t);
+  for (std::size_t t = 0; t < item.todos.size(); ++t)
+    add(std::string_view(item.todos[t].todoData->identifier), true, t);
 }
 
 // Changes kept beside the shared table before it is built again: a save costs little, and a
@@ -44,20 +45,25 @@ VdirEntries VdirEntries::replaced(const VdirItem* removed, const std::shared_ptr
   next.base_ = base_;
   next.size_ = size_;
   auto changes = changes_ ? std::make_shared<Changes>(*changes_) : std::make_shared<Changes>();
-  // Identifiers are unique in a snapshot (a file's path, with "#" and more for its other series).
-  auto present = [&](std::string_view identifier) {
-    if (auto changed = changes->find(identifier); changed != changes->end()) return changed->second.item != nullptr;
-    return base_ && base_->count(identifier) > 0;
+  // The item an identifier names so far, or null.
+  auto owner = [&](std::string_view identifier) -> const VdirItem* {
+    if (auto changed = changes->find(identifier); changed != changes->end()) return changed->second.item.get();
+    if (!base_) return nullptr;
+    auto found = base_->find(identifier);
+    return found == base_->end() ? nullptr : found->second.item.get();
   };
+  // An identifier is a file's path, with "#" and more for its other series, so two files name the
+  // same one only when a file's name holds a "#": then the entry stays with the item that has it.
   if (removed)
     eachEntryOf(*removed, [&](std::string_view identifier, bool, std::size_t) {
-      if (!present(identifier)) return;
+      if (owner(identifier) != removed) return;
       --next.size_;
       (*changes)[std::string(identifier)] = Entry{};
     });
   if (added)
     eachEntryOf(*added, [&](std::string_view identifier, bool todo, std::size_t index) {
-      if (!present(identifier)) ++next.size_;
+      if (owner(identifier)) return;
+      ++next.size_;
       (*changes)[std::string(identifier)] = Entry{collection, added, todo, index};
     });
   next.changes_ = std::move(changes);

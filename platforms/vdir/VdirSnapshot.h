@@ -1,5 +1,6 @@
 // What one scan of a vdir tree serves: its collections, their items and the problems found.
-// Immutable once made, and replaced whole by the next scan.
+// Immutable once made, and replaced whole by the next scan, or by a save's patch of it, which
+// shares with it what the save did not change.
 #pragma once
 
 #include <cstddef>

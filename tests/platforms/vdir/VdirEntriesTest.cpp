@@ -82,7 +82,8 @@ TEST_F(VdirEntriesTest, ATableChangedAFileAtATimeAnswersAsOneBuiltAfresh) {
     ASSERT_EQ(entries.size(), fresh.size()) << "step " << step;
     ASSERT_EQ(listed(entries), listed(fresh)) << "step " << step;
     if (removed && !added) {
-      for (const auto& series : removed->series) EXPECT_EQ(entries.find(series.identifier), nullptr) << series.identifier;
+      for (const auto& series : removed->series)
+        EXPECT_EQ(entries.find(series.identifier), nullptr) << series.identifier;
     }
     if (added) {
       const auto* found = entries.find(added->relativePath);

@@ -17,7 +17,8 @@ bool isHashName(const std::string& name) {
 TEST(VdirFileNamesTest, ASafeUidNamesItsFile) {
   EXPECT_EQ(fileNameForUid("abc-123"), "abc-123.ics");
   EXPECT_EQ(fileNameForUid("A.b_c+d-E"), "A.b_c+d-E.ics");
-  EXPECT_EQ(fileNameForUid(std::string(200, 'u')), std::string(200, 'u') + ".ics");
+  const std::string longUid(200, 'u');
+  EXPECT_EQ(fileNameForUid(longUid), longUid + ".ics");
 }
 
 TEST(VdirFileNamesTest, AnyOtherUidIsNamedByItsHashAndNeverLeavesTheCollection) {

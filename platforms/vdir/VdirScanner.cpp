@@ -85,6 +85,10 @@ void runOnEveryCore(unsigned threads, std::size_t count, std::size_t perThread,
 
 }  // namespace
 
+bool isItemFileName(const std::string& name) {
+  return !name.empty() && name[0] != '.' && name.find('/') == std::string::npos && endsWith(name, ".ics");
+}
+
 struct VdirScanner::Slot {
   std::string relative, name, path;
   const VdirDirectory* directory = nullptr;  // the file's directory held open, else path is set
@@ -179,7 +183,7 @@ void VdirScanner::addCollection(Listing listing, const std::string& identifier,
     held = directories_.back().get();
   }
   for (auto& entry : listing.entries) {
-    if (!endsWith(entry.name, ".ics")) continue;
+    if (!isItemFileName(entry.name)) continue;
     std::string relative = identifier + "/" + escapedName(entry.name);
     if (!insideRoot(listing, entry, relative)) continue;
     Slot slot;

@@ -34,6 +34,9 @@ class VdirEnv;
 struct VdirDirectoryEntry;
 class VdirZones;
 
+// Whether a scan reads a file of this name in a collection as an item: "NAME.ics", not hidden.
+bool isItemFileName(const std::string& name);
+
 using VdirSources = std::map<std::string, std::shared_ptr<VdirSource>>;
 using VdirCalendars = std::map<std::string, std::shared_ptr<VdirCalendar>>;
 

@@ -19,6 +19,31 @@ void eachEntryOf(const VdirItem& item, Add&& add) {
 constexpr std::size_t kMinimumChanges = 1024;
 constexpr std::size_t kChangesPerEntry = 16;
 
+// The entry a table built afresh from `collections` has for `identifier`: the first item, by
+// collection and then by path, that names it. It is the file with that path, or the file whose
+// path is the identifier up to one of its "#"s.
+VdirEntries::Entry firstNaming(std::string_view identifier, const std::vector<VdirCollection>& collections) {
+  // Shorter paths come first, as they do among a collection's items.
+  std::vector<std::string_view> paths;
+  for (auto end = identifier.find('#'); end != std::string_view::npos; end = identifier.find('#', end + 1))
+    paths.push_back(identifier.substr(0, end));
+  paths.push_back(identifier);
+  for (std::size_t c = 0; c < collections.size(); ++c) {
+    const auto& items = collections[c].items;
+    for (std::string_view path : paths) {
+      auto at = std::lower_bound(items.begin(), items.end(), path,
+                                 [](const auto& item, std::string_view p) { return item->relativePath < p; });
+      if (at == items.end() || (*at)->relativePath != path) continue;
+      VdirEntries::Entry first;
+      eachEntryOf(**at, [&](std::string_view named, bool todo, std::size_t index) {
+        if (named == identifier) first = {c, *at, todo, index};
+      });
+      if (first.item) return first;
+    }
+  }
+  return {};
+}
+
 }  // namespace
 
 VdirEntries VdirEntries::of(const std::vector<VdirCollection>& collections) {
@@ -53,19 +78,32 @@ VdirEntries VdirEntries::replaced(const VdirItem* removed, const std::shared_ptr
     return found == base_->end() ? nullptr : found->second.item.get();
   };
   // An identifier is a file's path, with "#" and more for its other series, so two files name the
-  // same one only when a file's name holds a "#": then the entry stays with the item that has it.
+  // same one only when it holds a "#" ("a.ics#b.ics", and the series of "a.ics" whose UID is
+  // "b.ics"). Those are given afresh below; the others belong to one file each.
+  std::vector<std::pair<std::string_view, bool>> shared;  // and whether it had an entry
+  auto isShared = [&](std::string_view identifier) {
+    if (identifier.find('#') == std::string_view::npos) return false;
+    if (std::none_of(shared.begin(), shared.end(), [&](const auto& s) { return s.first == identifier; }))
+      shared.emplace_back(identifier, owner(identifier) != nullptr);
+    return true;
+  };
   if (removed)
     eachEntryOf(*removed, [&](std::string_view identifier, bool, std::size_t) {
-      if (owner(identifier) != removed) return;
+      if (isShared(identifier) || !owner(identifier)) return;
       --next.size_;
       (*changes)[std::string(identifier)] = Entry{};
     });
   if (added)
     eachEntryOf(*added, [&](std::string_view identifier, bool todo, std::size_t index) {
-      if (owner(identifier)) return;
-      ++next.size_;
+      if (isShared(identifier)) return;
+      if (!owner(identifier)) ++next.size_;
       (*changes)[std::string(identifier)] = Entry{collection, added, todo, index};
     });
+  for (const auto& [identifier, had] : shared) {
+    Entry entry = firstNaming(identifier, collections);
+    next.size_ += static_cast<std::size_t>(entry.item != nullptr) - static_cast<std::size_t>(had);
+    (*changes)[std::string(identifier)] = std::move(entry);
+  }
   next.changes_ = std::move(changes);
   return next;
 }

@@ -320,6 +320,11 @@ rivet::RivetResult<std::shared_ptr<const VdirSnapshot>> VdirStore::save(std::vec
   const auto firstOther = std::stable_partition(changes.begin(), changes.end(), createsFile);
   if (changes.end() - firstOther > 1)
     return storeError(VdirErrorCode::invalidChange, "a save replaces or removes one file at most", __func__, __LINE__);
+  // Only files a scan reads: a save serves what a scan of the tree would.
+  for (const auto& change : changes)
+    if (!isItemFileName(change.name))
+      return storeError(VdirErrorCode::invalidChange, "\"" + change.name + "\" is not the name of an item's file",
+                        __func__, __LINE__);
   // Saving without a change writes nothing.
   changes.erase(std::remove_if(changes.begin(), changes.end(),
                                [](const VdirFileChange& change) {

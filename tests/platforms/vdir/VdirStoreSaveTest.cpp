@@ -1,5 +1,6 @@
 // Saving through the vdir store: what a save writes, what it refuses, and that every query sees
 // it when the save returns, from re-reading only the files it wrote.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
@@ -20,6 +21,7 @@ namespace vesp::vdir {
 namespace {
 
 using testing::codeOf;
+using ::testing::HasSubstr;
 using testing::readFile;
 using testing::simpleEvent;
 using testing::TemporaryDirectory;
@@ -251,6 +253,21 @@ TEST_F(VdirStoreSaveTest, ASaveReplacesOrRemovesOneFileAtMost) {
   EXPECT_EQ(readFile(root.path() / "c/e1.ics"), event(1, "E1"));
 }
 
+TEST_F(VdirStoreSaveTest, OnlyFilesAScanReadsAreSaved) {
+  auto platform = open();
+  auto& store = *platform->store();
+  const auto before = testing::treeState(root.path());
+  for (const std::string name : {"notes.txt", ".hidden.ics", "e1.ics#x", "ics"}) {
+    auto file = store.readToEdit("c", name);
+    ASSERT_TRUE(file.has_value()) << name;
+    auto saved = store.save({replacing(*file, event(40, "Stray"))});
+    ASSERT_FALSE(saved.has_value()) << name;
+    EXPECT_EQ(codeOf(saved.error()), VdirErrorCode::invalidChange);
+    EXPECT_THAT(saved.error().message(), HasSubstr("\"" + name + "\" is not the name of an item's file"));
+  }
+  EXPECT_EQ(testing::treeState(root.path()), before);
+}
+
 TEST_F(VdirStoreSaveTest, AnItemsPathGivesItsCollectionAndTheFileNameOnDisk) {
   writeFile(root.path() / "c" / "caf\xE9 100%.ics", event(30, "Latin-1"));
   auto platform = open();
@@ -328,14 +345,15 @@ TEST_F(VdirStoreSaveTest, WhatASaveServesIsWhatAScanOfTheTreeServes) {
   std::mt19937 random(20261126);
   auto below = [&](std::size_t n) { return std::uniform_int_distribution<std::size_t>(0, n - 1)(random); };
   // What a file may hold: an event, a daily one, a to-do, two events (two series) or what is no
-  // iCalendar at all.
+  // iCalendar at all. The second of two events has the UID "x.ics", so the file "f0.ics#x.ics" and
+  // the second series of "f0.ics" name the same identifier.
   auto content = [&](std::size_t step) {
     const std::string n = std::to_string(step);
     switch (below(9)) {
       case 0: return std::string("not a calendar ") + n;
       case 1: case 2: return todoFile("t" + n, "To-do " + n);
-      case 3: return twoEvents("a" + n, "b" + n, "Pair " + n);
-      case 4: {
+      case 3: case 4: return twoEvents("a" + n, "x.ics", "Pair " + n);
+      case 5: {
         const std::string day = "2026030" + std::to_string(1 + below(9));
         return simpleEvent("d" + n, "Daily " + n, day + "T080000Z", day + "T090000Z",
                            "RRULE:FREQ=DAILY;COUNT=" + std::to_string(2 + below(40)) + "\r\n");
@@ -345,8 +363,9 @@ TEST_F(VdirStoreSaveTest, WhatASaveServesIsWhatAScanOfTheTreeServes) {
   };
   std::set<std::string> broken;  // files that cannot be read to edit them
   std::size_t saves = 0;
-  for (std::size_t step = 0; step < 150; ++step) {
-    const std::string collection = collections[below(3)], name = "f" + std::to_string(below(6)) + ".ics";
+  for (std::size_t step = 0; step < 200; ++step) {
+    const std::string collection = collections[below(3)];
+    const std::string name = below(3) == 0 ? "f0.ics#x.ics" : "f" + std::to_string(below(5)) + ".ics";
     if (broken.count(collection + "/" + name)) continue;
     auto file = store.readToEdit(collection, name);
     ASSERT_TRUE(file.has_value()) << file.error().message();

@@ -102,6 +102,19 @@ std::optional<platform::NSError> savedOver(const VdirStore& store, VdirItemEdito
   return saved(editor, plan);
 }
 
+// An end in the form `form` of the event's start `start`. A day's end is the first midnight at or
+// after the end, at least a day after the start: an all-day event covers every day its times touch.
+VdirTime endLike(platform::Date end, const VdirTime& start, const VdirTime& form, const VdirClock& clock) {
+  if (!form.isDate()) return timeLike(end, form, clock);
+  VdirTime day = timeLike(platform::Date(end.timeIntervalSinceReferenceDate() - 1), form, clock);
+  icaltime_adjust(&day.local, 1, 0, 0, 0);
+  if (icaltime_compare_date_only(day.local, start.local) <= 0) {
+    day.local = start.local;
+    icaltime_adjust(&day.local, 1, 0, 0, 0);
+  }
+  return day;
+}
+
 std::optional<platform::NSError> saveNew(VdirStore& store, VdirNewEvent& event) {
   const VdirSetValues set = event.setValues();
   if (!set.start || !set.end) return vdirError(VdirErrorCode::invalidChange, "a new event needs a start and an end");
@@ -114,7 +127,7 @@ std::optional<platform::NSError> saveNew(VdirStore& store, VdirNewEvent& event) 
   if (!changes.title) changes.title = "";
   const VdirTime form = newItemForm(set.allDay.value_or(false), store.clock());
   changes.start = timeLike(*set.start, form, store.clock());
-  changes.end = timeLike(*set.end, form, store.clock());
+  changes.end = endLike(*set.end, *changes.start, form, store.clock());
   VdirItemEditor editor(store.shared_from_this());
   const auto identifier = event.savedIdentifier();
   auto plan = identifier ? editor.changeEvent(*identifier, std::nullopt, VdirSpan::thisOccurrence, changes, *collection)
@@ -126,15 +139,21 @@ std::optional<platform::NSError> saveNew(VdirStore& store, VdirNewEvent& event) 
 
 std::optional<platform::NSError> saveOccurrence(VdirStore& store, const VdirEvent& event, VdirSpan span) {
   const VdirSetValues set = event.setValues();
-  if (set.allDay && *set.allDay != event.statedStart().isDate())
-    return vdirError(VdirErrorCode::invalidChange, "whether a stored event lasts all day cannot be changed");
+  // An event that comes to last all day (or no longer does) takes the days its times touch (or
+  // those days' bounds in the local zone). A series keeps one form: its occurrences change one by one.
+  const bool formChanges = set.allDay && *set.allDay != event.statedStart().isDate();
+  if (formChanges && event.fields().series->isRecurring() && span != VdirSpan::thisOccurrence)
+    return vdirError(VdirErrorCode::invalidChange,
+                     "whether a repeating event lasts all day can be changed one occurrence at a time");
   const platform::Date start = set.start.value_or(event.fields().start), end = set.end.value_or(event.fields().end);
   if (end < start) return vdirError(VdirErrorCode::endBeforeStart, "the event ends before it starts");
   VdirItemChanges changes;
   describe(set, changes);
   if (auto refused = schedule(set, store.clock(), changes)) return refused;
-  if (set.start) changes.start = timeLike(*set.start, event.statedStart(), store.clock());
-  if (set.end) changes.end = timeLike(*set.end, event.statedStart(), store.clock());
+  const VdirTime form = formChanges ? newItemForm(*set.allDay, store.clock()) : event.statedStart();
+  const VdirTime startTime = timeLike(start, form, store.clock());
+  if (set.start || formChanges) changes.start = startTime;
+  if (set.end || formChanges) changes.end = endLike(end, startTime, form, store.clock());
   auto collection = movedTo(store, set);
   if (!collection) return errorOf(collection.error());
   VdirItemEditor editor(store.shared_from_this());
@@ -187,9 +206,22 @@ rivet::RivetResult<VdirTime> dueOf(const platform::DateComponents& c) {
 rivet::RivetResult<VdirItemChanges> reminderChanges(const VdirSetValues& set) {
   VdirItemChanges changes;
   describe(set, changes);
-  if (set.alarms || set.rules)
-    return vdirFailure(VdirErrorCode::invalidChange, "a reminder's alarms and repeat rules cannot be saved yet",
-                       __FILE__, __func__, __LINE__);
+  if (set.rules)
+    return vdirFailure(VdirErrorCode::invalidChange, "a reminder's repeat rules cannot be saved yet", __FILE__,
+                       __func__, __LINE__);
+  if (set.alarms) {
+    // Other clients count a to-do's offsets from its start or its due date, as they choose: only
+    // an alarm at a set time means the same to all of them.
+    const auto alarms = set.alarms->value_or(std::vector<std::shared_ptr<platform::EKAlarm>>());
+    for (const auto& alarm : alarms)
+      if (alarm && !alarm->absoluteDate())
+        return vdirFailure(VdirErrorCode::invalidChange,
+                           "a reminder's alarms are saved at a set time (alarmWithAbsoluteDate), not as an offset",
+                           __FILE__, __func__, __LINE__);
+    auto triggers = alarmTriggers(alarms);
+    if (!triggers) return triggers.error();
+    changes.alarms = std::move(triggers).value();
+  }
   if (set.priority) {
     if (*set.priority < 0 || *set.priority > 9)
       return vdirFailure(VdirErrorCode::invalidChange, "a priority is 0 (none) to 9", __FILE__, __func__, __LINE__);

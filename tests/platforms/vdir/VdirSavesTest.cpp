@@ -476,9 +476,9 @@ TEST_F(VdirSavesTest, AvailabilityIsWrittenAsOtherClientsReadIt) {
 TEST_F(VdirSavesTest, WhatCannotBeSavedIsRefusedWithItsCode) {
   auto first = march().at(0);
   first->setAllDay(true);
-  auto error = store->saveEvent(first, platform::EKSpanThisEvent);
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->code(), static_cast<std::int64_t>(VdirErrorCode::invalidChange));
+  EXPECT_EQ(store->saveEvent(first, platform::EKSpanFutureEvents),
+            vdirError(VdirErrorCode::invalidChange,
+                      "whether a repeating event lasts all day can be changed one occurrence at a time"));
   first->setAllDay(false);
   EXPECT_EQ(store->saveEvent(first, 7), vdirError(VdirErrorCode::invalidChange, "unknown span 7"));
   // Saving what was not changed writes nothing.
@@ -486,6 +486,72 @@ TEST_F(VdirSavesTest, WhatCannotBeSavedIsRefusedWithItsCode) {
   EXPECT_EQ(store->saveEvent(first, platform::EKSpanThisEvent), std::nullopt);
   EXPECT_EQ(testing::treeState(root.path()), before);
   EXPECT_EQ(readFile(root.path() / "work/weekly.ics"), kWeekly);
+}
+
+TEST_F(VdirSavesTest, AStoredEventComesToLastAllDayOverTheDaysItTouchesAndBack) {
+  // 23:30 to 00:30 in Berlin: two days.
+  writeFile(root.path() / "work/late.ics",
+            "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Test//EN\r\nBEGIN:VEVENT\r\nUID:late\r\n"
+            "DTSTAMP:20260101T000000Z\r\nDTSTART:20260311T223000Z\r\nDTEND:20260311T233000Z\r\n"
+            "SUMMARY:Late\r\nX-KEPT:yes\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
+  ASSERT_TRUE(vdirPlatform->refresh());
+  auto late = [&] {
+    return std::dynamic_pointer_cast<platform::EKEvent>(store->calendarItemWithIdentifier("work/late.ics"));
+  };
+  auto event = late();
+  ASSERT_TRUE(event);
+  ASSERT_FALSE(event->isAllDay());
+  event->setAllDay(true);
+  ASSERT_EQ(store->saveEvent(event, platform::EKSpanThisEvent), std::nullopt);
+  std::string text = readFile(root.path() / "work/late.ics");
+  EXPECT_THAT(text, HasSubstr("DTSTART;VALUE=DATE:20260311\r\n"));
+  EXPECT_THAT(text, HasSubstr("DTEND;VALUE=DATE:20260313\r\n"));
+  EXPECT_THAT(text, HasSubstr("X-KEPT:yes\r\n"));
+  event = late();
+  EXPECT_TRUE(event->isAllDay());
+  EXPECT_EQ(event->startDate(), utc(2026, 3, 10, 23));  // midnight in Berlin
+  EXPECT_EQ(event->endDate(), utc(2026, 3, 12, 23));
+
+  // Back to times: the bounds of those days in the local zone, with its definition.
+  event->setAllDay(false);
+  ASSERT_EQ(store->saveEvent(event, platform::EKSpanThisEvent), std::nullopt);
+  text = readFile(root.path() / "work/late.ics");
+  EXPECT_THAT(text, HasSubstr("DTSTART;TZID=Europe/Berlin:20260311T000000\r\n"));
+  EXPECT_THAT(text, HasSubstr("DTEND;TZID=Europe/Berlin:20260313T000000\r\n"));
+  EXPECT_THAT(text, HasSubstr("BEGIN:VTIMEZONE\r\n"));
+  EXPECT_THAT(text, HasSubstr("TZID:Europe/Berlin\r\n"));
+  event = late();
+  EXPECT_FALSE(event->isAllDay());
+  EXPECT_EQ(event->startDate(), utc(2026, 3, 10, 23));
+
+  // An all-day end given as the last second of its day ends that day; an end on the start's day
+  // lasts the day.
+  for (const auto& [end, written] : {std::pair{utc(2026, 3, 13, 22, 59, 59), "20260314"},
+                                     std::pair{utc(2026, 3, 11, 23), "20260313"}}) {
+    event = late();
+    event->setAllDay(true);
+    event->setStartDate(utc(2026, 3, 11, 23));
+    event->setEndDate(end);
+    ASSERT_EQ(store->saveEvent(event, platform::EKSpanThisEvent), std::nullopt);
+    text = readFile(root.path() / "work/late.ics");
+    EXPECT_THAT(text, HasSubstr("DTSTART;VALUE=DATE:20260312\r\n"));
+    EXPECT_THAT(text, HasSubstr(std::string("DTEND;VALUE=DATE:") + written + "\r\n"));
+  }
+}
+
+TEST_F(VdirSavesTest, OneOccurrenceOfASeriesComesToLastAllDay) {
+  auto second = march().at(1);
+  second->setAllDay(true);
+  ASSERT_EQ(store->saveEvent(second, platform::EKSpanThisEvent), std::nullopt);
+  const std::string text = readFile(root.path() / "work/weekly.ics");
+  EXPECT_THAT(text, HasSubstr("RECURRENCE-ID:20260309T090000Z\r\n"));  // in the form of the series' start
+  EXPECT_THAT(text, HasSubstr("DTSTART;VALUE=DATE:20260309\r\n"));
+  EXPECT_THAT(text, HasSubstr("DTEND;VALUE=DATE:20260310\r\n"));
+  EXPECT_THAT(text, HasSubstr("DTSTART:20260302T090000Z\r\n"));
+  std::vector<bool> allDay;
+  for (const auto& event : march()) allDay.push_back(event->isAllDay());
+  EXPECT_THAT(allDay, ElementsAre(false, true, false, false));
+  EXPECT_THAT(titles(), ElementsAre("Weekly", "Weekly", "Weekly", "Weekly"));
 }
 
 TEST_F(VdirSavesTest, AReminderKeepsTheFormOfItsDueDateAndCompletesAsOtherClientsExpect) {
@@ -548,6 +614,37 @@ TEST_F(VdirSavesTest, AReminderKeepsTheFormOfItsDueDateAndCompletesAsOtherClient
   error = store->saveReminder(lost);
   ASSERT_TRUE(error);
   EXPECT_EQ(error->code(), static_cast<std::int64_t>(VdirErrorCode::invalidChange));
+}
+
+TEST_F(VdirSavesTest, AReminderTakesAlarmsAtASetTimeAndRefusesOffsetsAndRules) {
+  auto reminder = seed();
+  ASSERT_TRUE(reminder);
+  reminder->setAlarms(std::vector{platform::EKAlarm::alarmWithAbsoluteDate(utc(2026, 12, 1, 8, 30))});
+  ASSERT_EQ(store->saveReminder(reminder), std::nullopt);
+  const fs::path file = root.path() / "tasks/seed.ics";
+  const std::string text = readFile(file);
+  EXPECT_THAT(text, HasSubstr("BEGIN:VALARM\r\nACTION:DISPLAY\r\nDESCRIPTION:Seed\r\n"
+                              "TRIGGER;VALUE=DATE-TIME:20261201T083000Z\r\nEND:VALARM\r\n"));
+  reminder = seed();
+  const auto alarms = reminder->alarms();
+  ASSERT_TRUE(alarms);
+  ASSERT_EQ(alarms->size(), 1u);
+  EXPECT_EQ((*alarms)[0]->absoluteDate(), utc(2026, 12, 1, 8, 30));
+
+  // An offset, or a repeat rule, is refused and nothing is written.
+  auto offset = seed();
+  offset->setAlarms(std::vector{platform::EKAlarm::alarmWithRelativeOffset(-900)});
+  auto repeating = seed();
+  repeating->setRecurrenceRules(std::vector{platform::EKRecurrenceRule::recurrenceWithFrequency(
+      platform::EKRecurrenceFrequencyDaily, 1, nullptr)});
+  expectEachRefusedWith({store->saveReminder(offset), store->saveReminder(repeating)}, VdirErrorCode::invalidChange);
+  EXPECT_EQ(readFile(file), text);
+
+  // No alarms removes them.
+  reminder->setAlarms(std::nullopt);
+  ASSERT_EQ(store->saveReminder(reminder), std::nullopt);
+  EXPECT_THAT(readFile(file), Not(HasSubstr("VALARM")));
+  EXPECT_THAT(seed()->alarms().value_or(std::vector<std::shared_ptr<platform::EKAlarm>>()), ::testing::IsEmpty());
 }
 
 TEST_F(VdirSavesTest, AReminderMovesToTheListSetOnIt) {

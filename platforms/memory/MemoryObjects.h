@@ -252,6 +252,9 @@ class MemoryCalendarItem : public Interface, public MemoryRecord<Fields> {
   void setURL(std::optional<platform::URL> url) override {
     this->update([&](Fields& f) { f.item.url = std::move(url); });
   }
+  void setTimeZone(std::optional<platform::TimeZone> timeZone) override {
+    this->update([&](Fields& f) { f.item.timeZone = std::move(timeZone); });
+  }
   void setCalendar(std::shared_ptr<platform::EKCalendar> calendar) override {
     this->update([&](Fields& f) { f.item.calendar = std::move(calendar); });
   }

@@ -467,6 +467,34 @@ rivet::RivetResult<bool> setRule(VdirComponent& item, const std::string& text, c
   return true;
 }
 
+// States the UNTIL of `item`'s rules as RFC 5545 asks of a start in the form of `start`: a
+// date-time UNTIL is UTC, or floating when the start floats. Its instant stays.
+rivet::RivetResult<void> untilLike(VdirComponent& item, const VdirTime& start, const VdirEditContext& context) {
+  const bool floats = start.kind == VdirTime::Kind::floating;
+  std::vector<VdirContentLine> rules;
+  bool changed = false;
+  for (const VdirContentLine* line : item.properties("RRULE")) {
+    rules.push_back(*line);
+    const icalrecurrencetype parsed = icalrecurrencetype_from_string(line->value().c_str());
+    if (icaltime_is_null_time(parsed.until) || parsed.until.is_date || start.isDate()) continue;
+    VdirTime until;
+    until.kind = icaltime_is_utc(parsed.until) ? VdirTime::Kind::utc : VdirTime::Kind::floating;
+    if ((until.kind == VdirTime::Kind::floating) == floats) continue;
+    until.local = parsed.until;
+    auto instant = instantOf(until, context);
+    if (!instant) return instant.error();
+    VdirTime floating;
+    floating.kind = VdirTime::Kind::floating;
+    rules.back().setValue(ruleWithoutEnd(line->value()) + ";UNTIL=" +
+                          (floats ? timeValue(timeLike(*instant, floating, *context.clock)) : utcText(*instant)));
+    changed = true;
+  }
+  if (!changed) return rivet::RivetResultVoidSuccess;
+  item.remove("RRULE");
+  for (const VdirContentLine& rule : rules) item.add(rule);
+  return rivet::RivetResultVoidSuccess;
+}
+
 // Whether one of `item`'s `name` properties (RDATE, EXDATE) states the instant `instant`.
 bool statesInstant(const VdirComponent& item, const char* name, platform::Date instant,
                    const VdirEditContext& context) {
@@ -752,6 +780,7 @@ rivet::RivetResult<bool> changeSeriesOn(VdirDocument& document, const std::strin
     if (*moveResult && from) {
       auto occurrences = moveOccurrences(document, uid, item, *from, *changes.start, context);
       if (!occurrences) return occurrences.error();
+      if (auto until = untilLike(item, *changes.start, context); !until) return until.error();
     }
     changed |= *moveResult;
     movedTime = *moveResult;

@@ -179,7 +179,9 @@ std::string VdirCalendar::description() const {
 }
 
 std::optional<platform::URL> VdirEvent::URL() const { return set_.read(&VdirSetValues::url, urlOf(data())); }
-std::optional<platform::TimeZone> VdirEvent::timeZone() const { return zoneOf(data()); }
+std::optional<platform::TimeZone> VdirEvent::timeZone() const {
+  return set_.read(&VdirSetValues::timeZone, zoneOf(data()));
+}
 std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> VdirEvent::alarms() const {
   return set_.readOr(&VdirSetValues::alarms, [this] { return alarmsOf(data()); });
 }
@@ -204,7 +206,9 @@ std::string VdirEvent::description() const {
 }
 
 std::optional<platform::URL> VdirReminder::URL() const { return set_.read(&VdirSetValues::url, urlOf(data())); }
-std::optional<platform::TimeZone> VdirReminder::timeZone() const { return zoneOf(data()); }
+std::optional<platform::TimeZone> VdirReminder::timeZone() const {
+  return set_.read(&VdirSetValues::timeZone, zoneOf(data()));
+}
 std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> VdirReminder::alarms() const {
   return set_.readOr(&VdirSetValues::alarms, [this] { return alarmsOf(data()); });
 }

@@ -26,6 +26,7 @@ namespace vesp::vdir {
 struct VdirSetValues {
   std::optional<std::optional<std::string>> title, location, notes;
   std::optional<std::optional<platform::URL>> url;
+  std::optional<std::optional<platform::TimeZone>> timeZone;  // set to a zone, or to none (floating)
   std::optional<platform::Date> start, end;
   std::optional<bool> allDay;
   std::optional<platform::EKEventAvailability> availability;
@@ -85,6 +86,9 @@ class VdirSettableItem : public Interface {
   }
   void setNotes(std::optional<std::string> value) override { set_.assign(&VdirSetValues::notes, std::move(value)); }
   void setURL(std::optional<platform::URL> value) override { set_.assign(&VdirSetValues::url, std::move(value)); }
+  void setTimeZone(std::optional<platform::TimeZone> value) override {
+    set_.assign(&VdirSetValues::timeZone, std::move(value));
+  }
   void setCalendar(std::shared_ptr<platform::EKCalendar> value) override {
     set_.assign(&VdirSetValues::calendar, std::move(value));
   }
@@ -312,7 +316,9 @@ class VdirNewItem : public Settable {
   std::optional<platform::URL> URL() const override {
     return this->set_.read(&VdirSetValues::url, std::optional<platform::URL>());
   }
-  std::optional<platform::TimeZone> timeZone() const override { return std::nullopt; }
+  std::optional<platform::TimeZone> timeZone() const override {
+    return this->set_.read(&VdirSetValues::timeZone, std::optional<platform::TimeZone>());
+  }
   std::optional<std::string> title() const override { return this->set_.read(&VdirSetValues::title, kNone); }
   std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> alarms() const override {
     return this->set_.read(&VdirSetValues::alarms, std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>>());

@@ -102,6 +102,33 @@ std::optional<platform::NSError> savedOver(const VdirStore& store, VdirItemEdito
   return saved(editor, plan);
 }
 
+// The form of times stated in `zone`: UTC, a zone libical knows, or floating when there is none.
+rivet::RivetResult<VdirTime> zoneForm(const std::optional<platform::TimeZone>& zone) {
+  VdirTime form;
+  if (!zone) {
+    form.kind = VdirTime::Kind::floating;
+  } else if (zone->identifier() == "UTC" || zone->identifier() == "GMT") {
+    form.kind = VdirTime::Kind::utc;
+  } else if (icaltimezone* known = builtinZone(zone->identifier())) {
+    form.kind = VdirTime::Kind::zoned;
+    form.zone = known;
+    form.tzid = zone->identifier();
+  } else {
+    return vdirFailure(VdirErrorCode::unknownTimeZone, "unknown time zone \"" + zone->identifier() + "\"", __FILE__,
+                       __func__, __LINE__);
+  }
+  return form;
+}
+
+// The form an event's times take: a day when it lasts all day, else the zone set on it, else
+// `stated` (or the local zone, for an event that no longer lasts all day).
+rivet::RivetResult<VdirTime> eventForm(const VdirSetValues& set, const VdirTime& stated, const VdirClock& clock) {
+  const bool allDay = set.allDay.value_or(stated.isDate());
+  if (allDay) return stated.isDate() ? stated : newItemForm(true, clock);
+  if (set.timeZone) return zoneForm(*set.timeZone);
+  return stated.isDate() ? newItemForm(false, clock) : stated;
+}
+
 // An end in the form `form` of the event's start `start`. A day's end is the first midnight at or
 // after the end, at least a day after the start: an all-day event covers every day its times touch.
 VdirTime endLike(platform::Date end, const VdirTime& start, const VdirTime& form, const VdirClock& clock) {
@@ -125,9 +152,10 @@ std::optional<platform::NSError> saveNew(VdirStore& store, VdirNewEvent& event) 
   describe(set, changes);
   if (auto refused = schedule(set, store.clock(), changes)) return refused;
   if (!changes.title) changes.title = "";
-  const VdirTime form = newItemForm(set.allDay.value_or(false), store.clock());
-  changes.start = timeLike(*set.start, form, store.clock());
-  changes.end = endLike(*set.end, *changes.start, form, store.clock());
+  auto form = eventForm(set, newItemForm(set.allDay.value_or(false), store.clock()), store.clock());
+  if (!form) return errorOf(form.error());
+  changes.start = timeLike(*set.start, *form, store.clock());
+  changes.end = endLike(*set.end, *changes.start, *form, store.clock());
   VdirItemEditor editor(store.shared_from_this());
   const auto identifier = event.savedIdentifier();
   auto plan = identifier ? editor.changeEvent(*identifier, std::nullopt, VdirSpan::thisOccurrence, changes, *collection)
@@ -139,21 +167,32 @@ std::optional<platform::NSError> saveNew(VdirStore& store, VdirNewEvent& event) 
 
 std::optional<platform::NSError> saveOccurrence(VdirStore& store, const VdirEvent& event, VdirSpan span) {
   const VdirSetValues set = event.setValues();
-  // An event that comes to last all day (or no longer does) takes the days its times touch (or
-  // those days' bounds in the local zone). A series keeps one form: its occurrences change one by one.
-  const bool formChanges = set.allDay && *set.allDay != event.statedStart().isDate();
-  if (formChanges && event.fields().series->isRecurring() && span != VdirSpan::thisOccurrence)
+  const VdirTime& stated = event.statedStart();
+  auto form = eventForm(set, stated, store.clock());
+  if (!form) return errorOf(form.error());
+  // A series keeps the days of its start, with its RECURRENCE-IDs and UNTIL: an event comes to last
+  // all day (or no longer does) one occurrence at a time, or when it does not repeat.
+  const bool series = event.fields().series->isRecurring() && span != VdirSpan::thisOccurrence;
+  if (series && form->isDate() != stated.isDate())
     return vdirError(VdirErrorCode::invalidChange,
                      "whether a repeating event lasts all day can be changed one occurrence at a time");
+  const bool formChanges = form->kind != stated.kind || form->tzid != stated.tzid;
+  // The first occurrence of a series takes the series' start: one moved away from its usual time
+  // would lose its own.
+  if (series && formChanges && !set.start && event.fields().start != event.fields().occurrence)
+    return vdirError(VdirErrorCode::invalidChange,
+                     "the zone of a repeating event is changed from an occurrence at its usual time");
   const platform::Date start = set.start.value_or(event.fields().start), end = set.end.value_or(event.fields().end);
   if (end < start) return vdirError(VdirErrorCode::endBeforeStart, "the event ends before it starts");
   VdirItemChanges changes;
   describe(set, changes);
   if (auto refused = schedule(set, store.clock(), changes)) return refused;
-  const VdirTime form = formChanges ? newItemForm(*set.allDay, store.clock()) : event.statedStart();
-  const VdirTime startTime = timeLike(start, form, store.clock());
+  // The instants stay when only the form changes. A series is changed from the occurrence it is
+  // saved from as the series states it, and its end goes with its start.
+  const VdirTime startTime =
+      timeLike(series && !set.start ? event.fields().occurrence : start, *form, store.clock());
   if (set.start || formChanges) changes.start = startTime;
-  if (set.end || formChanges) changes.end = endLike(end, startTime, form, store.clock());
+  if (set.end || (formChanges && !series)) changes.end = endLike(end, startTime, *form, store.clock());
   auto collection = movedTo(store, set);
   if (!collection) return errorOf(collection.error());
   VdirItemEditor editor(store.shared_from_this());
@@ -188,17 +227,11 @@ rivet::RivetResult<VdirTime> dueOf(const platform::DateComponents& c) {
   time.local.hour = static_cast<int>(*c.hour);
   time.local.minute = static_cast<int>(c.minute.value_or(0));
   time.local.second = static_cast<int>(c.second.value_or(0));
-  if (!c.timeZone) {
-    time.kind = VdirTime::Kind::floating;
-  } else if (c.timeZone->identifier() == "UTC" || c.timeZone->identifier() == "GMT") {
-    time.kind = VdirTime::Kind::utc;
-  } else if (icaltimezone* zone = builtinZone(c.timeZone->identifier())) {
-    time.kind = VdirTime::Kind::zoned;
-    time.zone = zone;
-    time.tzid = c.timeZone->identifier();
-  } else {
-    return refused("unknown time zone \"" + c.timeZone->identifier() + "\"", VdirErrorCode::unknownTimeZone);
-  }
+  auto form = zoneForm(c.timeZone);
+  if (!form) return form.error();
+  time.kind = form->kind;
+  time.zone = form->zone;
+  time.tzid = form->tzid;
   return time;
 }
 
@@ -208,6 +241,10 @@ rivet::RivetResult<VdirItemChanges> reminderChanges(const VdirSetValues& set) {
   describe(set, changes);
   if (set.rules)
     return vdirFailure(VdirErrorCode::invalidChange, "a reminder's repeat rules cannot be saved yet", __FILE__,
+                       __func__, __LINE__);
+  if (set.timeZone)
+    return vdirFailure(VdirErrorCode::invalidChange,
+                       "a reminder's zone is that of its due date: set it with the due date's components", __FILE__,
                        __func__, __LINE__);
   if (set.alarms) {
     // Other clients count a to-do's offsets from its start or its due date, as they choose: only

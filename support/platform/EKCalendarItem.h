@@ -40,6 +40,8 @@ class EKCalendarItem : public NSObject {
   virtual void setLocation(std::optional<std::string> location) = 0;
   virtual void setNotes(std::optional<std::string> notes) = 0;
   virtual void setURL(std::optional<platform::URL> url) = 0;
+  // The zone the item's times are stated in; the instants stay. Absent: floating times.
+  virtual void setTimeZone(std::optional<TimeZone> timeZone) = 0;
   // Null sets the calendar to none.
   virtual void setCalendar(std::shared_ptr<EKCalendar> calendar) = 0;
   // The item's alarms and repeat rules, replacing those it has; absent or empty removes them.

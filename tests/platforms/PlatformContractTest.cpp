@@ -267,6 +267,24 @@ TYPED_TEST(PlatformContractTest, ANewEventSavedIsServedWithWhatWasSetToEveryConn
   }
 }
 
+TYPED_TEST(PlatformContractTest, AZoneSetOnANewEventIsServedWithTheSameInstants) {
+  auto event = this->world.platform()->eventWithEventStore(this->store);
+  event->setTitle("Call");
+  event->setStartDate(utc(2026, 3, 6, 14));
+  event->setEndDate(utc(2026, 3, 6, 15));
+  event->setTimeZone(platform::TimeZone("America/New_York"));
+  event->setCalendar(this->calendarTitled("Work"));
+  EXPECT_EQ(event->timeZone(), platform::TimeZone("America/New_York"));
+  ASSERT_EQ(this->store->saveEvent(event, platform::EKSpanThisEvent), std::nullopt);
+  auto other = this->world.platform()->makeEventStore();
+  auto found = other->eventsMatchingPredicate(
+      other->predicateForEventsWithStartDate(utc(2026, 3, 6), utc(2026, 3, 7), std::nullopt));
+  ASSERT_EQ(found.size(), 1u);
+  EXPECT_EQ(found[0]->timeZone(), platform::TimeZone("America/New_York"));
+  EXPECT_EQ(found[0]->startDate(), utc(2026, 3, 6, 14));
+  EXPECT_EQ(found[0]->endDate(), utc(2026, 3, 6, 15));
+}
+
 TYPED_TEST(PlatformContractTest, AlarmsAndARepeatRuleSetOnANewEventAreServedAsSaved) {
   using platform::EKRecurrenceRule;
   auto event = this->world.platform()->eventWithEventStore(this->store);

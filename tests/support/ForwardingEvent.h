@@ -51,6 +51,7 @@ class ForwardingEvent : public platform::EKEvent {
   void setLocation(std::optional<std::string> location) override { target_->setLocation(std::move(location)); }
   void setNotes(std::optional<std::string> notes) override { target_->setNotes(std::move(notes)); }
   void setURL(std::optional<platform::URL> url) override { target_->setURL(std::move(url)); }
+  void setTimeZone(std::optional<platform::TimeZone> timeZone) override { target_->setTimeZone(std::move(timeZone)); }
   void setStartDate(platform::Date startDate) override { target_->setStartDate(startDate); }
   void setEndDate(platform::Date endDate) override { target_->setEndDate(endDate); }
   void setAllDay(bool allDay) override { target_->setAllDay(allDay); }

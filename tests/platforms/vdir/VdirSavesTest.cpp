@@ -554,6 +554,116 @@ TEST_F(VdirSavesTest, OneOccurrenceOfASeriesComesToLastAllDay) {
   EXPECT_THAT(titles(), ElementsAre("Weekly", "Weekly", "Weekly", "Weekly"));
 }
 
+TEST_F(VdirSavesTest, AnEventTakesTheZoneSetOnItAndKeepsItsInstants) {
+  writeFile(root.path() / "work/call.ics",
+            "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Test//EN\r\nBEGIN:VEVENT\r\nUID:call\r\n"
+            "DTSTAMP:20260101T000000Z\r\nDTSTART:20260311T090000Z\r\nDTEND:20260311T100000Z\r\n"
+            "SUMMARY:Call\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
+  ASSERT_TRUE(vdirPlatform->refresh());
+  const fs::path file = root.path() / "work/call.ics";
+  auto call = [&] {
+    return std::dynamic_pointer_cast<platform::EKEvent>(store->calendarItemWithIdentifier("work/call.ics"));
+  };
+  auto event = call();
+  ASSERT_TRUE(event);
+  // New York keeps summer time from 8 March: 09:00 UTC is 05:00 there.
+  event->setTimeZone(platform::TimeZone("America/New_York"));
+  EXPECT_EQ(event->timeZone(), platform::TimeZone("America/New_York"));
+  ASSERT_EQ(store->saveEvent(event, platform::EKSpanThisEvent), std::nullopt);
+  std::string text = readFile(file);
+  EXPECT_THAT(text, HasSubstr("DTSTART;TZID=America/New_York:20260311T050000\r\n"));
+  EXPECT_THAT(text, HasSubstr("DTEND;TZID=America/New_York:20260311T060000\r\n"));
+  EXPECT_THAT(text, HasSubstr("TZID:America/New_York\r\n"));  // its VTIMEZONE
+  event = call();
+  EXPECT_EQ(event->timeZone(), platform::TimeZone("America/New_York"));
+  EXPECT_EQ(event->startDate(), utc(2026, 3, 11, 9));
+  EXPECT_EQ(event->endDate(), utc(2026, 3, 11, 10));
+
+  // No zone: floating, the same wall-clock time in the local zone (Berlin, 10:00).
+  event->setTimeZone(std::nullopt);
+  ASSERT_EQ(store->saveEvent(event, platform::EKSpanThisEvent), std::nullopt);
+  EXPECT_THAT(readFile(file), HasSubstr("DTSTART:20260311T100000\r\n"));
+  event = call();
+  EXPECT_EQ(event->timeZone(), std::nullopt);
+  EXPECT_EQ(event->startDate(), utc(2026, 3, 11, 9));
+
+  event->setTimeZone(platform::TimeZone("UTC"));
+  ASSERT_EQ(store->saveEvent(event, platform::EKSpanThisEvent), std::nullopt);
+  EXPECT_THAT(readFile(file), HasSubstr("DTSTART:20260311T090000Z\r\nDTEND:20260311T100000Z\r\n"));
+
+  const std::string before = readFile(file);
+  event = call();
+  event->setTimeZone(platform::TimeZone("Mars/Olympus_Mons"));
+  const auto error = store->saveEvent(event, platform::EKSpanThisEvent);
+  expectEachRefusedWith({error}, VdirErrorCode::unknownTimeZone);
+  EXPECT_THAT(error->localizedDescription(), HasSubstr("unknown time zone \"Mars/Olympus_Mons\""));
+  EXPECT_EQ(readFile(file), before);
+}
+
+TEST_F(VdirSavesTest, ASeriesTakesItsNewZoneWithItsEndExclusionsAndOverrides) {
+  writeFile(root.path() / "work/until.ics",
+            "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Test//EN\r\nBEGIN:VEVENT\r\nUID:until\r\n"
+            "DTSTAMP:20260101T000000Z\r\nDTSTART:20260303T090000Z\r\nDTEND:20260303T100000Z\r\n"
+            "RRULE:FREQ=WEEKLY;UNTIL=20260324T090000Z\r\nEXDATE:20260310T090000Z\r\nSUMMARY:Tuesday\r\n"
+            "END:VEVENT\r\nBEGIN:VEVENT\r\nUID:until\r\nDTSTAMP:20260101T000000Z\r\n"
+            "RECURRENCE-ID:20260317T090000Z\r\nDTSTART:20260317T090000Z\r\nDTEND:20260317T100000Z\r\n"
+            "SUMMARY:Moved\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
+  ASSERT_TRUE(vdirPlatform->refresh());
+  auto tuesdays = [&] {
+    std::vector<std::string> found;
+    for (const auto& event : march())
+      if (event->calendarItemIdentifier() == "work/until.ics")
+        found.push_back(std::to_string(static_cast<long long>(event->startDate()->timeIntervalSince1970())) + " " +
+                        event->title().value_or(""));
+    return found;
+  };
+  const auto before = tuesdays();
+  ASSERT_EQ(before.size(), 3u);
+  std::shared_ptr<platform::EKEvent> first;
+  for (const auto& event : march())
+    if (event->calendarItemIdentifier() == "work/until.ics" && !first) first = event;
+  ASSERT_TRUE(first);
+  // Floating: the UNTIL, the exclusion and the override's times all become Berlin wall-clock times.
+  first->setTimeZone(std::nullopt);
+  ASSERT_EQ(store->saveEvent(first, platform::EKSpanFutureEvents), std::nullopt);
+  const std::string text = readFile(root.path() / "work/until.ics");
+  EXPECT_THAT(text, HasSubstr("DTSTART:20260303T100000\r\nDTEND:20260303T110000\r\n"));
+  EXPECT_THAT(text, HasSubstr("RRULE:FREQ=WEEKLY;UNTIL=20260324T100000\r\n"));
+  EXPECT_THAT(text, HasSubstr("EXDATE:20260310T100000\r\n"));
+  EXPECT_THAT(text, HasSubstr("RECURRENCE-ID:20260317T100000\r\n"));
+  EXPECT_EQ(tuesdays(), before);
+
+  // And back to UTC.
+  first = nullptr;
+  for (const auto& event : march())
+    if (event->calendarItemIdentifier() == "work/until.ics" && !first) first = event;
+  first->setTimeZone(platform::TimeZone("UTC"));
+  ASSERT_EQ(store->saveEvent(first, platform::EKSpanFutureEvents), std::nullopt);
+  EXPECT_THAT(readFile(root.path() / "work/until.ics"), HasSubstr("RRULE:FREQ=WEEKLY;UNTIL=20260324T090000Z\r\n"));
+  EXPECT_EQ(tuesdays(), before);
+}
+
+TEST_F(VdirSavesTest, AMovedOccurrenceDoesNotChangeTheZoneOfTheLaterOnes) {
+  auto second = march().at(1);
+  second->setStartDate(utc(2026, 3, 9, 11));
+  second->setEndDate(utc(2026, 3, 9, 12));
+  ASSERT_EQ(store->saveEvent(second, platform::EKSpanThisEvent), std::nullopt);
+  const std::string before = readFile(root.path() / "work/weekly.ics");
+  second = march().at(1);
+  second->setTimeZone(platform::TimeZone("Europe/Berlin"));
+  EXPECT_EQ(store->saveEvent(second, platform::EKSpanFutureEvents),
+            vdirError(VdirErrorCode::invalidChange,
+                      "the zone of a repeating event is changed from an occurrence at its usual time"));
+  EXPECT_EQ(readFile(root.path() / "work/weekly.ics"), before);
+  // From an occurrence at its usual time, the later ones take the zone.
+  auto third = march().at(2);
+  third->setTimeZone(platform::TimeZone("Europe/Berlin"));
+  ASSERT_EQ(store->saveEvent(third, platform::EKSpanFutureEvents), std::nullopt);
+  EXPECT_EQ(march().at(2)->timeZone(), platform::TimeZone("Europe/Berlin"));
+  EXPECT_EQ(march().at(3)->startDate(), utc(2026, 3, 23, 9));
+  EXPECT_EQ(march().at(0)->timeZone(), platform::TimeZone("UTC"));
+}
+
 TEST_F(VdirSavesTest, AReminderKeepsTheFormOfItsDueDateAndCompletesAsOtherClientsExpect) {
   writeFile(root.path() / "tasks/displayname", "Tasks");
   writeFile(root.path() / "tasks/seed.ics",
@@ -616,7 +726,7 @@ TEST_F(VdirSavesTest, AReminderKeepsTheFormOfItsDueDateAndCompletesAsOtherClient
   EXPECT_EQ(error->code(), static_cast<std::int64_t>(VdirErrorCode::invalidChange));
 }
 
-TEST_F(VdirSavesTest, AReminderTakesAlarmsAtASetTimeAndRefusesOffsetsAndRules) {
+TEST_F(VdirSavesTest, AReminderTakesAlarmsAtASetTimeAndRefusesOffsetsRulesAndAZone) {
   auto reminder = seed();
   ASSERT_TRUE(reminder);
   reminder->setAlarms(std::vector{platform::EKAlarm::alarmWithAbsoluteDate(utc(2026, 12, 1, 8, 30))});
@@ -637,7 +747,10 @@ TEST_F(VdirSavesTest, AReminderTakesAlarmsAtASetTimeAndRefusesOffsetsAndRules) {
   auto repeating = seed();
   repeating->setRecurrenceRules(std::vector{platform::EKRecurrenceRule::recurrenceWithFrequency(
       platform::EKRecurrenceFrequencyDaily, 1, nullptr)});
-  expectEachRefusedWith({store->saveReminder(offset), store->saveReminder(repeating)}, VdirErrorCode::invalidChange);
+  auto zoned = seed();
+  zoned->setTimeZone(platform::TimeZone("Europe/Berlin"));
+  expectEachRefusedWith({store->saveReminder(offset), store->saveReminder(repeating), store->saveReminder(zoned)},
+                        VdirErrorCode::invalidChange);
   EXPECT_EQ(readFile(file), text);
 
   // No alarms removes them.

@@ -69,6 +69,18 @@ class VdirSavesTest : public ::testing::Test {
     return found;
   }
 
+  // Writes work/NAME.ics, one event with the UID NAME and `lines` (its times and more), and reads it.
+  void writeEvent(const std::string& name, const std::string& lines) {
+    writeFile(root.path() / "work" / (name + ".ics"),
+              "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Test//EN\r\nBEGIN:VEVENT\r\nUID:" + name +
+                  "\r\nDTSTAMP:20260101T000000Z\r\n" + lines + "END:VEVENT\r\nEND:VCALENDAR\r\n");
+    EXPECT_TRUE(vdirPlatform->refresh());
+  }
+  // The event of work/NAME.ics, as the store serves it now.
+  std::shared_ptr<platform::EKEvent> storedEvent(const std::string& name) {
+    return std::dynamic_pointer_cast<platform::EKEvent>(store->calendarItemWithIdentifier("work/" + name + ".ics"));
+  }
+
   // The stored to-do "seed" in a reminder list "Tasks", read by the platform.
   std::shared_ptr<platform::EKReminder> seed() {
     if (!fs::exists(root.path() / "tasks/seed.ics")) {
@@ -490,14 +502,8 @@ TEST_F(VdirSavesTest, WhatCannotBeSavedIsRefusedWithItsCode) {
 
 TEST_F(VdirSavesTest, AStoredEventComesToLastAllDayOverTheDaysItTouchesAndBack) {
   // 23:30 to 00:30 in Berlin: two days.
-  writeFile(root.path() / "work/late.ics",
-            "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Test//EN\r\nBEGIN:VEVENT\r\nUID:late\r\n"
-            "DTSTAMP:20260101T000000Z\r\nDTSTART:20260311T223000Z\r\nDTEND:20260311T233000Z\r\n"
-            "SUMMARY:Late\r\nX-KEPT:yes\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
-  ASSERT_TRUE(vdirPlatform->refresh());
-  auto late = [&] {
-    return std::dynamic_pointer_cast<platform::EKEvent>(store->calendarItemWithIdentifier("work/late.ics"));
-  };
+  writeEvent("late", "DTSTART:20260311T223000Z\r\nDTEND:20260311T233000Z\r\nSUMMARY:Late\r\nX-KEPT:yes\r\n");
+  auto late = [&] { return storedEvent("late"); };
   auto event = late();
   ASSERT_TRUE(event);
   ASSERT_FALSE(event->isAllDay());
@@ -555,15 +561,9 @@ TEST_F(VdirSavesTest, OneOccurrenceOfASeriesComesToLastAllDay) {
 }
 
 TEST_F(VdirSavesTest, AnEventTakesTheZoneSetOnItAndKeepsItsInstants) {
-  writeFile(root.path() / "work/call.ics",
-            "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Test//EN\r\nBEGIN:VEVENT\r\nUID:call\r\n"
-            "DTSTAMP:20260101T000000Z\r\nDTSTART:20260311T090000Z\r\nDTEND:20260311T100000Z\r\n"
-            "SUMMARY:Call\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
-  ASSERT_TRUE(vdirPlatform->refresh());
+  writeEvent("call", "DTSTART:20260311T090000Z\r\nDTEND:20260311T100000Z\r\nSUMMARY:Call\r\n");
   const fs::path file = root.path() / "work/call.ics";
-  auto call = [&] {
-    return std::dynamic_pointer_cast<platform::EKEvent>(store->calendarItemWithIdentifier("work/call.ics"));
-  };
+  auto call = [&] { return storedEvent("call"); };
   auto event = call();
   ASSERT_TRUE(event);
   // New York keeps summer time from 8 March: 09:00 UTC is 05:00 there.

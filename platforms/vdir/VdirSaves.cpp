@@ -202,8 +202,8 @@ std::optional<platform::NSError> saveOccurrence(VdirStore& store, const VdirEven
 
 // A due date as the host gave it: a day, or a day and time in UTC, in a known zone, or floating.
 rivet::RivetResult<VdirTime> dueOf(const platform::DateComponents& c) {
-  auto refused = [](const std::string& why, VdirErrorCode code = VdirErrorCode::invalidChange) {
-    return vdirFailure(code, why, __FILE__, "dueOf", __LINE__);
+  auto refused = [](const std::string& why) {
+    return vdirFailure(VdirErrorCode::invalidChange, why, __FILE__, "dueOf", __LINE__);
   };
   auto within = [](const std::optional<std::int64_t>& value, std::int64_t low, std::int64_t high) {
     return !value || (*value >= low && *value <= high);

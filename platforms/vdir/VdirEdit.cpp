@@ -55,6 +55,12 @@ std::int64_t fieldSeconds(const icaltimetype& fields) {
   return seconds;
 }
 
+// The fieldSeconds of the midnight that starts the day of `fields`.
+std::int64_t daySeconds(const icaltimetype& fields) {
+  const std::int64_t seconds = fieldSeconds(fields);
+  return seconds - ((seconds % 86400) + 86400) % 86400;
+}
+
 icaltimetype fieldsAt(std::int64_t seconds, bool isDate) {
   std::int64_t days = seconds >= 0 ? seconds / 86400 : -((-seconds + 86399) / 86400);
   std::int64_t rest = seconds - days * 86400;
@@ -98,10 +104,27 @@ rivet::RivetResult<VdirTime> startOf(const VdirComponent& component, const VdirE
   return *time;
 }
 
-// `time` moved as its series' start moves from `from` to `to`: by the same wall-clock distance
-// when all three share one form, else by the same span of real time, in the form of `to`.
+// `time` stated in the form of `from` (itself when it already is).
+rivet::RivetResult<VdirTime> inFormOf(const VdirTime& time, const VdirTime& from, const VdirEditContext& context) {
+  if (sameForm(time, from)) return time;
+  auto at = instantOf(time, context);
+  if (!at) return at.error();
+  return timeLike(*at, from, *context.clock);
+}
+
+// `time` moved as its series' start moves from `from` to `to`, in the form of `to`. A series that
+// comes to last all day, or no longer does, keeps each time on its day, which moves by as many
+// days as the start: the rule counts days then, and days are what its occurrences keep. Otherwise
+// by the same wall-clock distance when all three share one form, else by the same span of real time.
 rivet::RivetResult<VdirTime> moved(const VdirTime& time, const VdirTime& from, const VdirTime& to,
                                    const VdirEditContext& context) {
+  if (from.isDate() != to.isDate()) {
+    auto stated = inFormOf(time, from, context);
+    if (!stated) return stated.error();
+    VdirTime result = to;
+    result.local = fieldsAt(daySeconds(stated->local) + fieldSeconds(to.local) - daySeconds(from.local), to.isDate());
+    return result;
+  }
   if (sameForm(time, from) && sameForm(from, to)) {
     VdirTime result = time;
     result.local = fieldsAt(fieldSeconds(time.local) + fieldSeconds(to.local) - fieldSeconds(from.local),
@@ -294,17 +317,55 @@ rivet::RivetResult<bool> applyFields(VdirComponent& component, const VdirItemCha
   return changed;
 }
 
-// Moves DTSTART to `start`, and DTEND with it unless `changes` set the end. Whether anything changed.
+// An end moved as its item's start moves from `from` to `to`. An item that comes to last all day
+// ends at the first midnight at or after its end, a day after its start at least: it covers every
+// day its times touched.
+rivet::RivetResult<VdirTime> movedEnd(const VdirTime& end, const VdirTime& from, const VdirTime& to,
+                                      const VdirEditContext& context) {
+  if (!to.isDate() || from.isDate()) return moved(end, from, to, context);
+  auto stated = inFormOf(end, from, context);
+  if (!stated) return stated.error();
+  const std::int64_t seconds = fieldSeconds(stated->local), day = daySeconds(stated->local);
+  const std::int64_t last = (seconds > day ? day + 86400 : day) + fieldSeconds(to.local) - daySeconds(from.local);
+  VdirTime result = to;
+  result.local = fieldsAt(std::max(last, fieldSeconds(to.local) + 86400), true);
+  return result;
+}
+
+// The end a component states: its DTEND, or its start and DURATION; none when it states neither.
+rivet::RivetResult<std::optional<VdirTime>> endOf(const VdirComponent& component, const VdirTime& start,
+                                                  const VdirEditContext& context) {
+  if (const VdirContentLine* end = component.property("DTEND")) {
+    auto time = timeOfValue(*end, end->value(), context);
+    if (!time) return editError("the item's end cannot be read: " + end->value(), "endOf", __LINE__);
+    return std::optional<VdirTime>(*time);
+  }
+  const VdirContentLine* duration = component.property("DURATION");
+  if (!duration) return std::optional<VdirTime>();
+  const icaldurationtype length = icaldurationtype_from_string(duration->value().c_str());
+  if (icaldurationtype_is_bad_duration(length))
+    return editError("the item's duration cannot be read: " + duration->value(), "endOf", __LINE__);
+  VdirTime end = start;
+  end.local = fieldsAt(fieldSeconds(start.local) + icaldurationtype_as_int(length), false);
+  if (start.isDate()) end.local = fieldsAt(fieldSeconds(end.local), !(fieldSeconds(end.local) % 86400));
+  return std::optional<VdirTime>(end);
+}
+
+// Moves DTSTART to `start`, and the end with it unless `changes` set the end. A DURATION stays
+// unless the item comes to last all day or no longer does: a DTEND states its end then. Whether
+// anything changed.
 rivet::RivetResult<bool> moveStart(VdirComponent& component, const VdirTime& from, const VdirTime& start,
                                    const VdirItemChanges& changes, const VdirEditContext& context) {
+  const bool movesEnd = !changes.end && (component.property("DTEND") || from.isDate() != start.isDate());
+  auto end = movesEnd ? endOf(component, from, context)
+                      : rivet::RivetResult<std::optional<VdirTime>>(std::optional<VdirTime>());
+  if (!end) return end.error();
   bool changed = component.set(timeLine("DTSTART", start));
-  const VdirContentLine* end = component.property("DTEND");
-  if (changed && end && !changes.end) {
-    auto endTime = timeOfValue(*end, end->value(), context);
-    if (!endTime) return editError("the item's end cannot be read: " + end->value(), "moveStart", __LINE__);
-    auto movedEnd = moved(*endTime, from, start, context);
-    if (!movedEnd) return movedEnd.error();
-    component.set(timeLine("DTEND", *movedEnd));
+  if (changed && *end) {
+    auto endTime = movedEnd(**end, from, start, context);
+    if (!endTime) return endTime.error();
+    component.set(timeLine("DTEND", *endTime));
+    component.remove("DURATION");
   }
   return changed;
 }
@@ -374,9 +435,24 @@ rivet::RivetResult<VdirComponent*> requireMaster(VdirDocument& document, const s
   return master;
 }
 
+// How long a component lasts, in wall-clock seconds when its start and end share a form; none when
+// it states no end or its times cannot be read.
+std::optional<std::int64_t> lengthOf(const VdirComponent& component, const VdirEditContext& context) {
+  auto start = startOf(component, context);
+  auto end = start ? endOf(component, *start, context) : rivet::RivetResult<std::optional<VdirTime>>(start.error());
+  if (!end || !*end) return std::nullopt;
+  if (sameForm(*start, **end)) return fieldSeconds((*end)->local) - fieldSeconds(start->local);
+  auto from = instantOf(*start, context), to = instantOf(**end, context);
+  if (!from || !to) return std::nullopt;
+  return static_cast<std::int64_t>(std::llround(to->timeIntervalSince(*from)));
+}
+
 // Moves the exclusions, extra dates and overrides of a series whose start moves from `from` to `to`.
+// An override at its occurrence moves with it; when the series no longer lasts all day, one that
+// lasted as long as the series (`lengthBefore`) takes the series' new length, and others keep theirs.
 rivet::RivetResult<void> moveOccurrences(VdirDocument& document, const std::string& uid, VdirComponent& master,
-                                         const VdirTime& from, const VdirTime& to, const VdirEditContext& context) {
+                                         const VdirTime& from, const VdirTime& to,
+                                         std::optional<std::int64_t> lengthBefore, const VdirEditContext& context) {
   for (const char* name : {"EXDATE", "RDATE"}) {
     auto rewritten = rewriteTimeLines(master, name, to, context, [&](const VdirTime& time) {
       auto result = moved(time, from, to, context);
@@ -396,8 +472,16 @@ rivet::RivetResult<void> moveOccurrences(VdirDocument& document, const std::stri
     auto startTime = start ? timeOfValue(*start, start->value(), context) : std::nullopt;
     if (startTime && sameForm(*startTime, *recurrence) &&
         fieldSeconds(startTime->local) == fieldSeconds(recurrence->local)) {
+      const auto length = lengthOf(*override, context);
       auto shifted = moveStart(*override, *recurrence, *movedRecurrence, {}, context);
       if (!shifted) return shifted.error();
+      const auto seriesLength = from.isDate() && !to.isDate() ? lengthOf(master, context) : std::nullopt;
+      if (seriesLength && length && length == lengthBefore) {
+        VdirTime end = *movedRecurrence;
+        end.local = fieldsAt(fieldSeconds(end.local) + *seriesLength, false);
+        override->set(timeLine("DTEND", end));
+        override->remove("DURATION");
+      }
     }
     override->set(timeLine("RECURRENCE-ID", *movedRecurrence));
   }
@@ -467,26 +551,44 @@ rivet::RivetResult<bool> setRule(VdirComponent& item, const std::string& text, c
   return true;
 }
 
-// States the UNTIL of `item`'s rules as RFC 5545 asks of a start in the form of `start`: a
-// date-time UNTIL is UTC, or floating when the start floats. Its instant stays.
-rivet::RivetResult<void> untilLike(VdirComponent& item, const VdirTime& start, const VdirEditContext& context) {
-  const bool floats = start.kind == VdirTime::Kind::floating;
+// Moves the UNTIL of `item`'s rules as its start moves from `from` to `to` (see moved), so that
+// the series keeps its last occurrence, and states it as RFC 5545 asks of a start in the form of
+// `to`: a day for an all-day series, else a time in UTC, or floating when the start floats.
+rivet::RivetResult<void> moveUntil(VdirComponent& item, const VdirTime& from, const VdirTime& to,
+                                   const VdirEditContext& context) {
   std::vector<VdirContentLine> rules;
   bool changed = false;
   for (const VdirContentLine* line : item.properties("RRULE")) {
     rules.push_back(*line);
     const icalrecurrencetype parsed = icalrecurrencetype_from_string(line->value().c_str());
-    if (icaltime_is_null_time(parsed.until) || parsed.until.is_date || start.isDate()) continue;
+    if (icaltime_is_null_time(parsed.until)) continue;
+    // A date-time UNTIL on an all-day series is read as its day.
     VdirTime until;
-    until.kind = icaltime_is_utc(parsed.until) ? VdirTime::Kind::utc : VdirTime::Kind::floating;
-    if ((until.kind == VdirTime::Kind::floating) == floats) continue;
     until.local = parsed.until;
-    auto instant = instantOf(until, context);
-    if (!instant) return instant.error();
-    VdirTime floating;
-    floating.kind = VdirTime::Kind::floating;
-    rules.back().setValue(ruleWithoutEnd(line->value()) + ";UNTIL=" +
-                          (floats ? timeValue(timeLike(*instant, floating, *context.clock)) : utcText(*instant)));
+    if (parsed.until.is_date || from.isDate()) {
+      until.kind = VdirTime::Kind::date;
+      until.local = fieldsAt(daySeconds(parsed.until), true);
+    } else {
+      until.kind = icaltime_is_utc(parsed.until) ? VdirTime::Kind::utc : VdirTime::Kind::floating;
+    }
+    auto stated = inFormOf(until, from, context);
+    if (!stated) return stated.error();
+    // An all-day series ends on the day of its last occurrence: an UNTIL earlier in its day than the
+    // start's time of day ends the day before.
+    if (to.isDate() && !from.isDate())
+      stated->local =
+          fieldsAt(fieldSeconds(stated->local) - (fieldSeconds(from.local) - daySeconds(from.local)), false);
+    auto end = moved(*stated, from, to, context);
+    if (!end) return end.error();
+    std::string written = timeValue(*end);
+    if (!to.isDate() && to.kind != VdirTime::Kind::floating) {
+      auto instant = instantOf(*end, context);
+      if (!instant) return instant.error();
+      written = utcText(*instant);
+    }
+    const std::string value = ruleWithoutEnd(line->value()) + ";UNTIL=" + written;
+    if (value == line->value()) continue;
+    rules.back().setValue(value);
     changed = true;
   }
   if (!changed) return rivet::RivetResultVoidSuccess;
@@ -767,6 +869,7 @@ rivet::RivetResult<bool> changeSeriesOn(VdirDocument& document, const std::strin
   auto master = requireMaster(document, uid);
   if (!master) return master.error();
   VdirComponent& item = **master;
+  const auto lengthBefore = changes.start ? lengthOf(item, context) : std::nullopt;
   auto fields = applyFields(item, changes);
   if (!fields) return fields.error();
   bool changed = *fields, movedTime = false;
@@ -778,9 +881,9 @@ rivet::RivetResult<bool> changeSeriesOn(VdirDocument& document, const std::strin
                            : rivet::RivetResult<bool>(item.set(timeLine("DTSTART", *changes.start)));
     if (!moveResult) return moveResult.error();
     if (*moveResult && from) {
-      auto occurrences = moveOccurrences(document, uid, item, *from, *changes.start, context);
+      auto occurrences = moveOccurrences(document, uid, item, *from, *changes.start, lengthBefore, context);
       if (!occurrences) return occurrences.error();
-      if (auto until = untilLike(item, *changes.start, context); !until) return until.error();
+      if (auto until = moveUntil(item, *from, *changes.start, context); !until) return until.error();
     }
     changed |= *moveResult;
     movedTime = *moveResult;

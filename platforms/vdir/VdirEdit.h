@@ -73,8 +73,11 @@ VdirComponent* overrideOf(VdirDocument& document, const std::string& uid, platfo
                           const VdirEditContext& context);
 
 // Applies `changes` to the master of `uid`, and stamps it. When its start moves, its exclusions,
-// extra dates and overrides move with it, so that each stays attached to its occurrence. False
-// (and nothing changed) when the changes change nothing.
+// extra dates, overrides and UNTIL move with it, so that each stays attached to its occurrence and
+// the series keeps its last. A series that comes to last all day, or no longer does, keeps each of
+// them on its day, moved by as many days as the start; an end becomes the first midnight at or
+// after it (a day after its start at least), and a DURATION a DTEND. False (and nothing changed)
+// when the changes change nothing.
 rivet::RivetResult<bool> changeSeries(VdirDocument& document, const std::string& uid, const VdirItemChanges& changes,
                                       const VdirEditContext& context);
 

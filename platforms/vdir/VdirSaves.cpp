@@ -170,18 +170,14 @@ std::optional<platform::NSError> saveOccurrence(VdirStore& store, const VdirEven
   const VdirTime& stated = event.statedStart();
   auto form = eventForm(set, stated, store.clock());
   if (!form) return errorOf(form.error());
-  // A series keeps the days of its start, with its RECURRENCE-IDs and UNTIL: an event comes to last
-  // all day (or no longer does) one occurrence at a time, or when it does not repeat.
   const bool series = event.fields().series->isRecurring() && span != VdirSpan::thisOccurrence;
-  if (series && form->isDate() != stated.isDate())
-    return vdirError(VdirErrorCode::invalidChange,
-                     "whether a repeating event lasts all day can be changed one occurrence at a time");
   const bool formChanges = form->kind != stated.kind || form->tzid != stated.tzid;
   // The first occurrence of a series takes the series' start: one moved away from its usual time
   // would lose its own.
   if (series && formChanges && !set.start && event.fields().start != event.fields().occurrence)
     return vdirError(VdirErrorCode::invalidChange,
-                     "the zone of a repeating event is changed from an occurrence at its usual time");
+                     "the zone of a repeating event, or whether it lasts all day, is changed from an occurrence "
+                     "at its usual time");
   const platform::Date start = set.start.value_or(event.fields().start), end = set.end.value_or(event.fields().end);
   if (end < start) return vdirError(VdirErrorCode::endBeforeStart, "the event ends before it starts");
   VdirItemChanges changes;

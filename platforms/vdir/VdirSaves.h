@@ -16,7 +16,8 @@ namespace vesp::vdir {
 // A new event (VdirNewEvent) becomes a file of its own in its calendar, and learns its identifier;
 // saved again, it is changed as a whole. An occurrence (VdirEvent) is changed alone or with every
 // later one, as `span` says (from the first occurrence, the whole series), and moves to the
-// calendar set on it. Changing whether an event lasts all day is refused (invalidChange).
+// calendar set on it. A series comes to last all day, or no longer does, with its exclusions,
+// overrides and end (see changeSeries in VdirEdit.h).
 std::optional<platform::NSError> saveEvent(VdirStore& store, const std::shared_ptr<platform::EKEvent>& event,
                                            platform::EKSpan span);
 std::optional<platform::NSError> removeEvent(VdirStore& store, const std::shared_ptr<platform::EKEvent>& event,
@@ -24,8 +25,9 @@ std::optional<platform::NSError> removeEvent(VdirStore& store, const std::shared
 
 // A new reminder (VdirNewReminder) becomes a to-do in a file of its own in its list; a stored one
 // (VdirReminder) is changed in its file: title, location, notes, URL, priority (0-9), due date (a
-// day, or a day and time in UTC, a known zone or floating), completed. Not yet: moving a reminder
-// to another list, removing a stored reminder's due date (both refused, invalidChange).
+// day, or a day and time in UTC, a known zone or floating, or none), completed, alarms at a set
+// time, and the list set on it. Refused (invalidChange): repeat rules, a zone of its own, alarms
+// as offsets.
 std::optional<platform::NSError> saveReminder(VdirStore& store, const std::shared_ptr<platform::EKReminder>& reminder);
 std::optional<platform::NSError> removeReminder(VdirStore& store,
                                                 const std::shared_ptr<platform::EKReminder>& reminder);

@@ -178,6 +178,125 @@ TEST_F(VdirEditTest, MovingTheSeriesMovesItsExclusionsAndOverridesAcrossTheChang
   EXPECT_EQ(occurrencesOf(document.text()), expected);
 }
 
+// The series, ending with an UNTIL at its last occurrence (21 December, 09:00 in Berlin) rather
+// than a COUNT.
+std::string seriesUntilItsLast() {
+  std::string text = kSeries;
+  const std::string count = "RRULE:FREQ=WEEKLY;COUNT=10";
+  return text.replace(text.find(count), count.size(), "RRULE:FREQ=WEEKLY;UNTIL=20261221T080000Z");
+}
+
+TEST_F(VdirEditTest, AMovedSeriesKeepsItsLastOccurrenceBeforeItsUntil) {
+  ASSERT_EQ(occurrencesOf(seriesUntilItsLast()), theSeries());
+  for (const int minutes : {90, -60}) {
+    VdirDocument document = parse(seriesUntilItsLast());
+    const VdirTime start = berlinTime(2026, 10, 19, 9 + minutes / 60, minutes % 60);
+    auto changed = changeSeries(document, kUid, {.start = start}, context_);
+    ASSERT_TRUE(changed) << changed.error().description();
+    const std::string until = minutes > 0 ? "UNTIL=20261221T093000Z" : "UNTIL=20261221T070000Z";
+    EXPECT_THAT(linesOf(document, "VEVENT")[0], ::testing::Contains("RRULE:FREQ=WEEKLY;" + until));
+    std::set<long long> expected;
+    for (long long at : theSeries()) expected.insert(at == berlin(11, 30, 14) ? at : at + minutes * 60);
+    EXPECT_EQ(occurrencesOf(document.text()), expected) << minutes;
+  }
+}
+
+TEST_F(VdirEditTest, ASeriesComesToLastAllDayWithItsExclusionsOverridesAndUntilAndBack) {
+  VdirDocument document = parse(seriesUntilItsLast());
+  auto changed = changeSeries(document, kUid, {.start = dateOf(2026, 10, 19)}, context_);
+  ASSERT_TRUE(changed) << changed.error().description();
+  ASSERT_TRUE(*changed);
+  auto events = linesOf(document, "VEVENT");
+  ASSERT_EQ(events.size(), 3u);
+  EXPECT_THAT(events[0], ::testing::IsSupersetOf({"DTSTART;VALUE=DATE:20261019", "DTEND;VALUE=DATE:20261020",
+                                                   "RRULE:FREQ=WEEKLY;UNTIL=20261221",
+                                                   "EXDATE;VALUE=DATE:20261116", "SEQUENCE:3"}));
+  // The retitled occurrence lasts its day; the one moved to 14:00 keeps its time.
+  EXPECT_THAT(events[1], ::testing::IsSupersetOf({"RECURRENCE-ID;VALUE=DATE:20261123", "DTSTART;VALUE=DATE:20261123",
+                                                   "DTEND;VALUE=DATE:20261124", "SEQUENCE:3"}));
+  EXPECT_THAT(events[2], ::testing::IsSupersetOf({"RECURRENCE-ID;VALUE=DATE:20261130",
+                                                   "DTSTART;TZID=Europe/Berlin:20261130T140000"}));
+  const std::set<long long> days = occurrencesOf(document.text());
+  EXPECT_EQ(days.size(), theSeries().size());
+  EXPECT_TRUE(days.count(berlin(11, 30, 14)));
+  // The retitled occurrence comes to last two days.
+  ASSERT_TRUE(changeOccurrence(document, kUid, clock_.instant(dateOf(2026, 11, 23)), {.end = dateOf(2026, 11, 25)},
+                               context_));
+
+  // Back at 09:00 to 10:00: the retitled occurrence keeps its two days, from 09:00.
+  changed = changeSeries(document, kUid,
+                         {.start = berlinTime(2026, 10, 19, 9), .end = berlinTime(2026, 10, 19, 10)}, context_);
+  ASSERT_TRUE(changed) << changed.error().description();
+  events = linesOf(document, "VEVENT");
+  EXPECT_THAT(events[0], ::testing::IsSupersetOf({"DTSTART;TZID=Europe/Berlin:20261019T090000",
+                                                   "DTEND;TZID=Europe/Berlin:20261019T100000",
+                                                   "RRULE:FREQ=WEEKLY;UNTIL=20261221T080000Z",
+                                                   "EXDATE;TZID=Europe/Berlin:20261116T090000"}));
+  EXPECT_THAT(events[1], ::testing::IsSupersetOf({"RECURRENCE-ID;TZID=Europe/Berlin:20261123T090000",
+                                                   "DTSTART;TZID=Europe/Berlin:20261123T090000",
+                                                   "DTEND;TZID=Europe/Berlin:20261125T090000"}));
+  EXPECT_THAT(events[2], ::testing::IsSupersetOf({"RECURRENCE-ID;TZID=Europe/Berlin:20261130T090000",
+                                                   "DTSTART;TZID=Europe/Berlin:20261130T140000"}));
+  EXPECT_EQ(occurrencesOf(document.text()), theSeries());
+
+  // A series ended the second before an occurrence (08:59:59) ends, all day, the day before it.
+  VdirDocument ended = parse(kSeries);
+  ASSERT_TRUE(endSeriesBefore(ended, kUid, at(berlin(11, 16, 9)), context_));
+  ASSERT_TRUE(changeSeries(ended, kUid, {.start = dateOf(2026, 10, 19)}, context_));
+  EXPECT_THAT(linesOf(ended, "VEVENT")[0], ::testing::Contains("RRULE:FREQ=WEEKLY;UNTIL=20261115"));
+  EXPECT_EQ(occurrencesOf(ended.text()).size(), 4u);
+}
+
+TEST_F(VdirEditTest, AnOverrideThatLastedAsLongAsItsSeriesTakesTheSeriesNewLength) {
+  VdirDocument document = parse(seriesUntilItsLast());
+  ASSERT_TRUE(changeSeries(document, kUid, {.start = dateOf(2026, 10, 19)}, context_));
+  // Without an end given, the series lasts from midnight to midnight; the retitled occurrence too.
+  auto changed = changeSeries(document, kUid, {.start = berlinTime(2026, 10, 19, 0)}, context_);
+  ASSERT_TRUE(changed) << changed.error().description();
+  auto events = linesOf(document, "VEVENT");
+  EXPECT_THAT(events[0], ::testing::IsSupersetOf({"DTSTART;TZID=Europe/Berlin:20261019T000000",
+                                                   "DTEND;TZID=Europe/Berlin:20261020T000000"}));
+  EXPECT_THAT(events[1], ::testing::IsSupersetOf({"DTSTART;TZID=Europe/Berlin:20261123T000000",
+                                                   "DTEND;TZID=Europe/Berlin:20261124T000000"}));
+  // At 09:00 to 10:00, the retitled occurrence takes that hour.
+  ASSERT_TRUE(changeSeries(document, kUid, {.start = dateOf(2026, 10, 19)}, context_));
+  ASSERT_TRUE(changeSeries(document, kUid,
+                           {.start = berlinTime(2026, 10, 19, 9), .end = berlinTime(2026, 10, 19, 10)}, context_));
+  EXPECT_THAT(linesOf(document, "VEVENT")[1], ::testing::IsSupersetOf({"DTSTART;TZID=Europe/Berlin:20261123T090000",
+                                                                        "DTEND;TZID=Europe/Berlin:20261123T100000"}));
+}
+
+TEST_F(VdirEditTest, ASeriesMadeAllDayEndsAtTheMidnightAtOrAfterItsEndAndWritesNoDuration) {
+  VdirDocument document = parse(
+      "BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nUID:late\r\nDTSTART;TZID=Europe/Berlin:20261019T220000\r\n"
+      "DURATION:PT2H\r\nRRULE:FREQ=DAILY;COUNT=3\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
+  auto changed = changeSeries(document, "late", {.start = dateOf(2026, 10, 19)}, context_);
+  ASSERT_TRUE(changed) << changed.error().description();
+  auto lines = linesOf(document, "VEVENT")[0];
+  EXPECT_THAT(lines, ::testing::IsSupersetOf({"DTSTART;VALUE=DATE:20261019", "DTEND;VALUE=DATE:20261020",
+                                              "RRULE:FREQ=DAILY;COUNT=3"}));
+  EXPECT_THAT(lines, ::testing::Not(::testing::Contains(::testing::StartsWith("DURATION"))));
+  // Until 00:30: it touches the next day too.
+  VdirDocument later = parse(
+      "BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nUID:later\r\nDTSTART;TZID=Europe/Berlin:20261019T220000\r\n"
+      "DTEND;TZID=Europe/Berlin:20261020T003000\r\nRRULE:FREQ=DAILY;COUNT=3\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
+  ASSERT_TRUE(changeSeries(later, "later", {.start = dateOf(2026, 10, 19)}, context_));
+  EXPECT_THAT(linesOf(later, "VEVENT")[0], ::testing::Contains("DTEND;VALUE=DATE:20261021"));
+}
+
+// A series in New York read where the local zone is Berlin: their clocks change a week apart, yet
+// each occurrence keeps its own day, and so does its exclusion.
+TEST_F(VdirEditTest, ASeriesInAnotherZoneKeepsTheDaysOfItsOccurrencesWhenItComesToLastAllDay) {
+  VdirDocument document = parse(
+      "BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nUID:ny\r\nDTSTART;TZID=America/New_York:20261019T090000\r\n"
+      "DTEND;TZID=America/New_York:20261019T100000\r\nRRULE:FREQ=WEEKLY;COUNT=4\r\n"
+      "EXDATE;TZID=America/New_York:20261026T090000\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
+  auto changed = changeSeries(document, "ny", {.start = dateOf(2026, 10, 19)}, context_);
+  ASSERT_TRUE(changed) << changed.error().description();
+  EXPECT_THAT(linesOf(document, "VEVENT")[0],
+              ::testing::IsSupersetOf({"DTSTART;VALUE=DATE:20261019", "EXDATE;VALUE=DATE:20261026"}));
+}
+
 TEST_F(VdirEditTest, ChangingOneOccurrenceWritesItsOverrideFromTheMaster) {
   VdirDocument document = parse(kSeries);
   auto changed = changeOccurrence(document, kUid, at(berlin(11, 9, 9)), {.title = "Team (moved room)",

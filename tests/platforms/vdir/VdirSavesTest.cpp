@@ -487,11 +487,6 @@ TEST_F(VdirSavesTest, AvailabilityIsWrittenAsOtherClientsReadIt) {
 
 TEST_F(VdirSavesTest, WhatCannotBeSavedIsRefusedWithItsCode) {
   auto first = march().at(0);
-  first->setAllDay(true);
-  EXPECT_EQ(store->saveEvent(first, platform::EKSpanFutureEvents),
-            vdirError(VdirErrorCode::invalidChange,
-                      "whether a repeating event lasts all day can be changed one occurrence at a time"));
-  first->setAllDay(false);
   EXPECT_EQ(store->saveEvent(first, 7), vdirError(VdirErrorCode::invalidChange, "unknown span 7"));
   // Saving what was not changed writes nothing.
   const auto before = testing::treeState(root.path());
@@ -643,6 +638,78 @@ TEST_F(VdirSavesTest, ASeriesTakesItsNewZoneWithItsEndExclusionsAndOverrides) {
   EXPECT_EQ(tuesdays(), before);
 }
 
+TEST_F(VdirSavesTest, AWholeSeriesComesToLastAllDayOnTheDaysOfItsOccurrencesAndBack) {
+  writeFile(root.path() / "work/until.ics",
+            "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Test//EN\r\nBEGIN:VEVENT\r\nUID:until\r\n"
+            "DTSTAMP:20260101T000000Z\r\nDTSTART:20260303T090000Z\r\nDTEND:20260303T100000Z\r\n"
+            "RRULE:FREQ=WEEKLY;UNTIL=20260324T090000Z\r\nEXDATE:20260310T090000Z\r\nSUMMARY:Tuesday\r\n"
+            "END:VEVENT\r\nBEGIN:VEVENT\r\nUID:until\r\nDTSTAMP:20260101T000000Z\r\n"
+            "RECURRENCE-ID:20260317T090000Z\r\nDTSTART:20260317T090000Z\r\nDTEND:20260317T100000Z\r\n"
+            "SUMMARY:Moved\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
+  ASSERT_TRUE(vdirPlatform->refresh());
+  auto tuesdays = [&] {
+    std::vector<std::string> found;
+    for (const auto& event : march())
+      if (event->calendarItemIdentifier() == "work/until.ics")
+        found.push_back(std::to_string(static_cast<long long>(event->startDate()->timeIntervalSince1970())) + " " +
+                        std::to_string(static_cast<long long>(event->endDate()->timeIntervalSince1970())) +
+                        (event->isAllDay() ? " all day " : " ") + event->title().value_or(""));
+    return found;
+  };
+  auto first = [&] {
+    for (const auto& event : march())
+      if (event->calendarItemIdentifier() == "work/until.ics") return event;
+    return std::shared_ptr<platform::EKEvent>();
+  };
+  auto line = [](platform::Date start, platform::Date end, const std::string& rest) {
+    return std::to_string(static_cast<long long>(start.timeIntervalSince1970())) + " " +
+           std::to_string(static_cast<long long>(end.timeIntervalSince1970())) + rest;
+  };
+  const auto before = tuesdays();
+  ASSERT_EQ(before.size(), 3u);
+  auto event = first();
+  event->setAllDay(true);
+  ASSERT_EQ(store->saveEvent(event, platform::EKSpanFutureEvents), std::nullopt);
+  std::string text = readFile(root.path() / "work/until.ics");
+  EXPECT_THAT(text, HasSubstr("DTSTART;VALUE=DATE:20260303\r\nDTEND;VALUE=DATE:20260304\r\n"));
+  EXPECT_THAT(text, HasSubstr("RRULE:FREQ=WEEKLY;UNTIL=20260324\r\n"));
+  EXPECT_THAT(text, HasSubstr("EXDATE;VALUE=DATE:20260310\r\n"));
+  EXPECT_THAT(text, HasSubstr("RECURRENCE-ID;VALUE=DATE:20260317\r\nDTSTART;VALUE=DATE:20260317\r\n"
+                              "DTEND;VALUE=DATE:20260318\r\n"));
+  // Midnight to midnight in Berlin, on the same Tuesdays.
+  EXPECT_THAT(tuesdays(), ElementsAre(line(utc(2026, 3, 2, 23), utc(2026, 3, 3, 23), " all day Tuesday"),
+                                      line(utc(2026, 3, 16, 23), utc(2026, 3, 17, 23), " all day Moved"),
+                                      line(utc(2026, 3, 23, 23), utc(2026, 3, 24, 23), " all day Tuesday")));
+
+  // Back at 09:00 to 10:00 UTC (10:00 in the local zone): every occurrence as it was.
+  event = first();
+  event->setAllDay(false);
+  event->setStartDate(utc(2026, 3, 3, 9));
+  event->setEndDate(utc(2026, 3, 3, 10));
+  ASSERT_EQ(store->saveEvent(event, platform::EKSpanFutureEvents), std::nullopt);
+  text = readFile(root.path() / "work/until.ics");
+  EXPECT_THAT(text, HasSubstr("DTSTART;TZID=Europe/Berlin:20260303T100000\r\n"));
+  EXPECT_THAT(text, HasSubstr("RRULE:FREQ=WEEKLY;UNTIL=20260324T090000Z\r\n"));
+  EXPECT_THAT(text, HasSubstr("BEGIN:VTIMEZONE\r\nTZID:Europe/Berlin\r\n"));
+  EXPECT_EQ(tuesdays(), before);
+}
+
+TEST_F(VdirSavesTest, LaterOccurrencesComeToLastAllDayAsASeriesOfTheirOwn) {
+  auto third = march().at(2);
+  third->setAllDay(true);
+  ASSERT_EQ(store->saveEvent(third, platform::EKSpanFutureEvents), std::nullopt);
+  std::vector<std::string> found;
+  for (const auto& event : march())
+    found.push_back(std::to_string(static_cast<long long>(event->startDate()->timeIntervalSince1970())) +
+                    (event->isAllDay() ? " all day" : ""));
+  auto at = [](platform::Date date, const char* rest) {
+    return std::to_string(static_cast<long long>(date.timeIntervalSince1970())) + rest;
+  };
+  EXPECT_THAT(found, ElementsAre(at(utc(2026, 3, 2, 9), ""), at(utc(2026, 3, 9, 9), ""),
+                                 at(utc(2026, 3, 15, 23), " all day"), at(utc(2026, 3, 22, 23), " all day")));
+  EXPECT_NE(march().at(2)->eventIdentifier(), march().at(1)->eventIdentifier());
+}
+
 TEST_F(VdirSavesTest, AMovedOccurrenceDoesNotChangeTheZoneOfTheLaterOnes) {
   auto second = march().at(1);
   second->setStartDate(utc(2026, 3, 9, 11));
@@ -652,8 +719,8 @@ TEST_F(VdirSavesTest, AMovedOccurrenceDoesNotChangeTheZoneOfTheLaterOnes) {
   second = march().at(1);
   second->setTimeZone(platform::TimeZone("Europe/Berlin"));
   EXPECT_EQ(store->saveEvent(second, platform::EKSpanFutureEvents),
-            vdirError(VdirErrorCode::invalidChange,
-                      "the zone of a repeating event is changed from an occurrence at its usual time"));
+            vdirError(VdirErrorCode::invalidChange, "the zone of a repeating event, or whether it lasts all day, is "
+                                                    "changed from an occurrence at its usual time"));
   EXPECT_EQ(readFile(root.path() / "work/weekly.ics"), before);
   // From an occurrence at its usual time, the later ones take the zone.
   auto third = march().at(2);

@@ -1,7 +1,7 @@
 // A thousand random writes through the platform (events created, retitled, moved in time and removed
-// with each span, series moved between calendars or made to stop repeating, reminders created,
-// completed, retitled, moved and removed), each also applied to a plain model of what the store
-// should then answer. After every step the store's answers equal the model's, and every hundred
+// with each span, series moved between calendars, made to stop repeating or to last all day and
+// back, reminders created, completed, retitled, moved and removed), each also applied to a plain
+// model of what the store should then answer. After every step the store's answers equal the model's, and every hundred
 // steps so do those of a store opened cold.
 #include <algorithm>
 #include <condition_variable>
@@ -61,6 +61,13 @@ std::int64_t berlinOffset(std::int64_t seconds) { return seconds >= 1774746000 &
 std::int64_t weeksLater(std::int64_t first, int weeks) {
   const std::int64_t naive = first + weeks * kWeek;
   return naive + berlinOffset(first) - berlinOffset(naive);
+}
+
+// The midnight in Berlin that starts the day of `seconds`, `days` later. The clocks change at 01:00
+// UTC, after midnight: two hours before the midnight read in local seconds is still on its offset.
+std::int64_t berlinMidnight(std::int64_t seconds, int days) {
+  const std::int64_t local = (seconds + berlinOffset(seconds)) / 86400 * 86400 + days * 86400;
+  return local - berlinOffset(local - 7200);
 }
 
 std::int64_t secondsOf(platform::Date date) { return static_cast<std::int64_t>(date.timeIntervalSince1970()); }
@@ -142,10 +149,17 @@ class VdirModelTest : public ::testing::Test {
     return rows;
   }
 
-  std::vector<EventRow> modelEventRows() const {
+  // The model's answers; with `allDay`, that series lasts all day: each occurrence at its usual time
+  // from midnight to midnight in Berlin on its day, each moved alone where it was moved.
+  std::vector<EventRow> modelEventRows(std::optional<int> allDay = std::nullopt) const {
     std::vector<EventRow> rows;
-    for (const ModelOccurrence& o : occurrences)
-      rows.emplace_back(kCalendars[series.at(o.series).calendar], o.title, o.start, o.start + kHour);
+    for (const ModelOccurrence& o : occurrences) {
+      const std::string& calendar = kCalendars[series.at(o.series).calendar];
+      if (o.series == allDay && o.start == o.instant)
+        rows.emplace_back(calendar, o.title, berlinMidnight(o.instant, 0), berlinMidnight(o.instant, 1));
+      else
+        rows.emplace_back(calendar, o.title, o.start, o.start + kHour);
+    }
     std::sort(rows.begin(), rows.end());
     return rows;
   }
@@ -188,6 +202,7 @@ class VdirModelTest : public ::testing::Test {
   void remove(platform::EKSpan span);
   void moveSeries();
   void stopRepeating();
+  void allDayAndBack();
   void createReminder();
   void changeReminder();
   void removeReminder();
@@ -322,6 +337,35 @@ void VdirModelTest::moveSeries() {
   done = "moved the series of " + chosen.title + " to " + kCalendars[of.calendar];
 }
 
+// A whole series comes to last all day, from its first occurrence, and then back to its hour: in
+// between, the store serves each of its occurrences on its own day; after, all as they were.
+void VdirModelTest::allDayAndBack() {
+  std::vector<std::size_t> firsts;
+  for (std::size_t i = 0; i < occurrences.size(); ++i)
+    if (occurrences[i].instant == series.at(occurrences[i].series).firstInstant &&
+        occurrences[i].start == occurrences[i].instant)
+      firsts.push_back(i);
+  if (firsts.empty()) return createEvent();
+  const ModelOccurrence chosen = occurrences[firsts[any(firsts)]];
+  auto event = served(chosen);
+  ASSERT_TRUE(event) << chosen.title;
+  event->setAllDay(true);
+  ASSERT_EQ(store->saveEvent(event, platform::EKSpanFutureEvents), std::nullopt) << "all day: " << chosen.title;
+  done = "made the series of " + chosen.title + " last all day";
+  ASSERT_EQ(eventRows(*store), modelEventRows(chosen.series)) << done;
+  event = nullptr;
+  for (const auto& found : allEvents(*store))
+    if (found->title() == chosen.title && secondsOf(*found->startDate()) == berlinMidnight(chosen.instant, 0))
+      event = found;
+  ASSERT_TRUE(event) << chosen.title;
+  ASSERT_TRUE(event->isAllDay());
+  event->setAllDay(false);
+  event->setStartDate(dateOf(chosen.instant));
+  event->setEndDate(dateOf(chosen.instant + kHour));
+  ASSERT_EQ(store->saveEvent(event, platform::EKSpanFutureEvents), std::nullopt) << "timed: " << chosen.title;
+  done += ", and back";
+}
+
 void VdirModelTest::createReminder() {
   ModelReminder made{nextTitle("R"), below(2), false};
   auto reminder = platform->reminderWithEventStore(store);
@@ -379,13 +423,14 @@ void VdirModelTest::step(int kind) {
       return createReminder();
     case 10: return changeReminder();
     case 11: return removeReminder();
+    case 12: return allDayAndBack();
     default: return stopRepeating();
   }
 }
 
 TEST_F(VdirModelTest, AThousandRandomWritesLeaveTheStoreAnsweringAsTheModelDoes) {
   for (int n = 1; n <= 1000; ++n) {
-    step(below(13));
+    step(below(14));
     if (HasFatalFailure()) return;
     SCOPED_TRACE("step " + std::to_string(n) + ": " + done);
     ASSERT_EQ(eventRows(*store), modelEventRows());

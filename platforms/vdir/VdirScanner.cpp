@@ -86,7 +86,7 @@ void runOnEveryCore(unsigned threads, std::size_t count, std::size_t perThread,
 }  // namespace
 
 bool isItemFileName(const std::string& name) {
-  return !name.empty() && name[0] != '.' && name.find('/') == std::string::npos && endsWith(name, ".ics");
+  return name.find('/') == std::string::npos && endsWith(name, ".ics");
 }
 
 struct VdirScanner::Slot {
@@ -117,7 +117,7 @@ struct VdirScanner::Collection {
 // saves a stat for most of them. An entry's path is made only when it is needed.
 struct VdirScanner::Listing {
   std::string directory;
-  std::vector<Listed> entries;  // by name, hidden ones left out
+  std::vector<Listed> entries;  // by name, hidden ones left out but item files
   std::string pathOf(const Listed& entry) const { return directory + "/" + entry.name; }
   bool isLink(const Listed& entry) const { return entry.kind == VdirFileKind::link; }
   bool isDirectory(VdirEnv& env, const Listed& entry) const {
@@ -153,10 +153,18 @@ VdirScanner::Listing VdirScanner::listDirectory(std::string directory, const std
     return listing;
   }
   for (auto& entry : *entries)
-    if (!entry.name.empty() && entry.name[0] != '.') listing.entries.push_back(std::move(entry));
+    if (!entry.name.empty() && (entry.name[0] != '.' || isHiddenItemFile(listing, entry)))
+      listing.entries.push_back(std::move(entry));
   std::sort(listing.entries.begin(), listing.entries.end(),
             [](const Listed& a, const Listed& b) { return a.name < b.name; });
   return listing;
+}
+
+// Hidden entries are sync tools' state and temporary files, except item files: vdirsyncer names a
+// file after its item's UID, and the UID ".abc" gives ".abc.ics". Writers' temporary files end
+// otherwise (".tmp"), and a directory is never an item file.
+bool VdirScanner::isHiddenItemFile(const Listing& listing, const Listed& entry) {
+  return isItemFileName(entry.name) && !listing.isDirectory(env_, entry);
 }
 
 // Symbolic links are followed only when they stay inside the store root.

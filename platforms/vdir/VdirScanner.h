@@ -34,7 +34,8 @@ class VdirEnv;
 struct VdirDirectoryEntry;
 class VdirZones;
 
-// Whether a scan reads a file of this name in a collection as an item: "NAME.ics", not hidden.
+// Whether a scan reads a file of this name in a collection as an item: "NAME.ics", hidden too
+// (".abc.ics" holds the UID ".abc" for vdirsyncer).
 bool isItemFileName(const std::string& name);
 
 using VdirSources = std::map<std::string, std::shared_ptr<VdirSource>>;
@@ -84,6 +85,7 @@ class VdirScanner {
   using Listed = VdirDirectoryEntry;
   struct Listing;
   Listing listDirectory(std::string directory, const std::string& relative);
+  bool isHiddenItemFile(const Listing& listing, const Listed& entry);
   bool insideRoot(const Listing& listing, const Listed& entry, const std::string& relative);
   void addCollection(Listing listing, const std::string& identifier, const std::shared_ptr<VdirSource>& source,
                      platform::EKCalendarType type);

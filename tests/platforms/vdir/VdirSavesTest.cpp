@@ -5,6 +5,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <initializer_list>
 #include <iterator>
 #include <map>
@@ -79,6 +80,34 @@ class VdirSavesTest : public ::testing::Test {
   // The event of work/NAME.ics, as the store serves it now.
   std::shared_ptr<platform::EKEvent> storedEvent(const std::string& name) {
     return std::dynamic_pointer_cast<platform::EKEvent>(store->calendarItemWithIdentifier("work/" + name + ".ics"));
+  }
+
+  // work/until.ics: Tuesdays 3 to 24 March 2026, 09:00-10:00 UTC, ending with an UNTIL; the 10th
+  // excluded, the 17th an override titled "Moved".
+  void writeTuesdays() {
+    writeFile(root.path() / "work/until.ics",
+              "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Test//EN\r\nBEGIN:VEVENT\r\nUID:until\r\n"
+              "DTSTAMP:20260101T000000Z\r\nDTSTART:20260303T090000Z\r\nDTEND:20260303T100000Z\r\n"
+              "RRULE:FREQ=WEEKLY;UNTIL=20260324T090000Z\r\nEXDATE:20260310T090000Z\r\nSUMMARY:Tuesday\r\n"
+              "END:VEVENT\r\nBEGIN:VEVENT\r\nUID:until\r\nDTSTAMP:20260101T000000Z\r\n"
+              "RECURRENCE-ID:20260317T090000Z\r\nDTSTART:20260317T090000Z\r\nDTEND:20260317T100000Z\r\n"
+              "SUMMARY:Moved\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
+    EXPECT_TRUE(vdirPlatform->refresh());
+  }
+  // Its occurrences in March: start, end (seconds since 1970), whether all day, and title.
+  std::vector<std::string> tuesdays() {
+    std::vector<std::string> found;
+    for (const auto& event : march())
+      if (event->calendarItemIdentifier() == "work/until.ics")
+        found.push_back(std::to_string(static_cast<long long>(event->startDate()->timeIntervalSince1970())) + " " +
+                        std::to_string(static_cast<long long>(event->endDate()->timeIntervalSince1970())) +
+                        (event->isAllDay() ? " all day " : " ") + event->title().value_or(""));
+    return found;
+  }
+  std::shared_ptr<platform::EKEvent> firstTuesday() {
+    for (const auto& event : march())
+      if (event->calendarItemIdentifier() == "work/until.ics") return event;
+    return nullptr;
   }
 
   // The stored to-do "seed" in a reminder list "Tasks", read by the platform.
@@ -596,27 +625,10 @@ TEST_F(VdirSavesTest, AnEventTakesTheZoneSetOnItAndKeepsItsInstants) {
 }
 
 TEST_F(VdirSavesTest, ASeriesTakesItsNewZoneWithItsEndExclusionsAndOverrides) {
-  writeFile(root.path() / "work/until.ics",
-            "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Test//EN\r\nBEGIN:VEVENT\r\nUID:until\r\n"
-            "DTSTAMP:20260101T000000Z\r\nDTSTART:20260303T090000Z\r\nDTEND:20260303T100000Z\r\n"
-            "RRULE:FREQ=WEEKLY;UNTIL=20260324T090000Z\r\nEXDATE:20260310T090000Z\r\nSUMMARY:Tuesday\r\n"
-            "END:VEVENT\r\nBEGIN:VEVENT\r\nUID:until\r\nDTSTAMP:20260101T000000Z\r\n"
-            "RECURRENCE-ID:20260317T090000Z\r\nDTSTART:20260317T090000Z\r\nDTEND:20260317T100000Z\r\n"
-            "SUMMARY:Moved\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
-  ASSERT_TRUE(vdirPlatform->refresh());
-  auto tuesdays = [&] {
-    std::vector<std::string> found;
-    for (const auto& event : march())
-      if (event->calendarItemIdentifier() == "work/until.ics")
-        found.push_back(std::to_string(static_cast<long long>(event->startDate()->timeIntervalSince1970())) + " " +
-                        event->title().value_or(""));
-    return found;
-  };
+  writeTuesdays();
   const auto before = tuesdays();
   ASSERT_EQ(before.size(), 3u);
-  std::shared_ptr<platform::EKEvent> first;
-  for (const auto& event : march())
-    if (event->calendarItemIdentifier() == "work/until.ics" && !first) first = event;
+  auto first = firstTuesday();
   ASSERT_TRUE(first);
   // Floating: the UNTIL, the exclusion and the override's times all become Berlin wall-clock times.
   first->setTimeZone(std::nullopt);
@@ -629,45 +641,39 @@ TEST_F(VdirSavesTest, ASeriesTakesItsNewZoneWithItsEndExclusionsAndOverrides) {
   EXPECT_EQ(tuesdays(), before);
 
   // And back to UTC.
-  first = nullptr;
-  for (const auto& event : march())
-    if (event->calendarItemIdentifier() == "work/until.ics" && !first) first = event;
+  first = firstTuesday();
+  ASSERT_TRUE(first);
   first->setTimeZone(platform::TimeZone("UTC"));
   ASSERT_EQ(store->saveEvent(first, platform::EKSpanFutureEvents), std::nullopt);
   EXPECT_THAT(readFile(root.path() / "work/until.ics"), HasSubstr("RRULE:FREQ=WEEKLY;UNTIL=20260324T090000Z\r\n"));
   EXPECT_EQ(tuesdays(), before);
 }
 
+// vdirsyncer keeps the item of UID ".abc" in ".abc.ics".
+TEST_F(VdirSavesTest, AnItemInAHiddenFileIsServedAndSavedInPlace) {
+  writeEvent(".abc", "DTSTART:20260311T090000Z\r\nDTEND:20260311T100000Z\r\nSUMMARY:Hidden\r\n");
+  auto event = storedEvent(".abc");
+  ASSERT_TRUE(event);
+  EXPECT_EQ(event->title(), "Hidden");
+  event->setTitle("Found");
+  ASSERT_EQ(store->saveEvent(event, platform::EKSpanThisEvent), std::nullopt);
+  EXPECT_THAT(readFile(root.path() / "work/.abc.ics"), HasSubstr("SUMMARY:Found\r\n"));
+  EXPECT_EQ(storedEvent(".abc")->title(), "Found");
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(root.path() / "work")) names.push_back(entry.path().filename());
+  std::sort(names.begin(), names.end());
+  EXPECT_THAT(names, ElementsAre(".abc.ics", "weekly.ics"));
+}
+
 TEST_F(VdirSavesTest, AWholeSeriesComesToLastAllDayOnTheDaysOfItsOccurrencesAndBack) {
-  writeFile(root.path() / "work/until.ics",
-            "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Test//EN\r\nBEGIN:VEVENT\r\nUID:until\r\n"
-            "DTSTAMP:20260101T000000Z\r\nDTSTART:20260303T090000Z\r\nDTEND:20260303T100000Z\r\n"
-            "RRULE:FREQ=WEEKLY;UNTIL=20260324T090000Z\r\nEXDATE:20260310T090000Z\r\nSUMMARY:Tuesday\r\n"
-            "END:VEVENT\r\nBEGIN:VEVENT\r\nUID:until\r\nDTSTAMP:20260101T000000Z\r\n"
-            "RECURRENCE-ID:20260317T090000Z\r\nDTSTART:20260317T090000Z\r\nDTEND:20260317T100000Z\r\n"
-            "SUMMARY:Moved\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
-  ASSERT_TRUE(vdirPlatform->refresh());
-  auto tuesdays = [&] {
-    std::vector<std::string> found;
-    for (const auto& event : march())
-      if (event->calendarItemIdentifier() == "work/until.ics")
-        found.push_back(std::to_string(static_cast<long long>(event->startDate()->timeIntervalSince1970())) + " " +
-                        std::to_string(static_cast<long long>(event->endDate()->timeIntervalSince1970())) +
-                        (event->isAllDay() ? " all day " : " ") + event->title().value_or(""));
-    return found;
-  };
-  auto first = [&] {
-    for (const auto& event : march())
-      if (event->calendarItemIdentifier() == "work/until.ics") return event;
-    return std::shared_ptr<platform::EKEvent>();
-  };
+  writeTuesdays();
   auto line = [](platform::Date start, platform::Date end, const std::string& rest) {
     return std::to_string(static_cast<long long>(start.timeIntervalSince1970())) + " " +
            std::to_string(static_cast<long long>(end.timeIntervalSince1970())) + rest;
   };
   const auto before = tuesdays();
   ASSERT_EQ(before.size(), 3u);
-  auto event = first();
+  auto event = firstTuesday();
   event->setAllDay(true);
   ASSERT_EQ(store->saveEvent(event, platform::EKSpanFutureEvents), std::nullopt);
   std::string text = readFile(root.path() / "work/until.ics");
@@ -682,7 +688,7 @@ TEST_F(VdirSavesTest, AWholeSeriesComesToLastAllDayOnTheDaysOfItsOccurrencesAndB
                                       line(utc(2026, 3, 23, 23), utc(2026, 3, 24, 23), " all day Tuesday")));
 
   // Back at 09:00 to 10:00 UTC (10:00 in the local zone): every occurrence as it was.
-  event = first();
+  event = firstTuesday();
   event->setAllDay(false);
   event->setStartDate(utc(2026, 3, 3, 9));
   event->setEndDate(utc(2026, 3, 3, 10));

@@ -74,7 +74,6 @@ TEST_F(VdirScannerTest, CollectionsAndAccountsAreListedByNameWithTheirFilesInOrd
   writeFile(root_.path() / "alpha" / "displayname", "Alpha\n");
   writeFile(root_.path() / "account" / "tasks" / "t.ics", event("t"));
   writeFile(root_.path() / "account" / "home" / "h.ics", event("h"));
-  writeFile(root_.path() / "account" / "home" / ".hidden.ics", event("hidden"));
 
   VdirScanResult result = scan();
 
@@ -91,6 +90,29 @@ TEST_F(VdirScannerTest, CollectionsAndAccountsAreListedByNameWithTheirFilesInOrd
   EXPECT_EQ(alpha.calendar->fields().title, "Alpha");
   EXPECT_THAT(alpha.items, IsEmpty());
   EXPECT_EQ(result.snapshot->entries.size(), 4u);
+  EXPECT_THAT(problems(*result.snapshot), IsEmpty());
+}
+
+// vdirsyncer keeps the item of UID ".abc" in ".abc.ics"; sync tools' state and writers' temporary
+// files are hidden too, and stay unread.
+TEST_F(VdirScannerTest, HiddenItemFilesAreReadAndOtherHiddenEntriesAreNot) {
+  writeFile(root_.path() / "home" / "a.ics", event("a"));
+  writeFile(root_.path() / "home" / ".abc.ics", event(".abc"));
+  writeFile(root_.path() / "home" / ".a.ics.4242-17.tmp", event("temporary"));
+  writeFile(root_.path() / "home" / ".state" / "s.ics", event("state"));
+  std::filesystem::create_directories(root_.path() / "home" / ".folder.ics");
+  std::filesystem::create_symlink(".state", root_.path() / "home" / ".linked.ics");
+  writeFile(root_.path() / ".sync" / "x.ics", event("x"));
+  writeFile(root_.path() / ".named.ics" / "z.ics", event("z"));  // a hidden directory named like an item file
+  writeFile(root_.path() / ".hidden-account" / "cal" / "y.ics", event("y"));
+
+  VdirScanResult result = scan();
+
+  EXPECT_THAT(identifiers(*result.snapshot), ElementsAre("home"));
+  std::vector<std::string> paths;
+  for (const auto& [path, record] : result.records) paths.push_back(path);
+  EXPECT_THAT(paths, ElementsAre("home/.abc.ics", "home/a.ics"));
+  EXPECT_EQ(result.snapshot->entries.size(), 2u);
   EXPECT_THAT(problems(*result.snapshot), IsEmpty());
 }
 

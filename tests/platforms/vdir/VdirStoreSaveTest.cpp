@@ -257,7 +257,7 @@ TEST_F(VdirStoreSaveTest, OnlyFilesAScanReadsAreSaved) {
   auto platform = open();
   auto& store = *platform->store();
   const auto before = testing::treeState(root.path());
-  for (const std::string name : {"notes.txt", ".hidden.ics", "e1.ics#x", "ics"}) {
+  for (const std::string name : {"notes.txt", ".e1.ics.4242-17.tmp", "e1.ics#x", "ics"}) {
     auto file = store.readToEdit("c", name);
     ASSERT_TRUE(file.has_value()) << name;
     auto saved = store.save({replacing(*file, event(40, "Stray"))});

@@ -19,9 +19,10 @@ rivet::RivetError importError(std::string message, const char* function, std::ui
 
 bool isItem(const VdirComponent& component) { return component.name() == "VEVENT" || component.name() == "VTODO"; }
 
+// The UID as text, its escapes read, as the store reads it.
 std::string uidOf(const VdirComponent& component) {
   const VdirContentLine* uid = component.property("UID");
-  return uid ? uid->value() : std::string();
+  return uid ? unescapedText(uid->value()) : std::string();
 }
 
 const VdirContentLine* recurrenceOf(const VdirComponent& component) { return component.property("RECURRENCE-ID"); }

@@ -14,7 +14,7 @@ namespace vesp::vdir {
 
 // The components of one UID in a file to import, with the VTIMEZONEs they use.
 struct VdirImportedItem {
-  std::string uid;                        // as written
+  std::string uid;                        // as text, its escapes read
   std::string kind;                       // "VEVENT" or "VTODO"
   std::vector<VdirComponent> components;  // the master and overrides, in file order
   std::vector<VdirComponent> zones;       // the file's VTIMEZONEs that the components name

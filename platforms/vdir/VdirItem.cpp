@@ -307,14 +307,6 @@ Properties gather(icalcomponent* component) {
   return found;
 }
 
-// The value of a property as text; absent without the property or its value.
-std::optional<std::string> textOf(icalproperty* property) {
-  if (!property) return std::nullopt;
-  const char* text = icalproperty_get_value_as_string(property);
-  if (!text) return std::nullopt;
-  return std::string(text);
-}
-
 // Reads files one at a time; collects what it had to skip or repair.
 class Reader {
  public:
@@ -494,7 +486,8 @@ class Reader {
   }
 
   void readCommon(const Properties& properties, VdirComponentData& data) {
-    if (auto uid = textOf(properties.uid)) data.uid = *uid;
+    // A UID is text: its escapes are read, as the editor reads them (written "a\,b", it is "a,b").
+    if (properties.uid && icalproperty_get_uid(properties.uid)) data.uid = icalproperty_get_uid(properties.uid);
     if (icalproperty* p = properties.summary; p && icalproperty_get_summary(p)) data.summary = icalproperty_get_summary(p);
     if (icalproperty* p = properties.description; p && icalproperty_get_description(p))
       data.description = icalproperty_get_description(p);

@@ -310,12 +310,11 @@ rivet::RivetResult<VdirPlan> VdirItemEditor::removeReminder(const std::string& i
 
 namespace {
 
-// Where the collection's snapshot holds the UID `uid` (as written in a file; the snapshot may hold
-// it unescaped): the file's path and the identifier of its series or to-do.
+// Where the collection's snapshot holds the UID `uid` (as text, its escapes read, as the store reads
+// it): the file's path and the identifier of its series or to-do.
 std::optional<std::pair<std::string, std::string>> holderOf(const VdirSnapshot& snapshot, const std::string& collection,
-                                                            const std::string& written) {
-  const std::string unescaped = unescapedText(written);
-  auto same = [&](const std::string& uid) { return uid == written || uid == unescaped; };
+                                                            const std::string& uid) {
+  auto same = [&](const std::string& held) { return held == uid; };
   const VdirCollection* holder = collectionNamed(snapshot, collection);
   if (!holder) return std::nullopt;
   for (const auto& item : holder->items) {

@@ -510,6 +510,28 @@ TEST_F(VdirItemEditorTest, ImportedUidsNeverNameAFileOutsideTheCollection) {
   EXPECT_EQ(importAll(*editor, "d", text), Outcomes(uids.size(), kUnchanged));
 }
 
+// A UID is text: written with escapes, it is changed, served and imported again by what it says.
+TEST_F(VdirItemEditorTest, AUidWrittenWithEscapesIsChangedAndImportedAgainByItsText) {
+  const std::string escaped =
+      "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Other//Writer//EN\r\nBEGIN:VEVENT\r\n"
+      "UID:team\\, weekly\\;\\nroom 4\r\nDTSTAMP:20261120T000000Z\r\nDTSTART:20261202T090000Z\r\n"
+      "DTEND:20261202T100000Z\r\nRRULE:FREQ=WEEKLY;COUNT=2\r\nSUMMARY:Team\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n";
+  writeFile(root.path() / "d/escaped.ics", escaped);
+  reopen();
+  auto served = store->firstOccurrence("d/escaped.ics");
+  ASSERT_NE(served, nullptr);
+  EXPECT_EQ(served->calendarItemExternalIdentifier(), "team, weekly;\nroom 4");
+  apply(editor->changeEvent("d/escaped.ics", at(monday(12, 9)), VdirSpan::thisOccurrence, {.title = "Moved room"}));
+  const std::string text = readFile(root.path() / "d/escaped.ics");
+  EXPECT_THAT(text, HasSubstr("RECURRENCE-ID:20261209T090000Z\r\n"));
+  EXPECT_EQ(text.find("UID:team\\, weekly\\;\\nroom 4\r\n"), text.find("UID:"));  // as it was written
+  EXPECT_EQ(occurrences()[monday(12, 9)], "Moved room");
+  // The same item sent again is found by its UID, and is not newer.
+  const auto tree = testing::treeState(root.path());
+  EXPECT_EQ(importAll(*editor, "d", escaped), (Outcomes{kUnchanged}));
+  EXPECT_EQ(testing::treeState(root.path()), tree);
+}
+
 TEST_F(VdirItemEditorTest, UidsThatDifferOnlyInCaseAreTwoItems) {
   // RFC 5545 compares UIDs exactly: "Case" and "case" are two items, each in its own file.
   const std::string text =

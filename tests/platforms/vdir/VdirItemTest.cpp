@@ -84,6 +84,21 @@ TEST(VdirItemTest, TheTextsAndDatesOfAnEventAreRead) {
   EXPECT_EQ(read.item().series[0].identifier, "work/a.ics");
 }
 
+// A UID is text, as a SUMMARY is: its escapes are read, and a master and its override whose UIDs
+// are written with and without an escape are one series.
+TEST(VdirItemTest, AUidIsReadAsTextWithItsEscapes) {
+  Read read(calendar(event("line\\nbreak\\, and\\;more\\\\", "SUMMARY:S\r\nDTSTART:20260310T090000Z\r\n"
+                                                               "RRULE:FREQ=DAILY;COUNT=3\r\n") +
+                     event("line\\nbreak, and;more\\\\", "SUMMARY:Moved\r\nRECURRENCE-ID:20260311T090000Z\r\n"
+                                                           "DTSTART:20260311T100000Z\r\n")));
+  ASSERT_NE(read.result.item, nullptr);
+  EXPECT_THAT(read.problems(), ::testing::IsEmpty());
+  ASSERT_EQ(read.item().series.size(), 1u);
+  EXPECT_EQ(read.master().uid, "line\nbreak, and;more\\");
+  ASSERT_EQ(read.item().series[0].overrides.size(), 1u);
+  EXPECT_EQ(read.item().series[0].overrides[0].uid, read.master().uid);
+}
+
 TEST(VdirItemTest, StatusAndAvailabilityAreMappedByName) {
   auto read = [](const std::string& lines) {
     Read parsed(calendar(event("e", "SUMMARY:S\r\nDTSTART:20260310T090000Z\r\n" + lines)));

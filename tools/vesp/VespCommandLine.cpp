@@ -256,9 +256,10 @@ class Session {
   keel::KeelManagerFramework framework_;
 };
 
-VespCalendarQuery queryOf(const std::vector<std::string>& identifiers, const std::vector<VespCalendar>& known,
-                          const char* listing) {
-  if (identifiers.empty()) return VespCalendarQuery::all();
+// The calendars `identifiers` name, each one of `known`; an unknown one is a usage error that says
+// which command (`listing`) lists them.
+std::set<std::string> chosenCalendars(const std::vector<std::string>& identifiers,
+                                      const std::vector<VespCalendar>& known, const char* listing) {
   std::set<std::string> wanted;
   for (const auto& identifier : identifiers) {
     bool exists = std::any_of(known.begin(), known.end(), [&](const VespCalendar& calendar) {
@@ -268,7 +269,13 @@ VespCalendarQuery queryOf(const std::vector<std::string>& identifiers, const std
       throw Exit{kExitUsage, "vesp: there is no calendar \"" + identifier + "\"; `vesp " + listing + "` lists them"};
     wanted.insert(identifier);
   }
-  return VespCalendarQuery::some(std::move(wanted));
+  return wanted;
+}
+
+VespCalendarQuery queryOf(const std::vector<std::string>& identifiers, const std::vector<VespCalendar>& known,
+                          const char* listing) {
+  if (identifiers.empty()) return VespCalendarQuery::all();
+  return VespCalendarQuery::some(chosenCalendars(identifiers, known, listing));
 }
 
 template <class T>
@@ -380,9 +387,15 @@ void runReminders(Invocation& call) {
   auto [start, end] = periodOf(call.args);
   call.session.requireAccess(platform::EKEntityTypeReminder, true);
   auto& manager = call.session.manager();
-  auto query =
-      queryOf(call.args.calendarIds, valueOrExit(manager.getAllReminderLists(), kExitFailure), "reminder-lists");
-  auto found = valueOrExit(manager.getReminders(start, end, query), kExitFailure);
+  const auto known = valueOrExit(manager.getAllReminderLists(), kExitFailure);
+  const std::set<std::string> lists = chosenCalendars(call.args.calendarIds, known, "reminder-lists");
+  // The manager picks the calendars of a query among the event calendars, which a list of to-dos
+  // alone is not one of: the lists are chosen here, among the reminders of every list.
+  auto found = valueOrExit(manager.getReminders(start, end, VespCalendarQuery::all()), kExitFailure);
+  if (!lists.empty())
+    std::erase_if(found, [&](const VespReminder& reminder) {
+      return !lists.count(reminder.calendar().calendarIdentifier());
+    });
   if (call.args.asJSON)
     writeArray(call.out, found);
   else

@@ -516,6 +516,20 @@ TEST_F(VespWritingTest, AReminderIsCreatedCompletedReopenedAndDeleted) {
   EXPECT_EQ(run({"reminder"}).status, 2);
 }
 
+// "t" holds to-dos only, as a CalDAV task list does.
+TEST_F(VespWritingTest, RemindersOfAListOfToDosAloneAreListedByItsIdentifier) {
+  ASSERT_EQ(run({"reminder", "new", "Buy stamps", "--due", "2026-12-04", "--list", "t"}).status, 0);
+  ASSERT_EQ(run({"reminder", "new", "Post them", "--due", "2026-12-05", "--list", "t"}).status, 0);
+  auto listed = run({"reminders", "--list", "t", "--from", "2026-12-01", "--to", "2026-12-08", "--json"});
+  ASSERT_EQ(listed.status, 0) << listed.err;
+  std::set<std::string> titles;
+  for (const auto& reminder : json::parse(listed.out)) titles.insert(reminder["title"]);
+  EXPECT_THAT(titles, ::testing::ElementsAre("Buy stamps", "Post them"));
+  auto unknown = run({"reminders", "--list", "c"});  // a calendar of events, not a list
+  EXPECT_EQ(unknown.status, 2);
+  EXPECT_THAT(unknown.err, ::testing::HasSubstr("`vesp reminder-lists` lists them"));
+}
+
 TEST_F(VespWritingTest, ACalendarThatCannotBeWrittenIsAClearFailure) {
   ASSERT_EQ(::chmod((root_.path() / "c").c_str(), 0555), 0);
   auto refused = run({"new", "Dentist", "--start", "2026-12-03T15:00", "--calendar", "c"});

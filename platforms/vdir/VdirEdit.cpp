@@ -435,8 +435,8 @@ rivet::RivetResult<VdirComponent*> requireMaster(VdirDocument& document, const s
   return master;
 }
 
-// How long a component lasts, in wall-clock seconds when its start and end share a form; none when
-// it states no end or its times cannot be read.
+// How long a component lasts: in wall-clock seconds when its start and end share a form (a day is
+// 86400 then), else in seconds of real time; none when it states no end or its times cannot be read.
 std::optional<std::int64_t> lengthOf(const VdirComponent& component, const VdirEditContext& context) {
   auto start = startOf(component, context);
   auto end = start ? endOf(component, *start, context) : rivet::RivetResult<std::optional<VdirTime>>(start.error());
@@ -453,6 +453,7 @@ std::optional<std::int64_t> lengthOf(const VdirComponent& component, const VdirE
 rivet::RivetResult<void> moveOccurrences(VdirDocument& document, const std::string& uid, VdirComponent& master,
                                          const VdirTime& from, const VdirTime& to,
                                          std::optional<std::int64_t> lengthBefore, const VdirEditContext& context) {
+  const auto seriesLength = from.isDate() && !to.isDate() ? lengthOf(master, context) : std::nullopt;
   for (const char* name : {"EXDATE", "RDATE"}) {
     auto rewritten = rewriteTimeLines(master, name, to, context, [&](const VdirTime& time) {
       auto result = moved(time, from, to, context);
@@ -472,11 +473,10 @@ rivet::RivetResult<void> moveOccurrences(VdirDocument& document, const std::stri
     auto startTime = start ? timeOfValue(*start, start->value(), context) : std::nullopt;
     if (startTime && sameForm(*startTime, *recurrence) &&
         fieldSeconds(startTime->local) == fieldSeconds(recurrence->local)) {
-      const auto length = lengthOf(*override, context);
+      const auto length = seriesLength ? lengthOf(*override, context) : std::nullopt;
       auto shifted = moveStart(*override, *recurrence, *movedRecurrence, {}, context);
       if (!shifted) return shifted.error();
-      const auto seriesLength = from.isDate() && !to.isDate() ? lengthOf(master, context) : std::nullopt;
-      if (seriesLength && length && length == lengthBefore) {
+      if (length && length == lengthBefore) {
         VdirTime end = *movedRecurrence;
         end.local = fieldsAt(fieldSeconds(end.local) + *seriesLength, false);
         override->set(timeLine("DTEND", end));

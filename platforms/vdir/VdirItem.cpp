@@ -487,7 +487,7 @@ class Reader {
 
   void readCommon(const Properties& properties, VdirComponentData& data) {
     // A UID is text: its escapes are read, as the editor reads them (written "a\,b", it is "a,b").
-    if (properties.uid && icalproperty_get_uid(properties.uid)) data.uid = icalproperty_get_uid(properties.uid);
+    if (const char* uid = properties.uid ? icalproperty_get_uid(properties.uid) : nullptr) data.uid = uid;
     if (icalproperty* p = properties.summary; p && icalproperty_get_summary(p)) data.summary = icalproperty_get_summary(p);
     if (icalproperty* p = properties.description; p && icalproperty_get_description(p))
       data.description = icalproperty_get_description(p);

@@ -314,16 +314,15 @@ namespace {
 // it): the file's path and the identifier of its series or to-do.
 std::optional<std::pair<std::string, std::string>> holderOf(const VdirSnapshot& snapshot, const std::string& collection,
                                                             const std::string& uid) {
-  auto same = [&](const std::string& held) { return held == uid; };
   const VdirCollection* holder = collectionNamed(snapshot, collection);
   if (!holder) return std::nullopt;
   for (const auto& item : holder->items) {
     for (const VdirSeriesData& series : item->series) {
       const VdirComponentData& any = series.master ? *series.master : series.overrides.front();
-      if (same(any.uid)) return std::make_pair(item->relativePath, series.identifier);
+      if (any.uid == uid) return std::make_pair(item->relativePath, series.identifier);
     }
     for (const VdirComponentData& todo : item->todos)
-      if (same(todo.uid)) return std::make_pair(item->relativePath, todo.todoData->identifier);
+      if (todo.uid == uid) return std::make_pair(item->relativePath, todo.todoData->identifier);
   }
   return std::nullopt;
 }

@@ -152,14 +152,10 @@ rivet::RivetResult<std::optional<VdirContentLine>> rewrittenTimes(const VdirCont
     rivet::RivetResult<std::optional<VdirTime>> result = transform(*time);
     if (!result) return result.error();
     if (!*result) continue;
-    VdirTime kept = **result;
-    if (!sameForm(kept, form)) {
-      auto instant = instantOf(kept, context);
-      if (!instant) return instant.error();
-      kept = timeLike(*instant, form, *context.clock);
-    }
+    auto kept = inFormOf(**result, form, context);
+    if (!kept) return kept.error();
     if (!values.empty()) values.append(1, ',');
-    values.append(timeValue(kept));
+    values.append(timeValue(*kept));
   }
   if (values.empty()) return std::optional<VdirContentLine>();
   VdirContentLine rewritten = timeLine(line.name(), form);

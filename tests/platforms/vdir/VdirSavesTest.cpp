@@ -39,6 +39,11 @@ constexpr const char* kSeed =
     "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Test//EN\r\nBEGIN:VTODO\r\nUID:seed\r\n"
     "DTSTAMP:20260101T000000Z\r\nSUMMARY:Seed\r\nEND:VTODO\r\nEND:VCALENDAR\r\n";
 
+// `date` as whole seconds since 1970, for occurrences compared as text.
+std::string secondsText(platform::Date date) {
+  return std::to_string(static_cast<long long>(date.timeIntervalSince1970()));
+}
+
 // Each of `errors` is there, and is the vdir store's `code`.
 void expectEachRefusedWith(std::initializer_list<std::optional<platform::NSError>> errors, VdirErrorCode code) {
   for (const auto& error : errors) {
@@ -99,8 +104,7 @@ class VdirSavesTest : public ::testing::Test {
     std::vector<std::string> found;
     for (const auto& event : march())
       if (event->calendarItemIdentifier() == "work/until.ics")
-        found.push_back(std::to_string(static_cast<long long>(event->startDate()->timeIntervalSince1970())) + " " +
-                        std::to_string(static_cast<long long>(event->endDate()->timeIntervalSince1970())) +
+        found.push_back(secondsText(*event->startDate()) + " " + secondsText(*event->endDate()) +
                         (event->isAllDay() ? " all day " : " ") + event->title().value_or(""));
     return found;
   }
@@ -668,8 +672,7 @@ TEST_F(VdirSavesTest, AnItemInAHiddenFileIsServedAndSavedInPlace) {
 TEST_F(VdirSavesTest, AWholeSeriesComesToLastAllDayOnTheDaysOfItsOccurrencesAndBack) {
   writeTuesdays();
   auto line = [](platform::Date start, platform::Date end, const std::string& rest) {
-    return std::to_string(static_cast<long long>(start.timeIntervalSince1970())) + " " +
-           std::to_string(static_cast<long long>(end.timeIntervalSince1970())) + rest;
+    return secondsText(start) + " " + secondsText(end) + rest;
   };
   const auto before = tuesdays();
   ASSERT_EQ(before.size(), 3u);
@@ -706,11 +709,8 @@ TEST_F(VdirSavesTest, LaterOccurrencesComeToLastAllDayAsASeriesOfTheirOwn) {
   ASSERT_EQ(store->saveEvent(third, platform::EKSpanFutureEvents), std::nullopt);
   std::vector<std::string> found;
   for (const auto& event : march())
-    found.push_back(std::to_string(static_cast<long long>(event->startDate()->timeIntervalSince1970())) +
-                    (event->isAllDay() ? " all day" : ""));
-  auto at = [](platform::Date date, const char* rest) {
-    return std::to_string(static_cast<long long>(date.timeIntervalSince1970())) + rest;
-  };
+    found.push_back(secondsText(*event->startDate()) + (event->isAllDay() ? " all day" : ""));
+  auto at = [](platform::Date date, const char* rest) { return secondsText(date) + rest; };
   EXPECT_THAT(found, ElementsAre(at(utc(2026, 3, 2, 9), ""), at(utc(2026, 3, 9, 9), ""),
                                  at(utc(2026, 3, 15, 23), " all day"), at(utc(2026, 3, 22, 23), " all day")));
   EXPECT_NE(march().at(2)->eventIdentifier(), march().at(1)->eventIdentifier());

@@ -29,23 +29,28 @@ class VdirEventPredicate : public platform::EKPredicate {
   CalendarSet calendars;
 };
 
+// Open to-dos by due date, completed ones by completion date, cancelled ones (neither open nor
+// completed) by due date.
 class VdirReminderPredicate : public platform::EKPredicate {
  public:
-  VdirReminderPredicate(bool completed, std::optional<platform::Date> start, std::optional<platform::Date> end,
+  enum class Kind { incomplete, completed, cancelled };
+  VdirReminderPredicate(Kind kind, std::optional<platform::Date> start, std::optional<platform::Date> end,
                         CalendarSet calendars)
-      : completed(completed), start(start), end(end), calendars(std::move(calendars)) {}
+      : kind(kind), start(start), end(end), calendars(std::move(calendars)) {}
   std::string description() const override {
-    return std::string("<EKPredicate ") + (completed ? "completed" : "incomplete") + " reminders>";
+    static constexpr const char* kNames[] = {"incomplete", "completed", "cancelled"};
+    return std::string("<EKPredicate ") + kNames[static_cast<int>(kind)] + " reminders>";
   }
   bool accepts(const VdirComponentData& component) const {
     const VdirTodoData& todo = *component.todoData;
-    if (todo.isCompleted != completed) return false;
+    const Kind its = todo.isCompleted ? Kind::completed : todo.isCancelled ? Kind::cancelled : Kind::incomplete;
+    if (its != kind) return false;
     if (!start && !end) return true;
-    const auto& date = completed ? todo.completed : todo.dueInstant;
+    const auto& date = kind == Kind::completed ? todo.completed : todo.dueInstant;
     if (!date) return false;
     return (!start || *date >= *start) && (!end || *date < *end);
   }
-  bool completed;
+  Kind kind;
   std::optional<platform::Date> start, end;
   CalendarSet calendars;
 };
@@ -112,12 +117,20 @@ std::shared_ptr<platform::EKEvent> VdirEventStore::eventWithIdentifier(const std
 
 std::shared_ptr<platform::EKPredicate> VdirEventStore::predicateForIncompleteRemindersWithDueDateStarting(
     std::optional<platform::Date> starting, std::optional<platform::Date> ending, const CalendarList& calendars) {
-  return std::make_shared<VdirReminderPredicate>(false, starting, ending, identifiersOf(calendars));
+  return std::make_shared<VdirReminderPredicate>(VdirReminderPredicate::Kind::incomplete, starting, ending,
+                                                 identifiersOf(calendars));
 }
 
 std::shared_ptr<platform::EKPredicate> VdirEventStore::predicateForCompletedRemindersWithCompletionDateStarting(
     std::optional<platform::Date> starting, std::optional<platform::Date> ending, const CalendarList& calendars) {
-  return std::make_shared<VdirReminderPredicate>(true, starting, ending, identifiersOf(calendars));
+  return std::make_shared<VdirReminderPredicate>(VdirReminderPredicate::Kind::completed, starting, ending,
+                                                 identifiersOf(calendars));
+}
+
+std::shared_ptr<platform::EKPredicate> VdirEventStore::predicateForCancelledRemindersWithDueDateStarting(
+    std::optional<platform::Date> starting, std::optional<platform::Date> ending, const CalendarList& calendars) {
+  return std::make_shared<VdirReminderPredicate>(VdirReminderPredicate::Kind::cancelled, starting, ending,
+                                                 identifiersOf(calendars));
 }
 
 std::string VdirEventStore::fetchRemindersMatchingPredicate(const std::shared_ptr<platform::EKPredicate>& predicate,

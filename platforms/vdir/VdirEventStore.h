@@ -57,6 +57,10 @@ class VdirEventStore : public platform::EKEventStore {
   std::shared_ptr<platform::EKPredicate> predicateForCompletedRemindersWithCompletionDateStarting(
       std::optional<platform::Date> starting, std::optional<platform::Date> ending,
       const CalendarList& calendars) override;
+  // To-dos with STATUS:CANCELLED (and not completed), which neither predicate above selects, by due
+  // date; fetched like them.
+  std::shared_ptr<platform::EKPredicate> predicateForCancelledRemindersWithDueDateStarting(
+      std::optional<platform::Date> starting, std::optional<platform::Date> ending, const CalendarList& calendars);
   std::string fetchRemindersMatchingPredicate(const std::shared_ptr<platform::EKPredicate>& predicate,
                                               ReminderFetchCompletion completion) override;
   std::shared_ptr<platform::EKCalendarItem> calendarItemWithIdentifier(const std::string& identifier) override;

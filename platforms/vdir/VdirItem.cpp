@@ -644,8 +644,10 @@ class Reader {
     if (todo->due && todo->due->kind == VdirTime::Kind::zoned) data.timeZoneName = todo->due->tzid;
     todo->completed = utcDateOf(properties.completed, icalproperty_get_completed, "COMPLETED");
     todo->isCompleted = todo->completed.has_value();
-    if (icalproperty* status = properties.status)
+    if (icalproperty* status = properties.status) {
       if (icalproperty_get_status(status) == ICAL_STATUS_COMPLETED) todo->isCompleted = true;
+      todo->isCancelled = icalproperty_get_status(status) == ICAL_STATUS_CANCELLED;
+    }
     if (icalproperty* priority = properties.priority) {
       int value = icalproperty_get_priority(priority);
       if (value < 0 || value > 9)

@@ -85,6 +85,7 @@ struct VdirTodoData {
   std::optional<platform::Date> dueInstant;
   std::optional<platform::Date> completed;
   bool isCompleted = false;
+  bool isCancelled = false;  // STATUS:CANCELLED
   std::int64_t priority = 0;
 };
 

@@ -14,6 +14,8 @@
 
 #include "Vesp/VespEventInstance.h"
 #include "Vesp/VespReminder.h"
+#include "platforms/vdir/VdirEventStore.h"
+#include "platforms/vdir/VdirObjects.h"
 #include "platforms/vdir/VdirPlatform.h"
 #include "tests/platforms/vdir/VdirTestSupport.h"
 
@@ -304,28 +306,32 @@ TEST(VdirStoreTest, TheStoreRootRemovedAndRecreatedIsServedAgain) {
   EXPECT_EQ(events[0]->title(), "Second");
 }
 
+// The sorted titles of the reminders `predicate` selects, fetched (on a platform thread) from `store`.
+std::vector<std::string> fetchedTitles(platform::EKEventStore& store,
+                                       const std::shared_ptr<platform::EKPredicate>& predicate) {
+  std::mutex mutex;
+  std::condition_variable done;
+  std::optional<std::vector<std::string>> titles;
+  std::thread::id thread;
+  store.fetchRemindersMatchingPredicate(predicate, [&](auto reminders) {
+    std::lock_guard lock(mutex);
+    titles.emplace();
+    for (const auto& reminder : *reminders) titles->push_back(*reminder->title());
+    thread = std::this_thread::get_id();
+    done.notify_all();
+  });
+  std::unique_lock lock(mutex);
+  done.wait(lock, [&] { return titles.has_value(); });
+  EXPECT_NE(thread, std::this_thread::get_id());
+  std::sort(titles->begin(), titles->end());
+  return *titles;
+}
+
 TEST(VdirStoreTest, ReminderPredicatesSelectByDueAndCompletionDatesOnAPlatformThread) {
   TemporaryDirectory config;
   auto platform = VdirPlatform::make(testing::platformOptions(testData("mapping"), config.path() / "access.json"));
   auto store = platform->makeEventStore();
-  auto fetch = [&](const std::shared_ptr<platform::EKPredicate>& predicate) {
-    std::mutex mutex;
-    std::condition_variable done;
-    std::optional<std::vector<std::string>> titles;
-    std::thread::id thread;
-    store->fetchRemindersMatchingPredicate(predicate, [&](auto reminders) {
-      std::lock_guard lock(mutex);
-      titles.emplace();
-      for (const auto& reminder : *reminders) titles->push_back(*reminder->title());
-      thread = std::this_thread::get_id();
-      done.notify_all();
-    });
-    std::unique_lock lock(mutex);
-    done.wait(lock, [&] { return titles.has_value(); });
-    EXPECT_NE(thread, std::this_thread::get_id());
-    std::sort(titles->begin(), titles->end());
-    return *titles;
-  };
+  auto fetch = [&](const std::shared_ptr<platform::EKPredicate>& predicate) { return fetchedTitles(*store, predicate); };
   // A due date without a time falls at local midnight (Europe/Berlin here).
   EXPECT_THAT(fetch(store->predicateForIncompleteRemindersWithDueDateStarting(utc(2026, 3, 9, 23), utc(2026, 3, 10, 23), std::nullopt)),
               ::testing::ElementsAre("Call back"));
@@ -345,6 +351,43 @@ TEST(VdirStoreTest, ReminderPredicatesSelectByDueAndCompletionDatesOnAPlatformTh
   EXPECT_NE(store->calendarItemWithIdentifier("tasks/due-date.ics"), nullptr);
   EXPECT_NE(store->calendarItemWithIdentifier("home/summary.ics"), nullptr);
   EXPECT_EQ(store->calendarItemWithIdentifier("tasks/none.ics"), nullptr);
+}
+
+TEST(VdirStoreTest, ACancelledToDoIsNeitherOpenNorCompletedAndHasAPredicateOfItsOwn) {
+  TemporaryDirectory root, config;
+  auto todo = [](const std::string& uid, const std::string& lines) {
+    return "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Vesp tests//EN\r\nBEGIN:VTODO\r\nUID:" + uid +
+           "\r\nSUMMARY:" + uid + "\r\n" + lines + "END:VTODO\r\nEND:VCALENDAR\r\n";
+  };
+  writeFile(root.path() / "t/open.ics", todo("Open", "DUE;VALUE=DATE:20260311\r\n"));
+  writeFile(root.path() / "t/cancelled.ics", todo("Cancelled", "DUE;VALUE=DATE:20260311\r\nSTATUS:CANCELLED\r\n"));
+  writeFile(root.path() / "t/dropped.ics", todo("Dropped", "STATUS:CANCELLED\r\n"));
+  writeFile(root.path() / "t/done.ics", todo("Done", "STATUS:COMPLETED\r\nCOMPLETED:20260305T101500Z\r\n"));
+  auto platform = VdirPlatform::make(testing::platformOptions(root.path(), config.path() / "access.json"));
+  auto connection = platform->makeEventStore();
+  auto& store = dynamic_cast<VdirEventStore&>(*connection);
+  auto fetch = [&](const std::shared_ptr<platform::EKPredicate>& predicate) { return fetchedTitles(store, predicate); };
+  EXPECT_THAT(fetch(store.predicateForIncompleteRemindersWithDueDateStarting(std::nullopt, std::nullopt, std::nullopt)),
+              ::testing::ElementsAre("Open"));
+  EXPECT_THAT(fetch(store.predicateForCompletedRemindersWithCompletionDateStarting(std::nullopt, std::nullopt, std::nullopt)),
+              ::testing::ElementsAre("Done"));
+  EXPECT_THAT(fetch(store.predicateForCancelledRemindersWithDueDateStarting(std::nullopt, std::nullopt, std::nullopt)),
+              ::testing::ElementsAre("Cancelled", "Dropped"));
+  // Bounded, by due date as for open ones: one without a due date is then left out.
+  EXPECT_THAT(fetch(store.predicateForCancelledRemindersWithDueDateStarting(utc(2026, 3, 10, 23), utc(2026, 3, 11, 23),
+                                                                           std::nullopt)),
+              ::testing::ElementsAre("Cancelled"));
+  EXPECT_THAT(fetch(store.predicateForCancelledRemindersWithDueDateStarting(utc(2026, 3, 11, 23), std::nullopt,
+                                                                           std::nullopt)),
+              ::testing::ElementsAre());
+  auto cancelled = std::dynamic_pointer_cast<VdirReminder>(store.calendarItemWithIdentifier("t/cancelled.ics"));
+  ASSERT_NE(cancelled, nullptr);
+  EXPECT_TRUE(cancelled->isCancelled());
+  EXPECT_FALSE(cancelled->isCompleted());
+  EXPECT_EQ(cancelled->dueInstant(), utc(2026, 3, 10, 23));  // local midnight in Berlin
+  auto open = std::dynamic_pointer_cast<VdirReminder>(store.calendarItemWithIdentifier("t/open.ics"));
+  ASSERT_NE(open, nullptr);
+  EXPECT_FALSE(open->isCancelled());
 }
 
 struct AccessAnswer {

@@ -34,6 +34,7 @@
 #include "support/keel/KeelManagerFramework.h"
 #include "support/rivet/RivetJsonLineLogger.h"
 #include "tools/vesp/VespOutput.h"
+#include "tools/vesp/VespReminderList.h"
 #include "tools/vesp/VespSettings.h"
 
 namespace vesp::tool {
@@ -289,6 +290,7 @@ struct Arguments {
   std::string store = defaultStore();
   bool asJSON = false, yes = false, verbose = false;
   std::string from, to;                  // events, reminders
+  std::string status;                    // reminders --status
   std::vector<std::string> calendarIds;  // events --calendar, reminders --list
   std::string identifier;                // event IDENTIFIER, reminder ID
   std::size_t count = 0;                 // watch --count
@@ -383,19 +385,26 @@ std::optional<VespEventInstanceIdentifier> referenced(Invocation& call, const st
   return matches.front();
 }
 
+// What `vesp reminders` lists: --status, by default open to-dos (every one without a period, and
+// with one, those due in it and those completed in it).
+ReminderSelection selectionOf(const Arguments& args, std::set<std::string> lists) {
+  ReminderSelection selection;
+  const bool period = !args.from.empty() || !args.to.empty();
+  if (period) std::tie(selection.start, selection.end) = periodOf(args);
+  const std::string& status = args.status;
+  selection.open = status.empty() || status == "open" || status == "any";
+  selection.completed = (status.empty() && period) || status == "completed" || status == "any";
+  selection.cancelled = status == "cancelled" || status == "any";
+  selection.lists = std::move(lists);
+  return selection;
+}
+
 void runReminders(Invocation& call) {
-  auto [start, end] = periodOf(call.args);
   call.session.requireAccess(platform::EKEntityTypeReminder, true);
-  auto& manager = call.session.manager();
-  const auto known = valueOrExit(manager.getAllReminderLists(), kExitFailure);
-  const std::set<std::string> lists = chosenCalendars(call.args.calendarIds, known, "reminder-lists");
-  // The manager picks the calendars of a query among the event calendars, which a list of to-dos
-  // alone is not one of: the lists are chosen here, among the reminders of every list.
-  auto found = valueOrExit(manager.getReminders(start, end, VespCalendarQuery::all()), kExitFailure);
-  if (!lists.empty())
-    std::erase_if(found, [&](const VespReminder& reminder) {
-      return !lists.count(reminder.calendar().calendarIdentifier());
-    });
+  const auto known = valueOrExit(call.session.manager().getAllReminderLists(), kExitFailure);
+  auto selection = selectionOf(call.args, chosenCalendars(call.args.calendarIds, known, "reminder-lists"));
+  auto found = listReminders(call.session.platform(), selection);
+  sortAsTodoman(found);
   if (call.args.asJSON)
     writeArray(call.out, found);
   else
@@ -419,13 +428,17 @@ void runEvent(Invocation& call) {
     printEvent(call.out, found, call.style);
 }
 
+void showReminder(Invocation& call, VespReminder record) {
+  const ListedReminder reminder = describedReminder(call.session.platform(), std::move(record));
+  if (call.args.asJSON)
+    call.out << toJSON(reminder).dump(2, ' ', false, json::error_handler_t::replace) << '\n';
+  else
+    printReminder(call.out, reminder, call.style);
+}
+
 void runReminder(Invocation& call) {
   call.session.requireAccess(platform::EKEntityTypeReminder, true);
-  auto found = valueOrExit(call.session.manager().getReminder(call.args.identifier), kExitNotFound);
-  if (call.args.asJSON)
-    call.out << toJSON(found).dump(2, ' ', false, json::error_handler_t::replace) << '\n';
-  else
-    printReminder(call.out, found, call.style);
+  showReminder(call, valueOrExit(call.session.manager().getReminder(call.args.identifier), kExitNotFound));
 }
 
 // The kind of failure of a write, as an exit status.
@@ -621,14 +634,7 @@ void saveOrShow(Invocation& call, vdir::VdirItemEditor& editor, const vdir::Vdir
     return;
   }
   auto& manager = call.session.manager();
-  if (reminder) {
-    auto saved = valueOrExit(manager.getReminder(plan.identifier), kExitFailure);
-    if (call.args.asJSON)
-      call.out << toJSON(saved).dump(2, ' ', false, json::error_handler_t::replace) << '\n';
-    else
-      printReminder(call.out, saved, call.style);
-    return;
-  }
+  if (reminder) return showReminder(call, valueOrExit(manager.getReminder(plan.identifier), kExitFailure));
   auto saved = valueOrExit(manager.getEventInstance(VespEventInstanceIdentifier(plan.identifier, occurrence)),
                            kExitFailure);
   if (call.args.asJSON)
@@ -1095,9 +1101,13 @@ std::vector<Subcommand> addSubcommands(CLI::App& app, Arguments& args) {
       ->required();
   commands.push_back({event, runEvent});
 
-  auto* reminders = app.add_subcommand("reminders", "List reminders due, or completed, in a period");
-  reminders->add_option("--from", args.from, "First day or time (default: today)");
-  reminders->add_option("--to", args.to, "End, exclusive (default: seven days after --from)");
+  auto* reminders = app.add_subcommand(
+      "reminders", "List every open reminder, or those due or completed in a period, in todoman's order");
+  reminders->add_option("--from", args.from, "First day or time of a period (with --to alone: today)");
+  reminders->add_option("--to", args.to, "End of a period, exclusive (with --from alone: seven days after it)");
+  reminders->add_option("--status", args.status,
+                        "open, completed, cancelled or any (default: open, and with a period completed too)")
+      ->check(CLI::IsMember({"open", "completed", "cancelled", "any"}));
   reminders->add_option("--list", args.calendarIds,
                         "Only this reminder list (repeatable; `vesp reminder-lists` lists them)");
   commands.push_back({reminders, runReminders});

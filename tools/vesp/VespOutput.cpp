@@ -128,6 +128,17 @@ std::string components(const std::optional<platform::DateComponents>& value) {
   return out.str();
 }
 
+// todoman's marks: "!!! " high, "!! " medium, "! " low, nothing for none.
+std::string priorityMarks(VespReminderPriority priority) {
+  switch (priority) {
+    case VespReminderPriority::high: return "!!! ";
+    case VespReminderPriority::medium: return "!! ";
+    case VespReminderPriority::low: return "! ";
+    case VespReminderPriority::none: break;
+  }
+  return "";
+}
+
 }  // namespace
 
 std::string hexColour(const platform::CGColorRef& colour) {
@@ -344,34 +355,29 @@ void printEvent(std::ostream& out, const VespEventInstance& event, const HumanSt
   if (event.notes()) line("notes", *event.notes());
 }
 
-void printReminders(std::ostream& out, const std::vector<VespReminder>& given, const HumanStyle& style) {
-  // Open ones first, each group by due date; those without one last.
-  auto key = [](const VespReminder& reminder) {
-    const auto& due = reminder.dueDateComponents();
-    bool none = !due || !due->year;
-    return std::make_tuple(reminder.isCompleted(), none, none ? 0 : *due->year, due && due->month ? *due->month : 0,
-                           due && due->day ? *due->day : 0, due && due->hour ? *due->hour : 0,
-                           due && due->minute ? *due->minute : 0);
-  };
-  std::vector<VespReminder> reminders = given;
-  std::stable_sort(reminders.begin(), reminders.end(),
-                   [&](const VespReminder& a, const VespReminder& b) { return key(a) < key(b); });
-  for (const auto& reminder : reminders) {
-    out << (reminder.isCompleted() ? "[x] " : "[ ] ") << swatch(reminder.calendar().cgColor(), style)
+void printReminders(std::ostream& out, const std::vector<ListedReminder>& reminders, const HumanStyle& style) {
+  for (const auto& listed : reminders) {
+    const VespReminder& reminder = listed.record;
+    out << (reminder.isCompleted() ? "[x] " : listed.cancelled ? "[-] " : "[ ] ")
+        << swatch(reminder.calendar().cgColor(), style) << priorityMarks(reminder.priority())
         << neutralised(reminder.title());
     if (auto due = components(reminder.dueDateComponents()); !due.empty()) out << "  due " << due;
-    out << "  [" << neutralised(reminder.calendar().title()) << "]\n";
+    out << "  [" << neutralised(reminder.calendar().title()) << "]";
+    if (listed.cancelled) out << "  cancelled";
+    out << '\n';
   }
   if (reminders.empty()) out << "No reminders.\n";
 }
 
-void printReminder(std::ostream& out, const VespReminder& reminder, const HumanStyle& style) {
+void printReminder(std::ostream& out, const ListedReminder& listed, const HumanStyle& style) {
+  const VespReminder& reminder = listed.record;
   out << swatch(reminder.calendar().cgColor(), style) << neutralised(reminder.title()) << '\n';
   auto line = [&](const char* name, const std::string& value) {
     out << "  " << std::left << std::setw(12) << name << neutralised(value) << '\n';
   };
   line("list", reminder.calendar().title());
   line("completed", reminder.isCompleted() ? "yes" : "no");
+  if (listed.cancelled) line("cancelled", "yes");
   if (auto due = components(reminder.dueDateComponents()); !due.empty()) line("due", due);
   if (auto start = components(reminder.startDateComponents()); !start.empty()) line("starts", start);
   line("priority", std::string(description(reminder.priority())));

@@ -11,6 +11,7 @@
 #include "Vesp/VespEventInstance.h"
 #include "Vesp/VespReminder.h"
 #include "platforms/vdir/VdirItem.h"
+#include "tools/vesp/VespReminderList.h"
 
 namespace vesp::tool {
 
@@ -42,8 +43,10 @@ void printCalendars(std::ostream& out, const std::vector<VespCalendar>& calendar
 void printAgenda(std::ostream& out, const std::vector<VespEventInstance>& events, const HumanStyle& style,
                  const std::vector<std::string>* refs = nullptr);
 void printEvent(std::ostream& out, const VespEventInstance& event, const HumanStyle& style);
-void printReminders(std::ostream& out, const std::vector<VespReminder>& reminders, const HumanStyle& style);
-void printReminder(std::ostream& out, const VespReminder& reminder, const HumanStyle& style);
+// One line each, in the order given: "[ ]" open, "[x]" completed, "[-]" cancelled (and said at the
+// end), then "!!!", "!!" or "!" for a high, medium or low priority.
+void printReminders(std::ostream& out, const std::vector<ListedReminder>& reminders, const HumanStyle& style);
+void printReminder(std::ostream& out, const ListedReminder& reminder, const HumanStyle& style);
 
 // "#RRGGBB" of a colour.
 std::string hexColour(const platform::CGColorRef& colour);

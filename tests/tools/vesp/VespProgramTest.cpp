@@ -748,6 +748,109 @@ TEST_F(VespWritingTest, TodomanReadsTheRemindersVespWrote) {
   EXPECT_EQ(open["description"], "about the card\nsoon");
 }
 
+// Open, overdue, undated, completed and cancelled to-dos, with and without priorities, in two lists.
+class VespToDoViewTest : public VespWritingTest {
+ protected:
+  void SetUp() override {
+    VespWritingTest::SetUp();
+    writeFile(root_.path() / "w/displayname", "Work\n");
+    toDo("t", "Overdue", "DUE;VALUE=DATE:20261101\r\nCREATED:20261001T080000Z");
+    toDo("t", "Soon", "DUE:20261230T090000Z\r\nCREATED:20261002T080000Z");
+    toDo("t", "Undated", "CREATED:20261003T080000Z");
+    toDo("t", "Undated and older", "CREATED:20260901T080000Z");
+    toDo("t", "Cancelled", "DUE;VALUE=DATE:20261115\r\nSTATUS:CANCELLED\r\nCREATED:20261004T080000Z");
+    toDo("t", "Done", "STATUS:COMPLETED\r\nCOMPLETED:20261120T100000Z\r\nCREATED:20261005T080000Z");
+    toDo("w", "Urgent", "PRIORITY:1\r\nDUE;VALUE=DATE:20261205\r\nCREATED:20261006T080000Z");
+    toDo("w", "Also urgent", "PRIORITY:2\r\nDUE;VALUE=DATE:20261201\r\nCREATED:20261007T080000Z");
+    toDo("w", "Low and overdue", "PRIORITY:9\r\nDUE;VALUE=DATE:20261010\r\nCREATED:20261008T080000Z");
+    toDo("w", "Medium and undated", "PRIORITY:5\r\nCREATED:20261009T080000Z");
+    toDo("w", "In process", "STATUS:IN-PROCESS\r\nDUE;VALUE=DATE:20261212\r\nCREATED:20261010T080000Z");
+    toDo("w", "Done too",
+         "PRIORITY:3\r\nSTATUS:COMPLETED\r\nCOMPLETED:20261121T100000Z\r\nCREATED:20261011T080000Z");
+  }
+  void toDo(const std::string& list, const std::string& title, const std::string& lines) {
+    std::string uid = title;
+    std::replace(uid.begin(), uid.end(), ' ', '-');
+    writeFile(root_.path() / list / (uid + ".ics"),
+              "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Other//EN\r\nBEGIN:VTODO\r\nUID:" + uid +
+                  "\r\nDTSTAMP:20261001T000000Z\r\nSUMMARY:" + title + "\r\n" + lines +
+                  "\r\nEND:VTODO\r\nEND:VCALENDAR\r\n");
+  }
+  // The titles `vesp reminders` lists with `options`, in its order.
+  std::vector<std::string> titles(std::vector<std::string> options) {
+    options.insert(options.begin(), {"reminders", "--json"});
+    auto listed = run(options);
+    EXPECT_EQ(listed.status, 0) << listed.err;
+    std::vector<std::string> found;
+    for (const auto& reminder : json::parse(listed.out)) found.push_back(reminder["title"]);
+    return found;
+  }
+};
+
+TEST_F(VespToDoViewTest, ACancelledToDoIsListedOnlyWhenAskedForAndThenMarked) {
+  EXPECT_THAT(titles({}), ::testing::Not(::testing::Contains("Cancelled")));
+  EXPECT_THAT(titles({"--status", "completed"}), ::testing::UnorderedElementsAre("Done", "Done too"));
+  auto cancelled = run({"reminders", "--status", "cancelled", "--json"});
+  ASSERT_EQ(cancelled.status, 0) << cancelled.err;
+  const json listed = json::parse(cancelled.out);
+  ASSERT_EQ(listed.size(), 1u);
+  EXPECT_EQ(listed[0]["title"], "Cancelled");
+  EXPECT_EQ(listed[0]["isCancelled"], true);
+  EXPECT_EQ(listed[0]["isCompleted"], false);
+  auto human = run({"reminders", "--status", "any"});
+  ASSERT_EQ(human.status, 0) << human.err;
+  EXPECT_THAT(human.out, ::testing::HasSubstr("[-] Cancelled  due 2026-11-15  [Tasks]  cancelled\n"));
+  EXPECT_THAT(human.out, ::testing::HasSubstr("[ ] Overdue  due 2026-11-01  [Tasks]\n"));
+  EXPECT_THAT(human.out, ::testing::HasSubstr("[x] !!! Done too  [Work]\n"));
+  EXPECT_THAT(human.out, ::testing::HasSubstr("[ ] ! Low and overdue  due 2026-10-10  [Work]\n"));
+  EXPECT_EQ(titles({"--status", "any"}).size(), 12u);
+  // Within a period, by due date as open ones are.
+  EXPECT_THAT(titles({"--status", "cancelled", "--from", "2026-11-15", "--to", "2026-11-16"}),
+              ::testing::ElementsAre("Cancelled"));
+  EXPECT_THAT(titles({"--status", "cancelled", "--from", "2026-11-16"}), ::testing::IsEmpty());
+  auto one = run({"reminder", "t/Cancelled.ics"});
+  ASSERT_EQ(one.status, 0) << one.err;
+  EXPECT_THAT(one.out, ::testing::HasSubstr("  cancelled   yes\n"));
+  auto open = run({"reminder", "t/Overdue.ics", "--json"});
+  ASSERT_EQ(open.status, 0) << open.err;
+  EXPECT_EQ(json::parse(open.out)["isCancelled"], false);
+  EXPECT_EQ(run({"reminders", "--status", "dropped"}).status, 2);
+}
+
+TEST_F(VespToDoViewTest, WithoutAPeriodEveryOpenToDoIsListedAndAPeriodKeepsItsMeaning) {
+  EXPECT_THAT(titles({}), ::testing::UnorderedElementsAre("Overdue", "Soon", "Undated", "Undated and older", "Urgent",
+                                                          "Also urgent", "Low and overdue", "Medium and undated",
+                                                          "In process"));
+  // A period lists the open ones due in it and the ones completed in it.
+  EXPECT_THAT(titles({"--from", "2026-11-01", "--to", "2026-11-21"}), ::testing::ElementsAre("Done", "Overdue"));
+  EXPECT_THAT(titles({"--from", "2026-11-01", "--to", "2026-11-21", "--status", "open"}),
+              ::testing::ElementsAre("Overdue"));
+  EXPECT_THAT(titles({"--list", "w", "--status", "open"}),
+              ::testing::ElementsAre("In process", "Low and overdue", "Medium and undated", "Also urgent", "Urgent"));
+}
+
+TEST_F(VespToDoViewTest, TodomanListsTheSameToDosInTheSameOrder) {
+  if (!installed("todoman", "todoman")) GTEST_SKIP() << "needs the Debian package todoman (scripts/test installs it)";
+  writeFile(config_.path() / "todoman.py", "path = \"" + root_.path().string() + "/*\"\ndate_format = \"%Y-%m-%d\"\n" +
+                                               "time_format = \"%H:%M\"\ncache_path = \"" +
+                                               (config_.path() / "todoman.sqlite").string() + "\"\n");
+  auto todoman = [&](const std::string& options) {
+    auto listed = shell("TZ=Europe/Berlin todoman -c " + quoted((config_.path() / "todoman.py").string()) +
+                        " --porcelain list " + options + " 2>&1");
+    EXPECT_EQ(listed.status, 0) << listed.out;
+    std::vector<std::string> found;
+    for (const auto& todo : json::parse(listed.out)) found.push_back(todo["summary"]);
+    return found;
+  };
+  const std::vector<std::string> open = titles({});
+  EXPECT_EQ(open.size(), 9u);
+  EXPECT_EQ(open, todoman(""));
+  const std::vector<std::string> any = titles({"--status", "any"});
+  EXPECT_EQ(any.size(), 12u);
+  EXPECT_EQ(any, todoman("--status ANY"));
+  EXPECT_EQ(titles({"--list", "w"}), todoman("Work"));
+}
+
 TEST_F(VespProgramTest, EventsAsJsonUseTheDataModelsFieldNamesAndFindTheirOccurrenceAgain) {
   auto run = vesp({"--store", store("series"), "--yes", "--json", "events", "--from", "2026-03-28", "--to", "2026-03-29"});
   ASSERT_EQ(run.status, 0) << run.err;

@@ -91,7 +91,7 @@ enum class Tag : std::uint8_t {
   participantName, participantAddress, participantRole, participantStatus, participantType, isCurrentUser,
   alarmDate, alarmOffset, alarmType, alarmProximity, alarmLocation,
   locationTitle, latitude, longitude, radius,
-  todoIdentifier, due, todoStart, dueInstant, completed, isCompleted, priority, isCancelled,
+  todoIdentifier, due, todoStart, dueInstant, completed, isCompleted, priority, isCancelled, todoRules,
 };
 
 // An integer that must lie in [lowest, highest] (an enumeration's values, a span in days).
@@ -147,6 +147,7 @@ void walk(Io& io, T& t) {
   io(Tag::isCompleted, t.isCompleted);
   io(Tag::priority, t.priority);
   io(Tag::isCancelled, t.isCancelled);
+  io(Tag::todoRules, t.rules);
 }
 
 template <class Io, Of<VdirComponentData> C>

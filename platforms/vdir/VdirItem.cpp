@@ -648,6 +648,7 @@ class Reader {
       if (icalproperty_get_status(status) == ICAL_STATUS_COMPLETED) todo->isCompleted = true;
       todo->isCancelled = icalproperty_get_status(status) == ICAL_STATUS_CANCELLED;
     }
+    readTodoRules(properties, *todo);
     if (icalproperty* priority = properties.priority) {
       int value = icalproperty_get_priority(priority);
       if (value < 0 || value > 9)
@@ -659,7 +660,18 @@ class Reader {
     if (!data.summary) report(VdirDiagnostic::Action::repaired, "VTODO \"" + data.uid + "\" has no SUMMARY: shown untitled");
   }
 
-  // Rules, extra and excluded dates of a master event.
+  // A to-do's RRULE, read as an event's from the to-do's DTSTART, or its DUE without one.
+  void readTodoRules(const Properties& properties, VdirTodoData& todo) {
+    if (properties.rules.empty()) return;
+    const std::optional<VdirTime>& anchor = todo.start ? todo.start : todo.due;
+    if (!anchor) {
+      report(VdirDiagnostic::Action::repaired, "RRULE of a to-do without DTSTART or DUE: ignored");
+      return;
+    }
+    for (icalproperty* p : properties.rules)
+      if (auto rule = readRule(p, icalproperty_get_rrule(p), *anchor, "RRULE")) todo.rules.push_back(std::move(*rule));
+  }
+
   // One RRULE or EXRULE of a series starting at `start`; absent when it cannot be served.
   std::optional<VdirRuleData> readRule(icalproperty* p, icalrecurrencetype rule, const VdirTime& start,
                                        const char* what) {

@@ -87,6 +87,7 @@ struct VdirTodoData {
   bool isCompleted = false;
   bool isCancelled = false;  // STATUS:CANCELLED
   std::int64_t priority = 0;
+  std::vector<VdirRuleData> rules;  // RRULE, from DTSTART (or DUE without one); not expanded
 };
 
 // What one VEVENT or VTODO says.

@@ -147,10 +147,10 @@ std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> alarmsOf(const Vd
 }
 
 std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>> rulesOf(
-    const std::shared_ptr<const VdirItem>& item, const VdirSeriesData& series) {
-  if (series.rules.empty()) return std::nullopt;
+    const std::shared_ptr<const VdirItem>& item, const std::vector<VdirRuleData>& read) {
+  if (read.empty()) return std::nullopt;
   std::vector<std::shared_ptr<platform::EKRecurrenceRule>> rules;
-  for (const auto& rule : series.rules) rules.push_back(std::make_shared<VdirRecurrenceRule>(item, &rule));
+  for (const auto& rule : read) rules.push_back(std::make_shared<VdirRecurrenceRule>(item, &rule));
   return rules;
 }
 
@@ -189,7 +189,7 @@ std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> VdirEvent::
   return attendeesOf(data());
 }
 std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>> VdirEvent::recurrenceRules() const {
-  return set_.readOr(&VdirSetValues::rules, [this] { return rulesOf(fields_.item, *fields_.series); });
+  return set_.readOr(&VdirSetValues::rules, [this] { return rulesOf(fields_.item, fields_.series->rules); });
 }
 std::shared_ptr<platform::EKParticipant> VdirEvent::organizer() const {
   return data().organizer ? std::make_shared<VdirParticipant>(*data().organizer) : nullptr;
@@ -214,6 +214,9 @@ std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> VdirReminder::ala
 }
 std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> VdirReminder::attendees() const {
   return attendeesOf(data());
+}
+std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>> VdirReminder::recurrenceRules() const {
+  return set_.readOr(&VdirSetValues::rules, [this] { return rulesOf(item_, task().rules); });
 }
 std::optional<platform::DateComponents> VdirReminder::dueDateComponents() const {
   return set_.readOr(&VdirSetValues::due, [this]() -> std::optional<platform::DateComponents> {

@@ -276,9 +276,7 @@ class VdirReminder : public VdirSettableReminder {
   }
   std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> alarms() const override;
   std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> attendees() const override;
-  std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>> recurrenceRules() const override {
-    return set_.read(&VdirSetValues::rules, std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>>());
-  }
+  std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>> recurrenceRules() const override;
 
   std::optional<platform::Date> completionDate() const override {
     return set_.read(&VdirSetValues::completionDate, task().completed);

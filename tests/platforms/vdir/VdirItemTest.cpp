@@ -320,6 +320,34 @@ TEST(VdirItemTest, AToDoKeepsItsDueDateCompletionAndPriority) {
   EXPECT_TRUE(read.item().series.empty());
 }
 
+TEST(VdirItemTest, AToDosRuleIsReadFromItsStartOrItsDueDate) {
+  Read read(calendar("BEGIN:VTODO\r\nUID:a\r\nSUMMARY:A\r\nDTSTART:20260302T090000Z\r\nDUE:20260302T170000Z\r\n"
+                     "RRULE:FREQ=WEEKLY;INTERVAL=2;BYDAY=MO,TH;UNTIL=20260430T090000Z\r\nEND:VTODO\r\n"
+                     "BEGIN:VTODO\r\nUID:b\r\nSUMMARY:B\r\nDUE;VALUE=DATE:20260316\r\nRRULE:FREQ=MONTHLY;COUNT=3\r\n"
+                     "END:VTODO\r\n"
+                     "BEGIN:VTODO\r\nUID:c\r\nSUMMARY:C\r\nRRULE:FREQ=DAILY\r\nEND:VTODO\r\n"
+                     "BEGIN:VTODO\r\nUID:d\r\nSUMMARY:D\r\nDUE;VALUE=DATE:20260302\r\nRRULE:FREQ=HOURLY\r\n"
+                     "END:VTODO\r\n"));
+  ASSERT_EQ(read.item().todos.size(), 4u);
+  const auto& a = read.item().todos[0].todoData->rules;
+  ASSERT_EQ(a.size(), 1u);
+  const icalrecurrencetype rule = a[0].rule.expanded();
+  EXPECT_EQ(rule.freq, ICAL_WEEKLY_RECURRENCE);
+  EXPECT_EQ(rule.interval, 2);
+  EXPECT_EQ(a[0].until, utc(2026, 4, 30, 9));
+  const auto& b = read.item().todos[1].todoData->rules;
+  ASSERT_EQ(b.size(), 1u);
+  EXPECT_EQ(b[0].rule.count(), 3);
+  ASSERT_TRUE(b[0].countedStarts);
+  EXPECT_EQ(b[0].countedStarts->size(), 3u);
+  EXPECT_EQ(b[0].countedStarts->front(), seconds(utc(2026, 3, 15, 23)));  // from the due day's local midnight
+  EXPECT_TRUE(read.item().todos[2].todoData->rules.empty());
+  EXPECT_THAT(read.problems(), Contains("RRULE of a to-do without DTSTART or DUE: ignored"));
+  EXPECT_TRUE(read.item().todos[3].todoData->rules.empty());
+  EXPECT_THAT(read.problems(), Contains(HasSubstr("RRULE \"FREQ=HOURLY\"")));  // a sub-daily rule on a day
+  EXPECT_TRUE(read.item().series.empty());
+}
+
 TEST(VdirItemTest, PlacesAndTravelTimeAreRead) {
   Read read(calendar(event("e",
                            "SUMMARY:S\r\nDTSTART:20260310T090000Z\r\nLOCATION:Town hall\r\nGEO:52.52;13.405\r\n"

@@ -128,6 +128,15 @@ std::string components(const std::optional<platform::DateComponents>& value) {
   return out.str();
 }
 
+// How an item repeats, by its first rule: "weekly", "every 2 weeks"; empty when it does not.
+std::string repeats(const std::optional<std::vector<VespRecurrenceRule>>& rules) {
+  if (!rules || rules->empty()) return "";
+  const VespRecurrenceRule& rule = rules->front();
+  if (rule.interval() <= 1) return std::string(description(rule.frequency()));
+  static constexpr const char* kUnits[] = {"days", "weeks", "months", "years"};
+  return "every " + std::to_string(rule.interval()) + " " + kUnits[static_cast<int>(rule.frequency())];
+}
+
 // todoman's marks: "!!! " high, "!! " medium, "! " low, nothing for none.
 std::string priorityMarks(VespReminderPriority priority) {
   switch (priority) {
@@ -349,8 +358,7 @@ void printEvent(std::ostream& out, const VespEventInstance& event, const HumanSt
     for (const auto& attendee : *event.attendees())
       line("attendee", attendee.name().value_or(attendee.url().absoluteString()) + " (" +
                            std::string(description(attendee.status())) + ")");
-  if (event.recurrenceRules() && !event.recurrenceRules()->empty())
-    line("repeats", std::string(description(event.recurrenceRules()->front().frequency())));
+  if (auto repeat = repeats(event.recurrenceRules()); !repeat.empty()) line("repeats", repeat);
   if (event.isDetached()) line("moved from", localTime(event.originalOccurrenceDate(), "%a %d %b %Y %H:%M"));
   if (event.notes()) line("notes", *event.notes());
 }
@@ -362,6 +370,7 @@ void printReminders(std::ostream& out, const std::vector<ListedReminder>& remind
         << swatch(reminder.calendar().cgColor(), style) << priorityMarks(reminder.priority())
         << neutralised(reminder.title());
     if (auto due = components(reminder.dueDateComponents()); !due.empty()) out << "  due " << due;
+    if (auto repeat = repeats(reminder.recurrenceRules()); !repeat.empty()) out << ", " << repeat;
     out << "  [" << neutralised(reminder.calendar().title()) << "]";
     if (listed.cancelled) out << "  cancelled";
     out << '\n';
@@ -380,6 +389,7 @@ void printReminder(std::ostream& out, const ListedReminder& listed, const HumanS
   if (listed.cancelled) line("cancelled", "yes");
   if (auto due = components(reminder.dueDateComponents()); !due.empty()) line("due", due);
   if (auto start = components(reminder.startDateComponents()); !start.empty()) line("starts", start);
+  if (auto repeat = repeats(reminder.recurrenceRules()); !repeat.empty()) line("repeats", repeat);
   line("priority", std::string(description(reminder.priority())));
   if (reminder.notes()) line("notes", *reminder.notes());
 }

@@ -829,6 +829,26 @@ TEST_F(VespToDoViewTest, WithoutAPeriodEveryOpenToDoIsListedAndAPeriodKeepsItsMe
               ::testing::ElementsAre("In process", "Low and overdue", "Medium and undated", "Also urgent", "Urgent"));
 }
 
+TEST_F(VespToDoViewTest, AToDosRepeatIsMappedAndShown) {
+  toDo("t", "Water the plants", "DTSTART;VALUE=DATE:20261201\r\nDUE;VALUE=DATE:20261201\r\n"
+                                "RRULE:FREQ=WEEKLY;INTERVAL=2;BYDAY=TU;COUNT=10");
+  toDo("t", "Pay rent", "DUE;VALUE=DATE:20261201\r\nRRULE:FREQ=MONTHLY;BYMONTHDAY=1");
+  auto one = run({"reminder", "t/Water-the-plants.ics", "--json"});
+  ASSERT_EQ(one.status, 0) << one.err;
+  const json rules = json::parse(one.out)["recurrenceRules"];
+  ASSERT_TRUE(rules.is_array()) << one.out;
+  ASSERT_EQ(rules.size(), 1u);
+  EXPECT_EQ(rules[0]["frequency"], "weekly");
+  EXPECT_EQ(rules[0]["interval"], 2);
+  EXPECT_EQ(rules[0]["recurrenceEnd"]["occurrenceCount"], 10);
+  auto shown = run({"reminder", "t/Water-the-plants.ics"});
+  EXPECT_THAT(shown.out, ::testing::HasSubstr("  repeats     every 2 weeks\n"));
+  auto listed = run({"reminders"});
+  EXPECT_THAT(listed.out, ::testing::HasSubstr("[ ] Pay rent  due 2026-12-01, monthly  [Tasks]\n"));
+  EXPECT_THAT(listed.out, ::testing::HasSubstr("[ ] Water the plants  due 2026-12-01, every 2 weeks  [Tasks]\n"));
+  EXPECT_EQ(json::parse(run({"reminder", "t/Overdue.ics", "--json"}).out)["recurrenceRules"], nullptr);
+}
+
 TEST_F(VespToDoViewTest, TodomanListsTheSameToDosInTheSameOrder) {
   if (!installed("todoman", "todoman")) GTEST_SKIP() << "needs the Debian package todoman (scripts/test installs it)";
   writeFile(config_.path() / "todoman.py", "path = \"" + root_.path().string() + "/*\"\ndate_format = \"%Y-%m-%d\"\n" +

@@ -582,6 +582,100 @@ std::string defaultCacheDirectory() {
   return "";
 }
 
+namespace {
+
+constexpr std::string_view kKeyStart = "vesp store cache\nroot=";
+constexpr std::string_view kKeyAfterRoot = "\nzone=";
+constexpr std::string_view kCachePrefix = "store-", kCacheSuffix = ".cache";
+
+bool startsEnds(std::string_view name, std::string_view prefix, std::string_view suffix) {
+  return name.size() >= prefix.size() + suffix.size() && name.substr(0, prefix.size()) == prefix &&
+         name.substr(name.size() - suffix.size()) == suffix;
+}
+
+}  // namespace
+
+std::string cacheKey(const std::string& root, const std::string& localZone, std::size_t maximumCountedOccurrences,
+                     std::uintmax_t maximumFileSize, const std::vector<std::string>& userAddresses) {
+  std::string key = std::string(kKeyStart) + root + std::string(kKeyAfterRoot) + localZone +
+                    "\ncounted=" + std::to_string(maximumCountedOccurrences) +
+                    "\nlargest=" + std::to_string(maximumFileSize) + "\naddresses=";
+  for (const auto& address : userAddresses) key += address + ",";
+  return key;
+}
+
+VdirCacheIdentity cacheIdentityOf(std::string_view start) {
+  VdirCacheIdentity identity;
+  Reader r(start);
+  const std::string_view magic = r.take(sizeof kMagic);
+  const std::uint32_t format = r.u32();
+  if (r.failed()) {
+    identity.kind = VdirCacheIdentity::Kind::cutShort;
+    return identity;
+  }
+  if (magic != std::string_view(kMagic, sizeof kMagic) || format != kVdirCacheFormat) return identity;
+  r.take(kHeaderSize - sizeof kMagic - 4);
+  r.text();  // libical's version
+  const std::string key = r.text();
+  if (r.failed()) {
+    identity.kind = VdirCacheIdentity::Kind::cutShort;
+    return identity;
+  }
+  const std::size_t end = key.find(kKeyAfterRoot, kKeyStart.size());
+  if (key.compare(0, kKeyStart.size(), kKeyStart) != 0 || end == std::string::npos) return identity;
+  identity.kind = VdirCacheIdentity::Kind::cache;
+  identity.root = key.substr(kKeyStart.size(), end - kKeyStart.size());
+  return identity;
+}
+
+std::size_t pruneCaches(VdirEnv& env, const std::string& directory, const std::string& kept,
+                        const VdirCacheDirectoryLimits& limits) {
+  constexpr std::size_t kKeyReach = 1 << 16;
+  constexpr std::int64_t kHour = std::int64_t(3600) * 1000000000;
+  auto entries = env.list(directory);
+  if (!entries) return 0;
+  std::size_t removed = 0;
+  auto discard = [&](const std::string& path) { removed += env.discard(path) ? 1 : 0; };
+  std::vector<std::pair<std::string, VdirFileStatus>> caches;  // the ones still wanted
+  for (const auto& entry : *entries) {
+    const std::string path = directory + "/" + entry.name;
+    auto status = env.status(path);
+    if (path == kept || !status || !*status || (*status)->kind != VdirFileKind::file) continue;
+    // A write cut short (by a crash) leaves its temporary file: ".store-<hash>.cache.<pid>-<n>.tmp".
+    if (startsEnds(entry.name, "." + std::string(kCachePrefix), ".tmp")) {
+      if ((*status)->modified < env.now() - kHour) discard(path);
+      continue;
+    }
+    if (!startsEnds(entry.name, kCachePrefix, kCacheSuffix)) continue;
+    auto start = env.readStart(path, kKeyReach);
+    if (!start) continue;
+    const VdirCacheIdentity identity = cacheIdentityOf(*start);
+    if (identity.kind == VdirCacheIdentity::Kind::cutShort) continue;  // a key too long to look at: kept
+    if (identity.kind == VdirCacheIdentity::Kind::foreign) {
+      discard(path);
+      continue;
+    }
+    auto root = env.status(identity.root);
+    if (root && !*root) {
+      discard(path);
+      continue;
+    }
+    caches.emplace_back(path, **status);
+  }
+  // Newest first, after the store's own.
+  std::sort(caches.begin(), caches.end(),
+            [](const auto& a, const auto& b) { return a.second.modified > b.second.modified; });
+  auto own = env.status(kept);
+  std::size_t count = own && *own ? 1 : 0;
+  std::uint64_t bytes = own && *own ? static_cast<std::uint64_t>((*own)->size) : 0;
+  for (const auto& [path, status] : caches) {
+    ++count;
+    bytes += static_cast<std::uint64_t>(status.size);
+    if (count > limits.caches || bytes > limits.bytes) discard(path);
+  }
+  return removed;
+}
+
 std::string cacheFilePath(const std::string& directory, const std::string& key) {
   char name[40];
   std::snprintf(name, sizeof name, "store-%016llx.cache", static_cast<unsigned long long>(payloadHash(key)));

@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "platforms/vdir/VdirItem.h"
+#include "platforms/vdir/VdirOptions.h"
 #include "support/rivet/RivetResult.h"
 
 namespace vesp::vdir {
@@ -64,8 +65,25 @@ inline constexpr std::uint32_t kVdirCacheFormat = 8;
 // can be found.
 std::string defaultCacheDirectory();
 
-// The cache file of the store described by `key` (every setting that changes what is read).
+// The key of a store's cache: every setting that changes what is read from its files.
+std::string cacheKey(const std::string& root, const std::string& localZone, std::size_t maximumCountedOccurrences,
+                     std::uintmax_t maximumFileSize, const std::vector<std::string>& userAddresses);
+
+// The cache file of the store described by `key`.
 std::string cacheFilePath(const std::string& directory, const std::string& key);
+
+// What the start of a file in the cache directory says of it.
+struct VdirCacheIdentity {
+  enum class Kind { cache, foreign, cutShort };
+  Kind kind = Kind::foreign;  // cutShort: the start ends before the key does
+  std::string root;           // of a cache of this format
+};
+VdirCacheIdentity cacheIdentityOf(std::string_view start);
+
+// Prunes `directory` after `kept` (the store's own cache) was written, within `limits` (see
+// VdirCacheDirectoryLimits); returns how many files it removed.
+std::size_t pruneCaches(VdirEnv& env, const std::string& directory, const std::string& kept,
+                        const VdirCacheDirectoryLimits& limits);
 
 // The bytes of a cache holding `records`, except those that cannot be trusted yet and those whose
 // data cannot be stored; `left` counts them. A record is trusted when its modification and change

@@ -351,6 +351,20 @@ class PosixEnv : public VdirEnv {
     return replaceFile(path, bytes, mode, durability);
   }
 
+  rivet::RivetResult<std::string> readStart(const std::string& path, std::size_t limit) override {
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) return failure("cannot read " + path, errno, "readStart", __LINE__);
+    auto text = readOpenFile(fd, limit, limit);
+    ::close(fd);
+    if (text && text->size() > limit) text->resize(limit);
+    return text;
+  }
+
+  rivet::RivetResult<void> discard(const std::string& path) override {
+    if (::unlink(path.c_str()) != 0 && !absent(errno)) return failure("cannot remove " + path, errno, "discard", __LINE__);
+    return rivet::RivetResultVoidSuccess;
+  }
+
   rivet::RivetResult<VdirWriteOutcome> write(const std::string& path, std::string_view bytes,
                                              const VdirFileBasis& basis) override {
     mode_t mode = 0;

@@ -137,6 +137,10 @@ class VdirEnv {
   // Replaces (or creates) `path` with `bytes`, atomically (see replaceFile).
   virtual rivet::RivetResult<void> replace(const std::string& path, std::string_view bytes, mode_t mode,
                                            VdirDurability durability) = 0;
+  // The first `limit` bytes of a file (all of a shorter one); an error when it is not there.
+  virtual rivet::RivetResult<std::string> readStart(const std::string& path, std::size_t limit) = 0;
+  // Removes a file of the store's own (a cache), whatever it holds; one already gone is no error.
+  virtual rivet::RivetResult<void> discard(const std::string& path) = 0;
 
   // Writing the user's items. Each is durable when it returns (file and directory synced) and
   // atomic: the path holds the whole old or the whole new file, never a part, and never under a
@@ -199,6 +203,10 @@ class VdirEnvWrapper : public VdirEnv {
                                    VdirDurability durability) override {
     return target_->replace(path, bytes, mode, durability);
   }
+  rivet::RivetResult<std::string> readStart(const std::string& path, std::size_t limit) override {
+    return target_->readStart(path, limit);
+  }
+  rivet::RivetResult<void> discard(const std::string& path) override { return target_->discard(path); }
   rivet::RivetResult<VdirWriteOutcome> write(const std::string& path, std::string_view bytes,
                                              const VdirFileBasis& basis) override {
     return target_->write(path, bytes, basis);

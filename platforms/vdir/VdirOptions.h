@@ -40,6 +40,15 @@ struct VdirExpansionLimits {
   double maximumSecondsPerQuery = 10.0;
 };
 
+// After a store writes its cache, the cache directory is pruned: caches of roots that are gone,
+// caches no version of this format can read, and temporary files older than an hour are removed;
+// then, newest first, caches beyond `caches` files or `bytes` in all (the store's own counted, and
+// never removed).
+struct VdirCacheDirectoryLimits {
+  std::size_t caches = 16;
+  std::uint64_t bytes = std::uint64_t(2) << 30;
+};
+
 struct VdirStoreOptions {
   std::string root;
   // The IANA zone that holds floating times and all-day events; empty: the system's local zone.
@@ -58,6 +67,8 @@ struct VdirStoreOptions {
   // Where the persistent cache is kept: absent, the user's cache directory
   // (defaultCacheDirectory()); empty, nowhere (no cache).
   std::optional<std::string> cacheDirectory;
+  // What the cache directory keeps of other stores' caches (VdirCache.h, pruneCaches).
+  VdirCacheDirectoryLimits cacheDirectoryLimits;
   // Threads that parse files and decode the cache; 0: one per core.
   unsigned parseThreads = 0;
 };
@@ -70,6 +81,7 @@ struct VdirCacheStatus {
   std::string loadProblem;          // why it was not read, when it was not
   std::uint64_t writes = 0;         // times it was written since
   std::string writeProblem;         // why the last write failed, when it did
+  std::size_t prunedFiles = 0;      // other caches (and leftovers) removed after the first write
 };
 
 }  // namespace vesp::vdir

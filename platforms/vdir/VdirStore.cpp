@@ -68,10 +68,9 @@ VdirStore::VdirStore(VdirStoreOptions options, std::shared_ptr<VdirEnv> env)
   if (directory.empty()) return;
   // Everything that changes what is read from the files is part of the key.
   const std::string root = env_->canonical(options_.root).value_or(options_.root);
-  cacheKey_ = "vesp store cache\nroot=" + root + "\nzone=" + clock_->localZoneName() +
-              "\ncounted=" + std::to_string(options_.maximumCountedOccurrences) +
-              "\nlargest=" + std::to_string(options_.maximumFileSize) + "\naddresses=";
-  for (const auto& address : options_.userAddresses) cacheKey_ += address + ",";
+  cacheKey_ = cacheKey(root, clock_->localZoneName(), options_.maximumCountedOccurrences, options_.maximumFileSize,
+                       options_.userAddresses);
+  cacheDirectory_ = directory;
   cacheFile_ = cacheFilePath(directory, cacheKey_);
   cacheStatus_.path = cacheFile_;
   // Read while the first scan lists the tree; the scan waits for it before it looks at files.
@@ -365,15 +364,23 @@ void VdirStore::writeCache(std::int64_t scannedAt) {
   std::size_t left = 0;
   std::string bytes = encodeCache(cacheKey_, files_, *zones_, scannedAt, left);
   auto written = writeCacheFile(*env_, cacheFile_, bytes);
-  rivet::RivetMutexLock lock(mutex_);
-  if (!written) {
-    cacheStatus_.writeProblem = written.error().message();
-    return;
+  bool first = false;
+  {
+    rivet::RivetMutexLock lock(mutex_);
+    if (!written) {
+      cacheStatus_.writeProblem = written.error().message();
+      return;
+    }
+    first = ++cacheStatus_.writes == 1;
+    cacheStatus_.writeProblem.clear();
+    // Files left out (changed too recently to be trusted) are written by a later scan.
+    cacheStale_ = left > 0;
   }
-  ++cacheStatus_.writes;
-  cacheStatus_.writeProblem.clear();
-  // Files left out (changed too recently to be trusted) are written by a later scan.
-  cacheStale_ = left > 0;
+  // Once per store: the other caches change little while it is open.
+  if (!first) return;
+  const std::size_t removed = pruneCaches(*env_, cacheDirectory_, cacheFile_, options_.cacheDirectoryLimits);
+  rivet::RivetMutexLock lock(mutex_);
+  cacheStatus_.prunedFiles += removed;
 }
 
 // The watcher's loop. It holds the store only weakly, and strongly only while it rescans, so the

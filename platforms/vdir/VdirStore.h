@@ -194,7 +194,8 @@ class VdirStore : public VdirSnapshotSource, public std::enable_shared_from_this
   std::shared_ptr<VdirZones> zones_;  // let go of only by the destructor
   std::unique_ptr<VdirClock> clock_;
   std::string cacheKey_;   // empty: no cache
-  std::string cacheFile_;  // where the cache is kept
+  std::string cacheDirectory_;  // where caches are kept
+  std::string cacheFile_;       // where this store's cache is kept
   VdirQueries queries_;  // guards what it keeps itself
 
   // Lock order: rescanMutex_, then mutex_.

@@ -378,6 +378,98 @@ TEST(VdirCacheTest, ACacheDirectoryThatCannotBeWrittenLeavesTheStoreServing) {
   EXPECT_FALSE(store->cacheStatus().writeProblem.empty());
 }
 
+TEST(VdirCacheTest, ACacheFileSaysWhichRootItServesAndNothingElseIsTakenForOne) {
+  TemporaryDirectory directory;
+  makeStore(directory.path() / "store", 2);
+  auto store = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  const std::string bytes = testing::readFile(cacheFileOf(*store));
+  const VdirCacheIdentity identity = cacheIdentityOf(bytes);
+  EXPECT_EQ(identity.kind, VdirCacheIdentity::Kind::cache);
+  EXPECT_EQ(identity.root, fs::canonical(directory.path() / "store").string());
+  EXPECT_EQ(cacheIdentityOf(bytes.substr(0, 60)).kind, VdirCacheIdentity::Kind::cutShort);
+  EXPECT_EQ(cacheIdentityOf(bytes.substr(0, 10)).kind, VdirCacheIdentity::Kind::cutShort);
+  EXPECT_EQ(cacheIdentityOf("BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//x//EN\r\n").kind,
+            VdirCacheIdentity::Kind::foreign);
+  std::string otherFormat = bytes;
+  const std::uint32_t format = kVdirCacheFormat - 1;
+  std::memcpy(otherFormat.data() + 8, &format, 4);
+  EXPECT_EQ(cacheIdentityOf(otherFormat).kind, VdirCacheIdentity::Kind::foreign);
+}
+
+// Sets a file's modification time `age` before now.
+void ageFile(const fs::path& path, std::chrono::seconds age) {
+  fs::last_write_time(path, fs::file_time_type::clock::now() - age);
+}
+
+TEST(VdirCacheTest, CachesOfRootsThatAreGoneOfOtherFormatsAndOldLeftoversAreRemoved) {
+  TemporaryDirectory directory;
+  const fs::path cache = directory.path() / "cache";
+  makeStore(directory.path() / "gone", 1);
+  makeStore(directory.path() / "kept", 1);
+  const std::string gone = cacheFileOf(*openFlushed(storeOptions(directory.path() / "gone", cache)));
+  const std::string kept = cacheFileOf(*openFlushed(storeOptions(directory.path() / "kept", cache)));
+  fs::remove_all(directory.path() / "gone");
+  std::string otherFormat = testing::readFile(kept);
+  const std::uint32_t format = kVdirCacheFormat - 1;
+  std::memcpy(otherFormat.data() + 8, &format, 4);
+  writeFile(cache / "store-0123456789abcdef.cache", otherFormat);
+  writeFile(cache / ".store-0123456789abcdef.cache.12-34.tmp", "cut short");
+  ageFile(cache / ".store-0123456789abcdef.cache.12-34.tmp", std::chrono::hours(2));
+  writeFile(cache / ".store-fedcba9876543210.cache.56-78.tmp", "being written");
+  writeFile(cache / "notes.txt", "not ours");
+
+  makeStore(directory.path() / "store", 1);
+  auto store = openFlushed(storeOptions(directory.path() / "store", cache));
+  EXPECT_EQ(store->cacheStatus().prunedFiles, 3u);
+  EXPECT_FALSE(fs::exists(gone));
+  EXPECT_FALSE(fs::exists(cache / "store-0123456789abcdef.cache"));
+  EXPECT_FALSE(fs::exists(cache / ".store-0123456789abcdef.cache.12-34.tmp"));
+  EXPECT_TRUE(fs::exists(cache / ".store-fedcba9876543210.cache.56-78.tmp"));  // maybe still being written
+  EXPECT_TRUE(fs::exists(cache / "notes.txt"));
+  EXPECT_TRUE(fs::exists(kept));
+  EXPECT_TRUE(fs::exists(cacheFileOf(*store)));
+  // The next store to open does not look again: its cache is written once the first time.
+  auto again = openFlushed(storeOptions(directory.path() / "store", cache));
+  EXPECT_EQ(again->cacheStatus().prunedFiles, 0u);
+}
+
+TEST(VdirCacheTest, BeyondItsLimitsTheCacheDirectoryKeepsTheNewestCachesAndTheStoresOwn) {
+  TemporaryDirectory directory;
+  const fs::path cache = directory.path() / "cache";
+  std::vector<std::string> caches;
+  for (int i = 0; i < 4; ++i) {
+    const fs::path root = directory.path() / ("s" + std::to_string(i));
+    makeStore(root, 1);
+    caches.push_back(cacheFileOf(*openFlushed(storeOptions(root, cache))));
+    ageFile(caches.back(), std::chrono::hours(10 - i));  // s3 the newest
+  }
+  makeStore(directory.path() / "store", 1);
+  VdirStoreOptions options = storeOptions(directory.path() / "store", cache);
+  options.cacheDirectoryLimits.caches = 3;
+  auto store = openFlushed(options);
+  EXPECT_EQ(store->cacheStatus().prunedFiles, 2u);
+  EXPECT_FALSE(fs::exists(caches[0]));
+  EXPECT_FALSE(fs::exists(caches[1]));
+  EXPECT_TRUE(fs::exists(caches[2]));
+  EXPECT_TRUE(fs::exists(caches[3]));
+  EXPECT_TRUE(fs::exists(cacheFileOf(*store)));
+
+  // By size: the store's own counts, and is kept even when it alone is over.
+  options.cacheDirectoryLimits = {};
+  options.cacheDirectoryLimits.bytes = fs::file_size(cacheFileOf(*store)) + fs::file_size(caches[3]);
+  fs::remove(cacheFileOf(*store));
+  auto bySize = openFlushed(options);
+  EXPECT_EQ(bySize->cacheStatus().prunedFiles, 1u);
+  EXPECT_FALSE(fs::exists(caches[2]));
+  EXPECT_TRUE(fs::exists(caches[3]));
+  options.cacheDirectoryLimits.bytes = 1;
+  fs::remove(cacheFileOf(*store));
+  auto tiny = openFlushed(options);
+  EXPECT_EQ(tiny->cacheStatus().prunedFiles, 1u);
+  EXPECT_FALSE(fs::exists(caches[3]));
+  EXPECT_TRUE(fs::exists(cacheFileOf(*tiny)));
+}
+
 TEST(VdirCacheTest, WithoutACacheDirectoryNothingIsWritten) {
   TemporaryDirectory directory;
   makeStore(directory.path() / "store", 3);

@@ -105,27 +105,8 @@ Date parseDate(const std::string& text, const char* option) {
   return Date::fromTimeIntervalSince1970(static_cast<double>(seconds));
 }
 
-Date localMidnightOf(Date date) {
-  auto seconds = static_cast<std::time_t>(std::floor(date.timeIntervalSince1970()));
-  std::tm fields{};
-  localtime_r(&seconds, &fields);
-  fields.tm_hour = fields.tm_min = fields.tm_sec = 0;
-  fields.tm_isdst = -1;
-  return Date::fromTimeIntervalSince1970(static_cast<double>(std::mktime(&fields)));
-}
-
 Date localMidnightToday() {
   return localMidnightOf(Date::fromTimeIntervalSince1970(static_cast<double>(std::time(nullptr))));
-}
-
-// Adds whole local days (a day across a clock change is not 24 hours).
-Date addLocalDays(Date date, int days) {
-  auto seconds = static_cast<std::time_t>(date.timeIntervalSince1970());
-  std::tm fields{};
-  localtime_r(&seconds, &fields);
-  fields.tm_mday += days;
-  fields.tm_isdst = -1;
-  return Date::fromTimeIntervalSince1970(static_cast<double>(std::mktime(&fields)));
 }
 
 const char* kindName(platform::EKEntityType type) {
@@ -357,7 +338,7 @@ void runEvents(Invocation& call) {
   if (call.args.asJSON)
     writeArray(call.out, found, refs ? &*refs : nullptr);
   else
-    printAgenda(call.out, found, call.style, refs ? &*refs : nullptr);
+    printAgenda(call.out, found, start, end, call.style, refs ? &*refs : nullptr);
 }
 
 // The occurrence a short reference ("20261109-3fa2", as `vesp events --refs` prints it) names;

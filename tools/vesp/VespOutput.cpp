@@ -109,6 +109,28 @@ std::string localTime(platform::Date date, const char* format) {
   return text;
 }
 
+}  // namespace
+
+platform::Date localMidnightOf(platform::Date date) {
+  auto seconds = static_cast<std::time_t>(std::floor(date.timeIntervalSince1970()));
+  std::tm fields{};
+  localtime_r(&seconds, &fields);
+  fields.tm_hour = fields.tm_min = fields.tm_sec = 0;
+  fields.tm_isdst = -1;
+  return platform::Date::fromTimeIntervalSince1970(static_cast<double>(std::mktime(&fields)));
+}
+
+platform::Date addLocalDays(platform::Date date, int days) {
+  auto seconds = static_cast<std::time_t>(date.timeIntervalSince1970());
+  std::tm fields{};
+  localtime_r(&seconds, &fields);
+  fields.tm_mday += days;
+  fields.tm_isdst = -1;
+  return platform::Date::fromTimeIntervalSince1970(static_cast<double>(std::mktime(&fields)));
+}
+
+namespace {
+
 std::string swatch(const platform::CGColorRef& colour, const HumanStyle& style) {
   if (!style.colour || !colour) return "";
   auto channel = [](double value) { return static_cast<int>(std::lround(std::clamp(value, 0.0, 1.0) * 255)); };
@@ -126,6 +148,19 @@ std::string components(const std::optional<platform::DateComponents>& value) {
   if (value->hour && value->minute) out << ' ' << std::setw(2) << *value->hour << ':' << std::setw(2) << *value->minute;
   if (value->timeZone) out << ' ' << value->timeZone->identifier();
   return out.str();
+}
+
+// A detail view's notes: their lines under one another, after the field's name.
+void printNotes(std::ostream& out, const std::string& notes) {
+  static const std::string indent(14, ' ');
+  out << "  " << std::left << std::setw(12) << "notes" << neutralised(notes, &indent) << '\n';
+}
+
+// A reminder's due date: a day as it is, a time in the local zone.
+std::string dueText(const ListedReminder& listed) {
+  const auto& due = listed.record.dueDateComponents();
+  if (listed.due && due && due->hour) return localTime(*listed.due, "%Y-%m-%d %H:%M");
+  return components(due);
 }
 
 // How an item repeats, by its first rule: "weekly", "every 2 weeks"; empty when it does not.
@@ -159,13 +194,25 @@ std::string hexColour(const platform::CGColorRef& colour) {
   return text;
 }
 
-std::string neutralised(const std::string& text) {
+std::string neutralised(const std::string& text, const std::string* lineIndent) {
   std::string out;
   out.reserve(text.size());
-  for (unsigned char c : text) {
-    if (c < 0x20 || c == 0x7F) {
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    const bool c1 = c == 0xC2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) >= 0x80 &&
+                    static_cast<unsigned char>(text[i + 1]) <= 0x9F;  // U+0080-U+009F, CSI among them
+    if (lineIndent && c == '\r' && i + 1 < text.size() && text[i + 1] == '\n') continue;
+    if (lineIndent && c == '\n') {
+      out += '\n' + *lineIndent;
+    } else if (lineIndent && c == '\t') {
+      out += '\t';
+    } else if (c < 0x20 || c == 0x7F) {
       char escaped[8];
       std::snprintf(escaped, sizeof escaped, "\\x%02X", c);
+      out += escaped;
+    } else if (c1) {
+      char escaped[8];
+      std::snprintf(escaped, sizeof escaped, "\\u%04X", static_cast<unsigned char>(text[++i]));
       out += escaped;
     } else {
       out += static_cast<char>(c);
@@ -315,27 +362,71 @@ std::vector<std::string> references(const std::vector<VespEventInstance>& events
   return result;
 }
 
-void printAgenda(std::ostream& out, const std::vector<VespEventInstance>& events, const HumanStyle& style,
-                 const std::vector<std::string>* refs) {
-  std::string day;
+namespace {
+
+// Whole local days from `from` to `to`, both local midnights (days across a clock change are not
+// 24 hours, hence the rounding).
+int daysBetween(platform::Date from, platform::Date to) {
+  return static_cast<int>(std::lround(to.timeIntervalSince(from) / 86400.0));
+}
+
+// How many local days an occurrence covers, from the day it starts: up to the day of its last
+// moment (an all-day end is the midnight after it; a timed one ending at midnight does not reach
+// that day).
+int coveredDays(const VespEventInstance& event, platform::Date firstDay) {
+  if (event.endDate() <= event.startDate()) return 1;
+  return daysBetween(firstDay, localMidnightOf(event.endDate().addingTimeInterval(-1))) + 1;
+}
+
+// An agenda line's time column: "09:00-10:00", or "all day"; over several days, "from 09:00" on
+// the first, "until 17:00" on the last and "all day" between.
+std::string agendaTime(const VespEventInstance& event, int day, int days) {
+  if (event.isAllDay()) return "all day";
+  if (days == 1) return localTime(event.startDate(), "%H:%M") + "-" + localTime(event.endDate(), "%H:%M");
+  if (day == 0) return "from " + localTime(event.startDate(), "%H:%M");
+  if (day == days - 1) return "until " + localTime(event.endDate(), "%H:%M");
+  return "all day";
+}
+
+}  // namespace
+
+void printAgenda(std::ostream& out, const std::vector<VespEventInstance>& events, platform::Date windowStart,
+                 platform::Date windowEnd, const HumanStyle& style, const std::vector<std::string>* refs) {
+  struct Line {
+    platform::Date day;
+    std::size_t index;
+    int dayNumber, days;
+  };
+  std::vector<Line> lines;
+  const platform::Date firstShown = localMidnightOf(windowStart);
   for (std::size_t index = 0; index < events.size(); ++index) {
-    const VespEventInstance& event = events[index];
-    std::string thisDay = localTime(dayInstant(event), "%a %d %b %Y");
-    if (thisDay != day) {
-      if (!day.empty()) out << '\n';
-      out << thisDay << '\n';
-      day = thisDay;
+    const platform::Date firstDay = localMidnightOf(dayInstant(events[index]));
+    const int days = coveredDays(events[index], firstDay);
+    for (int k = std::max(0, daysBetween(firstDay, firstShown)); k < days; ++k) {
+      const platform::Date day = addLocalDays(firstDay, k);
+      if (day >= windowEnd) break;
+      lines.push_back({day, index, k, days});
     }
-    std::string when = event.isAllDay() ? "all day" : localTime(event.startDate(), "%H:%M") + "-" +
-                                                          localTime(event.endDate(), "%H:%M");
+  }
+  std::stable_sort(lines.begin(), lines.end(), [](const Line& a, const Line& b) { return a.day < b.day; });
+  std::optional<platform::Date> day;
+  for (const Line& line : lines) {
+    const VespEventInstance& event = events[line.index];
+    if (line.day != day) {
+      if (day) out << '\n';
+      out << localTime(line.day, "%a %d %b %Y") << '\n';
+      day = line.day;
+    }
     out << "  ";
-    if (refs) out << (*refs)[index] << "  ";
-    out << std::left << std::setw(13) << when << swatch(event.calendar().cgColor(), style)
-        << neutralised(event.title());
+    if (refs) out << (*refs)[line.index] << "  ";
+    out << std::left << std::setw(13) << agendaTime(event, line.dayNumber, line.days)
+        << swatch(event.calendar().cgColor(), style)
+        << (event.status() == VespEventStatus::canceled ? "CANCELLED " : "") << neutralised(event.title());
+    if (line.days > 1) out << " (day " << line.dayNumber + 1 << "/" << line.days << ")";
     if (event.location() && !event.location()->empty()) out << "  @ " << neutralised(*event.location());
     out << "  [" << neutralised(event.calendar().title()) << "]\n";
   }
-  if (events.empty()) out << "No events.\n";
+  if (lines.empty()) out << "No events.\n";
 }
 
 void printEvent(std::ostream& out, const VespEventInstance& event, const HumanStyle& style) {
@@ -360,7 +451,7 @@ void printEvent(std::ostream& out, const VespEventInstance& event, const HumanSt
                            std::string(description(attendee.status())) + ")");
   if (auto repeat = repeats(event.recurrenceRules()); !repeat.empty()) line("repeats", repeat);
   if (event.isDetached()) line("moved from", localTime(event.originalOccurrenceDate(), "%a %d %b %Y %H:%M"));
-  if (event.notes()) line("notes", *event.notes());
+  if (event.notes()) printNotes(out, *event.notes());
 }
 
 void printReminders(std::ostream& out, const std::vector<ListedReminder>& reminders, const HumanStyle& style) {
@@ -369,7 +460,7 @@ void printReminders(std::ostream& out, const std::vector<ListedReminder>& remind
     out << (reminder.isCompleted() ? "[x] " : listed.cancelled ? "[-] " : "[ ] ")
         << swatch(reminder.calendar().cgColor(), style) << priorityMarks(reminder.priority())
         << neutralised(reminder.title());
-    if (auto due = components(reminder.dueDateComponents()); !due.empty()) out << "  due " << due;
+    if (auto due = dueText(listed); !due.empty()) out << "  due " << due;
     if (auto repeat = repeats(reminder.recurrenceRules()); !repeat.empty()) out << ", " << repeat;
     out << "  [" << neutralised(reminder.calendar().title()) << "]";
     if (listed.cancelled) out << "  cancelled";
@@ -387,11 +478,11 @@ void printReminder(std::ostream& out, const ListedReminder& listed, const HumanS
   line("list", reminder.calendar().title());
   line("completed", reminder.isCompleted() ? "yes" : "no");
   if (listed.cancelled) line("cancelled", "yes");
-  if (auto due = components(reminder.dueDateComponents()); !due.empty()) line("due", due);
+  if (auto due = dueText(listed); !due.empty()) line("due", due);
   if (auto start = components(reminder.startDateComponents()); !start.empty()) line("starts", start);
   if (auto repeat = repeats(reminder.recurrenceRules()); !repeat.empty()) line("repeats", repeat);
   line("priority", std::string(description(reminder.priority())));
-  if (reminder.notes()) line("notes", *reminder.notes());
+  if (reminder.notes()) printNotes(out, *reminder.notes());
 }
 
 }  // namespace vesp::tool

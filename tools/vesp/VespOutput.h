@@ -21,8 +21,10 @@ nlohmann::json toJSON(const VespReminder& reminder);
 nlohmann::json toJSON(const vdir::VdirDiagnostic& diagnostic);
 
 // Text from calendar files made safe for a terminal: control characters (escape included) are
-// shown as "\xNN" instead of being sent.
-std::string neutralised(const std::string& text);
+// shown as "\xNN", and C1 controls (U+0080-U+009F) as "\uNNNN", instead of being sent. With
+// `lineIndent`, the text may span lines: line breaks (CRLF or LF) start a new line indented by it,
+// and tabs stay tabs.
+std::string neutralised(const std::string& text, const std::string* lineIndent = nullptr);
 
 struct HumanStyle {
   bool colour = false;  // 24-bit colour swatches for calendars
@@ -37,11 +39,17 @@ std::string occurrenceHash(const VespEventInstance& event);  // 16 hex digits
 std::vector<std::string> references(const std::vector<VespEventInstance>& events,
                                     const std::vector<VespEventInstance>& sameDays);
 
+// Local midnight of `date`'s local day, and whole local days added (a day across a clock change is
+// not 24 hours).
+platform::Date localMidnightOf(platform::Date date);
+platform::Date addLocalDays(platform::Date date, int days);
+
 void printCalendars(std::ostream& out, const std::vector<VespCalendar>& calendars, const HumanStyle& style);
-// An agenda grouped by local day, times in the local zone; with `refs`, each occurrence's reference
-// opens its line.
-void printAgenda(std::ostream& out, const std::vector<VespEventInstance>& events, const HumanStyle& style,
-                 const std::vector<std::string>* refs = nullptr);
+// The agenda of [windowStart, windowEnd), grouped by local day, times in the local zone. An
+// occurrence over several days shows on each of its days in the window, with "(day 2/5)"; a
+// cancelled one says CANCELLED. With `refs`, each occurrence's reference opens its lines.
+void printAgenda(std::ostream& out, const std::vector<VespEventInstance>& events, platform::Date windowStart,
+                 platform::Date windowEnd, const HumanStyle& style, const std::vector<std::string>* refs = nullptr);
 void printEvent(std::ostream& out, const VespEventInstance& event, const HumanStyle& style);
 // One line each, in the order given: "[ ]" open, "[x]" completed, "[-]" cancelled (and said at the
 // end), then "!!!", "!!" or "!" for a high, medium or low priority.

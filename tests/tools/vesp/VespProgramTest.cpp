@@ -530,6 +530,59 @@ TEST_F(VespWritingTest, RemindersOfAListOfToDosAloneAreListedByItsIdentifier) {
   EXPECT_THAT(unknown.err, ::testing::HasSubstr("`vesp reminder-lists` lists them"));
 }
 
+TEST_F(VespWritingTest, TheAgendaShowsEachDayOfALongOccurrenceAndMarksCancelledOnes) {
+  auto event = [&](const std::string& uid, const std::string& lines) {
+    writeFile(root_.path() / "c" / (uid + ".ics"),
+              "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Other//EN\r\nBEGIN:VEVENT\r\nUID:" + uid +
+                  "\r\nDTSTAMP:20261001T000000Z\r\n" + lines + "\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
+  };
+  event("trip", "SUMMARY:Trip\r\nDTSTART;VALUE=DATE:20261201\r\nDTEND;VALUE=DATE:20261206");
+  event("conference", "SUMMARY:Conference\r\nDTSTART:20261202T150000Z\r\nDTEND:20261204T110000Z");
+  event("standup", "SUMMARY:Standup\r\nDTSTART:20261203T090000Z\r\nDTEND:20261203T100000Z\r\nSTATUS:CANCELLED");
+  event("late", "SUMMARY:Late\r\nDTSTART:20261203T220000Z\r\nDTEND:20261203T230000Z");
+  auto agenda = run({"events", "--from", "2026-12-03", "--to", "2026-12-05"});
+  ASSERT_EQ(agenda.status, 0) << agenda.err;
+  EXPECT_EQ(agenda.out,
+            "Thu 03 Dec 2026\n"
+            "  all day      Trip (day 3/5)  [c]\n"
+            "  all day      Conference (day 2/3)  [c]\n"
+            "  10:00-11:00  CANCELLED Standup  [c]\n"
+            "  23:00-00:00  Late  [c]\n"  // ends at midnight: not on Friday
+            "\n"
+            "Fri 04 Dec 2026\n"
+            "  all day      Trip (day 4/5)  [c]\n"
+            "  until 12:00  Conference (day 3/3)  [c]\n");
+  auto first = run({"events", "--from", "2026-12-02", "--to", "2026-12-03"});
+  EXPECT_THAT(first.out, ::testing::HasSubstr("  from 16:00   Conference (day 1/3)  [c]\n"));
+  EXPECT_THAT(first.out, ::testing::HasSubstr("  all day      Trip (day 2/5)  [c]\n"));
+}
+
+TEST_F(VespWritingTest, NotesKeepTheirLinesDueTimesAreLocalAndControlsAreNeutralised) {
+  writeFile(root_.path() / "c/notes.ics",
+            "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Other//EN\r\nBEGIN:VEVENT\r\nUID:notes\r\n"
+            "DTSTAMP:20261001T000000Z\r\nDTSTART:20261203T090000Z\r\nDTEND:20261203T100000Z\r\n"
+            "SUMMARY:Bell\xC2\x9B""31m\x1B[0m\r\nDESCRIPTION:first line\\nsecond\tcolumn\\nthird\r\n"
+            "END:VEVENT\r\nEND:VCALENDAR\r\n");
+  writeFile(root_.path() / "t/call.ics",
+            "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Other//EN\r\nBEGIN:VTODO\r\nUID:call\r\n"
+            "DTSTAMP:20261001T000000Z\r\nSUMMARY:Call\r\nDUE:20261204T110000Z\r\n"
+            "DESCRIPTION:ask about\\nthe card\r\nEND:VTODO\r\nEND:VCALENDAR\r\n");
+  auto agenda = run({"events", "--from", "2026-12-03", "--to", "2026-12-04"});
+  EXPECT_THAT(agenda.out, ::testing::HasSubstr("  10:00-11:00  Bell\\u009B31m\\x1B[0m  [c]\n"));
+  const json listed = events("2026-12-03", "2026-12-04");
+  ASSERT_EQ(listed.size(), 1u);
+  auto event = run({"event", listed[0]["eventInstanceIdentifier"].dump()});
+  ASSERT_EQ(event.status, 0) << event.err;
+  EXPECT_EQ(event.out.find('\x1b'), std::string::npos);
+  EXPECT_THAT(event.out, ::testing::HasSubstr("  notes       first line\n              second\tcolumn\n"
+                                              "              third\n"));
+  auto reminder = run({"reminder", "t/call.ics"});
+  ASSERT_EQ(reminder.status, 0) << reminder.err;
+  EXPECT_THAT(reminder.out, ::testing::HasSubstr("  due         2026-12-04 12:00\n"));  // 11:00 UTC in Berlin
+  EXPECT_THAT(reminder.out, ::testing::HasSubstr("  notes       ask about\n              the card\n"));
+  EXPECT_THAT(run({"reminders"}).out, ::testing::HasSubstr("[ ] Call  due 2026-12-04 12:00  [Tasks]\n"));
+}
+
 TEST_F(VespWritingTest, ACalendarThatCannotBeWrittenIsAClearFailure) {
   ASSERT_EQ(::chmod((root_.path() / "c").c_str(), 0555), 0);
   auto refused = run({"new", "Dentist", "--start", "2026-12-03T15:00", "--calendar", "c"});

@@ -92,6 +92,8 @@ enum class Tag : std::uint8_t {
   alarmDate, alarmOffset, alarmType, alarmProximity, alarmLocation,
   locationTitle, latitude, longitude, radius,
   todoIdentifier, due, todoStart, dueInstant, completed, isCompleted, priority, isCancelled, todoRules,
+  // Added later, each at the end so that no number changes.
+  thisAndFuture,
 };
 
 // An integer that must lie in [lowest, highest] (an enumeration's values, a span in days).
@@ -174,6 +176,7 @@ void walk(Io& io, C& c) {
   io(Tag::hasStart, c.hasStart);
   io(Tag::recurrenceInstant, c.recurrenceInstant);
   io(Tag::todo, c.todoData);
+  io(Tag::thisAndFuture, c.thisAndFuture);
 }
 
 template <class Io, Of<VdirRuleData> R>

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <map>
 #include <optional>
 #include <set>
 #include <string_view>
@@ -40,7 +41,7 @@ struct ExpansionBudget {
   const VdirExpansionLimits& limits;
   std::chrono::steady_clock::time_point began;
   std::size_t steps = 0;
-  const std::set<double>* found = nullptr;  // the occurrences kept so far
+  const std::map<double, VdirOccurrence>* found = nullptr;  // the occurrences kept so far
 };
 
 int weekdayOfDays(long long days) {  // libical's weekday (1 = Sunday) of a day counted from 1970
@@ -170,6 +171,29 @@ rivet::RivetResult<void> expandRule(const VdirRuleData& rule, const VdirComponen
 
 }  // namespace
 
+std::vector<VdirRangeOverride> rangeOverrides(const VdirSeriesData& series, const VdirClock& clock) {
+  std::vector<VdirRangeOverride> ranges;
+  if (!series.master) return ranges;
+  const VdirTime& like = series.master->start;
+  auto civil = [&](platform::Date instant) {
+    const icaltimetype t = clock.wallClockLike(instant, like);
+    return civilSecondsSince1970(t.year, t.month, t.day, t.hour, t.minute, t.second);
+  };
+  for (const auto& override : series.overrides)
+    if (override.thisAndFuture)
+      ranges.push_back({&override, override.recurrenceInstant->timeIntervalSince1970(),
+                        civil(clock.instant(override.start)) - civil(*override.recurrenceInstant)});
+  return ranges;
+}
+
+double movedStart(const VdirComponentData& master, const VdirClock& clock, double start, double shift) {
+  if (shift == 0.0) return start;
+  icaltimetype local = clock.wallClockLike(platform::Date::fromTimeIntervalSince1970(start), master.start);
+  const auto days = static_cast<int>(std::floor(shift / 86400.0));
+  icaltime_adjust(&local, days, 0, 0, static_cast<int>(shift - days * 86400.0));
+  return clock.instantLike(local, master.start).timeIntervalSince1970();
+}
+
 double occurrenceEnd(const VdirComponentData& component, const VdirClock& clock, double start) {
   if (!component.start.isDate()) return start + component.durationSeconds;
   if (component.durationDays == 0) return start;
@@ -201,18 +225,29 @@ rivet::RivetResult<void> expandSeries(const VdirSeriesData& series, const VdirCl
   const VdirComponentData& master = *series.master;
 
   const double masterStart = clock.instant(master.start).timeIntervalSince1970();
-  const double earliest = windowStart - longestDuration(master) - 86400.0;
+  // Later occurrences under a THISANDFUTURE override move and last as it does: the rules are
+  // expanded over the stretch from which an occurrence can still reach the window.
+  const std::vector<VdirRangeOverride> ranges = rangeOverrides(series, clock);
+  double longest = longestDuration(master), earlier = 0.0, later = 0.0;
+  for (const auto& range : ranges) {
+    longest = std::max(longest, longestDuration(*range.component));
+    earlier = std::max(earlier, range.shift);
+    later = std::max(later, -range.shift);
+  }
+  const double slack = ranges.empty() ? 0.0 : 7200.0;  // a clock change between the moved occurrences
+  const double earliest = windowStart - longest - earlier - slack - 86400.0;
+  const double latest = windowEnd + later + slack;
   ExpansionBudget budget{limits, std::chrono::steady_clock::now()};
 
   // Occurrences of the exclusion rules in the same stretch of time come out first.
   std::set<double> excluded;
   for (const auto& rule : series.exclusionRules)
-    if (auto expanded = expandRule(rule, master, clock, masterStart, earliest, windowEnd, budget,
+    if (auto expanded = expandRule(rule, master, clock, masterStart, earliest, latest, budget,
                                    [&](double start) { excluded.insert(start); });
         !expanded)
       cut = std::move(expanded);
 
-  std::set<double> starts;
+  std::map<double, VdirOccurrence> starts;  // by original start
   auto consider = [&](double start) {
     if (std::binary_search(series.exdates.begin(), series.exdates.end(), start) || excluded.count(start)) return;
     // Overrides are sorted by the occurrence they replace (parseItem keeps them so).
@@ -220,19 +255,25 @@ rivet::RivetResult<void> expandSeries(const VdirSeriesData& series, const VdirCl
           return override.recurrenceInstant->timeIntervalSince1970();
         }))
       return;
-    double end = occurrenceEnd(master, clock, start);
-    if (overlaps(start, end, windowStart, windowEnd)) starts.insert(start);
+    // The latest THISANDFUTURE override before this occurrence governs it.
+    auto governs = std::ranges::lower_bound(ranges, start, {}, &VdirRangeOverride::occurrence);
+    VdirOccurrence occurrence{&master, start, 0.0, start, false};
+    if (governs != ranges.begin()) {
+      const VdirRangeOverride& range = *std::prev(governs);
+      occurrence = {range.component, movedStart(master, clock, start, range.shift), 0.0, start, true};
+    }
+    occurrence.end = occurrenceEnd(*occurrence.component, clock, occurrence.start);
+    if (overlaps(occurrence.start, occurrence.end, windowStart, windowEnd)) starts.emplace(start, occurrence);
   };
 
   consider(masterStart);  // DTSTART is always the first occurrence
   for (const auto& rdate : series.rdates) consider(clock.instant(rdate).timeIntervalSince1970());
   for (const auto& rule : series.rules) {
     budget.found = &starts;
-    if (auto expanded = expandRule(rule, master, clock, masterStart, earliest, windowEnd, budget, consider); !expanded)
+    if (auto expanded = expandRule(rule, master, clock, masterStart, earliest, latest, budget, consider); !expanded)
       cut = std::move(expanded);
   }
-  for (double start : starts)
-    out.push_back(VdirOccurrence{&master, start, occurrenceEnd(master, clock, start), start, false});
+  for (const auto& [start, occurrence] : starts) out.push_back(occurrence);
   return cut ? *std::move(cut) : rivet::RivetResultVoidSuccess;
 }
 

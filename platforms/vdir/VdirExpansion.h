@@ -29,6 +29,18 @@ rivet::RivetResult<void> expandSeries(const VdirSeriesData& series, const VdirCl
                                       double windowEnd, const VdirExpansionLimits& limits,
                                       std::vector<VdirOccurrence>& out);
 
+// A THISANDFUTURE override: the occurrence it replaces (seconds since 1970), and how far it moved
+// it on the series' wall clock (seconds; whole days for a series of days).
+struct VdirRangeOverride {
+  const VdirComponentData* component = nullptr;
+  double occurrence = 0.0;
+  double shift = 0.0;
+};
+// The THISANDFUTURE overrides of a series, by occurrence.
+std::vector<VdirRangeOverride> rangeOverrides(const VdirSeriesData& series, const VdirClock& clock);
+// Where an occurrence of the master at `start` lands when moved by `shift` on the series' wall clock.
+double movedStart(const VdirComponentData& master, const VdirClock& clock, double start, double shift);
+
 // The end of an occurrence of `component` that starts at `start`.
 double occurrenceEnd(const VdirComponentData& component, const VdirClock& clock, double start);
 

@@ -9,6 +9,7 @@
 #include <set>
 #include <string_view>
 
+#include "platforms/vdir/VdirExpansion.h"
 #include "platforms/vdir/VdirText.h"
 #include "platforms/vdir/VdirZones.h"
 
@@ -623,6 +624,8 @@ class Reader {
         return false;
       }
       data.recurrenceInstant = context_.clock->instant(*time);
+      icalparameter* range = icalproperty_get_first_parameter(recurrence, ICAL_RANGE_PARAMETER);
+      data.thisAndFuture = range && icalparameter_get_range(range) == ICAL_RANGE_THISANDFUTURE;
     }
     readAlarms(component, data, data.start.isDate() ? data.durationDays * 86400.0 : data.durationSeconds);
     if (!data.summary) report(VdirDiagnostic::Action::repaired, "VEVENT \"" + data.uid + "\" has no SUMMARY: shown untitled");
@@ -865,18 +868,25 @@ void computeBounds(VdirSeriesData& series, const VdirClock& clock) {
   };
   if (series.master) {
     const auto& master = *series.master;
+    // An occurrence may also be moved, and last, as a THISANDFUTURE override before it says (its
+    // wall-clock move is within an hour of the same move in seconds; the slack covers that).
+    const auto ranges = rangeOverrides(series, clock);
+    auto considerMaster = [&](double start) {
+      consider(master, start);
+      for (const auto& range : ranges) consider(*range.component, start + range.shift);
+    };
     double start = clock.instant(master.start).timeIntervalSince1970();
     consider(master, start);
     for (const auto& rule : series.rules) {
       if (rule.countedStarts) {
-        if (!rule.countedStarts->empty()) consider(master, rule.countedStarts->back());
+        if (!rule.countedStarts->empty()) considerMaster(rule.countedStarts->back());
       } else if (rule.until) {
-        consider(master, rule.until->timeIntervalSince1970());
+        considerMaster(rule.until->timeIntervalSince1970());
       } else {
         endless = true;
       }
     }
-    for (const auto& rdate : series.rdates) consider(master, clock.instant(rdate).timeIntervalSince1970());
+    for (const auto& rdate : series.rdates) considerMaster(clock.instant(rdate).timeIntervalSince1970());
   }
   for (const auto& override : series.overrides) {
     consider(override, clock.instant(override.start).timeIntervalSince1970());

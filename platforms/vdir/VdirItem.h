@@ -110,6 +110,9 @@ struct VdirComponentData {
   int durationDays = 0;          // all-day events (DTEND - DTSTART in days)
   bool hasStart = false;
   std::optional<platform::Date> recurrenceInstant;  // RECURRENCE-ID, for an override
+  // RECURRENCE-ID;RANGE=THISANDFUTURE: the override also stands for every later occurrence (until
+  // the next such override), moved as it moved its own.
+  bool thisAndFuture = false;
 
   // To-dos only (always there for them).
   std::shared_ptr<VdirTodoData> todoData;

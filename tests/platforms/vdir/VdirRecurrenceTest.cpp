@@ -408,6 +408,97 @@ TEST(VdirRecurrenceTest, ARuledComponentWithARecurrenceIdAndNoMasterIsServedAsTh
 }
 
 // libical would test such rules minute by minute inside one call, for ever.
+// A weekly series on Mondays at 09:00 in Berlin, six of them from 2 March 2026 (the clocks change
+// on 29 March), with `overrides` (each a VEVENT's lines after its UID).
+std::string mondaysWith(const std::vector<std::string>& overrides) {
+  std::string text = "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Vesp tests//EN\r\nBEGIN:VEVENT\r\nUID:m\r\n"
+                     "DTSTAMP:20260101T000000Z\r\nSUMMARY:Weekly\r\nDTSTART;TZID=Europe/Berlin:20260302T090000\r\n"
+                     "DTEND;TZID=Europe/Berlin:20260302T100000\r\nRRULE:FREQ=WEEKLY;COUNT=6\r\nEND:VEVENT\r\n";
+  for (const auto& lines : overrides)
+    text += "BEGIN:VEVENT\r\nUID:m\r\nDTSTAMP:20260101T000000Z\r\n" + lines + "END:VEVENT\r\n";
+  return text + "END:VCALENDAR\r\n";
+}
+
+// Each occurrence in [from, to) as "start-end title", wall clock in Berlin, moved ones marked "*".
+std::vector<std::string> rows(VdirStore& store, platform::Date from, platform::Date to) {
+  std::vector<std::string> result;
+  for (const auto& event : store.events(from, to, std::nullopt))
+    result.push_back(wallClock(*event->startDate(), "Europe/Berlin") + "-" +
+                     wallClock(*event->endDate(), "Europe/Berlin").substr(9, 4) + " " + event->title().value_or("") +
+                     (event->isDetached() ? "*" : ""));
+  return result;
+}
+
+const std::string kMovedFromThe16th =
+    "RECURRENCE-ID;RANGE=THISANDFUTURE;TZID=Europe/Berlin:20260316T090000\r\nSUMMARY:Moved\r\n"
+    "DTSTART;TZID=Europe/Berlin:20260316T100000\r\nDTEND;TZID=Europe/Berlin:20260316T113000\r\n";
+
+TEST(VdirRecurrenceTest, AThisAndFutureOverrideMovesAndRetitlesEveryLaterOccurrence) {
+  TemporaryDirectory root, cache;
+  writeFile(root.path() / "cal/m.ics", mondaysWith({kMovedFromThe16th}));
+  const std::vector<std::string> expected = {
+      "20260302T090000-1000 Weekly",  "20260309T090000-1000 Weekly",  "20260316T100000-1130 Moved*",
+      "20260323T100000-1130 Moved*",  "20260330T100000-1130 Moved*",  // the wall-clock time, after the change
+      "20260406T100000-1130 Moved*"};
+  {
+    auto cold = VdirStore::make(optionsFor(root.path(), "Europe/Berlin", cache.path().string()), testing::settledClock());
+    EXPECT_EQ(rows(*cold, utc(2026, 3, 1), utc(2026, 5, 1)), expected);
+    // Each window alone, the moved occurrences among them.
+    EXPECT_THAT(rows(*cold, utc(2026, 4, 6, 8, 30), utc(2026, 4, 6, 9)), ::testing::ElementsAre(expected[5]));
+    EXPECT_THAT(rows(*cold, utc(2026, 4, 6, 7), utc(2026, 4, 6, 8)), ::testing::IsEmpty());  // 09:00 local: moved away
+    cold->flushCache();
+  }
+  auto warm = VdirStore::make(optionsFor(root.path(), "Europe/Berlin", cache.path().string()));
+  ASSERT_TRUE(warm->cacheStatus().loaded) << warm->cacheStatus().loadProblem;
+  EXPECT_EQ(rows(*warm, utc(2026, 3, 1), utc(2026, 5, 1)), expected);
+  // The moved occurrences keep their own original date, so each can be found again.
+  auto moved = warm->events(utc(2026, 3, 30), utc(2026, 3, 31), std::nullopt);
+  ASSERT_EQ(moved.size(), 1u);
+  EXPECT_EQ(moved[0]->occurrenceDate(), utc(2026, 3, 30, 7));  // 09:00 in Berlin, summer time
+}
+
+TEST(VdirRecurrenceTest, LaterOverridesOfAThisAndFutureOverrideTakeTheirOwnPlace) {
+  TemporaryDirectory root;
+  // A single override after it keeps to itself; a second THISANDFUTURE one takes over from its date.
+  writeFile(root.path() / "cal/m.ics",
+            mondaysWith({kMovedFromThe16th,
+                         "RECURRENCE-ID;TZID=Europe/Berlin:20260323T090000\r\nSUMMARY:Once\r\n"
+                         "DTSTART;TZID=Europe/Berlin:20260323T140000\r\nDTEND;TZID=Europe/Berlin:20260323T150000\r\n",
+                         "RECURRENCE-ID;RANGE=THISANDFUTURE;TZID=Europe/Berlin:20260330T090000\r\nSUMMARY:Early\r\n"
+                         "DTSTART;TZID=Europe/Berlin:20260330T080000\r\nDTEND;TZID=Europe/Berlin:20260330T083000\r\n"}));
+  auto store = VdirStore::make(optionsFor(root.path(), "Europe/Berlin"));
+  EXPECT_THAT(rows(*store, utc(2026, 3, 1), utc(2026, 5, 1)),
+              ::testing::ElementsAre("20260302T090000-1000 Weekly", "20260309T090000-1000 Weekly",
+                                     "20260316T100000-1130 Moved*", "20260323T140000-1500 Once*",
+                                     "20260330T080000-0830 Early*", "20260406T080000-0830 Early*"));
+}
+
+TEST(VdirRecurrenceTest, AThisAndFutureMoveByDaysReachesWindowsTheOriginalDatesMiss) {
+  TemporaryDirectory root;
+  // From the 16th on, Tuesdays; and an all-day series moved two weeks on from its second day.
+  writeFile(root.path() / "cal/m.ics",
+            mondaysWith({"RECURRENCE-ID;RANGE=THISANDFUTURE;TZID=Europe/Berlin:20260316T090000\r\nSUMMARY:Tuesdays\r\n"
+                         "DTSTART;TZID=Europe/Berlin:20260317T090000\r\nDTEND;TZID=Europe/Berlin:20260317T100000\r\n"}));
+  writeFile(root.path() / "cal/d.ics",
+            "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Vesp tests//EN\r\nBEGIN:VEVENT\r\nUID:d\r\n"
+            "DTSTAMP:20260101T000000Z\r\nSUMMARY:Day\r\nDTSTART;VALUE=DATE:20260302\r\nRRULE:FREQ=WEEKLY;COUNT=4\r\n"
+            "END:VEVENT\r\nBEGIN:VEVENT\r\nUID:d\r\nDTSTAMP:20260101T000000Z\r\n"
+            "RECURRENCE-ID;RANGE=THISANDFUTURE;VALUE=DATE:20260309\r\nSUMMARY:Two weeks later\r\n"
+            "DTSTART;VALUE=DATE:20260323\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
+  auto store = VdirStore::make(optionsFor(root.path(), "Europe/Berlin"));
+  EXPECT_THAT(rows(*store, utc(2026, 3, 23, 23), utc(2026, 3, 24, 23)),  // Tuesday the 24th in Berlin
+              ::testing::ElementsAre("20260324T090000-1000 Tuesdays*"));
+  // Monday the 23rd: the weekly one has moved to Tuesday; the all-day override itself lands there.
+  EXPECT_THAT(rows(*store, utc(2026, 3, 22, 23), utc(2026, 3, 23, 23)),
+              ::testing::ElementsAre("20260323T000000-0000 Two weeks later*"));
+  // Moved further than any occurrence lasts: found only by looking that far back.
+  EXPECT_THAT(rows(*store, utc(2026, 4, 5, 22), utc(2026, 4, 6, 22)),
+              ::testing::ElementsAre("20260406T000000-0000 Two weeks later*"));
+  EXPECT_THAT(starts(*store, utc(2026, 3, 1), utc(2026, 4, 1), "Europe/Berlin", 100, true),
+              ::testing::ElementsAre("20260302", "20260302", "20260309", "20260317", "20260323", "20260324",
+                                     "20260330", "20260331"));
+}
+
 TEST(VdirRecurrenceTest, ASubDailyRuleThatMatchesNoDayOrBreaksTheRfcIsRefusedNotExpanded) {
   TemporaryDirectory root;
   const std::vector<std::string> rules = {"FREQ=MINUTELY;COUNT=2;BYDAY=1SU,-1SU", "FREQ=MINUTELY;BYMONTH=2;BYMONTHDAY=30",

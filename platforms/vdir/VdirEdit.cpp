@@ -462,6 +462,8 @@ rivet::RivetResult<void> moveOccurrences(VdirDocument& document, const std::stri
     const VdirContentLine* line = override->property("RECURRENCE-ID");
     auto recurrence = timeOfValue(*line, line->value(), context);
     if (!recurrence) return editError("a RECURRENCE-ID cannot be read: " + line->value(), "moveOccurrences", __LINE__);
+    const std::string* rangeParameter = line->parameter("RANGE");
+    const std::optional<std::string> range = rangeParameter ? std::optional(*rangeParameter) : std::nullopt;
     auto movedRecurrence = moved(*recurrence, from, to, context);
     if (!movedRecurrence) return movedRecurrence.error();
     // An override still at its own occurrence's time moves with it.
@@ -479,7 +481,9 @@ rivet::RivetResult<void> moveOccurrences(VdirDocument& document, const std::stri
         override->remove("DURATION");
       }
     }
-    override->set(timeLine("RECURRENCE-ID", *movedRecurrence));
+    VdirContentLine recurrenceLine = timeLine("RECURRENCE-ID", *movedRecurrence);
+    if (range) recurrenceLine.setParameter("RANGE", {*range});  // a THISANDFUTURE override stays one
+    override->set(std::move(recurrenceLine));
   }
   return rivet::RivetResultVoidSuccess;
 }
@@ -907,6 +911,46 @@ rivet::RivetResult<bool> changeSeriesOn(VdirDocument& document, const std::strin
   return changed || *first;
 }
 
+// The THISANDFUTURE override of `uid` that governs `occurrence` (the latest before it), if any.
+VdirComponent* governingRange(VdirDocument& document, const std::string& uid, platform::Date occurrence,
+                              const VdirEditContext& context) {
+  VdirComponent* found = nullptr;
+  std::optional<platform::Date> foundAt;
+  for (VdirComponent* override : overridesOf(document, uid)) {
+    const std::string* range = override->property("RECURRENCE-ID")->parameter("RANGE");
+    if (!range || !sameName(*range, "THISANDFUTURE")) continue;
+    auto at = recurrenceInstant(*override, context);
+    if (at && *at < occurrence && (!foundAt || *at > *foundAt)) found = override, foundAt = at;
+  }
+  return found;
+}
+
+// A new override at `at` (in the series' form): a copy of the master, or of the THISANDFUTURE
+// override that governs the occurrence, moved as that override moved its own.
+rivet::RivetResult<VdirComponent> newOverride(VdirDocument& document, const std::string& uid,
+                                              const VdirComponent& master, const VdirTime& at,
+                                              platform::Date occurrence, const VdirEditContext& context) {
+  const VdirComponent* range = governingRange(document, uid, occurrence, context);
+  VdirComponent item = range ? *range : master;
+  for (const char* name : {"RRULE", "RDATE", "EXDATE", "EXRULE"}) item.remove(name);
+  auto from = startOf(item, context);
+  if (!from) return from.error();
+  VdirTime start = at;
+  if (range) {
+    auto rangeAt = recurrenceInstant(*range, context);
+    auto rangeStart = instantOf(*from, context);
+    if (!rangeAt || !rangeStart) return editError("a RECURRENCE-ID cannot be read", "newOverride", __LINE__);
+    // The move, on the series' wall clock, as the reader applies it.
+    const std::int64_t shift = fieldSeconds(timeLike(*rangeStart, at, *context.clock).local) -
+                               fieldSeconds(timeLike(*rangeAt, at, *context.clock).local);
+    start.local = fieldsAt(fieldSeconds(at.local) + shift, at.isDate());
+  }
+  auto moved = moveStart(item, *from, start, {}, context);
+  if (!moved) return moved.error();
+  item.set(timeLine("RECURRENCE-ID", at));
+  return item;
+}
+
 rivet::RivetResult<bool> changeOccurrenceOn(VdirDocument& document, const std::string& uid, platform::Date occurrence,
                                           const VdirItemChanges& changes, const VdirEditContext& context) {
   if (changes.rule)
@@ -916,14 +960,11 @@ rivet::RivetResult<bool> changeOccurrenceOn(VdirDocument& document, const std::s
   auto seriesStart = startOf(**master, context);
   if (!seriesStart) return seriesStart.error();
   VdirComponent* existing = overrideOf(document, uid, occurrence, context);
-  VdirComponent item = existing ? *existing : **master;
-  if (!existing) {
-    for (const char* name : {"RRULE", "RDATE", "EXDATE", "EXRULE"}) item.remove(name);
-    const VdirTime at = timeLike(occurrence, *seriesStart, *context.clock);
-    auto moved = moveStart(item, *seriesStart, at, {}, context);
-    if (!moved) return moved.error();
-    item.set(timeLine("RECURRENCE-ID", at));
-  }
+  auto made = existing ? rivet::RivetResult<VdirComponent>(*existing)
+                       : newOverride(document, uid, **master, timeLike(occurrence, *seriesStart, *context.clock),
+                                     occurrence, context);
+  if (!made) return made.error();
+  VdirComponent item = std::move(made).value();
   auto fields = applyFields(item, changes);
   if (!fields) return fields.error();
   bool changed = *fields;

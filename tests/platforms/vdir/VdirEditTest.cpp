@@ -334,6 +334,52 @@ TEST_F(VdirEditTest, ChangingOneOccurrenceWritesItsOverrideFromTheMaster) {
   EXPECT_EQ(untouched.text(), kSeries);
 }
 
+// The series with, from the 2nd of November on, a THISANDFUTURE override: an hour later, 90
+// minutes long, retitled.
+const std::string kRangeSeries =
+    "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Other//Writer//EN\r\n" + kBerlin +
+    "BEGIN:VEVENT\r\nUID:weekly@example.org\r\nDTSTAMP:20261001T000000Z\r\n"
+    "DTSTART;TZID=Europe/Berlin:20261019T090000\r\nDTEND;TZID=Europe/Berlin:20261019T100000\r\n"
+    "RRULE:FREQ=WEEKLY;COUNT=10\r\nSUMMARY:Team\r\nEND:VEVENT\r\n"
+    "BEGIN:VEVENT\r\nUID:weekly@example.org\r\nDTSTAMP:20261001T000000Z\r\n"
+    "RECURRENCE-ID;RANGE=THISANDFUTURE;TZID=Europe/Berlin:20261102T090000\r\n"
+    "DTSTART;TZID=Europe/Berlin:20261102T100000\r\nDTEND;TZID=Europe/Berlin:20261102T113000\r\n"
+    "SUMMARY:Team (later)\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n";
+
+TEST_F(VdirEditTest, ChangingAnOccurrenceUnderAThisAndFutureOverrideStartsFromThatOverride) {
+  VdirDocument document = parse(kRangeSeries);
+  auto changed = changeOccurrence(document, kUid, at(berlin(11, 16, 9)), {.location = "Room 2"}, context_);
+  ASSERT_TRUE(changed) << changed.error().description();
+  ASSERT_TRUE(*changed);
+  auto events = linesOf(document, "VEVENT");
+  ASSERT_EQ(events.size(), 3u);
+  // Where, how long and what the occurrence was, with the location; an override of itself alone.
+  EXPECT_THAT(events[2], ::testing::IsSupersetOf({"RECURRENCE-ID;TZID=Europe/Berlin:20261116T090000",
+                                                   "DTSTART;TZID=Europe/Berlin:20261116T100000",
+                                                   "DTEND;TZID=Europe/Berlin:20261116T113000",
+                                                   "SUMMARY:Team (later)", "LOCATION:Room 2"}));
+  // An occurrence before the override still starts from the master.
+  auto before = changeOccurrence(document, kUid, at(berlin(10, 26, 9)), {.location = "Room 1"}, context_);
+  ASSERT_TRUE(before) << before.error().description();
+  events = linesOf(document, "VEVENT");
+  ASSERT_EQ(events.size(), 4u);
+  EXPECT_THAT(events[3], ::testing::IsSupersetOf({"RECURRENCE-ID;TZID=Europe/Berlin:20261026T090000",
+                                                   "DTSTART;TZID=Europe/Berlin:20261026T090000",
+                                                   "DTEND;TZID=Europe/Berlin:20261026T100000", "SUMMARY:Team"}));
+}
+
+TEST_F(VdirEditTest, MovingASeriesKeepsItsThisAndFutureOverrideOne) {
+  VdirDocument document = parse(kRangeSeries);
+  auto changed = changeSeries(document, kUid, {.start = berlinTime(2026, 10, 19, 8)}, context_);
+  ASSERT_TRUE(changed) << changed.error().description();
+  auto events = linesOf(document, "VEVENT");
+  ASSERT_EQ(events.size(), 2u);
+  // Moved with the series; its own start stays where it was put, so later occurrences stay at 10:00.
+  EXPECT_THAT(events[1],
+              ::testing::IsSupersetOf({"RECURRENCE-ID;TZID=Europe/Berlin;RANGE=THISANDFUTURE:20261102T080000",
+                                       "DTSTART;TZID=Europe/Berlin:20261102T100000"}));
+}
+
 TEST_F(VdirEditTest, RemovingOneOccurrenceExcludesItInTheFormOfTheStartAndDropsItsOverride) {
   VdirDocument document = parse(kSeries);
   auto removed = removeOccurrence(document, kUid, at(berlin(11, 23, 9)), context_);

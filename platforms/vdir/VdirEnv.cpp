@@ -361,7 +361,8 @@ class PosixEnv : public VdirEnv {
   }
 
   rivet::RivetResult<void> discard(const std::string& path) override {
-    if (::unlink(path.c_str()) != 0 && !absent(errno)) return failure("cannot remove " + path, errno, "discard", __LINE__);
+    if (::unlink(path.c_str()) != 0 && !absent(errno))
+      return failure("cannot remove " + path, errno, "discard", __LINE__);
     return rivet::RivetResultVoidSuccess;
   }
 

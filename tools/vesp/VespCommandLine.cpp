@@ -1060,28 +1060,8 @@ void addConfigCommands(CLI::App& app, Arguments& args, std::vector<Subcommand>& 
   commands.push_back({defaultCalendar, runDefaultCalendar});
 }
 
-std::vector<Subcommand> addSubcommands(CLI::App& app, Arguments& args) {
-  std::vector<Subcommand> commands;
-  commands.push_back({app.add_subcommand("calendars", "List the event calendars"),
-                      [](Invocation& call) { runCalendars(call, platform::EKEntityTypeEvent); }});
-  commands.push_back({app.add_subcommand("reminder-lists", "List the reminder lists"),
-                      [](Invocation& call) { runCalendars(call, platform::EKEntityTypeReminder); }});
-
-  auto* events = app.add_subcommand("events", "List the occurrences of events in a period, as an agenda");
-  events->add_option("--from", args.from, "First day or time (default: today)");
-  events->add_option("--to", args.to, "End, exclusive (default: seven days after --from)");
-  events->add_option("--calendar", args.calendarIds, "Only this calendar (repeatable; `vesp calendars` lists them)");
-  events->add_flag("--refs", args.refs,
-                   "Show each occurrence's short reference (YYYYMMDD-hash), which edit, delete and event take");
-  commands.push_back({events, runEvents});
-
-  auto* event = app.add_subcommand("event", "Show one occurrence, found by its identifier");
-  event->add_option("IDENTIFIER", args.identifier,
-                    "The occurrence identifier in its JSON coded form, as `vesp events --json` prints it "
-                    "under eventInstanceIdentifier")
-      ->required();
-  commands.push_back({event, runEvent});
-
+// `reminders`, and `reminder` with its own commands.
+void addReminderCommands(CLI::App& app, Arguments& args, std::vector<Subcommand>& commands) {
   auto* reminders = app.add_subcommand(
       "reminders", "List every open reminder, or those due or completed in a period, in todoman's order");
   reminders->add_option("--from", args.from, "First day or time of a period (with --to alone: today)");
@@ -1122,6 +1102,31 @@ std::vector<Subcommand> addSubcommands(CLI::App& app, Arguments& args) {
     }
     commands.push_back({command, [change](Invocation& call) { runReminderChange(call, change); }});
   }
+}
+
+std::vector<Subcommand> addSubcommands(CLI::App& app, Arguments& args) {
+  std::vector<Subcommand> commands;
+  commands.push_back({app.add_subcommand("calendars", "List the event calendars"),
+                      [](Invocation& call) { runCalendars(call, platform::EKEntityTypeEvent); }});
+  commands.push_back({app.add_subcommand("reminder-lists", "List the reminder lists"),
+                      [](Invocation& call) { runCalendars(call, platform::EKEntityTypeReminder); }});
+
+  auto* events = app.add_subcommand("events", "List the occurrences of events in a period, as an agenda");
+  events->add_option("--from", args.from, "First day or time (default: today)");
+  events->add_option("--to", args.to, "End, exclusive (default: seven days after --from)");
+  events->add_option("--calendar", args.calendarIds, "Only this calendar (repeatable; `vesp calendars` lists them)");
+  events->add_flag("--refs", args.refs,
+                   "Show each occurrence's short reference (YYYYMMDD-hash), which edit, delete and event take");
+  commands.push_back({events, runEvents});
+
+  auto* event = app.add_subcommand("event", "Show one occurrence, found by its identifier");
+  event->add_option("IDENTIFIER", args.identifier,
+                    "The occurrence identifier in its JSON coded form, as `vesp events --json` prints it "
+                    "under eventInstanceIdentifier")
+      ->required();
+  commands.push_back({event, runEvent});
+
+  addReminderCommands(app, args, commands);
 
   auto* watch = app.add_subcommand("watch", "Print a line for each change of the store until interrupted");
   watch->add_option("--count", args.count, "Stop after this many changes (default: never)");

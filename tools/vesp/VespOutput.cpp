@@ -370,13 +370,31 @@ int daysBetween(platform::Date from, platform::Date to) {
   return static_cast<int>(std::lround(to.timeIntervalSince(from) / 86400.0));
 }
 
-// How many local days an occurrence covers, from the day it starts: up to the day of its last
-// moment (an all-day end is the midnight after it; a timed one ending at midnight does not reach
-// that day).
-int coveredDays(const VespEventInstance& event, platform::Date firstDay) {
-  if (event.endDate() <= event.startDate()) return 1;
-  return daysBetween(firstDay, localMidnightOf(event.endDate().addingTimeInterval(-1))) + 1;
-}
+// The local day of an instant, as its midnight. Occurrences come by start, most of them within the
+// day in hand, which saves most conversions.
+class LocalDays {
+ public:
+  platform::Date dayOf(platform::Date instant) {
+    if (!(start_ && instant >= *start_ && instant < end_)) {
+      start_ = localMidnightOf(instant);
+      end_ = addLocalDays(*start_, 1);
+    }
+    return *start_;
+  }
+  // How many local days an occurrence covers from `firstDay`, the day it starts: up to the day of
+  // its last moment (an all-day end is the midnight after it; a timed one ending at midnight does
+  // not reach that day).
+  int coveredDays(const VespEventInstance& event, platform::Date firstDay) {
+    if (event.endDate() <= event.startDate()) return 1;
+    const platform::Date last = event.endDate().addingTimeInterval(-1);
+    if (start_ == firstDay && last < end_) return 1;
+    return daysBetween(firstDay, localMidnightOf(last)) + 1;
+  }
+
+ private:
+  std::optional<platform::Date> start_;
+  platform::Date end_{0.0};
+};
 
 // An agenda line's time column: "09:00-10:00", or "all day"; over several days, "from 09:00" on
 // the first, "until 17:00" on the last and "all day" between.
@@ -399,11 +417,12 @@ void printAgenda(std::ostream& out, const std::vector<VespEventInstance>& events
   };
   std::vector<Line> lines;
   const platform::Date firstShown = localMidnightOf(windowStart);
+  LocalDays local;
   for (std::size_t index = 0; index < events.size(); ++index) {
-    const platform::Date firstDay = localMidnightOf(dayInstant(events[index]));
-    const int days = coveredDays(events[index], firstDay);
+    const platform::Date firstDay = local.dayOf(dayInstant(events[index]));
+    const int days = local.coveredDays(events[index], firstDay);
     for (int k = std::max(0, daysBetween(firstDay, firstShown)); k < days; ++k) {
-      const platform::Date day = addLocalDays(firstDay, k);
+      const platform::Date day = k == 0 ? firstDay : addLocalDays(firstDay, k);
       if (day >= windowEnd) break;
       lines.push_back({day, index, k, days});
     }

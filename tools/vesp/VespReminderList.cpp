@@ -46,16 +46,13 @@ std::vector<ListedReminder> listReminders(vdir::VdirPlatform& platform, const Re
   auto& store = *connection;
   const CalendarList calendars = calendarsOf(store, selection.lists);
   std::vector<ListedReminder> found;
+  const auto& [start, end] = std::tie(selection.start, selection.end);
   if (selection.open)
-    fetchInto(store, store.predicateForIncompleteRemindersWithDueDateStarting(selection.start, selection.end, calendars),
-              found);
+    fetchInto(store, store.predicateForIncompleteRemindersWithDueDateStarting(start, end, calendars), found);
   if (selection.completed)
-    fetchInto(store,
-              store.predicateForCompletedRemindersWithCompletionDateStarting(selection.start, selection.end, calendars),
-              found);
+    fetchInto(store, store.predicateForCompletedRemindersWithCompletionDateStarting(start, end, calendars), found);
   if (selection.cancelled)
-    fetchInto(store, store.predicateForCancelledRemindersWithDueDateStarting(selection.start, selection.end, calendars),
-              found);
+    fetchInto(store, store.predicateForCancelledRemindersWithDueDateStarting(start, end, calendars), found);
   return found;
 }
 

@@ -441,7 +441,8 @@ TEST(VdirRecurrenceTest, AThisAndFutureOverrideMovesAndRetitlesEveryLaterOccurre
       "20260323T100000-1130 Moved*",  "20260330T100000-1130 Moved*",  // the wall-clock time, after the change
       "20260406T100000-1130 Moved*"};
   {
-    auto cold = VdirStore::make(optionsFor(root.path(), "Europe/Berlin", cache.path().string()), testing::settledClock());
+    auto cold =
+        VdirStore::make(optionsFor(root.path(), "Europe/Berlin", cache.path().string()), testing::settledClock());
     EXPECT_EQ(rows(*cold, utc(2026, 3, 1), utc(2026, 5, 1)), expected);
     // Each window alone, the moved occurrences among them.
     EXPECT_THAT(rows(*cold, utc(2026, 4, 6, 8, 30), utc(2026, 4, 6, 9)), ::testing::ElementsAre(expected[5]));
@@ -465,7 +466,8 @@ TEST(VdirRecurrenceTest, LaterOverridesOfAThisAndFutureOverrideTakeTheirOwnPlace
                          "RECURRENCE-ID;TZID=Europe/Berlin:20260323T090000\r\nSUMMARY:Once\r\n"
                          "DTSTART;TZID=Europe/Berlin:20260323T140000\r\nDTEND;TZID=Europe/Berlin:20260323T150000\r\n",
                          "RECURRENCE-ID;RANGE=THISANDFUTURE;TZID=Europe/Berlin:20260330T090000\r\nSUMMARY:Early\r\n"
-                         "DTSTART;TZID=Europe/Berlin:20260330T080000\r\nDTEND;TZID=Europe/Berlin:20260330T083000\r\n"}));
+                         "DTSTART;TZID=Europe/Berlin:20260330T080000\r\n"
+                         "DTEND;TZID=Europe/Berlin:20260330T083000\r\n"}));
   auto store = VdirStore::make(optionsFor(root.path(), "Europe/Berlin"));
   EXPECT_THAT(rows(*store, utc(2026, 3, 1), utc(2026, 5, 1)),
               ::testing::ElementsAre("20260302T090000-1000 Weekly", "20260309T090000-1000 Weekly",
@@ -478,7 +480,8 @@ TEST(VdirRecurrenceTest, AThisAndFutureMoveByDaysReachesWindowsTheOriginalDatesM
   // From the 16th on, Tuesdays; and an all-day series moved two weeks on from its second day.
   writeFile(root.path() / "cal/m.ics",
             mondaysWith({"RECURRENCE-ID;RANGE=THISANDFUTURE;TZID=Europe/Berlin:20260316T090000\r\nSUMMARY:Tuesdays\r\n"
-                         "DTSTART;TZID=Europe/Berlin:20260317T090000\r\nDTEND;TZID=Europe/Berlin:20260317T100000\r\n"}));
+                         "DTSTART;TZID=Europe/Berlin:20260317T090000\r\n"
+                         "DTEND;TZID=Europe/Berlin:20260317T100000\r\n"}));
   writeFile(root.path() / "cal/d.ics",
             "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Vesp tests//EN\r\nBEGIN:VEVENT\r\nUID:d\r\n"
             "DTSTAMP:20260101T000000Z\r\nSUMMARY:Day\r\nDTSTART;VALUE=DATE:20260302\r\nRRULE:FREQ=WEEKLY;COUNT=4\r\n"

@@ -331,7 +331,9 @@ TEST(VdirStoreTest, ReminderPredicatesSelectByDueAndCompletionDatesOnAPlatformTh
   TemporaryDirectory config;
   auto platform = VdirPlatform::make(testing::platformOptions(testData("mapping"), config.path() / "access.json"));
   auto store = platform->makeEventStore();
-  auto fetch = [&](const std::shared_ptr<platform::EKPredicate>& predicate) { return fetchedTitles(*store, predicate); };
+  auto fetch = [&](const std::shared_ptr<platform::EKPredicate>& predicate) {
+    return fetchedTitles(*store, predicate);
+  };
   // A due date without a time falls at local midnight (Europe/Berlin here).
   EXPECT_THAT(fetch(store->predicateForIncompleteRemindersWithDueDateStarting(utc(2026, 3, 9, 23), utc(2026, 3, 10, 23), std::nullopt)),
               ::testing::ElementsAre("Call back"));
@@ -369,8 +371,9 @@ TEST(VdirStoreTest, ACancelledToDoIsNeitherOpenNorCompletedAndHasAPredicateOfIts
   auto fetch = [&](const std::shared_ptr<platform::EKPredicate>& predicate) { return fetchedTitles(store, predicate); };
   EXPECT_THAT(fetch(store.predicateForIncompleteRemindersWithDueDateStarting(std::nullopt, std::nullopt, std::nullopt)),
               ::testing::ElementsAre("Open"));
-  EXPECT_THAT(fetch(store.predicateForCompletedRemindersWithCompletionDateStarting(std::nullopt, std::nullopt, std::nullopt)),
-              ::testing::ElementsAre("Done"));
+  EXPECT_THAT(
+      fetch(store.predicateForCompletedRemindersWithCompletionDateStarting(std::nullopt, std::nullopt, std::nullopt)),
+      ::testing::ElementsAre("Done"));
   EXPECT_THAT(fetch(store.predicateForCancelledRemindersWithDueDateStarting(std::nullopt, std::nullopt, std::nullopt)),
               ::testing::ElementsAre("Cancelled", "Dropped"));
   // Bounded, by due date as for open ones: one without a due date is then left out.

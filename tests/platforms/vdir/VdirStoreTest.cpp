@@ -570,7 +570,7 @@ TEST(VdirStoreTest, AFileDeletedBetweenListingAndReadingIsLeftOutWithoutAProblem
   writeFile(root.path() / "c/a.ics", simpleEvent("a", "A", "20260310T090000Z", "20260310T100000Z"));
   writeFile(root.path() / "c/b.ics", simpleEvent("b", "B", "20260310T090000Z", "20260310T100000Z"));
   auto options = testing::platformOptions(root.path(), config.path() / "access.json");
-  bool armed = false;
+  std::atomic<bool> armed{false};  // read on every thread that lists (the cache writer's too)
   auto env = std::make_shared<testing::TestEnv>();
   env->afterListing = [&](const std::string& directory) {
     if (armed && fs::path(directory) == root.path() / "c") fs::remove(root.path() / "c/b.ics");
@@ -606,13 +606,11 @@ TEST(VdirStoreTest, AFileTruncatedWhileBeingReadIsRepairedOrReportedAndItsWholeV
   std::string whole = simpleEvent("a", "Whole", "20260310T090000Z", "20260310T100000Z");
   writeFile(root.path() / "c/a.ics", simpleEvent("a", "Old", "20260310T090000Z", "20260310T100000Z"));
   auto options = testing::platformOptions(root.path(), config.path() / "access.json");
-  bool truncate = false;
+  std::atomic<bool> truncate{false};  // read on every thread that lists (the cache writer's too)
   auto env = std::make_shared<testing::TestEnv>();
   env->afterListing = [&](const std::string& directory) {
-    if (truncate && fs::path(directory) == root.path() / "c") {
+    if (fs::path(directory) == root.path() / "c" && truncate.exchange(false))
       writeFile(root.path() / "c/a.ics", whole.substr(0, whole.size() / 2));
-      truncate = false;
-    }
   };
   auto store = VdirStore::make(options.store, env);
   truncate = true;

@@ -107,7 +107,8 @@ class TestEnv : public VdirEnvWrapper {
   // The time (none: the real clock).
   std::function<std::int64_t()> clock;
   // Called after `directory` is listed, before any file in it is looked at or read: a test
-  // deletes, renames or truncates a file there between listing and reading.
+  // deletes, renames or truncates a file there between listing and reading. It is called on
+  // whichever thread lists, the cache writer's among them (it lists the cache directory).
   std::function<void(const std::string& directory)> afterListing;
   // For a file of this name, the error its reads fail with (none: they do not fail).
   std::function<std::optional<std::string>(const std::string& name)> failRead;

@@ -168,6 +168,15 @@ class InotifyWatch : public VdirDirectoryWatch {
     return true;
   }
 
+  void remove(const std::string& directory) override {
+    for (auto at = watches_.begin(); at != watches_.end(); ++at) {
+      if (at->second != directory) continue;
+      ::inotify_rm_watch(descriptor_, at->first);
+      watches_.erase(at);
+      return;
+    }
+  }
+
   Wake wait(std::chrono::milliseconds timeout, std::vector<Change>& changes) override {
     pollfd fds[2] = {{descriptor_, POLLIN, 0}, {stopRead_, POLLIN, 0}};
     int ready = ::poll(fds, 2, timeout.count() < 0 ? -1 : static_cast<int>(timeout.count()));
@@ -197,7 +206,10 @@ class InotifyWatch : public VdirDirectoryWatch {
         }
         auto found = watches_.find(event->wd);
         if (found == watches_.end()) continue;
-        if (event->mask & IN_IGNORED) {
+        // A directory moved away is let go too: its watch would follow it to its new name, while
+        // the path it was watched under may be filled again.
+        if (event->mask & (IN_IGNORED | IN_MOVE_SELF)) {
+          if (!(event->mask & IN_IGNORED)) ::inotify_rm_watch(descriptor_, event->wd);
           changes.push_back({Event::ended, found->second});
           watches_.erase(found);
         } else {

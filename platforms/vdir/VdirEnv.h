@@ -98,6 +98,8 @@ class VdirDirectoryWatch {
   virtual ~VdirDirectoryWatch() = default;
   // Starts watching `directory`; whether it is watched now.
   virtual bool add(const std::string& directory) = 0;
+  // Stops watching `directory`, with no `ended` change for it; nothing when it is not watched.
+  virtual void remove(const std::string& directory) = 0;
   // Waits until changes arrive (appended to `changes`), `timeout` passes (negative: no end) or
   // stop() was called.
   virtual Wake wait(std::chrono::milliseconds timeout, std::vector<Change>& changes) = 0;

@@ -90,12 +90,23 @@ VdirWatcher::Wake VdirWatcher::next() {
 void VdirWatcher::take(const std::vector<VdirDirectoryWatch::Change>& changes) {
   for (const auto& change : changes) {
     if (change.event == VdirDirectoryWatch::Event::overflowed) ++overflows_;
-    if (change.event == VdirDirectoryWatch::Event::ended) watched_.erase(change.directory);
+    if (change.event == VdirDirectoryWatch::Event::ended) forget(change.directory);
   }
   rootWatched_ = watched_.count(root_) > 0;
   if (!dirty_) first_ = Clock::now();
   dirty_ = true;
   last_ = Clock::now();
+}
+
+// A directory removed or moved away takes the directories under it along, whose watches now follow
+// them elsewhere: all are let go, so that whatever appears under those paths is watched afresh.
+void VdirWatcher::forget(const std::string& directory) {
+  const std::string prefix = !directory.empty() && directory.back() == '/' ? directory : directory + "/";
+  for (auto at = watched_.lower_bound(prefix); at != watched_.end() && at->compare(0, prefix.size(), prefix) == 0;) {
+    watch_.remove(*at);
+    at = watched_.erase(at);
+  }
+  watched_.erase(directory);
 }
 
 }  // namespace vesp::vdir

@@ -5,7 +5,8 @@
 // a maximum delay after the burst began), until the root is to be looked for again (every second
 // while it is not watched), or until the watch is stopped. Any event, an overflow of the queue
 // included, counts as a change: the caller rescans the whole tree, so no change is ever missed.
-// Used by one thread.
+// Watches follow paths: a directory removed or moved away is let go with every directory watched
+// under it, and watch() takes them again when they are found under those paths. Used by one thread.
 #pragma once
 
 #include <atomic>
@@ -45,6 +46,7 @@ class VdirWatcher {
   using Clock = std::chrono::steady_clock;
   std::chrono::milliseconds timeoutFrom(Clock::time_point now) const;  // negative: none
   void take(const std::vector<VdirDirectoryWatch::Change>& changes);
+  void forget(const std::string& directory);
 
   VdirDirectoryWatch& watch_;
   const std::string root_;

@@ -172,6 +172,50 @@ TEST_F(VdirEnvTest, AWatchReportsChangesInItsDirectoriesAndTheirEnd) {
   EXPECT_TRUE(ended);
 }
 
+// Every change a watch reports until it has been quiet for 200 ms.
+std::vector<VdirDirectoryWatch::Change> changesWithin(VdirDirectoryWatch& watch) {
+  std::vector<VdirDirectoryWatch::Change> changes;
+  while (watch.wait(200ms, changes) == VdirDirectoryWatch::Wake::changes) {
+  }
+  return changes;
+}
+
+TEST_F(VdirEnvTest, AWatchedDirectoryMovedAwayIsLetGoAndItsPathWatchedAfresh) {
+  fs::create_directory(root_.path() / "cal");
+  auto watch = env_->watch();
+  ASSERT_TRUE(watch) << watch.error().message();
+  ASSERT_TRUE((*watch)->add(at("cal")));
+
+  fs::rename(root_.path() / "cal", root_.path() / "cal.old");
+  auto changes = changesWithin(**watch);
+  EXPECT_TRUE(std::any_of(changes.begin(), changes.end(), [&](const auto& change) {
+    return change.event == VdirDirectoryWatch::Event::ended && change.directory == at("cal");
+  }));
+  // What happens in the directory under its new name is no longer reported under the old one.
+  writeFile(root_.path() / "cal.old" / "a.ics", "old");
+  EXPECT_THAT(changesWithin(**watch), ::testing::IsEmpty());
+
+  fs::create_directory(root_.path() / "cal");
+  ASSERT_TRUE((*watch)->add(at("cal")));
+  writeFile(root_.path() / "cal" / "a.ics", "new");
+  changes = changesWithin(**watch);
+  ASSERT_FALSE(changes.empty());
+  EXPECT_EQ(changes[0].event, VdirDirectoryWatch::Event::changed);
+  EXPECT_EQ(changes[0].directory, at("cal"));
+}
+
+TEST_F(VdirEnvTest, ARemovedWatchReportsNothingMore) {
+  fs::create_directory(root_.path() / "cal");
+  auto watch = env_->watch();
+  ASSERT_TRUE(watch);
+  ASSERT_TRUE((*watch)->add(at("cal")));
+  (*watch)->remove(at("cal"));
+  (*watch)->remove(at("never-watched"));
+  writeFile(root_.path() / "cal" / "a.ics", "event");
+  fs::remove_all(root_.path() / "cal");
+  EXPECT_THAT(changesWithin(**watch), ::testing::IsEmpty());
+}
+
 TEST_F(VdirEnvTest, AWaitEndsWithItsTimeoutOrAtOnceOnceStopped) {
   auto watch = env_->watch();
   ASSERT_TRUE(watch);

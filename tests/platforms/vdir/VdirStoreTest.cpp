@@ -306,6 +306,31 @@ TEST(VdirStoreTest, TheStoreRootRemovedAndRecreatedIsServedAgain) {
   EXPECT_EQ(events[0]->title(), "Second");
 }
 
+TEST(VdirStoreTest, TheStoreRootMovedAwayAndReplacedIsServedFromItsPath) {
+  TemporaryDirectory parent, config;
+  const fs::path root = parent.path() / "store", moved = parent.path() / "store.old", copy = parent.path() / "copy";
+  writeFile(root / "c/a.ics", simpleEvent("a", "First", "20260310T090000Z", "20260310T100000Z"));
+  fs::copy(root, copy, fs::copy_options::recursive);
+  auto platform = VdirPlatform::make(testing::platformOptions(root, config.path() / "access.json", true));
+  auto titles = [&] {
+    std::vector<std::string> seen;
+    for (const auto& event : platform->store()->events(utc(2026, 3, 10), utc(2026, 3, 11), std::nullopt))
+      seen.push_back(*event->title());
+    return seen;
+  };
+  fs::rename(root, moved);
+  fs::copy(copy, root, fs::copy_options::recursive);
+  // Once the rescans the move caused are over, the directory moved away is written, then the new one.
+  std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+  writeFile(moved / "c/a.ics", simpleEvent("a", "Moved away", "20260310T090000Z", "20260310T100000Z"));
+  std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+  EXPECT_THAT(titles(), ::testing::ElementsAre("First"));
+  writeFile(root / "c/a.ics", simpleEvent("a", "Second", "20260310T090000Z", "20260310T100000Z"));
+  for (int i = 0; i < 50 && titles() != std::vector<std::string>{"Second"}; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_THAT(titles(), ::testing::ElementsAre("Second"));
+}
+
 // The sorted titles of the reminders `predicate` selects, fetched (on a platform thread) from `store`.
 std::vector<std::string> fetchedTitles(platform::EKEventStore& store,
                                        const std::shared_ptr<platform::EKPredicate>& predicate) {

@@ -139,6 +139,7 @@ class TestEnv : public VdirEnvWrapper {
    public:
     LosingWatch(std::unique_ptr<VdirDirectoryWatch> inner, TestEnv& env) : inner_(std::move(inner)), env_(env) {}
     bool add(const std::string& directory) override { return inner_->add(directory); }
+    void remove(const std::string& directory) override { inner_->remove(directory); }
     Wake wait(std::chrono::milliseconds timeout, std::vector<Change>& changes) override {
       std::vector<Change> seen;
       Wake woke = inner_->wait(timeout, seen);

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <set>
 #include <string>
+#include <thread>
 
 #include "platforms/vdir/VdirWatcher.h"
 #include "tests/platforms/vdir/VdirTestSupport.h"
@@ -85,6 +86,33 @@ TEST_F(VdirWatcherTest, ARootThatIsNotThereIsLookedForAgain) {
   EXPECT_TRUE(watcher.watch({absent}));
   writeFile(std::filesystem::path(absent) / "a.ics", "one");
   EXPECT_EQ(watcher.next(), VdirWatcher::Wake::changed);
+}
+
+TEST_F(VdirWatcherTest, ARootMovedAwayIsLetGoWithEverythingUnderItAndWatchedAgainWhenItReappears) {
+  const auto root = root_.path() / "store";
+  const auto moved = root_.path() / "store.old";
+  std::filesystem::create_directories(root / "account" / "home");
+  const std::set<std::string> wanted{root.string(), (root / "account").string(), (root / "account" / "home").string()};
+  VdirWatcher watcher = make(root.string());
+  ASSERT_TRUE(watcher.watch(wanted));
+
+  std::filesystem::rename(root, moved);
+  EXPECT_EQ(watcher.next(), VdirWatcher::Wake::changed);
+  EXPECT_FALSE(watcher.watch(wanted));
+
+  std::filesystem::create_directories(root / "account" / "home");
+  EXPECT_TRUE(watcher.watch(wanted));
+  // Only the collection's own watch sees this write: it must be on the new directory, not the
+  // moved one. A stop request ends the wait should it never come.
+  std::atomic<bool> woken{false};
+  std::thread guard([&] {
+    for (int i = 0; i < 100 && !woken; ++i) std::this_thread::sleep_for(50ms);
+    if (!woken) requestStop();
+  });
+  writeFile(root / "account" / "home" / "a.ics", "new");
+  EXPECT_EQ(watcher.next(), VdirWatcher::Wake::changed);
+  woken = true;
+  guard.join();
 }
 
 TEST_F(VdirWatcherTest, ItWatchesTheRootItsCollectionsAndItsAccounts) {

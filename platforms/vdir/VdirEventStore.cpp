@@ -74,7 +74,7 @@ std::shared_ptr<VdirEventStore> VdirEventStore::make(std::shared_ptr<VdirService
   std::shared_ptr<VdirEventStore> connection(new VdirEventStore(std::move(services)));
   std::weak_ptr<VdirEventStore> weak = connection;
   auto center = connection->services_->center;
-  connection->listenerToken_ = connection->services_->source->addChangeListener([weak, center] {
+  connection->listenerToken_ = connection->services_->source->addChangeListener([weak, center](platform::EKEntityMask) {
     if (auto self = weak.lock()) center->postNotificationName(platform::EKEventStoreChangedNotification, self);
   });
   return connection;

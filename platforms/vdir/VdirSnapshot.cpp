@@ -117,4 +117,63 @@ const VdirEntries::Entry* VdirEntries::find(std::string_view identifier) const {
   return found == base_->end() ? nullptr : &found->second;
 }
 
+namespace {
+
+constexpr platform::EKEntityMask kBothKinds = platform::EKEntityMaskEvent | platform::EKEntityMaskReminder;
+
+platform::EKEntityMask kindsOf(const VdirItem& item) {
+  return (item.series.empty() ? 0 : platform::EKEntityMaskEvent) |
+         (item.todos.empty() ? 0 : platform::EKEntityMaskReminder);
+}
+
+// A calendar that allows no kind yet still came or went: both are told.
+platform::EKEntityMask kindsOf(const VdirCollection& collection) {
+  const platform::EKEntityMask kinds = collection.calendar ? collection.calendar->allowedEntityTypes() : 0;
+  return kinds ? kinds : kBothKinds;
+}
+
+// Walks two lists sorted by `key` side by side while `more()`: `one(x)` for an element in one list
+// alone, `both(x, y)` for an element in both.
+template <typename T, typename Key, typename One, typename Both, typename More>
+void sideBySide(const std::vector<T>& before, const std::vector<T>& after, Key key, One one, Both both, More more) {
+  std::size_t b = 0, a = 0;
+  while ((b < before.size() || a < after.size()) && more()) {
+    if (a == after.size() || (b < before.size() && key(before[b]) < key(after[a])))
+      one(before[b++]);
+    else if (b == before.size() || key(after[a]) < key(before[b]))
+      one(after[a++]);
+    else
+      both(before[b++], after[a++]);
+  }
+}
+
+}  // namespace
+
+platform::EKEntityMask changedKinds(const VdirSnapshot& before, const VdirSnapshot& after) {
+  if (before.rootExists != after.rootExists || before.rootReadable != after.rootReadable) return kBothKinds;
+  platform::EKEntityMask kinds = 0;
+  auto more = [&] { return kinds != kBothKinds; };
+  using Item = std::shared_ptr<const VdirItem>;
+  auto itemsOf = [&](const std::vector<Item>& was, const std::vector<Item>& is) {
+    // An item that a scan kept is the same object.
+    sideBySide(
+        was, is, [](const Item& item) -> const std::string& { return item->relativePath; },
+        [&](const Item& item) { kinds |= kindsOf(*item); },
+        [&](const Item& x, const Item& y) {
+          if (x != y) kinds |= kindsOf(*x) | kindsOf(*y);
+        },
+        more);
+  };
+  sideBySide(
+      before.collections, after.collections,
+      [](const VdirCollection& collection) -> const std::string& { return collection.identifier; },
+      [&](const VdirCollection& collection) { kinds |= kindsOf(collection); },
+      [&](const VdirCollection& x, const VdirCollection& y) {
+        if (x.calendar != y.calendar) kinds |= kindsOf(x) | kindsOf(y);
+        if (x.items != y.items) itemsOf(x.items, y.items);
+      },
+      more);
+  return kinds;
+}
+
 }  // namespace vesp::vdir

@@ -101,4 +101,9 @@ inline const VdirCollection* collectionNamed(const VdirSnapshot& snapshot, std::
   return nullptr;
 }
 
+// The kinds of items (EKEntityMaskEvent, EKEntityMaskReminder) that differ from `before` to
+// `after`: those of files that came, went or were read again, and those a calendar that came, went
+// or changed allows. A change of the root's state concerns both; no change gives 0.
+platform::EKEntityMask changedKinds(const VdirSnapshot& before, const VdirSnapshot& after);
+
 }  // namespace vesp::vdir

@@ -23,9 +23,11 @@ class VdirSnapshotSource {
   virtual std::shared_ptr<const VdirSnapshot> snapshot() const = 0;
   // The queries, to be asked with a snapshot of this source.
   virtual VdirQueries& queries() = 0;
+  // Called with the kinds of items that changed (EKEntityMaskEvent, EKEntityMaskReminder or both).
+  using ChangeListener = std::function<void(platform::EKEntityMask changed)>;
   // Calls `listener` after each new snapshot that changed something, on a thread of the source's
   // choosing. Returns a token for removeChangeListener.
-  virtual std::uint64_t addChangeListener(std::function<void()> listener) = 0;
+  virtual std::uint64_t addChangeListener(ChangeListener listener) = 0;
   virtual void removeChangeListener(std::uint64_t token) = 0;
   // False when the source exists but cannot be read at all.
   virtual bool readable() const = 0;

@@ -139,12 +139,12 @@ std::shared_ptr<const VdirSnapshot> VdirStore::snapshot() const {
 }
 
 bool VdirStore::refresh() {
-  bool changed = rescan();
-  if (changed) notifyListeners();
-  return changed;
+  const platform::EKEntityMask changed = rescan();
+  if (changed) notifyListeners(changed);
+  return changed != 0;
 }
 
-std::uint64_t VdirStore::addChangeListener(std::function<void()> listener) {
+std::uint64_t VdirStore::addChangeListener(ChangeListener listener) {
   rivet::RivetMutexLock lock(mutex_);
   std::uint64_t token = nextToken_++;
   listeners_.emplace(token, std::move(listener));
@@ -156,13 +156,13 @@ void VdirStore::removeChangeListener(std::uint64_t token) {
   listeners_.erase(token);
 }
 
-void VdirStore::notifyListeners() {
-  std::vector<std::function<void()>> listeners;
+void VdirStore::notifyListeners(platform::EKEntityMask changed) {
+  std::vector<ChangeListener> listeners;
   {
     rivet::RivetMutexLock lock(mutex_);
     for (auto& [token, listener] : listeners_) listeners.push_back(listener);
   }
-  for (auto& listener : listeners) listener();
+  for (auto& listener : listeners) listener(changed);
 }
 
 std::vector<VdirDiagnostic> VdirStore::diagnostics() const {
@@ -178,7 +178,7 @@ void VdirStore::reportRuntime(VdirDiagnostic diagnostic) {
   if (std::find(runtime_.begin(), runtime_.end(), diagnostic) == runtime_.end()) runtime_.push_back(std::move(diagnostic));
 }
 
-bool VdirStore::rescan() {
+platform::EKEntityMask VdirStore::rescan() {
   rivet::RivetMutexLock rescanLock(rescanMutex_);
   // The cache written after the last scan reads files_, which this scan replaces.
   if (cacheWriter_.joinable()) cacheWriter_.join();
@@ -195,17 +195,11 @@ bool VdirStore::rescan() {
   return adopt(std::move(scan), scannedAt, true);
 }
 
-bool VdirStore::adopt(VdirScanResult scan, std::int64_t scannedAt, bool writeCache) {
+platform::EKEntityMask VdirStore::adopt(VdirScanResult scan, std::int64_t scannedAt, bool writeCache) {
   auto& next = scan.snapshot;
   // Anything different from the snapshot before: items, collections or the root's state.
   auto previous = snapshot();
-  bool changed = previous->rootExists != next->rootExists || previous->rootReadable != next->rootReadable ||
-                 previous->collections.size() != next->collections.size();
-  for (std::size_t c = 0; !changed && c < next->collections.size(); ++c) {
-    const auto& a = previous->collections[c];
-    const auto& b = next->collections[c];
-    changed = a.identifier != b.identifier || a.calendar != b.calendar || a.items != b.items;
-  }
+  const platform::EKEntityMask changed = changedKinds(*previous, *next);
   next->generation = previous->generation + (changed ? 1 : 0);
   // The cache on disk needs writing when files were read or left, or it was not what we hold.
   if (scan.reread > 0 || scan.records.size() != files_.size()) cacheStale_ = true;
@@ -331,7 +325,7 @@ rivet::RivetResult<std::shared_ptr<const VdirSnapshot>> VdirStore::save(std::vec
                                }),
                 changes.end());
   if (changes.empty()) return snapshot();
-  bool changed = false;
+  platform::EKEntityMask changed = 0;
   std::shared_ptr<const VdirSnapshot> saved;
   {
     rivet::RivetMutexLock rescanLock(rescanMutex_);
@@ -351,7 +345,7 @@ rivet::RivetResult<std::shared_ptr<const VdirSnapshot>> VdirStore::save(std::vec
     changed = adopt(scanner.patch(previous, files_, calendars_), scannedAt, false);
     saved = snapshot();
   }
-  if (changed) notifyListeners();
+  if (changed) notifyListeners(changed);
   return saved;
 }
 
@@ -400,7 +394,7 @@ void VdirStore::watch(std::weak_ptr<VdirStore> weak, std::shared_ptr<WatchState>
   ready->set_value();
   while (watcher.next() == VdirWatcher::Wake::changed) {
     if (auto store = weak.lock()) {
-      if (store->rescan()) store->notifyListeners();
+      if (auto changed = store->rescan()) store->notifyListeners(changed);
     }
     // A directory watched only after the rescan that found it may have changed in between.
     if (watchSnapshot()) watcher.markChanged();

@@ -97,9 +97,10 @@ class VdirStore : public VdirSnapshotSource, public std::enable_shared_from_this
   // Rescans now; calls the change listeners when anything changed. Returns whether it did.
   bool refresh();
 
-  // Calls `listener` (on the watcher's thread, or the thread of refresh) after each rescan that
-  // changed something. Returns a token for removeChangeListener.
-  std::uint64_t addChangeListener(std::function<void()> listener) override;
+  // Calls `listener` (on the watcher's thread, or the thread of refresh or save) after each rescan
+  // or save that changed something, with the kinds of items that changed. Returns a token for
+  // removeChangeListener.
+  std::uint64_t addChangeListener(ChangeListener listener) override;
   void removeChangeListener(std::uint64_t token) override;
 
   // Reads a file to edit it. Fails, with a VdirErrorCode in the error's framework error, when the
@@ -164,10 +165,11 @@ class VdirStore : public VdirSnapshotSource, public std::enable_shared_from_this
 
  private:
   VdirStore(VdirStoreOptions options, std::shared_ptr<VdirEnv> env);
-  bool rescan() RIVET_EXCLUDES(rescanMutex_, mutex_);
-  // Serves the scan's snapshot and keeps its records; whether anything changed. With `writeCache`,
-  // starts writing the cache when it no longer holds the records.
-  bool adopt(VdirScanResult scan, std::int64_t scannedAt, bool writeCache) RIVET_REQUIRES(rescanMutex_) RIVET_EXCLUDES(mutex_);
+  // Both return the kinds of items that changed, 0 when nothing did.
+  platform::EKEntityMask rescan() RIVET_EXCLUDES(rescanMutex_, mutex_);
+  // Serves the scan's snapshot and keeps its records. With `writeCache`, starts writing the cache
+  // when it no longer holds the records.
+  platform::EKEntityMask adopt(VdirScanResult scan, std::int64_t scannedAt, bool writeCache) RIVET_REQUIRES(rescanMutex_) RIVET_EXCLUDES(mutex_);
   rivet::RivetResult<std::string> writableDirectory(const std::string& collection) const RIVET_EXCLUDES(mutex_);
   // Writes the changes in save()'s order; on failure, takes the new files back.
   rivet::RivetResult<bool> writeChanges(const std::vector<VdirFileChange>& changes) RIVET_REQUIRES(rescanMutex_);
@@ -180,7 +182,7 @@ class VdirStore : public VdirSnapshotSource, public std::enable_shared_from_this
     std::atomic<std::uint64_t> overflows{0};
   };
   static void watch(std::weak_ptr<VdirStore> weak, std::shared_ptr<WatchState> state, std::promise<void>* ready);
-  void notifyListeners();
+  void notifyListeners(platform::EKEntityMask changed);
   void reportRuntime(VdirDiagnostic diagnostic) RIVET_EXCLUDES(mutex_);
   // Runs on cacheWriter_, reading files_ without rescanMutex_: every writer of files_ holds that
   // mutex and joins cacheWriter_ first, which the analysis cannot follow.
@@ -210,7 +212,7 @@ class VdirStore : public VdirSnapshotSource, public std::enable_shared_from_this
 
   mutable rivet::RivetMutex mutex_ RIVET_ACQUIRED_AFTER(rescanMutex_);
   std::shared_ptr<const VdirSnapshot> snapshot_ RIVET_GUARDED_BY(mutex_);
-  std::map<std::uint64_t, std::function<void()>> listeners_ RIVET_GUARDED_BY(mutex_);
+  std::map<std::uint64_t, ChangeListener> listeners_ RIVET_GUARDED_BY(mutex_);
   std::uint64_t nextToken_ RIVET_GUARDED_BY(mutex_) = 1;
   std::vector<VdirDiagnostic> runtime_ RIVET_GUARDED_BY(mutex_);
   VdirCacheStatus cacheStatus_ RIVET_GUARDED_BY(mutex_);

@@ -164,6 +164,7 @@ class Session {
 
   VespCalendarManager& manager() { return *manager_; }
   vdir::VdirPlatform& platform() { return *platform_; }
+  const std::shared_ptr<vdir::VdirPlatform>& sharedPlatform() const { return platform_; }
 
   VespAuthorisationStatus status(platform::EKEntityType type) {
     return machine(type).state();
@@ -823,33 +824,60 @@ void runReminderChange(Invocation& call, const char* change) {
 }
 
 // Prints a line per change until SIGINT or SIGTERM, or until --count changes were printed.
+// The kinds `watch` reports: those access is granted to, asked for when undecided. None is an error.
+std::vector<platform::EKEntityType> watchedKinds(Invocation& call) {
+  std::vector<platform::EKEntityType> kinds;
+  for (auto type : {platform::EKEntityTypeEvent, platform::EKEntityTypeReminder})
+    if (call.session.settle(type, true) == VespAuthorisationStatus::authorised) kinds.push_back(type);
+  if (kinds.empty()) call.session.requireAccess(platform::EKEntityTypeEvent, true);  // throws, saying why
+  if (kinds.size() == 1) {
+    const auto other = kinds[0] == platform::EKEntityTypeEvent ? platform::EKEntityTypeReminder
+                                                               : platform::EKEntityTypeEvent;
+    call.err << "vesp: watching " << kindName(kinds[0]) << " only: access to your " << kindName(other)
+             << " is not granted" << std::endl;
+  }
+  return kinds;
+}
+
+// A line for each kind of item a change of the store touched. The manager's two buses both hear of
+// every change, so the kinds come from the store itself; access is checked at each change, as the
+// manager does before it publishes.
 void runWatch(Invocation& call) {
-  call.session.requireAccess(platform::EKEntityTypeEvent, true);
-  auto& manager = call.session.manager();
-  std::mutex mutex;
-  std::size_t seen = 0;
-  const std::size_t count = call.args.count;
-  auto print = [&](const char* what) {
-    std::lock_guard lock(mutex);
-    if (count && seen >= count) return;
-    ++seen;
-    if (call.args.asJSON)
-      call.out << json{{"time", Date::now().iso8601()}, {"changed", what}}.dump(-1, ' ', false,
-                                                                                 json::error_handler_t::replace)
-               << std::endl;
-    else
-      call.out << Date::now().iso8601() << "  " << what << " changed" << std::endl;
-    if (count && seen == count) ::kill(::getpid(), SIGUSR1);
+  const auto kinds = watchedKinds(call);
+  struct Lines {
+    std::mutex mutex;
+    std::size_t seen = 0;
   };
-  auto eventToken = manager.eventStoreChangedEventBus().subscribe(
-      [&](const VespEventStoreChangedEvent&, const rivet::RivetVia&) { print("events"); });
-  auto reminderToken = manager.reminderStoreChangedEventBus().subscribe(
-      [&](const VespReminderStoreChangedEvent&, const rivet::RivetVia&) { print("reminders"); });
+  auto lines = std::make_shared<Lines>();
+  auto print = [lines, &out = call.out, asJSON = call.args.asJSON, count = call.args.count](const char* what) {
+    std::lock_guard lock(lines->mutex);
+    if (count && lines->seen >= count) return;
+    ++lines->seen;
+    if (asJSON)
+      out << json{{"time", Date::now().iso8601()}, {"changed", what}}.dump(-1, ' ', false,
+                                                                            json::error_handler_t::replace)
+          << std::endl;
+    else
+      out << Date::now().iso8601() << "  " << what << " changed" << std::endl;
+    if (count && lines->seen == count) ::kill(::getpid(), SIGUSR1);
+  };
+  // Held weakly: a change may still be told while the session ends.
+  std::weak_ptr<vdir::VdirPlatform> weak = call.session.sharedPlatform();
+  auto& store = *call.session.platform().store();
+  const auto token = store.addChangeListener([weak, kinds, print](platform::EKEntityMask changed) {
+    auto platform = weak.lock();
+    for (auto type : kinds) {
+      const auto mask = type == platform::EKEntityTypeReminder ? platform::EKEntityMaskReminder
+                                                               : platform::EKEntityMaskEvent;
+      if (platform && (changed & mask) &&
+          platform->authorizationStatusForEntityType(type) == platform::EKAuthorizationStatusAuthorized)
+        print(kindName(type));
+    }
+  });
   if (!call.args.asJSON) call.err << "Watching " << call.args.store << " (Ctrl-C to stop)" << std::endl;
   int signal = 0;
   sigwait(&call.stopSignals, &signal);
-  eventToken.cancel();
-  reminderToken.cancel();
+  store.removeChangeListener(token);
 }
 
 // The entity types that `access KIND` names: both when none is given.

@@ -183,7 +183,7 @@ class MemorySource : public VdirSnapshotSource {
       : queries_(clock, {}, nullptr), snapshot_(std::move(snapshot)) {}
   std::shared_ptr<const VdirSnapshot> snapshot() const override { return snapshot_; }
   VdirQueries& queries() override { return queries_; }
-  std::uint64_t addChangeListener(std::function<void()> listener) override {
+  std::uint64_t addChangeListener(ChangeListener listener) override {
     listeners_.emplace(++token_, std::move(listener));
     return token_;
   }
@@ -193,14 +193,14 @@ class MemorySource : public VdirSnapshotSource {
 
   void replace(std::shared_ptr<const VdirSnapshot> snapshot) {
     snapshot_ = std::move(snapshot);
-    for (auto& [token, listener] : listeners_) listener();
+    for (auto& [token, listener] : listeners_) listener(platform::EKEntityMaskEvent | platform::EKEntityMaskReminder);
   }
   std::size_t listeners() const { return listeners_.size(); }
 
  private:
   VdirQueries queries_;
   std::shared_ptr<const VdirSnapshot> snapshot_;
-  std::map<std::uint64_t, std::function<void()>> listeners_;
+  std::map<std::uint64_t, ChangeListener> listeners_;
   std::uint64_t token_ = 0;
 };
 

@@ -380,6 +380,49 @@ TEST(VdirStoreTest, ReminderPredicatesSelectByDueAndCompletionDatesOnAPlatformTh
   EXPECT_EQ(store->calendarItemWithIdentifier("tasks/none.ics"), nullptr);
 }
 
+TEST(VdirStoreTest, ListenersHearWhichKindsOfItemsChanged) {
+  TemporaryDirectory parent, config;
+  const fs::path root = parent.path() / "store";
+  auto todo = [](const std::string& uid, const std::string& summary) {
+    return "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Vesp tests//EN\r\nBEGIN:VTODO\r\nUID:" + uid +
+           "\r\nSUMMARY:" + summary + "\r\nEND:VTODO\r\nEND:VCALENDAR\r\n";
+  };
+  writeFile(root / "c/a.ics", simpleEvent("a", "Event", "20260310T090000Z", "20260310T100000Z"));
+  writeFile(root / "t/x.ics", todo("x", "To-do"));
+  auto store = VdirStore::make(testing::platformOptions(root, config.path() / "access.json").store);
+  std::vector<platform::EKEntityMask> heard;
+  store->addChangeListener([&](platform::EKEntityMask kinds) { heard.push_back(kinds); });
+  auto refreshed = [&] {
+    heard.clear();
+    store->refresh();
+    return heard;
+  };
+  constexpr platform::EKEntityMask events = platform::EKEntityMaskEvent, reminders = platform::EKEntityMaskReminder;
+
+  EXPECT_THAT(refreshed(), ::testing::IsEmpty());
+  writeFile(root / "c/a.ics", simpleEvent("a", "Event changed", "20260310T090000Z", "20260310T100000Z"));
+  EXPECT_THAT(refreshed(), ::testing::ElementsAre(events));
+  writeFile(root / "t/x.ics", todo("x", "To-do changed"));
+  EXPECT_THAT(refreshed(), ::testing::ElementsAre(reminders));
+  writeFile(root / "t/y.ics", todo("y", "Another"));
+  EXPECT_THAT(refreshed(), ::testing::ElementsAre(reminders));
+  // A new list of to-dos, and a file removed from the calendar at the same time.
+  writeFile(root / "u/z.ics", todo("z", "Elsewhere"));
+  fs::remove(root / "c/a.ics");
+  EXPECT_THAT(refreshed(), ::testing::ElementsAre(events | reminders));
+  fs::remove_all(root / "u");
+  EXPECT_THAT(refreshed(), ::testing::ElementsAre(reminders));
+  // A save tells its listeners as a rescan does.
+  heard.clear();
+  auto toEdit = store->readToEdit("t", "x.ics");
+  ASSERT_TRUE(toEdit) << toEdit.error().message();
+  auto saved = store->save({{"t", "x.ics", todo("x", "Saved"), toEdit->basis}});
+  ASSERT_TRUE(saved) << saved.error().message();
+  EXPECT_THAT(heard, ::testing::ElementsAre(reminders));
+  fs::remove_all(root);
+  EXPECT_THAT(refreshed(), ::testing::ElementsAre(events | reminders));
+}
+
 TEST(VdirStoreTest, ACancelledToDoIsNeitherOpenNorCompletedAndHasAPredicateOfItsOwn) {
   TemporaryDirectory root, config;
   auto todo = [](const std::string& uid, const std::string& lines) {
@@ -542,7 +585,7 @@ TEST(VdirStoreTest, AStoreLetGoOfOnItsWatchersThreadEndsCleanly) {
   };
   auto sentinel = std::make_shared<OnDestruction>();
   auto destroyed = sentinel->gone.get_future();
-  store->addChangeListener([holder, released, sentinel = std::move(sentinel)] {
+  store->addChangeListener([holder, released, sentinel = std::move(sentinel)](platform::EKEntityMask) {
     if (*holder) {
       holder->reset();
       released->set_value();
@@ -685,7 +728,7 @@ TEST(VdirStoreTest, AnOverflowedEventQueueLeadsToAFullRescan) {
   int changes = 0;
   auto env = std::make_shared<testing::TestEnv>();
   auto store = VdirStore::make(testing::platformOptions(root.path(), config.path() / "access.json", true).store, env);
-  store->addChangeListener([&] {
+  store->addChangeListener([&](platform::EKEntityMask) {
     std::lock_guard<std::mutex> lock(mutex);
     ++changes;
     changed.notify_all();

@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -17,6 +18,7 @@
 #include <ctime>
 #include <iomanip>
 #include <map>
+#include <mutex>
 #include <set>
 #include <regex>
 #include <sstream>
@@ -65,15 +67,19 @@ class VespProgramTest : public ::testing::Test {
     ::tzset();
   }
 
-  // Runs vesp with `arguments`, stdin from /dev/null (no terminal).
-  ProgramRun vesp(const std::vector<std::string>& arguments, const std::string& environment = "") {
+  // The shell words that run vesp with `arguments` in this test's environment.
+  std::string vespCommand(const std::vector<std::string>& arguments, const std::string& environment = "") const {
     std::string command = "TZ=Europe/Berlin NO_COLOR=1 VESP_ACCESS_FILE=" + quoted((config_.path() / "access.json").string()) +
                           " VESP_CONFIG_FILE=" + quoted(settingsFile().string()) + " " + environment + " " +
                           quoted(VESP_PROGRAM);
     for (const auto& argument : arguments) command += " " + quoted(argument);
+    return command;
+  }
+
+  // Runs vesp with `arguments`, stdin from /dev/null (no terminal).
+  ProgramRun vesp(const std::vector<std::string>& arguments, const std::string& environment = "") {
     fs::path errors = config_.path() / "stderr.txt";
-    command += " < /dev/null 2> " + quoted(errors.string());
-    ProgramRun run = shell(command);
+    ProgramRun run = shell(vespCommand(arguments, environment) + " < /dev/null 2> " + quoted(errors.string()));
     run.err = vdir::testing::readFile(errors);
     return run;
   }
@@ -997,6 +1003,127 @@ TEST_F(VespProgramTest, ControlCharactersFromFilesNeverReachTheTerminal) {
   EXPECT_EQ(run.out.find('\x1b'), std::string::npos);
   EXPECT_EQ(run.out.find('\x07'), std::string::npos);
   EXPECT_THAT(run.out, ::testing::HasSubstr("\\x1B]0;owned\\x07 end"));
+}
+
+// `vesp watch` running in the background: its lines as they come, until stopped with SIGTERM.
+class BackgroundWatch {
+ public:
+  // `command` runs vesp; `scratch` is a directory for its process identifier and standard error.
+  BackgroundWatch(const std::string& command, const fs::path& scratch)
+      : pidFile_(scratch / "watch.pid"), errors_(scratch / "watch-stderr.txt") {
+    pipe_ = ::popen(("echo $$ > " + quoted(pidFile_.string()) + "; exec env " + command + " < /dev/null 2> " +
+                     quoted(errors_.string()))
+                        .c_str(),
+                    "r");
+    reader_ = std::thread([this] {
+      char line[4096];
+      while (pipe_ && std::fgets(line, sizeof line, pipe_)) {
+        std::lock_guard lock(mutex_);
+        lines_.emplace_back(line);
+        arrived_.notify_all();
+      }
+    });
+  }
+  ~BackgroundWatch() { stop(); }
+
+  // Whether the watch says it is watching, within ten seconds.
+  bool started() {
+    for (int i = 0; i < 100; ++i) {
+      if (errors().find("Watching") != std::string::npos) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return false;
+  }
+  std::string errors() const { return fs::exists(errors_) ? vdir::testing::readFile(errors_) : ""; }
+  // The lines so far once none came for `quiet` (waiting ten seconds at most), without their times.
+  std::vector<std::string> linesAfterQuiet(std::chrono::milliseconds quiet) {
+    std::unique_lock lock(mutex_);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    for (std::size_t seen = lines_.size(); std::chrono::steady_clock::now() < end; seen = lines_.size())
+      if (!arrived_.wait_for(lock, quiet, [&] { return lines_.size() > seen; })) break;
+    std::vector<std::string> changes;
+    for (const auto& line : lines_) changes.push_back(line.substr(line.find("  ") + 2));
+    return changes;
+  }
+  // Stops the watch; its exit status.
+  int stop() {
+    if (!pipe_) return status_;
+    if (fs::exists(pidFile_)) ::kill(std::stoi(vdir::testing::readFile(pidFile_)), SIGTERM);
+    reader_.join();
+    const int status = ::pclose(pipe_);
+    pipe_ = nullptr;
+    status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return status_;
+  }
+
+ private:
+  fs::path pidFile_, errors_;
+  FILE* pipe_ = nullptr;
+  int status_ = -1;
+  std::thread reader_;
+  std::mutex mutex_;
+  std::condition_variable arrived_;
+  std::vector<std::string> lines_;
+};
+
+TEST_F(VespProgramTest, WatchFollowsTheStoreRootMovedAsideAndReplaced) {
+  TemporaryDirectory parent;
+  const fs::path root = parent.path() / "store", moved = parent.path() / "store.old", copy = parent.path() / "copy";
+  writeFile(root / "c/a.ics", vdir::testing::simpleEvent("a", "A", "20260310T090000Z", "20260310T100000Z"));
+  fs::copy(root, copy, fs::copy_options::recursive);
+  ASSERT_EQ(vesp({"--store", root.string(), "--yes", "access", "--request"}).status, 0);
+  BackgroundWatch watch(vespCommand({"--store", root.string(), "watch"}), config_.path());
+  ASSERT_TRUE(watch.started());
+
+  fs::rename(root, moved);
+  fs::copy(copy, root, fs::copy_options::recursive);
+  const auto before = watch.linesAfterQuiet(std::chrono::milliseconds(1500));
+  writeFile(moved / "c/a.ics", vdir::testing::simpleEvent("a", "Old", "20260310T090000Z", "20260310T100000Z"));
+  EXPECT_EQ(watch.linesAfterQuiet(std::chrono::milliseconds(1000)), before);
+  writeFile(root / "c/a.ics", vdir::testing::simpleEvent("a", "New", "20260310T090000Z", "20260310T100000Z"));
+  auto after = before;
+  after.push_back("events changed\n");
+  EXPECT_EQ(watch.linesAfterQuiet(std::chrono::milliseconds(1000)), after);
+  EXPECT_EQ(watch.stop(), 0);
+}
+
+TEST_F(VespProgramTest, WatchGrantsBothKindsAndSaysWhichKindChanged) {
+  TemporaryDirectory root;
+  auto todo = [](const std::string& summary) {
+    return "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Vesp tests//EN\r\nBEGIN:VTODO\r\nUID:x\r\nSUMMARY:" + summary +
+           "\r\nEND:VTODO\r\nEND:VCALENDAR\r\n";
+  };
+  writeFile(root.path() / "c/a.ics", vdir::testing::simpleEvent("a", "A", "20260310T090000Z", "20260310T100000Z"));
+  writeFile(root.path() / "t/x.ics", todo("Before"));
+  BackgroundWatch watch(vespCommand({"--store", root.path().string(), "--yes", "watch"}), config_.path());
+  ASSERT_TRUE(watch.started());
+
+  writeFile(root.path() / "t/x.ics", todo("After"));
+  EXPECT_THAT(watch.linesAfterQuiet(std::chrono::milliseconds(1000)), ::testing::ElementsAre("reminders changed\n"));
+  writeFile(root.path() / "c/a.ics", vdir::testing::simpleEvent("a", "B", "20260310T090000Z", "20260310T100000Z"));
+  EXPECT_THAT(watch.linesAfterQuiet(std::chrono::milliseconds(1000)),
+              ::testing::ElementsAre("reminders changed\n", "events changed\n"));
+  EXPECT_EQ(watch.stop(), 0);
+  auto access = json::parse(vesp({"--store", root.path().string(), "--json", "access"}).out);
+  EXPECT_EQ(access, (json{{"events", "authorised"}, {"reminders", "authorised"}}));
+}
+
+TEST_F(VespProgramTest, WatchWithOneKindGrantedReportsThatKindAndSaysSo) {
+  TemporaryDirectory root;
+  const std::string todo = "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Vesp tests//EN\r\nBEGIN:VTODO\r\n"
+                           "UID:x\r\nSUMMARY:To-do\r\nEND:VTODO\r\nEND:VCALENDAR\r\n";
+  writeFile(root.path() / "c/a.ics", vdir::testing::simpleEvent("a", "A", "20260310T090000Z", "20260310T100000Z"));
+  ASSERT_EQ(vesp({"--store", root.path().string(), "--yes", "access", "events", "--request"}).status, 0);
+  // Without a terminal and without --yes, reminders stay undecided.
+  BackgroundWatch watch(vespCommand({"--store", root.path().string(), "watch"}), config_.path());
+  ASSERT_TRUE(watch.started());
+  EXPECT_THAT(watch.errors(), ::testing::HasSubstr("vesp: watching events only: access to your reminders is not granted"));
+
+  writeFile(root.path() / "t/x.ics", todo);
+  EXPECT_THAT(watch.linesAfterQuiet(std::chrono::milliseconds(1000)), ::testing::IsEmpty());
+  writeFile(root.path() / "c/a.ics", vdir::testing::simpleEvent("a", "B", "20260310T090000Z", "20260310T100000Z"));
+  EXPECT_THAT(watch.linesAfterQuiet(std::chrono::milliseconds(1000)), ::testing::ElementsAre("events changed\n"));
+  EXPECT_EQ(watch.stop(), 0);
 }
 
 TEST_F(VespProgramTest, WatchPrintsALinePerStoreChange) {

@@ -6,6 +6,7 @@
 
 #include <CLI/CLI.hpp>
 #include <atomic>
+#include <cctype>
 #include <condition_variable>
 #include <cerrno>
 #include <cstdlib>
@@ -82,32 +83,17 @@ std::string defaultStore() {
   return std::string(home && *home ? home : ".") + "/.calendars";
 }
 
-// YYYY-MM-DD (local midnight), YYYY-MM-DDTHH:MM[:SS] (local time) or the same ending in Z (UTC).
-Date parseDate(const std::string& text, const char* option) {
-  static const std::regex pattern(R"((\d{4})-(\d{2})-(\d{2})(?:[T ](\d{2}):(\d{2})(?::(\d{2}))?(Z)?)?)");
-  std::smatch match;
-  if (!std::regex_match(text, match, pattern))
-    throw Exit{kExitUsage, std::string("vesp: ") + option + " \"" + text +
-                               "\" is not a date: use YYYY-MM-DD, YYYY-MM-DDTHH:MM[:SS] or add Z for UTC"};
-  std::tm fields{};
-  fields.tm_year = std::stoi(match[1]) - 1900;
-  fields.tm_mon = std::stoi(match[2]) - 1;
-  fields.tm_mday = std::stoi(match[3]);
-  fields.tm_hour = match[4].matched ? std::stoi(match[4]) : 0;
-  fields.tm_min = match[5].matched ? std::stoi(match[5]) : 0;
-  fields.tm_sec = match[6].matched ? std::stoi(match[6]) : 0;
-  fields.tm_isdst = -1;
-  std::tm check = fields;
-  std::time_t seconds = match[7].matched ? timegm(&fields) : std::mktime(&fields);
-  if (seconds == static_cast<std::time_t>(-1) || fields.tm_mday != check.tm_mday || fields.tm_mon != check.tm_mon ||
-      check.tm_hour > 23 || check.tm_min > 59 || check.tm_sec > 59)
-    throw Exit{kExitUsage, std::string("vesp: ") + option + " \"" + text + "\" is not a real date"};
-  return Date::fromTimeIntervalSince1970(static_cast<double>(seconds));
+// A date or time as a person types it (`vesp help dates`), read at this moment.
+TypedDate typedDate(const std::string& text, const char* option) {
+  auto read = readTypedDate(text, Date::now());
+  if (auto* reason = std::get_if<std::string>(&read))
+    throw Exit{kExitUsage, std::string("vesp: ") + option + " \"" + text + "\" " + *reason};
+  return std::get<TypedDate>(read);
 }
 
-Date localMidnightToday() {
-  return localMidnightOf(Date::fromTimeIntervalSince1970(static_cast<double>(std::time(nullptr))));
-}
+Date parseDate(const std::string& text, const char* option) { return typedDate(text, option).instant; }
+
+Date localMidnightToday() { return localMidnightOf(Date::now()); }
 
 const char* kindName(platform::EKEntityType type) {
   return type == platform::EKEntityTypeReminder ? "reminders" : "events";
@@ -277,6 +263,7 @@ struct Arguments {
   std::string identifier;                // event IDENTIFIER, reminder ID
   std::size_t count = 0;                 // watch --count
   std::string accessKind;                // access KIND
+  std::string topic;                     // help TOPIC
   bool request = false, reset = false;   // access --request, --reset
   // The commands that write: new, edit, delete, reminder new|done|undo|delete.
   std::string title, start, end, duration, due, occurrence, calendar;
@@ -447,10 +434,10 @@ T writtenOrExit(rivet::RivetResult<T> result) {
 
 // A time as the user gave it, in the form it is to be written: a date for an all-day item, UTC
 // when it ends in Z, else the wall-clock time in the local zone, under that zone's name.
-vdir::VdirTime timeOf(const std::string& text, const char* option, bool allDay, const vdir::VdirClock& clock) {
-  const Date instant = parseDate(text, option);
+vdir::VdirTime timeOf(const TypedDate& typed, bool allDay, const vdir::VdirClock& clock) {
+  const Date instant = typed.instant;
   vdir::VdirTime like = vdir::newItemForm(allDay, clock);
-  if (!allDay && text.back() == 'Z') {
+  if (!allDay && typed.utc) {
     like = vdir::VdirTime();
     like.kind = vdir::VdirTime::Kind::utc;
   }
@@ -495,9 +482,14 @@ std::string alarmTrigger(const std::string& text) {
   const bool before = !text.empty() && text[0] == '-';
   const std::string amount = !text.empty() && (text[0] == '-' || text[0] == '+') ? text.substr(1) : text;
   const auto seconds = secondsOf(amount);
+  // A set time may also begin with a word ("tomorrow 08:00"); a time from the start never does.
+  if (auto set = readTypedDate(text, Date::now()); !seconds && std::holds_alternative<TypedDate>(set) &&
+                                                   std::isalpha(static_cast<unsigned char>(text[0])))
+    return vdir::utcText(std::get<TypedDate>(set).instant);
   if (!seconds)
-    throw Exit{kExitUsage,
-               "vesp: --alarm \"" + text + "\" is not a time from the start: use for example -15m, -1d or none"};
+    throw Exit{kExitUsage, "vesp: --alarm \"" + text +
+                               "\" is not a time from the start: use for example -15m, -1d or none, or a set time "
+                               "such as 2026-12-01T08:00 or tomorrow 08:00"};
   return vdir::durationValue(before ? -*seconds : *seconds);
 }
 
@@ -527,8 +519,8 @@ void setTexts(const Arguments& args, vdir::VdirItemChanges& changes) {
 // an hour, or a day when all-day.
 void setTimes(const Arguments& args, const vdir::VdirClock& clock, bool isNew, vdir::VdirItemChanges& changes) {
   if (!args.end.empty() && !args.duration.empty()) throw Exit{kExitUsage, "vesp: give --end or --duration, not both"};
-  if (!args.start.empty()) changes.start = timeOf(args.start, "--start", args.allDay, clock);
-  if (!args.end.empty()) changes.end = timeOf(args.end, "--end", args.allDay, clock);
+  if (!args.start.empty()) changes.start = timeOf(typedDate(args.start, "--start"), args.allDay, clock);
+  if (!args.end.empty()) changes.end = timeOf(typedDate(args.end, "--end"), args.allDay, clock);
   if (!changes.start || changes.end || (args.duration.empty() && !isNew)) return;
   const long long seconds = args.duration.empty() ? (args.allDay ? 86400 : 3600) : durationOf(args.duration);
   if (args.allDay && seconds % 86400 != 0)
@@ -793,7 +785,10 @@ void runImport(Invocation& call) {
 vdir::VdirItemChanges reminderChanges(const Arguments& args, const vdir::VdirClock& clock) {
   vdir::VdirItemChanges changes;
   setTexts(args, changes);
-  if (!args.due.empty()) changes.due = timeOf(args.due, "--due", args.due.size() == 10, clock);
+  if (!args.due.empty()) {
+    const TypedDate due = typedDate(args.due, "--due");
+    changes.due = timeOf(due, due.day, clock);
+  }
   changes.priority = args.priority;
   return changes;
 }
@@ -999,7 +994,8 @@ void addGlobalOptions(CLI::App& app, Arguments& args) {
   app.add_flag("--verbose", args.verbose, "Log the library's failures to stderr, one JSON object per line");
   app.footer("Exit status: 0 success, 1 failure, 2 bad arguments, 3 access not granted, 4 no store, 5 not found,\n"
              "6 the file changed on disk meanwhile (nothing was written), 7 read-only calendar or file.\n"
-             "Dates are YYYY-MM-DD or YYYY-MM-DDTHH:MM[:SS] in local time, or UTC with a trailing Z.\n"
+             "Dates are typed as people say them (tomorrow, fri 9:30, +3d, next month, 2026-12-01T09:30):\n"
+             "`vesp help dates` lists every form.\n"
              "Colour is used on a terminal unless NO_COLOR is set.");
 }
 
@@ -1009,7 +1005,7 @@ void addItemOptions(CLI::App* command, Arguments& args, bool event) {
   command->add_option("--url", args.url, "A link (an empty text removes it)");
   command->add_flag("--dry-run", args.dryRun, "Print the iCalendar text that would be written, and write nothing");
   if (event) {
-    command->add_option("--start", args.start, "When it starts");
+    command->add_option("--start", args.start, "When it starts (tomorrow 14:00, fri 9:30, 2026-12-01T09:30: vesp help dates)");
     command->add_option("--end", args.end, "When it ends (exclusive)");
     command->add_option("--duration", args.duration, "How long it lasts instead of --end: 1h30m, 45m, 2d");
     command->add_flag("--all-day", args.allDay, "An all-day event: --start and --end are days");
@@ -1023,7 +1019,7 @@ void addItemOptions(CLI::App* command, Arguments& args, bool event) {
         "several; none removes them "
         "(the alarms given replace the ones the event had)");
   } else {
-    command->add_option("--due", args.due, "When it is due: a day, or a day and time");
+    command->add_option("--due", args.due, "When it is due: a day, or a day and time (friday, tomorrow 17:00, +3d)");
     command->add_option("--priority", args.priority, "0 (none), 1 (highest) to 9 (lowest)")->check(CLI::Range(0, 9));
   }
 }
@@ -1140,7 +1136,7 @@ std::vector<Subcommand> addSubcommands(CLI::App& app, Arguments& args) {
                       [](Invocation& call) { runCalendars(call, platform::EKEntityTypeReminder); }});
 
   auto* events = app.add_subcommand("events", "List the occurrences of events in a period, as an agenda");
-  events->add_option("--from", args.from, "First day or time (default: today)");
+  events->add_option("--from", args.from, "First day or time (default: today; monday, next month, +3d, 2026-12-01)");
   events->add_option("--to", args.to, "End, exclusive (default: seven days after --from)");
   events->add_option("--calendar", args.calendarIds, "Only this calendar (repeatable; `vesp calendars` lists them)");
   events->add_flag("--refs", args.refs,
@@ -1171,6 +1167,9 @@ std::vector<Subcommand> addSubcommands(CLI::App& app, Arguments& args) {
       {app.add_subcommand("doctor", "List what in the store was skipped or repaired, and why"), runDoctor});
   addWriteCommands(app, args, commands);
   addConfigCommands(app, args, commands);
+  auto* help = app.add_subcommand("help", "Explain a topic: `vesp help dates` lists the forms a date may take");
+  help->add_option("TOPIC", args.topic, "dates (without one: the commands)")->check(CLI::IsMember({"dates"}));
+  commands.push_back({help, nullptr});
   return commands;
 }
 
@@ -1202,6 +1201,10 @@ int runVesp(int argc, const char* const* argv, std::ostream& out, std::ostream& 
   auto last = std::find_if(commands.rbegin(), commands.rend(), [](const Subcommand& c) { return c.parser->parsed(); });
   auto chosen = std::prev(last.base());
   const std::string name = chosen->parser->get_name();
+  if (name == "help") {
+    out << (args.topic.empty() ? app.help() : std::string(kDateForms));
+    return kExitSuccess;
+  }
   try {
     if (name != "access" && !std::filesystem::is_directory(args.store))
       throw Exit{kExitNoStore, "vesp: there is no calendar store at " + args.store +

@@ -111,24 +111,6 @@ std::string localTime(platform::Date date, const char* format) {
 
 }  // namespace
 
-platform::Date localMidnightOf(platform::Date date) {
-  auto seconds = static_cast<std::time_t>(std::floor(date.timeIntervalSince1970()));
-  std::tm fields{};
-  localtime_r(&seconds, &fields);
-  fields.tm_hour = fields.tm_min = fields.tm_sec = 0;
-  fields.tm_isdst = -1;
-  return platform::Date::fromTimeIntervalSince1970(static_cast<double>(std::mktime(&fields)));
-}
-
-platform::Date addLocalDays(platform::Date date, int days) {
-  auto seconds = static_cast<std::time_t>(date.timeIntervalSince1970());
-  std::tm fields{};
-  localtime_r(&seconds, &fields);
-  fields.tm_mday += days;
-  fields.tm_isdst = -1;
-  return platform::Date::fromTimeIntervalSince1970(static_cast<double>(std::mktime(&fields)));
-}
-
 namespace {
 
 std::string swatch(const platform::CGColorRef& colour, const HumanStyle& style) {

@@ -11,6 +11,7 @@
 #include "Vesp/VespEventInstance.h"
 #include "Vesp/VespReminder.h"
 #include "platforms/vdir/VdirItem.h"
+#include "tools/vesp/VespDates.h"
 #include "tools/vesp/VespReminderList.h"
 
 namespace vesp::tool {
@@ -38,11 +39,6 @@ std::string occurrenceHash(const VespEventInstance& event);  // 16 hex digits
 // The reference of each of `events`, given every occurrence of their days (a superset of them).
 std::vector<std::string> references(const std::vector<VespEventInstance>& events,
                                     const std::vector<VespEventInstance>& sameDays);
-
-// Local midnight of `date`'s local day, and whole local days added (a day across a clock change is
-// not 24 hours).
-platform::Date localMidnightOf(platform::Date date);
-platform::Date addLocalDays(platform::Date date, int days);
 
 void printCalendars(std::ostream& out, const std::vector<VespCalendar>& calendars, const HumanStyle& style);
 // The agenda of [windowStart, windowEnd), grouped by local day, times in the local zone. An

@@ -1,0 +1,33 @@
+// Dates and times as people type them ("tomorrow 14:00", "friday", "+3d", "next month",
+// "2026-12-01T09:30"), read in the local zone (TZ), and the local-day arithmetic that the views and
+// the command line share.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <variant>
+
+#include "support/platform/Date.h"
+
+namespace vesp::tool {
+
+// Local midnight of `date`'s local day, and whole local days added (a day across a clock change is
+// not 24 hours).
+platform::Date localMidnightOf(platform::Date date);
+platform::Date addLocalDays(platform::Date date, int days);
+
+// A date as typed: a whole local day (`instant` is its midnight) or a moment.
+struct TypedDate {
+  platform::Date instant;
+  bool day = false;  // a day without a time of day
+  bool utc = false;  // a moment written in UTC (ending in Z)
+};
+
+// Reads `text` as it stands at `now`. On failure, why, as words that follow the text in a message:
+// "is not a date: ...", "is not a real date", "is ambiguous: ...".
+std::variant<TypedDate, std::string> readTypedDate(std::string_view text, platform::Date now);
+
+// The forms readTypedDate takes, as `vesp help dates` prints them.
+extern const char* const kDateForms;
+
+}  // namespace vesp::tool

@@ -72,4 +72,23 @@ std::size_t canonicalHash(std::string_view text) {
   return std::hash<std::u32string>{}(scalars);
 }
 
+std::string foldedText(std::string_view text) {
+  auto lowerAscii = [](std::string_view bytes) {
+    std::string lowered(bytes);
+    for (char& c : lowered)
+      if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    return lowered;
+  };
+  if (isAscii(text)) return lowerAscii(text);
+  utf8proc_uint8_t* folded = nullptr;
+  const utf8proc_ssize_t length = utf8proc_map(
+      reinterpret_cast<const utf8proc_uint8_t*>(text.data()), static_cast<utf8proc_ssize_t>(text.size()), &folded,
+      static_cast<utf8proc_option_t>(UTF8PROC_STABLE | UTF8PROC_COMPOSE | UTF8PROC_COMPAT | UTF8PROC_CASEFOLD |
+                                     UTF8PROC_STRIPMARK));
+  if (length < 0) return lowerAscii(text);
+  std::string result(reinterpret_cast<const char*>(folded), static_cast<std::size_t>(length));
+  std::free(folded);
+  return result;
+}
+
 }  // namespace vesp

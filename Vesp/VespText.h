@@ -18,4 +18,9 @@ bool canonicallyEqual(std::string_view lhs, std::string_view rhs);
 std::strong_ordering canonicalCompare(std::string_view lhs, std::string_view rhs);
 std::size_t canonicalHash(std::string_view text);
 
+// A text as a person's search or name is matched against it, in UTF-8: case folded, accents and
+// other marks removed, compatibility forms mapped to their plain ones ("ﬁ" to "fi"), in NFC. So
+// "Café", "CAFE" and "cafe" fold alike. Invalid UTF-8 is folded in its ASCII bytes alone.
+std::string foldedText(std::string_view text);
+
 }  // namespace vesp

@@ -25,6 +25,7 @@
 #include "Vesp/VespCalendarManager.h"
 #include "Vesp/VespCodingError.h"
 #include "Vesp/VespJSONCoder.h"
+#include "Vesp/VespText.h"
 #include "platforms/vdir/VdirEdit.h"
 #include "platforms/vdir/VdirErrors.h"
 #include "platforms/vdir/VdirImport.h"
@@ -225,26 +226,63 @@ class Session {
   keel::KeelManagerFramework framework_;
 };
 
-// The calendars `identifiers` name, each one of `known`; an unknown one is a usage error that says
-// which command (`listing`) lists them.
-std::set<std::string> chosenCalendars(const std::vector<std::string>& identifiers,
-                                      const std::vector<VespCalendar>& known, const char* listing) {
+// A calendar as a person may name it: by its identifier or by its title.
+struct NamedCalendar {
+  std::string identifier, title;
+};
+
+std::vector<NamedCalendar> namesOf(const std::vector<VespCalendar>& calendars) {
+  std::vector<NamedCalendar> names;
+  for (const auto& calendar : calendars) names.push_back({calendar.calendarIdentifier(), calendar.title()});
+  return names;
+}
+
+// The identifier `given` names among `known`: an identifier, else a title, compared as searches
+// compare (case and accents aside). A title several calendars share is a usage error naming them,
+// which says which command (`listing`) lists them; none when nothing has that name.
+std::optional<std::string> calendarNamed(const std::string& given, const std::vector<NamedCalendar>& known,
+                                         const char* listing) {
+  for (const auto& calendar : known)
+    if (calendar.identifier == given) return calendar.identifier;
+  const std::string folded = foldedText(given);
+  std::vector<const NamedCalendar*> matches;
+  for (const auto& calendar : known)
+    if (foldedText(calendar.title) == folded) matches.push_back(&calendar);
+  if (matches.size() == 1) return matches[0]->identifier;
+  if (matches.empty()) return std::nullopt;
+  std::string names;
+  for (const auto* match : matches)
+    names += std::string(names.empty() ? "" : ", ") + "\"" + neutralised(match->identifier) + "\"";
+  throw Exit{kExitUsage, "vesp: \"" + neutralised(given) + "\" is the name of " + std::to_string(matches.size()) +
+                             " calendars (" + names + "): give one's identifier; `vesp " + listing + "` lists them"};
+}
+
+// The calendars `given` name (identifiers or titles), each one of `known`; an unknown one is a
+// usage error that says which command (`listing`) lists them.
+std::set<std::string> chosenCalendars(const std::vector<std::string>& given, const std::vector<VespCalendar>& known,
+                                      const char* listing) {
+  const auto names = namesOf(known);
   std::set<std::string> wanted;
-  for (const auto& identifier : identifiers) {
-    bool exists = std::any_of(known.begin(), known.end(), [&](const VespCalendar& calendar) {
-      return calendar.calendarIdentifier() == identifier;
-    });
-    if (!exists)
-      throw Exit{kExitUsage, "vesp: there is no calendar \"" + identifier + "\"; `vesp " + listing + "` lists them"};
-    wanted.insert(identifier);
+  for (const auto& name : given) {
+    const auto identifier = calendarNamed(name, names, listing);
+    if (!identifier)
+      throw Exit{kExitUsage, "vesp: there is no calendar \"" + neutralised(name) + "\"; `vesp " + listing + "` lists them"};
+    wanted.insert(*identifier);
   }
   return wanted;
 }
 
-VespCalendarQuery queryOf(const std::vector<std::string>& identifiers, const std::vector<VespCalendar>& known,
-                          const char* listing) {
-  if (identifiers.empty()) return VespCalendarQuery::all();
-  return VespCalendarQuery::some(chosenCalendars(identifiers, known, listing));
+// The calendars of --calendar (every one without it), less those of --not-calendar.
+VespCalendarQuery queryOf(const std::vector<std::string>& given, const std::vector<std::string>& excluded,
+                          const std::vector<VespCalendar>& known, const char* listing) {
+  if (given.empty() && excluded.empty()) return VespCalendarQuery::all();
+  std::set<std::string> wanted;
+  if (given.empty())
+    for (const auto& calendar : known) wanted.insert(calendar.calendarIdentifier());
+  else
+    wanted = chosenCalendars(given, known, listing);
+  for (const auto& identifier : chosenCalendars(excluded, known, listing)) wanted.erase(identifier);
+  return VespCalendarQuery::some(wanted);
 }
 
 template <class T>
@@ -260,15 +298,18 @@ struct Arguments {
   std::string from, to;                  // events, reminders
   std::string status;                    // reminders --status
   std::vector<std::string> calendarIds;  // events --calendar, reminders --list
+  std::vector<std::string> excludedIds;  // events --not-calendar
   std::string identifier;                // event IDENTIFIER, reminder ID
   std::size_t count = 0;                 // watch --count
   std::string accessKind;                // access KIND
   std::string topic;                     // help TOPIC
+  std::string text;                      // search TEXT
   bool request = false, reset = false;   // access --request, --reset
   // The commands that write: new, edit, delete, reminder new|done|undo|delete.
   std::string title, start, end, duration, due, occurrence, calendar;
   std::optional<std::string> location, notes, url;
   std::optional<int> priority;
+  std::string atLeastPriority, dueBefore;  // reminders --priority, --due-before
   std::optional<std::string> repeat;  // new, edit: an RRULE value
   std::vector<std::string> alarms;    // new, edit: "-15m", ... or "none"
   bool allDay = false, future = false, dryRun = false;
@@ -313,7 +354,8 @@ void runEvents(Invocation& call) {
   auto [start, end] = periodOf(call.args);
   call.session.requireAccess(platform::EKEntityTypeEvent, true);
   auto& manager = call.session.manager();
-  auto query = queryOf(call.args.calendarIds, valueOrExit(manager.getAllEventCalendars(), kExitFailure), "calendars");
+  auto query = queryOf(call.args.calendarIds, call.args.excludedIds,
+                       valueOrExit(manager.getAllEventCalendars(), kExitFailure), "calendars");
   auto found = valueOrExit(manager.getEventInstances(start, end, query), kExitFailure);
   std::optional<std::vector<std::string>> refs;
   if (call.args.refs && !found.empty()) {
@@ -327,6 +369,39 @@ void runEvents(Invocation& call) {
     writeArray(call.out, found, refs ? &*refs : nullptr);
   else
     printAgenda(call.out, found, start, end, call.style, refs ? &*refs : nullptr);
+}
+
+// Whether `event` mentions `folded` (a folded text) in its title, location, notes, or an
+// attendee's name or address.
+bool mentions(const VespEventInstance& event, const std::string& folded) {
+  auto has = [&](const std::string& text) { return foldedText(text).find(folded) != std::string::npos; };
+  auto hasOptional = [&](const std::optional<std::string>& text) { return text && has(*text); };
+  if (has(event.title()) || hasOptional(event.location()) || hasOptional(event.notes())) return true;
+  if (!event.attendees()) return false;
+  return std::any_of(event.attendees()->begin(), event.attendees()->end(), [&](const VespEventParticipant& attendee) {
+    return hasOptional(attendee.name()) || has(attendee.url().absoluteString());
+  });
+}
+
+// The occurrences from --from to --to (a year back to a year ahead by default) that mention the
+// text, compared folded: case and accents aside.
+void runSearch(Invocation& call) {
+  const std::string wanted = foldedText(call.args.text);
+  if (wanted.empty()) throw Exit{kExitUsage, "vesp: give some text to search for"};
+  const Date today = localMidnightToday();
+  const Date start = call.args.from.empty() ? addLocalDays(today, -365) : parseDate(call.args.from, "--from");
+  const Date end = call.args.to.empty() ? addLocalDays(today, 366) : parseDate(call.args.to, "--to");
+  if (end <= start) throw Exit{kExitUsage, "vesp: --to must be later than --from"};
+  call.session.requireAccess(platform::EKEntityTypeEvent, true);
+  auto& manager = call.session.manager();
+  auto query = queryOf(call.args.calendarIds, call.args.excludedIds,
+                       valueOrExit(manager.getAllEventCalendars(), kExitFailure), "calendars");
+  auto found = valueOrExit(manager.getEventInstances(start, end, query), kExitFailure);
+  std::erase_if(found, [&](const VespEventInstance& event) { return !mentions(event, wanted); });
+  if (call.args.asJSON)
+    writeArray(call.out, found);
+  else
+    printAgenda(call.out, found, start, end, call.style);
 }
 
 // The occurrence a short reference ("20261109-3fa2", as `vesp events --refs` prints it) names;
@@ -365,6 +440,11 @@ ReminderSelection selectionOf(const Arguments& args, std::set<std::string> lists
   selection.completed = (status.empty() && period) || status == "completed" || status == "any";
   selection.cancelled = status == "cancelled" || status == "any";
   selection.lists = std::move(lists);
+  if (!args.dueBefore.empty()) selection.dueBefore = parseDate(args.dueBefore, "--due-before");
+  if (!args.atLeastPriority.empty()) {
+    const std::string& given = args.atLeastPriority;
+    selection.atLeastPriority = given == "high" ? 4 : given == "medium" ? 5 : given == "low" ? 9 : std::stoi(given);
+  }
   return selection;
 }
 
@@ -544,11 +624,20 @@ VespSettings settingsOf(const Arguments& args) {
   }
 }
 
+// The collection `given` names, by identifier or title; `given` itself when nothing has that name,
+// so that the write says there is no such calendar.
+std::string givenCollection(Invocation& call, const std::string& given, const char* listing) {
+  std::vector<NamedCalendar> names;
+  for (const auto& collection : call.session.platform().store()->snapshot()->collections)
+    names.push_back({collection.identifier, collection.calendar->title()});
+  return calendarNamed(given, names, listing).value_or(given);
+}
+
 // The collection a new item goes to: --calendar, else for an event the default calendar set with
 // `vesp config`, else the first writable one holding `mask`.
 std::string collectionFor(Invocation& call, platform::EKEntityMask mask, const char* listing, const char* option) {
   auto& store = *call.session.platform().store();
-  if (!call.args.calendar.empty()) return call.args.calendar;
+  if (!call.args.calendar.empty()) return givenCollection(call, call.args.calendar, listing);
   auto snapshot = store.snapshot();
   if (mask == platform::EKEntityMaskEvent) {
     if (const auto chosen = settingsOf(call.args).defaultCalendar()) {
@@ -690,7 +779,7 @@ void runEdit(Invocation& call) {
   setTimes(call.args, store->clock(), false, changes);
   setRepeatAndAlarms(call.args, changes);
   std::optional<std::string> collection;
-  if (!call.args.calendar.empty()) collection = call.args.calendar;
+  if (!call.args.calendar.empty()) collection = givenCollection(call, call.args.calendar, "calendars");
   // One occurrence changed: it is what is shown, under its original date.
   const bool one = chosen.recurring && chosen.span == vdir::VdirSpan::thisOccurrence;
   saveOrShow(call, editor,
@@ -954,10 +1043,12 @@ void runDefaultCalendar(Invocation& call) {
   const Arguments& args = call.args;
   VespSettings settings = settingsOf(args);
   if (args.setting && args.unset) throw Exit{kExitUsage, "vesp: give a calendar or --unset, not both"};
+  std::optional<std::string> chosen;
   if (args.setting) {
     auto& store = *call.session.platform().store();
     auto snapshot = store.snapshot();
-    const auto* found = collectionNamed(*snapshot, *args.setting);
+    chosen = givenCollection(call, *args.setting, "calendars");
+    const auto* found = collectionNamed(*snapshot, *chosen);
     if (!found)
       throw Exit{kExitNotFound, "vesp: the store has no calendar \"" + neutralised(*args.setting) +
                                     "\" (`vesp calendars` lists them)"};
@@ -970,7 +1061,7 @@ void runDefaultCalendar(Invocation& call) {
                                    "\" is read-only: its directory cannot be written, so it cannot take new events"};
   }
   try {
-    if (args.setting || args.unset) settings.setDefaultCalendar(args.setting);
+    if (args.setting || args.unset) settings.setDefaultCalendar(chosen);
   } catch (const std::exception& failure) {
     throw Exit{kExitFailure, failure.what()};
   }
@@ -1044,7 +1135,8 @@ void addWriteCommands(CLI::App& app, Arguments& args, std::vector<Subcommand>& c
   created->add_option("TITLE", args.title, "What it is")->required();
   created->add_option(
       "--calendar", args.calendar,
-      "The calendar (default: the one set with `vesp config default-calendar`, else the first writable one)");
+      "The calendar, by identifier or title (default: the one set with `vesp config default-calendar`, else the "
+      "first writable one)");
   addItemOptions(created, args, true);
   created->get_option("--start")->required();
   commands.push_back({created, runNew});
@@ -1053,7 +1145,7 @@ void addWriteCommands(CLI::App& app, Arguments& args, std::vector<Subcommand>& c
   addOccurrenceOptions(edit, args,
                        "The same as --span future: this and every later occurrence (a new series from it on)");
   edit->add_option("--title", args.title, "A new title");
-  edit->add_option("--calendar", args.calendar, "Move the whole series to this calendar");
+  edit->add_option("--calendar", args.calendar, "Move the whole series to this calendar (identifier or title)");
   addItemOptions(edit, args, true);
   commands.push_back({edit, runEdit});
 
@@ -1079,7 +1171,7 @@ void addConfigCommands(CLI::App& app, Arguments& args, std::vector<Subcommand>& 
   commands.push_back({config, [](Invocation& call) { printSettings(call, settingsOf(call.args)); }});
   auto* defaultCalendar =
       config->add_subcommand("default-calendar", "Show, set or forget the calendar `vesp new` uses without --calendar");
-  defaultCalendar->add_option("ID", args.setting, "The calendar's identifier (`vesp calendars` lists them)");
+  defaultCalendar->add_option("ID", args.setting, "The calendar's identifier or title (`vesp calendars` lists them)");
   defaultCalendar->add_flag("--unset", args.unset, "Forget it: new events go to the first writable calendar");
   commands.push_back({defaultCalendar, runDefaultCalendar});
 }
@@ -1094,7 +1186,12 @@ void addReminderCommands(CLI::App& app, Arguments& args, std::vector<Subcommand>
                         "open, completed, cancelled or any (default: open, and with a period completed too)")
       ->check(CLI::IsMember({"open", "completed", "cancelled", "any"}));
   reminders->add_option("--list", args.calendarIds,
-                        "Only this reminder list (repeatable; `vesp reminder-lists` lists them)");
+                        "Only this reminder list, by identifier or title (repeatable; `vesp reminder-lists` lists them)");
+  reminders
+      ->add_option("--priority", args.atLeastPriority,
+                   "Only those at least this pressing: high (1-4), medium (5), low (6-9), or 1 (highest) to 9")
+      ->check(CLI::IsMember({"high", "medium", "low", "1", "2", "3", "4", "5", "6", "7", "8", "9"}));
+  reminders->add_option("--due-before", args.dueBefore, "Only those due before this (friday, +3d, 2026-12-01)");
   commands.push_back({reminders, runReminders});
 
   auto* reminder = app.add_subcommand("reminder", "Show, create, complete, reopen, change or delete a reminder");
@@ -1128,6 +1225,17 @@ void addReminderCommands(CLI::App& app, Arguments& args, std::vector<Subcommand>
   }
 }
 
+void addSearchCommand(CLI::App& app, Arguments& args, std::vector<Subcommand>& commands) {
+  auto* search = app.add_subcommand(
+      "search", "List the occurrences whose title, location, notes or attendees mention a text (case and accents aside)");
+  search->add_option("TEXT", args.text, "What to look for")->required();
+  search->add_option("--from", args.from, "First day or time (default: a year ago)");
+  search->add_option("--to", args.to, "End, exclusive (default: a year from today)");
+  search->add_option("--calendar", args.calendarIds, "Only this calendar, by identifier or title (repeatable)");
+  search->add_option("--not-calendar", args.excludedIds, "Not this calendar, by identifier or title (repeatable)");
+  commands.push_back({search, runSearch});
+}
+
 std::vector<Subcommand> addSubcommands(CLI::App& app, Arguments& args) {
   std::vector<Subcommand> commands;
   commands.push_back({app.add_subcommand("calendars", "List the event calendars"),
@@ -1138,7 +1246,10 @@ std::vector<Subcommand> addSubcommands(CLI::App& app, Arguments& args) {
   auto* events = app.add_subcommand("events", "List the occurrences of events in a period, as an agenda");
   events->add_option("--from", args.from, "First day or time (default: today; monday, next month, +3d, 2026-12-01)");
   events->add_option("--to", args.to, "End, exclusive (default: seven days after --from)");
-  events->add_option("--calendar", args.calendarIds, "Only this calendar (repeatable; `vesp calendars` lists them)");
+  events->add_option("--calendar", args.calendarIds,
+                      "Only this calendar, by identifier or title (repeatable; `vesp calendars` lists them)");
+  events->add_option("--not-calendar", args.excludedIds, "Not this calendar, by identifier or title (repeatable)");
+  addSearchCommand(app, args, commands);
   events->add_flag("--refs", args.refs,
                    "Show each occurrence's short reference (YYYYMMDD-hash), which edit, delete and event take");
   commands.push_back({events, runEvents});

@@ -53,6 +53,11 @@ std::vector<ListedReminder> listReminders(vdir::VdirPlatform& platform, const Re
     fetchInto(store, store.predicateForCompletedRemindersWithCompletionDateStarting(start, end, calendars), found);
   if (selection.cancelled)
     fetchInto(store, store.predicateForCancelledRemindersWithDueDateStarting(start, end, calendars), found);
+  std::erase_if(found, [&](const ListedReminder& reminder) {
+    const auto& [priority, due] = std::tie(reminder.priority, reminder.due);
+    return (selection.atLeastPriority && (priority == 0 || priority > *selection.atLeastPriority)) ||
+           (selection.dueBefore && (!due || !(*due < *selection.dueBefore)));
+  });
   return found;
 }
 

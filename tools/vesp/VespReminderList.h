@@ -29,6 +29,9 @@ struct ReminderSelection {
   // open, and with both absent, to-dos without such a date are included.
   std::optional<platform::Date> start, end;
   std::set<std::string> lists;  // calendar identifiers; empty: every list
+  // Only those at least this pressing: a priority from 1 (highest) to this; none is the least.
+  std::optional<std::int64_t> atLeastPriority;
+  std::optional<platform::Date> dueBefore;  // only those due before it (none undated)
 };
 
 // Fetches the selected reminders, in no particular order.

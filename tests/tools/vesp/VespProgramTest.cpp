@@ -908,6 +908,87 @@ TEST_F(VespToDoViewTest, AToDosRepeatIsMappedAndShown) {
   EXPECT_EQ(json::parse(run({"reminder", "t/Overdue.ics", "--json"}).out)["recurrenceRules"], nullptr);
 }
 
+TEST_F(VespToDoViewTest, ToDosAreFilteredByPriorityDueDateAndListTitle) {
+  EXPECT_THAT(titles({"--priority", "high"}), ::testing::ElementsAre("Also urgent", "Urgent"));
+  EXPECT_THAT(titles({"--priority", "2"}), ::testing::ElementsAre("Also urgent", "Urgent"));
+  EXPECT_THAT(titles({"--priority", "medium"}), ::testing::ElementsAre("Medium and undated", "Also urgent", "Urgent"));
+  EXPECT_THAT(titles({"--priority", "low", "--list", "WORK"}),
+              ::testing::ElementsAre("Low and overdue", "Medium and undated", "Also urgent", "Urgent"));
+  // Undated to-dos are due before no day.
+  EXPECT_THAT(titles({"--due-before", "2026-12-02"}), ::testing::ElementsAre("Overdue", "Low and overdue", "Also urgent"));
+  EXPECT_THAT(titles({"--due-before", "2026-12-02", "--list", "Tasks"}), ::testing::ElementsAre("Overdue"));
+  EXPECT_THAT(titles({"--due-before", "2026-12-02", "--status", "any", "--priority", "9"}),
+              ::testing::ElementsAre("Low and overdue", "Also urgent"));
+  auto bad = run({"reminders", "--priority", "urgent"});
+  EXPECT_EQ(bad.status, 2);
+}
+
+TEST_F(VespWritingTest, CalendarsAreChosenByTitleOrIdentifierAndLeftOut) {
+  const char* start = "20261102T090000Z";
+  writeFile(root_.path() / "c/displayname", "Work\n");
+  writeFile(root_.path() / "b/displayname", "Birthdays\n");
+  writeFile(root_.path() / "b/ada.ics", vdir::testing::simpleEvent("ada", "Ada", start, "20261102T100000Z"));
+  writeFile(root_.path() / "k/displayname", "Caf\u00e9\n");
+  writeFile(root_.path() / "k/coffee.ics", vdir::testing::simpleEvent("coffee", "Coffee", start, "20261102T100000Z"));
+  auto titlesOf = [&](std::vector<std::string> options) {
+    options.insert(options.end(), {"--from", "2026-11-02", "--to", "2026-11-03", "--json"});
+    options.insert(options.begin(), "events");
+    auto listed = run(options);
+    EXPECT_EQ(listed.status, 0) << listed.err;
+    std::multiset<std::string> found;
+    for (const auto& event : json::parse(listed.out)) found.insert(event["title"].get<std::string>());
+    return found;
+  };
+  EXPECT_EQ(titlesOf({"--calendar", "work"}), (std::multiset<std::string>{"Team"}));
+  EXPECT_EQ(titlesOf({"--calendar", "CAFE", "--calendar", "b"}), (std::multiset<std::string>{"Ada", "Coffee"}));
+  EXPECT_EQ(titlesOf({"--not-calendar", "Birthdays"}), (std::multiset<std::string>{"Coffee", "Team"}));
+  EXPECT_EQ(titlesOf({"--calendar", "Work", "--not-calendar", "c"}), std::multiset<std::string>{});
+  auto unknown = run({"events", "--calendar", "Holidays"});
+  EXPECT_EQ(unknown.status, 2);
+  EXPECT_EQ(unknown.err, "vesp: there is no calendar \"Holidays\"; `vesp calendars` lists them\n");
+  // A new event goes to the calendar its title names.
+  auto created = run({"new", "Party", "--start", "2026-12-03T15:00", "--calendar", "birthdays", "--dry-run"});
+  ASSERT_EQ(created.status, 0) << created.err;
+  EXPECT_THAT(created.out, ::testing::HasSubstr("--- would write b/"));
+
+  writeFile(root_.path() / "w/displayname", "WORK\n");
+  writeFile(root_.path() / "w/x.ics", vdir::testing::simpleEvent("x", "X", start, "20261102T100000Z"));
+  auto ambiguous = run({"events", "--calendar", "Work"});
+  EXPECT_EQ(ambiguous.status, 2);
+  EXPECT_EQ(ambiguous.err, "vesp: \"Work\" is the name of 2 calendars (\"c\", \"w\"): give one's identifier; "
+                           "`vesp calendars` lists them\n");
+  EXPECT_EQ(run({"new", "Party", "--start", "2026-12-03T15:00", "--calendar", "work", "--dry-run"}).status, 2);
+  EXPECT_EQ(titlesOf({"--calendar", "w"}), (std::multiset<std::string>{"X"}));
+}
+
+TEST_F(VespWritingTest, SearchFindsTextInTitlesPlacesNotesAndAttendeesCaseAndAccentsAside) {
+  writeFile(root_.path() / "c/cafe.ics",
+            "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Other//EN\r\nBEGIN:VEVENT\r\nUID:cafe\r\n"
+            "DTSTAMP:20261001T000000Z\r\nDTSTART:20261110T150000Z\r\nDTEND:20261110T160000Z\r\n"
+            "SUMMARY:Caf\u00e9 with Zo\u00eb\r\nLOCATION:Hauptstra\u00dfe 1\r\nDESCRIPTION:Bring the \ufb01les\r\n"
+            "ATTENDEE;CN=\u00dcnal Demir:mailto:unal@example.org\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
+  auto found = [&](std::vector<std::string> options) {
+    options.insert(options.begin(), "search");
+    options.insert(options.end(), {"--from", "2026-11-01", "--to", "2026-12-01", "--json"});
+    auto listed = run(options);
+    EXPECT_EQ(listed.status, 0) << listed.err;
+    std::vector<std::string> titles;
+    for (const auto& event : json::parse(listed.out)) titles.push_back(event["title"]);
+    return titles;
+  };
+  const std::vector<std::string> cafe{"Caf\u00e9 with Zo\u00eb"};
+  for (const char* text : {"cafe", "ZOE", "CAF\u00c9", "strasse", "files", "unal", "EXAMPLE.ORG", "demir"})
+    EXPECT_EQ(found({text}), cafe) << text;
+  EXPECT_THAT(found({"team"}), ::testing::ElementsAre("Team", "Team", "Team", "Team", "Team"));
+  EXPECT_THAT(found({"tea"}), ::testing::ElementsAre("Team", "Team", "Team", "Team", "Team"));
+  EXPECT_THAT(found({"dentist"}), ::testing::IsEmpty());
+  EXPECT_THAT(found({"team", "--not-calendar", "c"}), ::testing::IsEmpty());
+  auto human = run({"search", "cafe", "--from", "2026-11-10", "--to", "2026-11-11"});
+  EXPECT_THAT(human.out, ::testing::HasSubstr("Caf\u00e9 with Zo\u00eb"));
+  EXPECT_THAT(human.out, ::testing::Not(::testing::HasSubstr("Team")));
+  EXPECT_EQ(run({"search", ""}).status, 2);
+}
+
 TEST_F(VespToDoViewTest, TodomanListsTheSameToDosInTheSameOrder) {
   if (!installed("todoman", "todoman")) GTEST_SKIP() << "needs the Debian package todoman (scripts/test installs it)";
   writeFile(config_.path() / "todoman.py", "path = \"" + root_.path().string() + "/*\"\ndate_format = \"%Y-%m-%d\"\n" +

@@ -315,6 +315,9 @@ struct Arguments {
   bool allDay = false, future = false, dryRun = false;
   std::string span;                    // edit, delete: this, future or all
   bool refs = false;                   // events --refs
+  std::optional<int> days;             // events --days
+  bool week = false, month = false;    // events --week, --month
+  std::string format;                  // events, search --format
   std::optional<std::string> setting;  // config default-calendar ID
   bool unset = false;                  // config default-calendar --unset
   std::vector<std::string> files;      // import FILE...
@@ -342,15 +345,46 @@ void runCalendars(Invocation& call, platform::EKEntityType type) {
     printCalendars(call.out, found, call.style);
 }
 
-// The period of --from and --to: today and a week by default.
+// The period of --from and --to (today and a week by default), or --days days from --from, or
+// the week (from Monday) or month that holds --from.
 std::pair<Date, Date> periodOf(const Arguments& args) {
   Date start = args.from.empty() ? localMidnightToday() : parseDate(args.from, "--from");
-  Date end = args.to.empty() ? addLocalDays(start, 7) : parseDate(args.to, "--to");
+  const int lengths = !args.to.empty() + args.days.has_value() + args.week + args.month;
+  if (lengths > 1) throw Exit{kExitUsage, "vesp: give one of --to, --days, --week and --month"};
+  if (args.week) return {localWeekStartOf(start), addLocalDays(localWeekStartOf(start), 7)};
+  if (args.month) return {localMonthStartOf(start), localMonthStartOf(start, 1)};
+  Date end = args.days ? addLocalDays(start, *args.days) : args.to.empty() ? addLocalDays(start, 7)
+                                                                           : parseDate(args.to, "--to");
   if (end <= start) throw Exit{kExitUsage, "vesp: --to must be later than --from"};
   return {start, end};
 }
 
+// Occurrences as --json, --format or the agenda (after the month's grid with --month) print them.
+void printOccurrences(Invocation& call, const std::vector<VespEventInstance>& found, std::pair<Date, Date> period,
+                      const std::vector<std::string>* refs) {
+  if (call.args.asJSON) {
+    writeArray(call.out, found, refs);
+  } else if (!call.args.format.empty()) {
+    printFormatted(call.out, found, call.args.format);
+  } else {
+    if (call.args.month) {
+      printMonthGrid(call.out, found, period.first);
+      call.out << '\n';
+    }
+    printAgenda(call.out, found, period.first, period.second, call.style, refs);
+  }
+}
+
+// --format, checked before anything is read.
+void checkFormat(const Arguments& args) {
+  if (args.format.empty()) return;
+  if (args.asJSON) throw Exit{kExitUsage, "vesp: give --json or --format, not both"};
+  if (auto problem = formatProblem(args.format))
+    throw Exit{kExitUsage, "vesp: --format \"" + neutralised(args.format) + "\" " + *problem};
+}
+
 void runEvents(Invocation& call) {
+  checkFormat(call.args);
   auto [start, end] = periodOf(call.args);
   call.session.requireAccess(platform::EKEntityTypeEvent, true);
   auto& manager = call.session.manager();
@@ -365,10 +399,7 @@ void runEvents(Invocation& call) {
     const Date from = localMidnightOf(first), to = addLocalDays(localMidnightOf(last), 1);
     refs = references(found, valueOrExit(manager.getEventInstances(from, to, VespCalendarQuery::all()), kExitFailure));
   }
-  if (call.args.asJSON)
-    writeArray(call.out, found, refs ? &*refs : nullptr);
-  else
-    printAgenda(call.out, found, start, end, call.style, refs ? &*refs : nullptr);
+  printOccurrences(call, found, {start, end}, refs ? &*refs : nullptr);
 }
 
 // Whether `event` mentions `folded` (a folded text) in its title, location, notes, or an
@@ -388,6 +419,7 @@ bool mentions(const VespEventInstance& event, const std::string& folded) {
 void runSearch(Invocation& call) {
   const std::string wanted = foldedText(call.args.text);
   if (wanted.empty()) throw Exit{kExitUsage, "vesp: give some text to search for"};
+  checkFormat(call.args);
   const Date today = localMidnightToday();
   const Date start = call.args.from.empty() ? addLocalDays(today, -365) : parseDate(call.args.from, "--from");
   const Date end = call.args.to.empty() ? addLocalDays(today, 366) : parseDate(call.args.to, "--to");
@@ -398,10 +430,7 @@ void runSearch(Invocation& call) {
                        valueOrExit(manager.getAllEventCalendars(), kExitFailure), "calendars");
   auto found = valueOrExit(manager.getEventInstances(start, end, query), kExitFailure);
   std::erase_if(found, [&](const VespEventInstance& event) { return !mentions(event, wanted); });
-  if (call.args.asJSON)
-    writeArray(call.out, found);
-  else
-    printAgenda(call.out, found, start, end, call.style);
+  printOccurrences(call, found, {start, end}, nullptr);
 }
 
 // The occurrence a short reference ("20261109-3fa2", as `vesp events --refs` prints it) names;
@@ -1233,6 +1262,7 @@ void addSearchCommand(CLI::App& app, Arguments& args, std::vector<Subcommand>& c
   search->add_option("--to", args.to, "End, exclusive (default: a year from today)");
   search->add_option("--calendar", args.calendarIds, "Only this calendar, by identifier or title (repeatable)");
   search->add_option("--not-calendar", args.excludedIds, "Not this calendar, by identifier or title (repeatable)");
+  search->add_option("--format", args.format, "One line per occurrence, as for `vesp events --format`");
   commands.push_back({search, runSearch});
 }
 
@@ -1249,6 +1279,12 @@ std::vector<Subcommand> addSubcommands(CLI::App& app, Arguments& args) {
   events->add_option("--calendar", args.calendarIds,
                       "Only this calendar, by identifier or title (repeatable; `vesp calendars` lists them)");
   events->add_option("--not-calendar", args.excludedIds, "Not this calendar, by identifier or title (repeatable)");
+  events->add_option("--days", args.days, "This many days from --from")->check(CLI::Range(1, 3660));
+  events->add_flag("--week", args.week, "The week (Monday to Sunday) that holds --from (default: this week)");
+  events->add_flag("--month", args.month, "The month that holds --from, drawn as a grid before the agenda");
+  events->add_option("--format", args.format,
+                     "One line per occurrence, with {title}, {start}, {end}, {calendar}, {location} and other "
+                     "fields replaced (an unknown one lists them all), e.g. \"{start}  {title}\"");
   addSearchCommand(app, args, commands);
   events->add_flag("--refs", args.refs,
                    "Show each occurrence's short reference (YYYYMMDD-hash), which edit, delete and event take");

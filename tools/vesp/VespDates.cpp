@@ -42,6 +42,19 @@ Date addLocalDays(Date date, int days) {
   return fromLocal(fields);
 }
 
+Date localWeekStartOf(Date date) {
+  const Date midnight = localMidnightOf(date);
+  return addLocalDays(midnight, -((localFields(midnight).tm_wday + 6) % 7));
+}
+
+Date localMonthStartOf(Date date, int monthsLater) {
+  std::tm fields = localFields(date);
+  fields.tm_mday = 1;
+  fields.tm_mon += monthsLater;
+  fields.tm_hour = fields.tm_min = fields.tm_sec = 0;
+  return fromLocal(fields);
+}
+
 namespace {
 
 using Reading = std::variant<TypedDate, std::string>;
@@ -138,24 +151,15 @@ DayReading dayOfPhrase(const std::string& which, const std::string& what, Date n
   const int step = which == "next" ? 1 : which == "last" ? -1 : which == "this" ? 0 : 2;
   if (step == 2) return std::monostate{};
   const Date today = localMidnightOf(now);
-  std::tm fields = localFields(today);
-  const int sinceMonday = (fields.tm_wday + 6) % 7;
-  if (what == "week") return addLocalDays(today, 7 * step - sinceMonday);
-  if (what == "month" || what == "year") {
-    fields.tm_mday = 1;
-    if (what == "month") {
-      fields.tm_mon += step;
-    } else {
-      fields.tm_mon = 0;
-      fields.tm_year += step;
-    }
-    return fromLocal(fields);
-  }
+  const std::tm fields = localFields(today);
+  if (what == "week") return addLocalDays(localWeekStartOf(today), 7 * step);
+  if (what == "month") return localMonthStartOf(today, step);
+  if (what == "year") return localMonthStartOf(today, 12 * step - fields.tm_mon);
   auto named = oneDayWord(what);
   if (auto* reason = std::get_if<std::string>(&named)) return *reason;
   const DayWord* day = std::get<const DayWord*>(named);
   if (!day || day->weekday < 0) return std::monostate{};
-  if (step == 0) return addLocalDays(today, (day->weekday + 6) % 7 - sinceMonday);
+  if (step == 0) return addLocalDays(localWeekStartOf(today), (day->weekday + 6) % 7);
   if (step > 0) return addLocalDays(today, daysUntil(fields.tm_wday, day->weekday, true));
   return addLocalDays(today, -daysUntil(day->weekday, fields.tm_wday, true));
 }

@@ -15,6 +15,10 @@ namespace vesp::tool {
 // not 24 hours).
 platform::Date localMidnightOf(platform::Date date);
 platform::Date addLocalDays(platform::Date date, int days);
+// Local midnight of the Monday that begins `date`'s week, and of the first day of its month,
+// `monthsLater` months on.
+platform::Date localWeekStartOf(platform::Date date);
+platform::Date localMonthStartOf(platform::Date date, int monthsLater = 0);
 
 // A date as typed: a whole local day (`instant` is its midnight) or a moment.
 struct TypedDate {

@@ -390,14 +390,19 @@ std::string agendaTime(const VespEventInstance& event, int day, int days) {
 
 }  // namespace
 
-void printAgenda(std::ostream& out, const std::vector<VespEventInstance>& events, platform::Date windowStart,
-                 platform::Date windowEnd, const HumanStyle& style, const std::vector<std::string>* refs) {
-  struct Line {
-    platform::Date day;
-    std::size_t index;
-    int dayNumber, days;
-  };
-  std::vector<Line> lines;
+namespace {
+
+// One occurrence on one of the local days it covers: day `dayNumber` (from 0) of `days`.
+struct AgendaLine {
+  platform::Date day;
+  std::size_t index;  // in the occurrences
+  int dayNumber, days;
+};
+
+// Each of `events` on each local day of [windowStart, windowEnd) it covers, by day.
+std::vector<AgendaLine> agendaLines(const std::vector<VespEventInstance>& events, platform::Date windowStart,
+                                    platform::Date windowEnd) {
+  std::vector<AgendaLine> lines;
   const platform::Date firstShown = localMidnightOf(windowStart);
   LocalDays local;
   for (std::size_t index = 0; index < events.size(); ++index) {
@@ -409,9 +414,124 @@ void printAgenda(std::ostream& out, const std::vector<VespEventInstance>& events
       lines.push_back({day, index, k, days});
     }
   }
-  std::stable_sort(lines.begin(), lines.end(), [](const Line& a, const Line& b) { return a.day < b.day; });
+  std::stable_sort(lines.begin(), lines.end(),
+                   [](const AgendaLine& a, const AgendaLine& b) { return a.day < b.day; });
+  return lines;
+}
+
+int dayOfMonth(platform::Date date) {
+  auto seconds = static_cast<std::time_t>(std::floor(date.timeIntervalSince1970()));
+  std::tm fields{};
+  localtime_r(&seconds, &fields);
+  return fields.tm_mday;
+}
+
+}  // namespace
+
+void printMonthGrid(std::ostream& out, const std::vector<VespEventInstance>& events, platform::Date month) {
+  const platform::Date first = localMonthStartOf(month), next = localMonthStartOf(month, 1);
+  std::vector<bool> busy(32, false);
+  for (const AgendaLine& line : agendaLines(events, first, next)) busy[static_cast<std::size_t>(dayOfMonth(line.day))] = true;
+  const std::string title = localTime(first, "%B %Y");
+  out << std::string((20 - std::min<std::size_t>(title.size(), 20)) / 2, ' ') << title << "\nMo Tu We Th Fr Sa Su\n";
+  const int lastDay = dayOfMonth(addLocalDays(next, -1));
+  int column = daysBetween(localWeekStartOf(first), first);
+  std::string row(static_cast<std::size_t>(3 * column), ' ');
+  for (int day = 1; day <= lastDay; ++day) {
+    row += (day < 10 ? " " : "") + std::to_string(day) + (busy[static_cast<std::size_t>(day)] ? '*' : ' ');
+    if (++column == 7 || day == lastDay) {
+      out << row.substr(0, row.find_last_not_of(' ') + 1) << '\n';
+      row.clear();
+      column = 0;
+    }
+  }
+}
+
+namespace {
+
+using EventField = std::string (*)(const VespEventInstance&);
+
+std::string dateOf(platform::Date date) { return localTime(date, "%Y-%m-%d"); }
+std::string timeOf(const VespEventInstance& event, platform::Date date) {
+  return event.isAllDay() ? "" : localTime(date, "%H:%M");
+}
+std::string whenOf(const VespEventInstance& event, platform::Date date) {
+  return event.isAllDay() ? dateOf(date) : localTime(date, "%Y-%m-%d %H:%M");
+}
+std::string textOf(const std::optional<std::string>& text) { return neutralised(text.value_or("")); }
+
+// The fields of --format, each written on one line: times local, an all-day end the day after the
+// last, texts with their control characters (line breaks included) escaped.
+const std::map<std::string, EventField, std::less<>>& eventFields() {
+  static const std::map<std::string, EventField, std::less<>> fields{
+      {"title", [](const VespEventInstance& e) { return neutralised(e.title()); }},
+      {"location", [](const VespEventInstance& e) { return textOf(e.location()); }},
+      {"notes", [](const VespEventInstance& e) { return textOf(e.notes()); }},
+      {"calendar", [](const VespEventInstance& e) { return neutralised(e.calendar().title()); }},
+      {"calendar-id", [](const VespEventInstance& e) { return neutralised(e.calendar().calendarIdentifier()); }},
+      {"start", [](const VespEventInstance& e) { return whenOf(e, e.startDate()); }},
+      {"end", [](const VespEventInstance& e) { return whenOf(e, e.endDate()); }},
+      {"start-date", [](const VespEventInstance& e) { return dateOf(e.startDate()); }},
+      {"start-time", [](const VespEventInstance& e) { return timeOf(e, e.startDate()); }},
+      {"end-date", [](const VespEventInstance& e) { return dateOf(e.endDate()); }},
+      {"end-time", [](const VespEventInstance& e) { return timeOf(e, e.endDate()); }},
+      {"start-utc", [](const VespEventInstance& e) { return e.startDate().iso8601(); }},
+      {"end-utc", [](const VespEventInstance& e) { return e.endDate().iso8601(); }},
+      {"all-day", [](const VespEventInstance& e) { return std::string(e.isAllDay() ? "yes" : "no"); }},
+      {"status", [](const VespEventInstance& e) { return std::string(description(e.status())); }},
+      {"identifier", [](const VespEventInstance& e) { return neutralised(e.eventIdentifier()); }},
+      {"uid", [](const VespEventInstance& e) { return neutralised(e.calendarItemExternalIdentifier()); }},
+  };
+  return fields;
+}
+
+// Walks `format`: `literal(text)` for its text, `field(name)` for each "{name}". Returns why it
+// cannot be read, or nothing.
+template <typename Literal, typename Field>
+std::optional<std::string> walkFormat(const std::string& format, Literal literal, Field field) {
+  for (std::size_t at = 0; at < format.size();) {
+    const std::size_t brace = format.find_first_of("{}", at);
+    literal(std::string_view(format).substr(at, brace == std::string::npos ? std::string::npos : brace - at));
+    if (brace == std::string::npos) break;
+    if (brace + 1 < format.size() && format[brace + 1] == format[brace]) {
+      literal(std::string_view(format).substr(brace, 1));
+      at = brace + 2;
+      continue;
+    }
+    const std::size_t close = format.find('}', brace);
+    if (format[brace] == '}' || close == std::string::npos)
+      return std::string("has a brace without its pair (write {{ or }} for a brace itself)");
+    const std::string name = format.substr(brace + 1, close - brace - 1);
+    if (!eventFields().count(name)) {
+      std::string names;
+      for (const auto& [known, write] : eventFields()) names += (names.empty() ? "" : ", ") + known;
+      return "{" + name + "} is not a field: the fields are " + names;
+    }
+    field(name);
+    at = close + 1;
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<std::string> formatProblem(const std::string& format) {
+  return walkFormat(format, [](std::string_view) {}, [](const std::string&) {});
+}
+
+void printFormatted(std::ostream& out, const std::vector<VespEventInstance>& events, const std::string& format) {
+  for (const auto& event : events) {
+    walkFormat(format, [&](std::string_view text) { out << text; },
+               [&](const std::string& name) { out << eventFields().find(name)->second(event); });
+    out << '\n';
+  }
+}
+
+void printAgenda(std::ostream& out, const std::vector<VespEventInstance>& events, platform::Date windowStart,
+                 platform::Date windowEnd, const HumanStyle& style, const std::vector<std::string>* refs) {
+  const std::vector<AgendaLine> lines = agendaLines(events, windowStart, windowEnd);
   std::optional<platform::Date> day;
-  for (const Line& line : lines) {
+  for (const AgendaLine& line : lines) {
     const VespEventInstance& event = events[line.index];
     if (line.day != day) {
       if (day) out << '\n';

@@ -46,6 +46,14 @@ void printCalendars(std::ostream& out, const std::vector<VespCalendar>& calendar
 // cancelled one says CANCELLED. With `refs`, each occurrence's reference opens its lines.
 void printAgenda(std::ostream& out, const std::vector<VespEventInstance>& events, platform::Date windowStart,
                  platform::Date windowEnd, const HumanStyle& style, const std::vector<std::string>* refs = nullptr);
+// The month of `month` as a grid of weeks from Monday, as `cal` draws it, each day on which one of
+// `events` falls marked with "*".
+void printMonthGrid(std::ostream& out, const std::vector<VespEventInstance>& events, platform::Date month);
+// One line per occurrence: `format` with each "{field}" replaced (see kEventFields), "{{" and "}}"
+// standing for braces. Check it first with formatProblem.
+void printFormatted(std::ostream& out, const std::vector<VespEventInstance>& events, const std::string& format);
+// Why `format` cannot be used ("{when} is not a field: ..."), or nothing.
+std::optional<std::string> formatProblem(const std::string& format);
 void printEvent(std::ostream& out, const VespEventInstance& event, const HumanStyle& style);
 // One line each, in the order given: "[ ]" open, "[x]" completed, "[-]" cancelled (and said at the
 // end), then "!!!", "!!" or "!" for a high, medium or low priority.

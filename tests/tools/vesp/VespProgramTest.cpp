@@ -961,6 +961,81 @@ TEST_F(VespWritingTest, CalendarsAreChosenByTitleOrIdentifierAndLeftOut) {
   EXPECT_EQ(titlesOf({"--calendar", "w"}), (std::multiset<std::string>{"X"}));
 }
 
+TEST_F(VespWritingTest, TheMonthIsDrawnAsAGridWithItsBusyDaysBeforeItsAgenda) {
+  writeFile(root_.path() / "c/trip.ics",
+            vdir::testing::simpleEvent("trip", "Trip", "20261112T150000Z", "20261114T110000Z"));
+  auto month = run({"events", "--month", "--from", "2026-11-20"});
+  ASSERT_EQ(month.status, 0) << month.err;
+  EXPECT_EQ(month.out,
+            "   November 2026\n"
+            "Mo Tu We Th Fr Sa Su\n"
+            "                   1\n"
+            " 2* 3  4  5  6  7  8\n"
+            " 9*10 11 12*13*14*15\n"
+            "16*17 18 19 20 21 22\n"
+            "23*24 25 26 27 28 29\n"
+            "30*\n"
+            "\n"
+            "Mon 02 Nov 2026\n"
+            "  09:00-10:00  Team  [c]\n"
+            "\n"
+            "Mon 09 Nov 2026\n"
+            "  09:00-10:00  Team  [c]\n"
+            "\n"
+            "Thu 12 Nov 2026\n"
+            "  from 16:00   Trip (day 1/3)  [c]\n"
+            "\n"
+            "Fri 13 Nov 2026\n"
+            "  all day      Trip (day 2/3)  [c]\n"
+            "\n"
+            "Sat 14 Nov 2026\n"
+            "  until 12:00  Trip (day 3/3)  [c]\n"
+            "\n"
+            "Mon 16 Nov 2026\n"
+            "  09:00-10:00  Team  [c]\n"
+            "\n"
+            "Mon 23 Nov 2026\n"
+            "  09:00-10:00  Team  [c]\n"
+            "\n"
+            "Mon 30 Nov 2026\n"
+            "  09:00-10:00  Team  [c]\n");
+  // The week and a number of days from --from.
+  auto week = run({"events", "--week", "--from", "2026-11-12", "--json"});
+  ASSERT_EQ(week.status, 0) << week.err;
+  std::vector<std::string> starts;
+  for (const auto& event : json::parse(week.out)) starts.push_back(event["startDate"]);
+  EXPECT_THAT(starts, ::testing::ElementsAre("2026-11-09T08:00:00Z", "2026-11-12T15:00:00Z"));
+  auto days = run({"events", "--days", "3", "--from", "2026-11-14", "--json"});
+  ASSERT_EQ(days.status, 0) << days.err;
+  EXPECT_EQ(json::parse(days.out).size(), 2u);  // the trip's last day and the Monday
+  EXPECT_EQ(run({"events", "--month", "--to", "2026-12-01"}).status, 2);
+}
+
+TEST_F(VespWritingTest, FormatWritesNamedFieldsOneLinePerOccurrence) {
+  writeFile(root_.path() / "c/displayname", "Work\n");
+  writeFile(root_.path() / "c/day.ics",
+            "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Other//EN\r\nBEGIN:VEVENT\r\nUID:day\r\n"
+            "DTSTAMP:20261001T000000Z\r\nDTSTART;VALUE=DATE:20261103\r\nDTEND;VALUE=DATE:20261104\r\n"
+            "SUMMARY:Holiday\r\nLOCATION:Two\\nlines\r\nSTATUS:TENTATIVE\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
+  auto formatted = run({"events", "--from", "2026-11-02", "--to", "2026-11-04", "--format",
+                        "{start}|{end}|{start-date}|{start-time}|{end-time}|{all-day}|{title}|{location}|"
+                        "{calendar}|{calendar-id}|{status}|{start-utc}|{{{identifier}}}|{uid}"});
+  ASSERT_EQ(formatted.status, 0) << formatted.err;
+  EXPECT_EQ(formatted.out,
+            "2026-11-02 09:00|2026-11-02 10:00|2026-11-02|09:00|10:00|no|Team||Work|c|none|2026-11-02T08:00:00Z|"
+            "{c/weekly.ics}|weekly\n"
+            "2026-11-03|2026-11-04|2026-11-03|||yes|Holiday|Two\\x0Alines|Work|c|tentative|2026-11-02T23:00:00Z|"
+            "{c/day.ics}|day\n");
+  auto unknown = run({"events", "--format", "{when}"});
+  EXPECT_EQ(unknown.status, 2);
+  EXPECT_THAT(unknown.err, ::testing::HasSubstr("vesp: --format \"{when}\" {when} is not a field: the fields are "
+                                                "all-day, calendar, calendar-id, end"));
+  EXPECT_EQ(run({"events", "--format", "{title"}).status, 2);
+  EXPECT_EQ(run({"events", "--format", "{title}", "--json"}).status, 2);
+  auto search = run({"search", "holi", "--from", "2026-11-01", "--to", "2026-12-01", "--format", "{title}"});
+  EXPECT_EQ(search.out, "Holiday\n");
+}
+
 TEST_F(VespWritingTest, SearchFindsTextInTitlesPlacesNotesAndAttendeesCaseAndAccentsAside) {
   writeFile(root_.path() / "c/cafe.ics",
             "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Other//EN\r\nBEGIN:VEVENT\r\nUID:cafe\r\n"

@@ -777,6 +777,62 @@ TEST_F(VespWritingTest, KhalReadsTheOccurrencesVespWrote) {
   EXPECT_EQ(theirs, ours) << khal.out;
 }
 
+TEST_F(VespWritingTest, KhalShowsTheSameWeekDayByDayWithEventsOverSeveralDays) {
+  if (!installed("khal", "khal")) GTEST_SKIP() << "needs the Debian package khal (scripts/test installs it)";
+  auto event = [&](const std::string& uid, const std::string& title, const std::string& times) {
+    writeFile(root_.path() / "c" / (uid + ".ics"),
+              "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Other//EN\r\nBEGIN:VEVENT\r\nUID:" + uid +
+                  "\r\nDTSTAMP:20261001T000000Z\r\n" + times + "SUMMARY:" + title +
+                  "\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
+  };
+  event("trip", "Trip", "DTSTART;TZID=Europe/Berlin:20261112T160000\r\nDTEND;TZID=Europe/Berlin:20261114T120000\r\n");
+  event("conference", "Conference", "DTSTART;VALUE=DATE:20261114\r\nDTEND;VALUE=DATE:20261117\r\n");
+  event("holiday", "Holiday", "DTSTART;VALUE=DATE:20261106\r\nDTEND;VALUE=DATE:20261110\r\n");
+  event("late", "Late", "DTSTART;TZID=Europe/Berlin:20261111T220000\r\nDTEND;TZID=Europe/Berlin:20261112T000000\r\n");
+  event("night", "Night", "DTSTART;TZID=Europe/Berlin:20261110T230000\r\nDTEND;TZID=Europe/Berlin:20261111T010000\r\n");
+
+  // Vesp's agenda of the week, as (day, title) pairs.
+  auto agenda = run({"events", "--week", "--from", "2026-11-12"});
+  ASSERT_EQ(agenda.status, 0) << agenda.err;
+  static const std::regex line(R"(  .{13}(.*?)( \(day \d+/\d+\))?  \[c\])");
+  std::set<std::pair<std::string, std::string>> ours;
+  std::string day;
+  std::istringstream text(agenda.out);
+  for (std::string row; std::getline(text, row);) {
+    std::smatch match;
+    std::tm fields{};
+    if (std::regex_match(row, match, line)) {
+      ours.emplace(day, match[1]);
+    } else if (!row.empty() && strptime(row.c_str(), "%a %d %b %Y", &fields)) {
+      char date[16];
+      std::strftime(date, sizeof date, "%Y-%m-%d", &fields);
+      day = date;
+    }
+  }
+  EXPECT_EQ(ours.size(), 10u) << agenda.out;
+
+  writeFile(config_.path() / "khal.conf",
+            "[calendars]\n[[c]]\npath = " + (root_.path() / "c").string() +
+                "\ntype = calendar\n[locale]\ntimeformat = %H:%M\ndateformat = %Y-%m-%d\n"
+                "longdateformat = %Y-%m-%d\ndatetimeformat = %Y-%m-%d %H:%M\nlongdatetimeformat = %Y-%m-%d %H:%M\n"
+                "default_timezone = Europe/Berlin\nlocal_timezone = Europe/Berlin\nfirstweekday = 0\n[sqlite]\npath = " +
+                (config_.path() / "khal.db").string() + "\n");
+  // A wider range than the week, its days outside the week left out: so whether khal's end is
+  // inclusive does not matter.
+  auto khal = shell("TZ=Europe/Berlin khal -c " + quoted((config_.path() / "khal.conf").string()) +
+                    " list --format '{title}' --day-format '{date}' 2026-11-07 2026-11-18 2>&1");
+  ASSERT_EQ(khal.status, 0) << khal.out;
+  std::set<std::pair<std::string, std::string>> theirs;
+  std::istringstream lines(khal.out);
+  for (std::string row; std::getline(lines, row);) {
+    if (std::regex_match(row, std::regex(R"(\d{4}-\d{2}-\d{2})")))
+      day = row;
+    else if (!row.empty() && day >= "2026-11-09" && day <= "2026-11-15")
+      theirs.emplace(day, row);
+  }
+  EXPECT_EQ(theirs, ours) << khal.out << "\n" << agenda.out;
+}
+
 TEST_F(VespWritingTest, TodomanReadsTheRemindersVespWrote) {
   if (!installed("todoman", "todoman")) GTEST_SKIP() << "needs the Debian package todoman (scripts/test installs it)";
   auto stamps = run({"reminder", "new", "Buy stamps", "--due", "2026-12-04", "--priority", "1", "--list", "t", "--json"});

@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <regex>
@@ -1320,6 +1321,59 @@ std::vector<Subcommand> addSubcommands(CLI::App& app, Arguments& args) {
   return commands;
 }
 
+// The examples each command's help ends with, by the command's words.
+const std::map<std::string, std::vector<const char*>>& examples() {
+  static const std::map<std::string, std::vector<const char*>> byCommand{
+      {"calendars", {"vesp calendars", "vesp --json calendars"}},
+      {"reminder-lists", {"vesp reminder-lists"}},
+      {"events",
+       {"vesp events --week", "vesp events --from monday --days 3 --calendar Work",
+        "vesp events --month --from 'next month'", "vesp events --from today --format '{start}  {title}'"}},
+      {"event", {"vesp event 20261109-3fa2", "vesp --json event 20261109-3fa2"}},
+      {"search", {"vesp search dentist", "vesp search 'team meeting' --from 2026-01-01 --not-calendar Birthdays"}},
+      {"reminders", {"vesp reminders", "vesp reminders --list Work --priority high", "vesp reminders --due-before friday",
+                     "vesp reminders --status completed --from 'last week'"}},
+      {"reminder", {"vesp reminder tasks/buy-stamps.ics"}},
+      {"reminder new", {"vesp reminder new 'Buy stamps' --due friday --priority 1 --list Tasks"}},
+      {"reminder done", {"vesp reminder done tasks/buy-stamps.ics"}},
+      {"reminder undo", {"vesp reminder undo tasks/buy-stamps.ics"}},
+      {"reminder edit", {"vesp reminder edit tasks/buy-stamps.ics --due 'tomorrow 17:00'"}},
+      {"reminder delete", {"vesp reminder delete tasks/buy-stamps.ics --dry-run"}},
+      {"new", {"vesp new Dentist --start 'tue 15:00' --duration 45m --calendar Work --alarm -1h",
+               "vesp new Holiday --start 2026-12-24 --end 2026-12-27 --all-day"}},
+      {"edit", {"vesp edit 20261109-3fa2 --start 11:00 --span this",
+                "vesp edit work/team.ics --occurrence 2026-11-23T09:00 --future --title 'Team (new)'"}},
+      {"delete", {"vesp delete 20261109-3fa2 --span this", "vesp delete work/old.ics --dry-run"}},
+      {"import", {"vesp import invitation.ics", "vesp import export.ics --calendar Work --dry-run"}},
+      {"watch", {"vesp watch", "vesp --json watch --count 1"}},
+      {"access", {"vesp access", "vesp access events --request", "vesp access --reset"}},
+      {"doctor", {"vesp doctor"}},
+      {"config", {"vesp config"}},
+      {"config default-calendar", {"vesp config default-calendar Work", "vesp config default-calendar --unset"}},
+      {"help", {"vesp help dates"}},
+  };
+  return byCommand;
+}
+
+// The words that run `parser` ("reminder new").
+std::string commandWords(const CLI::App* parser) {
+  std::string words = parser->get_name();
+  for (const CLI::App* parent = parser->get_parent(); parent && parent->get_parent(); parent = parent->get_parent())
+    words = parent->get_name() + " " + words;
+  return words;
+}
+
+// Ends each command's help with its examples.
+void addExamples(const std::vector<Subcommand>& commands) {
+  for (const auto& command : commands) {
+    const auto found = examples().find(commandWords(command.parser));
+    if (found == examples().end()) continue;
+    std::string footer = found->second.size() == 1 ? "Example:" : "Examples:";
+    for (const char* example : found->second) footer += std::string("\n  ") + example;
+    command.parser->footer(footer);
+  }
+}
+
 bool colourWanted() {
   const char* term = std::getenv("TERM");
   return ::isatty(STDOUT_FILENO) && !std::getenv("NO_COLOR") && std::string(term ? term : "dumb") != "dumb";
@@ -1335,6 +1389,7 @@ int runVesp(int argc, const char* const* argv, std::ostream& out, std::ostream& 
   Arguments args;
   addGlobalOptions(app, args);
   auto commands = addSubcommands(app, args);
+  addExamples(commands);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

@@ -102,6 +102,43 @@ TEST_F(VespProgramTest, HelpListsEveryCommand) {
   EXPECT_THAT(events.out, ::testing::HasSubstr("--calendar"));
 }
 
+// The commands a help text lists under "Subcommands:".
+std::vector<std::string> subcommandsIn(const std::string& help) {
+  std::vector<std::string> names;
+  const auto start = help.find("Subcommands:\n");
+  if (start == std::string::npos) return names;
+  std::istringstream lines(help.substr(start + 13));
+  for (std::string line; std::getline(lines, line) && !line.empty();) {
+    std::istringstream words(line);
+    std::string name;
+    words >> name;
+    names.push_back(name);
+  }
+  return names;
+}
+
+TEST_F(VespProgramTest, EveryCommandsHelpEndsWithAnExample) {
+  std::vector<std::vector<std::string>> pending{{}};
+  std::size_t seen = 0;
+  while (!pending.empty()) {
+    auto words = pending.back();
+    pending.pop_back();
+    words.push_back("--help");
+    auto help = vesp(words);
+    words.pop_back();
+    ASSERT_EQ(help.status, 0) << ::testing::PrintToString(words);
+    if (!words.empty()) {
+      ++seen;
+      EXPECT_THAT(help.out, ::testing::ContainsRegex("Examples?:\n  vesp ")) << ::testing::PrintToString(words);
+    }
+    for (const auto& name : subcommandsIn(help.out)) {
+      pending.push_back(words);
+      pending.back().push_back(name);
+    }
+  }
+  EXPECT_EQ(seen, 22u);  // every command and subcommand
+}
+
 TEST_F(VespProgramTest, AMissingStoreIsAClearError) {
   auto run = vesp({"--store", (config_.path() / "nowhere").string(), "--yes", "calendars"});
   EXPECT_EQ(run.status, 4);

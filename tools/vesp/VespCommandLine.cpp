@@ -267,7 +267,8 @@ std::set<std::string> chosenCalendars(const std::vector<std::string>& given, con
   for (const auto& name : given) {
     const auto identifier = calendarNamed(name, names, listing);
     if (!identifier)
-      throw Exit{kExitUsage, "vesp: there is no calendar \"" + neutralised(name) + "\"; `vesp " + listing + "` lists them"};
+      throw Exit{kExitUsage,
+                 "vesp: there is no calendar \"" + neutralised(name) + "\"; `vesp " + listing + "` lists them"};
     wanted.insert(*identifier);
   }
   return wanted;
@@ -1126,7 +1127,8 @@ void addItemOptions(CLI::App* command, Arguments& args, bool event) {
   command->add_option("--url", args.url, "A link (an empty text removes it)");
   command->add_flag("--dry-run", args.dryRun, "Print the iCalendar text that would be written, and write nothing");
   if (event) {
-    command->add_option("--start", args.start, "When it starts (tomorrow 14:00, fri 9:30, 2026-12-01T09:30: vesp help dates)");
+    command->add_option("--start", args.start,
+                        "When it starts (tomorrow 14:00, fri 9:30, 2026-12-01T09:30: vesp help dates)");
     command->add_option("--end", args.end, "When it ends (exclusive)");
     command->add_option("--duration", args.duration, "How long it lasts instead of --end: 1h30m, 45m, 2d");
     command->add_flag("--all-day", args.allDay, "An all-day event: --start and --end are days");
@@ -1216,7 +1218,8 @@ void addReminderCommands(CLI::App& app, Arguments& args, std::vector<Subcommand>
                         "open, completed, cancelled or any (default: open, and with a period completed too)")
       ->check(CLI::IsMember({"open", "completed", "cancelled", "any"}));
   reminders->add_option("--list", args.calendarIds,
-                        "Only this reminder list, by identifier or title (repeatable; `vesp reminder-lists` lists them)");
+                        "Only this reminder list, by identifier or title (repeatable; `vesp reminder-lists` "
+                        "lists them)");
   reminders
       ->add_option("--priority", args.atLeastPriority,
                    "Only those at least this pressing: high (1-4), medium (5), low (6-9), or 1 (highest) to 9")
@@ -1257,7 +1260,8 @@ void addReminderCommands(CLI::App& app, Arguments& args, std::vector<Subcommand>
 
 void addSearchCommand(CLI::App& app, Arguments& args, std::vector<Subcommand>& commands) {
   auto* search = app.add_subcommand(
-      "search", "List the occurrences whose title, location, notes or attendees mention a text (case and accents aside)");
+      "search",
+      "List the occurrences whose title, location, notes or attendees mention a text (case and accents aside)");
   search->add_option("TEXT", args.text, "What to look for")->required();
   search->add_option("--from", args.from, "First day or time (default: a year ago)");
   search->add_option("--to", args.to, "End, exclusive (default: a year from today)");
@@ -1331,8 +1335,9 @@ const std::map<std::string, std::vector<const char*>>& examples() {
         "vesp events --month --from 'next month'", "vesp events --from today --format '{start}  {title}'"}},
       {"event", {"vesp event 20261109-3fa2", "vesp --json event 20261109-3fa2"}},
       {"search", {"vesp search dentist", "vesp search 'team meeting' --from 2026-01-01 --not-calendar Birthdays"}},
-      {"reminders", {"vesp reminders", "vesp reminders --list Work --priority high", "vesp reminders --due-before friday",
-                     "vesp reminders --status completed --from 'last week'"}},
+      {"reminders",
+       {"vesp reminders", "vesp reminders --list Work --priority high", "vesp reminders --due-before friday",
+        "vesp reminders --status completed --from 'last week'"}},
       {"reminder", {"vesp reminder tasks/buy-stamps.ics"}},
       {"reminder new", {"vesp reminder new 'Buy stamps' --due friday --priority 1 --list Tasks"}},
       {"reminder done", {"vesp reminder done tasks/buy-stamps.ics"}},
@@ -1363,14 +1368,15 @@ std::string commandWords(const CLI::App* parser) {
   return words;
 }
 
-// Ends each command's help with its examples.
+// Puts each command's examples before the footer it took from the program (exit statuses, dates).
 void addExamples(const std::vector<Subcommand>& commands) {
   for (const auto& command : commands) {
     const auto found = examples().find(commandWords(command.parser));
     if (found == examples().end()) continue;
     std::string footer = found->second.size() == 1 ? "Example:" : "Examples:";
     for (const char* example : found->second) footer += std::string("\n  ") + example;
-    command.parser->footer(footer);
+    const std::string inherited = command.parser->get_footer();
+    command.parser->footer(inherited.empty() ? footer : footer + "\n\n" + inherited);
   }
 }
 
@@ -1404,7 +1410,9 @@ int runVesp(int argc, const char* const* argv, std::ostream& out, std::ostream& 
   auto chosen = std::prev(last.base());
   const std::string name = chosen->parser->get_name();
   if (name == "help") {
-    out << (args.topic.empty() ? app.help() : std::string(kDateForms));
+    // app.help() would print the help of the command given, `help` itself: the program's is wanted.
+    out << (args.topic.empty() ? app.get_formatter()->make_help(&app, "vesp", CLI::AppFormatMode::Normal)
+                               : std::string(kDateForms));
     return kExitSuccess;
   }
   try {

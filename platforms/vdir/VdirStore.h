@@ -169,7 +169,8 @@ class VdirStore : public VdirSnapshotSource, public std::enable_shared_from_this
   platform::EKEntityMask rescan() RIVET_EXCLUDES(rescanMutex_, mutex_);
   // Serves the scan's snapshot and keeps its records. With `writeCache`, starts writing the cache
   // when it no longer holds the records.
-  platform::EKEntityMask adopt(VdirScanResult scan, std::int64_t scannedAt, bool writeCache) RIVET_REQUIRES(rescanMutex_) RIVET_EXCLUDES(mutex_);
+  platform::EKEntityMask adopt(VdirScanResult scan, std::int64_t scannedAt, bool writeCache)
+      RIVET_REQUIRES(rescanMutex_) RIVET_EXCLUDES(mutex_);
   rivet::RivetResult<std::string> writableDirectory(const std::string& collection) const RIVET_EXCLUDES(mutex_);
   // Writes the changes in save()'s order; on failure, takes the new files back.
   rivet::RivetResult<bool> writeChanges(const std::vector<VdirFileChange>& changes) RIVET_REQUIRES(rescanMutex_);

@@ -119,7 +119,8 @@ DayReading isoDay(const std::string& word) {
 // "+3d", "-2w", "1h30m": weeks and days alone count from today, to a day; with hours, minutes or
 // seconds they count from now, to a moment (days on the local calendar, then the time).
 std::optional<TypedDate> offset(const std::string& word, Date now, bool dayOnly) {
-  static const std::regex pattern(R"(([+-]?)(?:(\d{1,4})w)?(?:(\d{1,5})d)?(?:(\d{1,6})h)?(?:(\d{1,7})m)?(?:(\d{1,9})s)?)");
+  static const std::regex pattern(
+      R"(([+-]?)(?:(\d{1,4})w)?(?:(\d{1,5})d)?(?:(\d{1,6})h)?(?:(\d{1,7})m)?(?:(\d{1,9})s)?)");
   std::smatch match;
   if (!std::regex_match(word, match, pattern)) return std::nullopt;
   auto part = [&](int at) { return match[at].matched ? std::stoll(match[at]) : 0LL; };

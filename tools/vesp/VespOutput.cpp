@@ -431,7 +431,8 @@ int dayOfMonth(platform::Date date) {
 void printMonthGrid(std::ostream& out, const std::vector<VespEventInstance>& events, platform::Date month) {
   const platform::Date first = localMonthStartOf(month), next = localMonthStartOf(month, 1);
   std::vector<bool> busy(32, false);
-  for (const AgendaLine& line : agendaLines(events, first, next)) busy[static_cast<std::size_t>(dayOfMonth(line.day))] = true;
+  for (const AgendaLine& line : agendaLines(events, first, next))
+    busy[static_cast<std::size_t>(dayOfMonth(line.day))] = true;
   const std::string title = localTime(first, "%B %Y");
   out << std::string((20 - std::min<std::size_t>(title.size(), 20)) / 2, ' ') << title << "\nMo Tu We Th Fr Sa Su\n";
   const int lastDay = dayOfMonth(addLocalDays(next, -1));

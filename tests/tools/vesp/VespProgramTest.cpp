@@ -130,6 +130,7 @@ TEST_F(VespProgramTest, EveryCommandsHelpEndsWithAnExample) {
     if (!words.empty()) {
       ++seen;
       EXPECT_THAT(help.out, ::testing::ContainsRegex("Examples?:\n  vesp ")) << ::testing::PrintToString(words);
+      EXPECT_THAT(help.out, ::testing::HasSubstr("Exit status: 0 success")) << ::testing::PrintToString(words);
     }
     for (const auto& name : subcommandsIn(help.out)) {
       pending.push_back(words);
@@ -202,6 +203,16 @@ class VespWritingTest : public VespProgramTest {
   ProgramRun run(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), {"--store", root_.path().string(), "--yes"});
     return vesp(arguments);
+  }
+  // khal over collection c, local zone Europe/Berlin, dates as YYYY-MM-DD: the words that run it.
+  std::string khalCommand() {
+    writeFile(config_.path() / "khal.conf",
+              "[calendars]\n[[c]]\npath = " + (root_.path() / "c").string() +
+                  "\ntype = calendar\n[locale]\ntimeformat = %H:%M\ndateformat = %Y-%m-%d\n"
+                  "longdateformat = %Y-%m-%d\ndatetimeformat = %Y-%m-%d %H:%M\nlongdatetimeformat = %Y-%m-%d %H:%M\n"
+                  "default_timezone = Europe/Berlin\nlocal_timezone = Europe/Berlin\nfirstweekday = 0\n"
+                  "[sqlite]\npath = " + (config_.path() / "khal.db").string() + "\n");
+    return "TZ=Europe/Berlin khal -c " + quoted((config_.path() / "khal.conf").string());
   }
   json events(const std::string& from, const std::string& to) {
     auto listed = run({"events", "--from", from, "--to", to, "--json"});  // a global option after the command
@@ -798,14 +809,8 @@ TEST_F(VespWritingTest, KhalReadsTheOccurrencesVespWrote) {
   EXPECT_EQ(ours.size(), listed.size());
   EXPECT_EQ(ours.size(), 10u);  // two left of the old series, two of the new one, two new events, four of Yoga
 
-  writeFile(config_.path() / "khal.conf",
-            "[calendars]\n[[c]]\npath = " + (root_.path() / "c").string() +
-                "\ntype = calendar\n[locale]\ntimeformat = %H:%M\ndateformat = %Y-%m-%d\n"
-                "longdateformat = %Y-%m-%d\ndatetimeformat = %Y-%m-%d %H:%M\nlongdatetimeformat = %Y-%m-%d %H:%M\n"
-                "default_timezone = Europe/Berlin\nlocal_timezone = Europe/Berlin\n[sqlite]\npath = " +
-                (config_.path() / "khal.db").string() + "\n");
-  auto khal = shell("TZ=Europe/Berlin khal -c " + quoted((config_.path() / "khal.conf").string()) +
-                    " list --format '{start} {end} {title}' --day-format '' 2026-10-01 2027-01-31 2>&1");
+  auto khal =
+      shell(khalCommand() + " list --format '{start} {end} {title}' --day-format '' 2026-10-01 2027-01-31 2>&1");
   ASSERT_EQ(khal.status, 0) << khal.out;
   std::set<std::string> theirs;
   std::istringstream lines(khal.out);
@@ -848,16 +853,9 @@ TEST_F(VespWritingTest, KhalShowsTheSameWeekDayByDayWithEventsOverSeveralDays) {
   }
   EXPECT_EQ(ours.size(), 10u) << agenda.out;
 
-  writeFile(config_.path() / "khal.conf",
-            "[calendars]\n[[c]]\npath = " + (root_.path() / "c").string() +
-                "\ntype = calendar\n[locale]\ntimeformat = %H:%M\ndateformat = %Y-%m-%d\n"
-                "longdateformat = %Y-%m-%d\ndatetimeformat = %Y-%m-%d %H:%M\nlongdatetimeformat = %Y-%m-%d %H:%M\n"
-                "default_timezone = Europe/Berlin\nlocal_timezone = Europe/Berlin\nfirstweekday = 0\n[sqlite]\npath = " +
-                (config_.path() / "khal.db").string() + "\n");
   // A wider range than the week, its days outside the week left out: so whether khal's end is
   // inclusive does not matter.
-  auto khal = shell("TZ=Europe/Berlin khal -c " + quoted((config_.path() / "khal.conf").string()) +
-                    " list --format '{title}' --day-format '{date}' 2026-11-07 2026-11-18 2>&1");
+  auto khal = shell(khalCommand() + " list --format '{title}' --day-format '{date}' 2026-11-07 2026-11-18 2>&1");
   ASSERT_EQ(khal.status, 0) << khal.out;
   std::set<std::pair<std::string, std::string>> theirs;
   std::istringstream lines(khal.out);
@@ -1001,6 +999,24 @@ TEST_F(VespToDoViewTest, AToDosRepeatIsMappedAndShown) {
   EXPECT_EQ(json::parse(run({"reminder", "t/Overdue.ics", "--json"}).out)["recurrenceRules"], nullptr);
 }
 
+TEST_F(VespToDoViewTest, TheToDoViewMarksStatusAndPriorityMostPressingLast) {
+  auto any = run({"reminders", "--status", "any"});
+  ASSERT_EQ(any.status, 0) << any.err;
+  EXPECT_EQ(any.out,
+            "[x] !!! Done too  [Work]\n"
+            "[x] Done  [Tasks]\n"
+            "[ ] Undated and older  [Tasks]\n"
+            "[ ] Undated  [Tasks]\n"
+            "[ ] Soon  due 2026-12-30 10:00  [Tasks]\n"
+            "[ ] In process  due 2026-12-12  [Work]\n"
+            "[-] Cancelled  due 2026-11-15  [Tasks]  cancelled\n"
+            "[ ] Overdue  due 2026-11-01  [Tasks]\n"
+            "[ ] ! Low and overdue  due 2026-10-10  [Work]\n"
+            "[ ] !! Medium and undated  [Work]\n"
+            "[ ] !!! Also urgent  due 2026-12-01  [Work]\n"
+            "[ ] !!! Urgent  due 2026-12-05  [Work]\n");
+}
+
 TEST_F(VespToDoViewTest, ToDosAreFilteredByPriorityDueDateAndListTitle) {
   EXPECT_THAT(titles({"--priority", "high"}), ::testing::ElementsAre("Also urgent", "Urgent"));
   EXPECT_THAT(titles({"--priority", "2"}), ::testing::ElementsAre("Also urgent", "Urgent"));
@@ -1008,7 +1024,8 @@ TEST_F(VespToDoViewTest, ToDosAreFilteredByPriorityDueDateAndListTitle) {
   EXPECT_THAT(titles({"--priority", "low", "--list", "WORK"}),
               ::testing::ElementsAre("Low and overdue", "Medium and undated", "Also urgent", "Urgent"));
   // Undated to-dos are due before no day.
-  EXPECT_THAT(titles({"--due-before", "2026-12-02"}), ::testing::ElementsAre("Overdue", "Low and overdue", "Also urgent"));
+  EXPECT_THAT(titles({"--due-before", "2026-12-02"}),
+              ::testing::ElementsAre("Overdue", "Low and overdue", "Also urgent"));
   EXPECT_THAT(titles({"--due-before", "2026-12-02", "--list", "Tasks"}), ::testing::ElementsAre("Overdue"));
   EXPECT_THAT(titles({"--due-before", "2026-12-02", "--status", "any", "--priority", "9"}),
               ::testing::ElementsAre("Low and overdue", "Also urgent"));
@@ -1284,7 +1301,8 @@ TEST_F(VespProgramTest, DatesAreReadAsPeopleTypeThem) {
   auto typed = with({"--json", "events", "--from", "Tomorrow", "--to", "+3d"});
   ASSERT_EQ(typed.status, 0) << typed.err;
   EXPECT_EQ(json::parse(typed.out).size(), 1u);
-  auto iso = with({"--json", "events", "--from", localDayFromToday(1, "%Y-%m-%d"), "--to", localDayFromToday(3, "%Y-%m-%d")});
+  auto iso = with({"--json", "events", "--from", localDayFromToday(1, "%Y-%m-%d"), "--to",
+                   localDayFromToday(3, "%Y-%m-%d")});
   EXPECT_EQ(typed.out, iso.out);
 
   auto event = with({"new", "Dentist", "--start", "tomorrow 14:00", "--duration", "45m", "--calendar", "c",
@@ -1352,7 +1370,11 @@ class BackgroundWatch {
   // Stops the watch; its exit status.
   int stop() {
     if (!pipe_) return status_;
-    if (fs::exists(pidFile_)) ::kill(std::stoi(vdir::testing::readFile(pidFile_)), SIGTERM);
+    // The shell writes the identifier before it becomes vesp: wait for it rather than miss it.
+    for (int i = 0; i < 100 && vdir::testing::readFile(pidFile_).find('\n') == std::string::npos; ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    const std::string pid = vdir::testing::readFile(pidFile_);
+    if (pid.find('\n') != std::string::npos) ::kill(std::stoi(pid), SIGTERM);
     reader_.join();
     const int status = ::pclose(pipe_);
     pipe_ = nullptr;
@@ -1421,7 +1443,8 @@ TEST_F(VespProgramTest, WatchWithOneKindGrantedReportsThatKindAndSaysSo) {
   // Without a terminal and without --yes, reminders stay undecided.
   BackgroundWatch watch(vespCommand({"--store", root.path().string(), "watch"}), config_.path());
   ASSERT_TRUE(watch.started());
-  EXPECT_THAT(watch.errors(), ::testing::HasSubstr("vesp: watching events only: access to your reminders is not granted"));
+  EXPECT_THAT(watch.errors(),
+              ::testing::HasSubstr("vesp: watching events only: access to your reminders is not granted"));
 
   writeFile(root.path() / "t/x.ics", todo);
   EXPECT_THAT(watch.linesAfterQuiet(std::chrono::milliseconds(1000)), ::testing::IsEmpty());

@@ -368,11 +368,9 @@ void printOccurrences(Invocation& call, const std::vector<VespEventInstance>& fo
     writeArray(call.out, found, refs);
   } else if (!call.args.format.empty()) {
     printFormatted(call.out, found, call.args.format);
+  } else if (call.args.month) {
+    printMonth(call.out, found, period.first, call.style, refs);
   } else {
-    if (call.args.month) {
-      printMonthGrid(call.out, found, period.first);
-      call.out << '\n';
-    }
     printAgenda(call.out, found, period.first, period.second, call.style, refs);
   }
 }
@@ -554,9 +552,7 @@ vdir::VdirTime timeOf(const TypedDate& typed, bool allDay, const vdir::VdirClock
   }
   if (allDay) {
     // The day the user named, whatever the zone.
-    auto seconds = static_cast<std::time_t>(instant.timeIntervalSince1970());
-    std::tm fields{};
-    localtime_r(&seconds, &fields);
+    const std::tm fields = localFieldsOf(instant);
     like.local = icaltime_null_time();
     like.local.year = fields.tm_year + 1900;
     like.local.month = fields.tm_mon + 1;

@@ -12,14 +12,14 @@ namespace vesp::tool {
 
 using platform::Date;
 
-namespace {
-
-std::tm localFields(Date date) {
+std::tm localFieldsOf(Date date) {
   auto seconds = static_cast<std::time_t>(std::floor(date.timeIntervalSince1970()));
   std::tm fields{};
   localtime_r(&seconds, &fields);
   return fields;
 }
+
+namespace {
 
 // The moment of a local wall-clock time; fields out of range carry over (day 32 is the next
 // month's first), and a time a clock change skips is moved past it.
@@ -31,24 +31,24 @@ Date fromLocal(std::tm fields) {
 }  // namespace
 
 Date localMidnightOf(Date date) {
-  std::tm fields = localFields(date);
+  std::tm fields = localFieldsOf(date);
   fields.tm_hour = fields.tm_min = fields.tm_sec = 0;
   return fromLocal(fields);
 }
 
 Date addLocalDays(Date date, int days) {
-  std::tm fields = localFields(date);
+  std::tm fields = localFieldsOf(date);
   fields.tm_mday += days;
   return fromLocal(fields);
 }
 
 Date localWeekStartOf(Date date) {
   const Date midnight = localMidnightOf(date);
-  return addLocalDays(midnight, -((localFields(midnight).tm_wday + 6) % 7));
+  return addLocalDays(midnight, -((localFieldsOf(midnight).tm_wday + 6) % 7));
 }
 
 Date localMonthStartOf(Date date, int monthsLater) {
-  std::tm fields = localFields(date);
+  std::tm fields = localFieldsOf(date);
   fields.tm_mday = 1;
   fields.tm_mon += monthsLater;
   fields.tm_hour = fields.tm_min = fields.tm_sec = 0;
@@ -111,7 +111,7 @@ DayReading isoDay(const std::string& word) {
   fields.tm_mday = std::stoi(match[3]);
   const std::tm given = fields;
   const Date day = fromLocal(fields);
-  const std::tm made = localFields(day);
+  const std::tm made = localFieldsOf(day);
   if (made.tm_mday != given.tm_mday || made.tm_mon != given.tm_mon) return std::string("is not a real date");
   return day;
 }
@@ -144,7 +144,7 @@ DayReading dayOfWord(const std::string& word, Date now) {
   if (!day) return std::monostate{};
   const Date today = localMidnightOf(now);
   if (day->weekday < 0) return addLocalDays(today, day->fromToday);
-  return addLocalDays(today, daysUntil(localFields(today).tm_wday, day->weekday, false));
+  return addLocalDays(today, daysUntil(localFieldsOf(today).tm_wday, day->weekday, false));
 }
 
 // "this", "next" or "last", then a weekday, "week", "month" or "year".
@@ -152,7 +152,7 @@ DayReading dayOfPhrase(const std::string& which, const std::string& what, Date n
   const int step = which == "next" ? 1 : which == "last" ? -1 : which == "this" ? 0 : 2;
   if (step == 2) return std::monostate{};
   const Date today = localMidnightOf(now);
-  const std::tm fields = localFields(today);
+  const std::tm fields = localFieldsOf(today);
   if (what == "week") return addLocalDays(localWeekStartOf(today), 7 * step);
   if (what == "month") return localMonthStartOf(today, step);
   if (what == "year") return localMonthStartOf(today, 12 * step - fields.tm_mon);
@@ -175,7 +175,7 @@ Reading atTime(Date day, const std::string& word) {
   static const std::regex pattern(R"((\d{1,2}):(\d{2})(?::(\d{2}))?(z)?)");
   std::smatch match;
   std::regex_match(word, match, pattern);
-  std::tm fields = localFields(day);
+  std::tm fields = localFieldsOf(day);
   fields.tm_hour = std::stoi(match[1]);
   fields.tm_min = std::stoi(match[2]);
   fields.tm_sec = match[3].matched ? std::stoi(match[3]) : 0;

@@ -3,6 +3,7 @@
 // the command line share.
 #pragma once
 
+#include <ctime>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -11,6 +12,8 @@
 
 namespace vesp::tool {
 
+// The local calendar fields of `date` (localtime_r).
+std::tm localFieldsOf(platform::Date date);
 // Local midnight of `date`'s local day, and whole local days added (a day across a clock change is
 // not 24 hours).
 platform::Date localMidnightOf(platform::Date date);

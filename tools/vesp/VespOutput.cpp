@@ -101,9 +101,7 @@ json list(const std::optional<std::vector<T>>& values) {
 }
 
 std::string localTime(platform::Date date, const char* format) {
-  auto seconds = static_cast<std::time_t>(std::floor(date.timeIntervalSince1970()));
-  std::tm local{};
-  localtime_r(&seconds, &local);
+  const std::tm local = localFieldsOf(date);
   char text[64];
   std::strftime(text, sizeof text, format, &local);
   return text;
@@ -419,20 +417,13 @@ std::vector<AgendaLine> agendaLines(const std::vector<VespEventInstance>& events
   return lines;
 }
 
-int dayOfMonth(platform::Date date) {
-  auto seconds = static_cast<std::time_t>(std::floor(date.timeIntervalSince1970()));
-  std::tm fields{};
-  localtime_r(&seconds, &fields);
-  return fields.tm_mday;
-}
+int dayOfMonth(platform::Date date) { return localFieldsOf(date).tm_mday; }
 
-}  // namespace
-
-void printMonthGrid(std::ostream& out, const std::vector<VespEventInstance>& events, platform::Date month) {
-  const platform::Date first = localMonthStartOf(month), next = localMonthStartOf(month, 1);
+// The grid of the month that begins at `first` and ends at `next`, with the days of `lines` marked.
+void printMonthGrid(std::ostream& out, const std::vector<AgendaLine>& lines, platform::Date first,
+                    platform::Date next) {
   std::vector<bool> busy(32, false);
-  for (const AgendaLine& line : agendaLines(events, first, next))
-    busy[static_cast<std::size_t>(dayOfMonth(line.day))] = true;
+  for (const AgendaLine& line : lines) busy[static_cast<std::size_t>(dayOfMonth(line.day))] = true;
   const std::string title = localTime(first, "%B %Y");
   out << std::string((20 - std::min<std::size_t>(title.size(), 20)) / 2, ' ') << title << "\nMo Tu We Th Fr Sa Su\n";
   const int lastDay = dayOfMonth(addLocalDays(next, -1));
@@ -447,8 +438,6 @@ void printMonthGrid(std::ostream& out, const std::vector<VespEventInstance>& eve
     }
   }
 }
-
-namespace {
 
 using EventField = std::string (*)(const VespEventInstance&);
 
@@ -521,16 +510,21 @@ std::optional<std::string> formatProblem(const std::string& format) {
 }
 
 void printFormatted(std::ostream& out, const std::vector<VespEventInstance>& events, const std::string& format) {
+  // The format read once: each part a text, or a field when its function is set.
+  std::vector<std::pair<std::string, EventField>> parts;
+  walkFormat(format, [&](std::string_view text) { parts.emplace_back(text, nullptr); },
+             [&](const std::string& name) { parts.emplace_back("", eventFields().find(name)->second); });
   for (const auto& event : events) {
-    walkFormat(format, [&](std::string_view text) { out << text; },
-               [&](const std::string& name) { out << eventFields().find(name)->second(event); });
+    for (const auto& [text, field] : parts) out << (field ? field(event) : text);
     out << '\n';
   }
 }
 
-void printAgenda(std::ostream& out, const std::vector<VespEventInstance>& events, platform::Date windowStart,
-                 platform::Date windowEnd, const HumanStyle& style, const std::vector<std::string>* refs) {
-  const std::vector<AgendaLine> lines = agendaLines(events, windowStart, windowEnd);
+namespace {
+
+void printAgendaLines(std::ostream& out, const std::vector<VespEventInstance>& events,
+                      const std::vector<AgendaLine>& lines, const HumanStyle& style,
+                      const std::vector<std::string>* refs) {
   std::optional<platform::Date> day;
   for (const AgendaLine& line : lines) {
     const VespEventInstance& event = events[line.index];
@@ -549,6 +543,22 @@ void printAgenda(std::ostream& out, const std::vector<VespEventInstance>& events
     out << "  [" << neutralised(event.calendar().title()) << "]\n";
   }
   if (lines.empty()) out << "No events.\n";
+}
+
+}  // namespace
+
+void printAgenda(std::ostream& out, const std::vector<VespEventInstance>& events, platform::Date windowStart,
+                 platform::Date windowEnd, const HumanStyle& style, const std::vector<std::string>* refs) {
+  printAgendaLines(out, events, agendaLines(events, windowStart, windowEnd), style, refs);
+}
+
+void printMonth(std::ostream& out, const std::vector<VespEventInstance>& events, platform::Date month,
+                const HumanStyle& style, const std::vector<std::string>* refs) {
+  const platform::Date first = localMonthStartOf(month), next = localMonthStartOf(month, 1);
+  const std::vector<AgendaLine> lines = agendaLines(events, first, next);
+  printMonthGrid(out, lines, first, next);
+  out << '\n';
+  printAgendaLines(out, events, lines, style, refs);
 }
 
 void printEvent(std::ostream& out, const VespEventInstance& event, const HumanStyle& style) {

@@ -47,8 +47,9 @@ void printCalendars(std::ostream& out, const std::vector<VespCalendar>& calendar
 void printAgenda(std::ostream& out, const std::vector<VespEventInstance>& events, platform::Date windowStart,
                  platform::Date windowEnd, const HumanStyle& style, const std::vector<std::string>* refs = nullptr);
 // The month of `month` as a grid of weeks from Monday, as `cal` draws it, each day on which one of
-// `events` falls marked with "*".
-void printMonthGrid(std::ostream& out, const std::vector<VespEventInstance>& events, platform::Date month);
+// `events` falls marked with "*", then a blank line and the month's agenda.
+void printMonth(std::ostream& out, const std::vector<VespEventInstance>& events, platform::Date month,
+                const HumanStyle& style, const std::vector<std::string>* refs = nullptr);
 // One line per occurrence: `format` with each "{field}" replaced (see kEventFields), "{{" and "}}"
 // standing for braces. Check it first with formatProblem.
 void printFormatted(std::ostream& out, const std::vector<VespEventInstance>& events, const std::string& format);

@@ -93,7 +93,7 @@ enum class Tag : std::uint8_t {
   locationTitle, latitude, longitude, radius,
   todoIdentifier, due, todoStart, dueInstant, completed, isCompleted, priority, isCancelled, todoRules,
   // Added later, each at the end so that no number changes.
-  thisAndFuture,
+  thisAndFuture, todoStartInstant,
 };
 
 // An integer that must lie in [lowest, highest] (an enumeration's values, a span in days).
@@ -145,6 +145,7 @@ void walk(Io& io, T& t) {
   io(Tag::due, t.due);
   io(Tag::todoStart, t.start);
   io(Tag::dueInstant, t.dueInstant);
+  io(Tag::todoStartInstant, t.startInstant);
   io(Tag::completed, t.completed);
   io(Tag::isCompleted, t.isCompleted);
   io(Tag::priority, t.priority);

@@ -59,7 +59,7 @@ using VdirFileRecords = std::vector<std::pair<std::string, VdirFileRecord>>;
 
 // The format's version; a cache of any other version is ignored. It changes with the schema and
 // with what the reader makes of a file (6: UIDs are read as text, their escapes undone).
-inline constexpr std::uint32_t kVdirCacheFormat = 9;
+inline constexpr std::uint32_t kVdirCacheFormat = 10;
 
 // The default directory for caches: $XDG_CACHE_HOME/vesp, else ~/.cache/vesp; empty when neither
 // can be found.

@@ -641,8 +641,10 @@ class Reader {
       todo->due = timeOf(due, icalproperty_get_due(due), "DUE");
       if (todo->due) todo->dueInstant = context_.clock->instant(*todo->due);
     }
-    if (icalproperty* start = properties.start)
+    if (icalproperty* start = properties.start) {
       todo->start = timeOf(start, icalproperty_get_dtstart(start), "DTSTART");
+      if (todo->start) todo->startInstant = context_.clock->instant(*todo->start);
+    }
     if (todo->start && todo->start->kind == VdirTime::Kind::zoned) data.timeZoneName = todo->start->tzid;
     if (todo->due && todo->due->kind == VdirTime::Kind::zoned) data.timeZoneName = todo->due->tzid;
     todo->completed = utcDateOf(properties.completed, icalproperty_get_completed, "COMPLETED");

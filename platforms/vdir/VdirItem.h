@@ -82,7 +82,7 @@ struct VdirRuleData {
 struct VdirTodoData {
   std::string identifier;  // the to-do's calendar-item identifier, as a series'
   std::optional<VdirTime> due, start;
-  std::optional<platform::Date> dueInstant;
+  std::optional<platform::Date> dueInstant, startInstant;
   std::optional<platform::Date> completed;
   bool isCompleted = false;
   bool isCancelled = false;  // STATUS:CANCELLED

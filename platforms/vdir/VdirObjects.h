@@ -287,9 +287,11 @@ class VdirReminder : public VdirSettableReminder {
   std::optional<platform::DateComponents> startDateComponents() const override;
   void setCompleted(bool completed) override;
   std::string description() const override;
-  // As the file says: STATUS:CANCELLED, and the due date as an instant (a day's from its local midnight).
+  // As the file says: STATUS:CANCELLED, and the due and start dates as instants (a day's from its
+  // local midnight).
   bool isCancelled() const { return task().isCancelled; }
   const std::optional<platform::Date>& dueInstant() const { return task().dueInstant; }
+  const std::optional<platform::Date>& startInstant() const { return task().startInstant; }
 
 
  private:

@@ -136,12 +136,13 @@ void printNotes(std::ostream& out, const std::string& notes) {
   out << "  " << std::left << std::setw(12) << "notes" << neutralised(notes, &indent) << '\n';
 }
 
-// A reminder's due date: a day as it is, a time in the local zone.
-std::string dueText(const ListedReminder& listed) {
-  const auto& due = listed.record.dueDateComponents();
-  if (listed.due && due && due->hour) return localTime(*listed.due, "%Y-%m-%d %H:%M");
-  return components(due);
+// A reminder's due or start date: a day as it is, a time in the local zone.
+std::string reminderDate(const std::optional<platform::DateComponents>& stated,
+                         const std::optional<platform::Date>& instant) {
+  if (instant && stated && stated->hour) return localTime(*instant, "%Y-%m-%d %H:%M");
+  return components(stated);
 }
+std::string dueText(const ListedReminder& listed) { return reminderDate(listed.record.dueDateComponents(), listed.due); }
 
 // How an item repeats, by its first rule: "weekly", "every 2 weeks"; empty when it does not.
 std::string repeats(const std::optional<std::vector<VespRecurrenceRule>>& rules) {
@@ -611,7 +612,7 @@ void printReminder(std::ostream& out, const ListedReminder& listed, const HumanS
   line("completed", reminder.isCompleted() ? "yes" : "no");
   if (listed.cancelled) line("cancelled", "yes");
   if (auto due = dueText(listed); !due.empty()) line("due", due);
-  if (auto start = components(reminder.startDateComponents()); !start.empty()) line("starts", start);
+  if (auto start = reminderDate(reminder.startDateComponents(), listed.start); !start.empty()) line("starts", start);
   if (auto repeat = repeats(reminder.recurrenceRules()); !repeat.empty()) line("repeats", repeat);
   line("priority", std::string(description(reminder.priority())));
   if (reminder.notes()) printNotes(out, *reminder.notes());

@@ -24,7 +24,7 @@ CalendarList calendarsOf(vdir::VdirEventStore& store, const std::set<std::string
 ListedReminder listed(const platform::EKReminder& reminder, VespReminder record) {
   const auto* stored = dynamic_cast<const vdir::VdirReminder*>(&reminder);
   return {std::move(record), reminder.priority(), stored ? stored->dueInstant() : std::nullopt,
-          stored && stored->isCancelled()};
+          stored ? stored->startInstant() : std::nullopt, stored && stored->isCancelled()};
 }
 
 // Fetches what `predicate` selects and waits for the store's answer.
@@ -64,7 +64,7 @@ std::vector<ListedReminder> listReminders(vdir::VdirPlatform& platform, const Re
 ListedReminder describedReminder(vdir::VdirPlatform& platform, VespReminder record) {
   auto stored = std::dynamic_pointer_cast<platform::EKReminder>(
       platform.makeEventStore()->calendarItemWithIdentifier(record.calendarItemIdentifier()));
-  if (!stored) return {std::move(record), 0, std::nullopt, false};
+  if (!stored) return {std::move(record), 0, std::nullopt, std::nullopt, false};
   return listed(*stored, std::move(record));
 }
 

@@ -19,7 +19,7 @@ namespace vesp::tool {
 struct ListedReminder {
   VespReminder record;
   std::int64_t priority = 0;          // as the file says: 0 none, 1 highest to 9 lowest
-  std::optional<platform::Date> due;  // a day's due date from its local midnight
+  std::optional<platform::Date> due, start;  // a day's from its local midnight
   bool cancelled = false;
 };
 

@@ -611,7 +611,7 @@ TEST_F(VespWritingTest, TheAgendaShowsEachDayOfALongOccurrenceAndMarksCancelledO
   EXPECT_THAT(first.out, ::testing::HasSubstr("  all day      Trip (day 2/5)  [c]\n"));
 }
 
-TEST_F(VespWritingTest, NotesKeepTheirLinesDueTimesAreLocalAndControlsAreNeutralised) {
+TEST_F(VespWritingTest, NotesKeepTheirLinesDueAndStartTimesAreLocalAndControlsAreNeutralised) {
   writeFile(root_.path() / "c/notes.ics",
             "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Other//EN\r\nBEGIN:VEVENT\r\nUID:notes\r\n"
             "DTSTAMP:20261001T000000Z\r\nDTSTART:20261203T090000Z\r\nDTEND:20261203T100000Z\r\n"
@@ -619,7 +619,7 @@ TEST_F(VespWritingTest, NotesKeepTheirLinesDueTimesAreLocalAndControlsAreNeutral
             "END:VEVENT\r\nEND:VCALENDAR\r\n");
   writeFile(root_.path() / "t/call.ics",
             "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Other//EN\r\nBEGIN:VTODO\r\nUID:call\r\n"
-            "DTSTAMP:20261001T000000Z\r\nSUMMARY:Call\r\nDUE:20261204T110000Z\r\n"
+            "DTSTAMP:20261001T000000Z\r\nSUMMARY:Call\r\nDTSTART:20261203T230000Z\r\nDUE:20261204T110000Z\r\n"
             "DESCRIPTION:ask about\\nthe card\r\nEND:VTODO\r\nEND:VCALENDAR\r\n");
   auto agenda = run({"events", "--from", "2026-12-03", "--to", "2026-12-04"});
   EXPECT_THAT(agenda.out, ::testing::HasSubstr("  10:00-11:00  Bell\\u009B31m\\x1B[0m  [c]\n"));
@@ -633,6 +633,9 @@ TEST_F(VespWritingTest, NotesKeepTheirLinesDueTimesAreLocalAndControlsAreNeutral
   auto reminder = run({"reminder", "t/call.ics"});
   ASSERT_EQ(reminder.status, 0) << reminder.err;
   EXPECT_THAT(reminder.out, ::testing::HasSubstr("  due         2026-12-04 12:00\n"));  // 11:00 UTC in Berlin
+  EXPECT_THAT(reminder.out, ::testing::HasSubstr("  starts      2026-12-04 00:00\n"));  // the next day there
+  // Read again from the store's cache, the times are the same.
+  EXPECT_EQ(run({"reminder", "t/call.ics"}).out, reminder.out);
   EXPECT_THAT(reminder.out, ::testing::HasSubstr("  notes       ask about\n              the card\n"));
   EXPECT_THAT(run({"reminders"}).out, ::testing::HasSubstr("[ ] Call  due 2026-12-04 12:00  [Tasks]\n"));
 }

@@ -58,6 +58,20 @@ std::optional<std::string> systemZoneDefinition(const std::string& tzid) {
   return result;
 }
 
+// The path of a file in `collection` that holds an event or to-do with `uid`, when there is one.
+std::optional<std::string> fileWithUid(const VdirSnapshot& snapshot, const std::string& collection,
+                                       const std::string& uid) {
+  const VdirCollection* in = collectionNamed(snapshot, collection);
+  if (!in) return std::nullopt;
+  for (const auto& item : in->items) {
+    for (const VdirSeriesData& series : item->series)
+      if ((series.master ? *series.master : series.overrides.front()).uid == uid) return item->relativePath;
+    for (const VdirComponentData& todo : item->todos)
+      if (todo.uid == uid) return item->relativePath;
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 struct VdirItemEditor::Found {
@@ -212,6 +226,12 @@ rivet::RivetResult<VdirPlan> VdirItemEditor::moved(
     return editorError(VdirErrorCode::invalidChange,
                        "the file holds other items too: only a file of one item moves to another calendar", __func__,
                        __LINE__);
+  // A calendar holds one item of a UID: a second would be refused by a CalDAV server.
+  if (auto holder = fileWithUid(*store_->snapshot(), collection, found.uid))
+    return editorError(VdirErrorCode::invalidChange,
+                       *holder + " already holds an item with the UID \"" + found.uid +
+                           "\": the item does not move to " + collection + " beside it",
+                       __func__, __LINE__);
   VdirDocument document = found.document;
   auto edited = edit(document);
   if (!edited) return editFailure(edited.error(), __func__, __LINE__);

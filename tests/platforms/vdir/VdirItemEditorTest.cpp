@@ -289,6 +289,29 @@ TEST_F(VdirItemEditorTest, AnItemMovesBesideAFileOfTheSameNameWithoutTouchingIt)
   ASSERT_NE(store->firstOccurrence("d/weekly-1.ics"), nullptr);
 }
 
+// A calendar that already holds an item of the same UID (under another file name) is not given a
+// second: the move is refused and nothing is written.
+TEST_F(VdirItemEditorTest, AnItemDoesNotMoveIntoACalendarHoldingItsUid) {
+  writeFile(root.path() / "d/copy-of-milk.ics", kTodo);
+  writeFile(root.path() / "d/copy-of-weekly.ics", kWeekly);
+  reopen();
+  const auto tree = testing::treeState(root.path());
+  auto todo = editor->changeReminder("c/milk.ics", {.title = "Oat milk"}, "d");
+  ASSERT_FALSE(todo.has_value());
+  EXPECT_EQ(codeOf(todo.error()), VdirErrorCode::invalidChange);
+  EXPECT_THAT(todo.error().message(), HasSubstr("d/copy-of-milk.ics already holds an item with the UID \"milk\""));
+  auto event = editor->changeEvent("c/weekly.ics", std::nullopt, VdirSpan::thisOccurrence, {}, "d");
+  ASSERT_FALSE(event.has_value());
+  EXPECT_EQ(codeOf(event.error()), VdirErrorCode::invalidChange);
+  EXPECT_THAT(event.error().message(), HasSubstr("d/copy-of-weekly.ics already holds an item with the UID \"weekly\""));
+  EXPECT_EQ(testing::treeState(root.path()), tree);
+  // Into a calendar without that UID, the same items move.
+  fs::remove(root.path() / "d/copy-of-milk.ics");
+  reopen();
+  auto moved = editor->changeReminder("c/milk.ics", {.title = "Oat milk"}, "d");
+  ASSERT_TRUE(moved.has_value()) << moved.error().message();
+}
+
 TEST_F(VdirItemEditorTest, FailuresSayWhatKindTheyAreAndChangeNothing) {
   const auto tree = testing::treeState(root.path());
   auto missing = editor->changeEvent("c/nothing.ics", std::nullopt, VdirSpan::thisOccurrence, {.title = "x"});

@@ -85,16 +85,6 @@ std::string defaultStore() {
   return std::string(home && *home ? home : ".") + "/.calendars";
 }
 
-// A date or time as a person types it (`vesp help dates`), read at this moment.
-TypedDate typedDate(const std::string& text, const char* option) {
-  auto read = readTypedDate(text, Date::now());
-  if (auto* reason = std::get_if<std::string>(&read))
-    throw Exit{kExitUsage, std::string("vesp: ") + option + " \"" + text + "\" " + *reason};
-  return std::get<TypedDate>(read);
-}
-
-Date parseDate(const std::string& text, const char* option) { return typedDate(text, option).instant; }
-
 Date localMidnightToday() { return localMidnightOf(Date::now()); }
 
 const char* kindName(platform::EKEntityType type) {
@@ -319,11 +309,25 @@ struct Arguments {
   bool refs = false;                   // events --refs
   std::optional<int> days;             // events --days
   bool week = false, month = false;    // events --week, --month
+  int firstWeekday = kMonday;          // --week-start
   std::string format;                  // events, search --format
   std::optional<std::string> setting;  // config default-calendar ID
   bool unset = false;                  // config default-calendar --unset
   std::vector<std::string> files;      // import FILE...
 };
+
+// A date or time as a person types it (`vesp help dates`), read at this moment, in weeks that
+// begin on the day --week-start names.
+TypedDate typedDate(const Arguments& args, const std::string& text, const char* option) {
+  auto read = readTypedDate(text, Date::now(), args.firstWeekday);
+  if (auto* reason = std::get_if<std::string>(&read))
+    throw Exit{kExitUsage, std::string("vesp: ") + option + " \"" + text + "\" " + *reason};
+  return std::get<TypedDate>(read);
+}
+
+Date parseDate(const Arguments& args, const std::string& text, const char* option) {
+  return typedDate(args, text, option).instant;
+}
 
 // What a subcommand runs with.
 struct Invocation {
@@ -348,15 +352,18 @@ void runCalendars(Invocation& call, platform::EKEntityType type) {
 }
 
 // The period of --from and --to (today and a week by default), or --days days from --from, or
-// the week (from Monday) or month that holds --from.
+// the week (from Monday, or --week-start) or month that holds --from.
 std::pair<Date, Date> periodOf(const Arguments& args) {
-  Date start = args.from.empty() ? localMidnightToday() : parseDate(args.from, "--from");
+  Date start = args.from.empty() ? localMidnightToday() : parseDate(args, args.from, "--from");
   const int lengths = !args.to.empty() + args.days.has_value() + args.week + args.month;
   if (lengths > 1) throw Exit{kExitUsage, "vesp: give one of --to, --days, --week and --month"};
-  if (args.week) return {localWeekStartOf(start), addLocalDays(localWeekStartOf(start), 7)};
+  if (args.week) {
+    const Date first = localWeekStartOf(start, args.firstWeekday);
+    return {first, addLocalDays(first, 7)};
+  }
   if (args.month) return {localMonthStartOf(start), localMonthStartOf(start, 1)};
   Date end = args.days ? addLocalDays(start, *args.days) : args.to.empty() ? addLocalDays(start, 7)
-                                                                           : parseDate(args.to, "--to");
+                                                                           : parseDate(args, args.to, "--to");
   if (end <= start) throw Exit{kExitUsage, "vesp: --to must be later than --from"};
   return {start, end};
 }
@@ -420,9 +427,10 @@ void runSearch(Invocation& call) {
   const std::string wanted = foldedText(call.args.text);
   if (wanted.empty()) throw Exit{kExitUsage, "vesp: give some text to search for"};
   checkFormat(call.args);
+  const Arguments& args = call.args;
   const Date today = localMidnightToday();
-  const Date start = call.args.from.empty() ? addLocalDays(today, -365) : parseDate(call.args.from, "--from");
-  const Date end = call.args.to.empty() ? addLocalDays(today, 366) : parseDate(call.args.to, "--to");
+  const Date start = args.from.empty() ? addLocalDays(today, -365) : parseDate(args, args.from, "--from");
+  const Date end = args.to.empty() ? addLocalDays(today, 366) : parseDate(args, args.to, "--to");
   if (end <= start) throw Exit{kExitUsage, "vesp: --to must be later than --from"};
   call.session.requireAccess(platform::EKEntityTypeEvent, true);
   auto& manager = call.session.manager();
@@ -439,7 +447,8 @@ std::optional<VespEventInstanceIdentifier> referenced(Invocation& call, const st
   static const std::regex form(R"((\d{4})(\d{2})(\d{2})-([0-9a-f]{4,16}))");
   std::smatch match;
   if (!std::regex_match(text, match, form)) return std::nullopt;
-  const Date day = parseDate(match[1].str() + "-" + match[2].str() + "-" + match[3].str(), "the reference");
+  const Date day =
+      parseDate(call.args, match[1].str() + "-" + match[2].str() + "-" + match[3].str(), "the reference");
   const std::string prefix = match[4];
   auto found = valueOrExit(
       call.session.manager().getEventInstances(day, addLocalDays(day, 1), VespCalendarQuery::all()), kExitFailure);
@@ -469,7 +478,7 @@ ReminderSelection selectionOf(const Arguments& args, std::set<std::string> lists
   selection.completed = (status.empty() && period) || status == "completed" || status == "any";
   selection.cancelled = status == "cancelled" || status == "any";
   selection.lists = std::move(lists);
-  if (!args.dueBefore.empty()) selection.dueBefore = parseDate(args.dueBefore, "--due-before");
+  if (!args.dueBefore.empty()) selection.dueBefore = parseDate(args, args.dueBefore, "--due-before");
   if (!args.atLeastPriority.empty()) {
     const std::string& given = args.atLeastPriority;
     selection.atLeastPriority = given == "high" ? 4 : given == "medium" ? 5 : given == "low" ? 9 : std::stoi(given);
@@ -583,15 +592,15 @@ long long durationOf(const std::string& text) {
 
 // An --alarm ("-15m" before the start, "+1h" or "1h" after it, "0m" at it) as an RFC 5545 duration,
 // or one at a set time (a date and time as --start takes them) as a UTC time.
-std::string alarmTrigger(const std::string& text) {
+std::string alarmTrigger(const Arguments& args, const std::string& text) {
   static const std::regex kDate("^[0-9]{4}-[0-9]{2}-[0-9]{2}.*");
-  if (std::regex_match(text, kDate)) return vdir::utcText(parseDate(text, "--alarm"));
+  if (std::regex_match(text, kDate)) return vdir::utcText(parseDate(args, text, "--alarm"));
   const bool before = !text.empty() && text[0] == '-';
   const std::string amount = !text.empty() && (text[0] == '-' || text[0] == '+') ? text.substr(1) : text;
   const auto seconds = secondsOf(amount);
   // A set time may also begin with a word ("tomorrow 08:00"); a time from the start never does.
-  if (auto set = readTypedDate(text, Date::now()); !seconds && std::holds_alternative<TypedDate>(set) &&
-                                                   std::isalpha(static_cast<unsigned char>(text[0])))
+  auto set = readTypedDate(text, Date::now(), args.firstWeekday);
+  if (!seconds && std::holds_alternative<TypedDate>(set) && std::isalpha(static_cast<unsigned char>(text[0])))
     return vdir::utcText(std::get<TypedDate>(set).instant);
   if (!seconds)
     throw Exit{kExitUsage, "vesp: --alarm \"" + text +
@@ -606,7 +615,7 @@ void setRepeatAndAlarms(const Arguments& args, vdir::VdirItemChanges& changes) {
   if (args.alarms.empty()) return;
   changes.alarms.emplace();
   if (args.alarms == std::vector<std::string>{"none"}) return;
-  for (const auto& alarm : args.alarms) changes.alarms->push_back(alarmTrigger(alarm));
+  for (const auto& alarm : args.alarms) changes.alarms->push_back(alarmTrigger(args, alarm));
 }
 
 // The texts every item command may set.
@@ -626,8 +635,10 @@ void setTexts(const Arguments& args, vdir::VdirItemChanges& changes) {
 // an hour, or a day when all-day.
 void setTimes(const Arguments& args, const vdir::VdirClock& clock, bool isNew, vdir::VdirItemChanges& changes) {
   if (!args.end.empty() && !args.duration.empty()) throw Exit{kExitUsage, "vesp: give --end or --duration, not both"};
-  if (!args.start.empty()) changes.start = timeOf(typedDate(args.start, "--start"), args.allDay, clock);
-  if (!args.end.empty()) changes.end = timeOf(typedDate(args.end, "--end"), args.allDay, clock);
+  if (!args.start.empty())
+    changes.start = timeOf(typedDate(args, args.start, "--start"), args.allDay, clock);
+  if (!args.end.empty())
+    changes.end = timeOf(typedDate(args, args.end, "--end"), args.allDay, clock);
   if (!changes.start || changes.end || (args.duration.empty() && !isNew)) return;
   const long long seconds = args.duration.empty() ? (args.allDay ? 86400 : 3600) : durationOf(args.duration);
   if (args.allDay && seconds % 86400 != 0)
@@ -740,7 +751,8 @@ std::pair<std::string, std::optional<Date>> eventNamed(Invocation& call) {
   if (auto reference = referenced(call, args.identifier))
     return {reference->eventIdentifier(), reference->originalOccurrenceDate()};
   if (args.identifier.empty() || args.identifier[0] != '{') {
-    if (!args.occurrence.empty()) return {args.identifier, parseDate(args.occurrence, "--occurrence")};
+    if (!args.occurrence.empty())
+      return {args.identifier, parseDate(args, args.occurrence, "--occurrence")};
     return {args.identifier, std::nullopt};
   }
   try {
@@ -902,7 +914,7 @@ vdir::VdirItemChanges reminderChanges(const Arguments& args, const vdir::VdirClo
   vdir::VdirItemChanges changes;
   setTexts(args, changes);
   if (!args.due.empty()) {
-    const TypedDate due = typedDate(args.due, "--due");
+    const TypedDate due = typedDate(args, args.due, "--due");
     changes.due = timeOf(due, due.day, clock);
   }
   changes.priority = args.priority;
@@ -1110,6 +1122,13 @@ void addGlobalOptions(CLI::App& app, Arguments& args) {
   app.add_flag("--json", args.asJSON, "Print one JSON document instead of the human view");
   app.add_flag("--yes", args.yes, "Answer yes when asked for access to the store (for scripts)");
   app.add_flag("--verbose", args.verbose, "Log the library's failures to stderr, one JSON object per line");
+  app.add_option_function<std::string>(
+         "--week-start", [&args](const std::string& day) { args.firstWeekday = *weekdayNamed(day); },
+         "The day weeks begin on, for --week, --month, \"this week\" and \"this friday\" (default: monday)")
+      ->type_name("DAY")
+      ->check(CLI::Validator(
+          [](const std::string& day) { return weekdayNamed(day) ? std::string() : "\"" + day + "\" is not a weekday"; },
+          ""));
   app.footer("Exit status: 0 success, 1 failure, 2 bad arguments, 3 access not granted, 4 no store, 5 not found,\n"
              "6 the file changed on disk meanwhile (nothing was written), 7 read-only calendar or file.\n"
              "Dates are typed as people say them (tomorrow, fri 9:30, +3d, next month, 2026-12-01T09:30):\n"
@@ -1281,7 +1300,8 @@ std::vector<Subcommand> addSubcommands(CLI::App& app, Arguments& args) {
                       "Only this calendar, by identifier or title (repeatable; `vesp calendars` lists them)");
   events->add_option("--not-calendar", args.excludedIds, "Not this calendar, by identifier or title (repeatable)");
   events->add_option("--days", args.days, "This many days from --from")->check(CLI::Range(1, 3660));
-  events->add_flag("--week", args.week, "The week (Monday to Sunday) that holds --from (default: this week)");
+  events->add_flag("--week", args.week,
+                   "The week (from Monday, or --week-start) that holds --from (default: this week)");
   events->add_flag("--month", args.month, "The month that holds --from, drawn as a grid before the agenda");
   events->add_option("--format", args.format,
                      "One line per occurrence, with {title}, {start}, {end}, {calendar}, {location} and other "
@@ -1427,7 +1447,7 @@ int runVesp(int argc, const char* const* argv, std::ostream& out, std::ostream& 
 
     Session session(args.store, name == "watch", args.yes, args.verbose, err);
     session.setYes(args.yes);
-    Invocation call{args, session, out, err, HumanStyle{colourWanted()}, stopSignals};
+    Invocation call{args, session, out, err, HumanStyle{colourWanted(), args.firstWeekday}, stopSignals};
     chosen->run(call);
     return kExitSuccess;
   } catch (const Exit& exit) {

@@ -42,9 +42,9 @@ Date addLocalDays(Date date, int days) {
   return fromLocal(fields);
 }
 
-Date localWeekStartOf(Date date) {
+Date localWeekStartOf(Date date, int firstWeekday) {
   const Date midnight = localMidnightOf(date);
-  return addLocalDays(midnight, -((localFieldsOf(midnight).tm_wday + 6) % 7));
+  return addLocalDays(midnight, -((localFieldsOf(midnight).tm_wday - firstWeekday + 7) % 7));
 }
 
 Date localMonthStartOf(Date date, int monthsLater) {
@@ -148,19 +148,20 @@ DayReading dayOfWord(const std::string& word, Date now) {
 }
 
 // "this", "next" or "last", then a weekday, "week", "month" or "year".
-DayReading dayOfPhrase(const std::string& which, const std::string& what, Date now) {
+DayReading dayOfPhrase(const std::string& which, const std::string& what, Date now, int firstWeekday) {
   const int step = which == "next" ? 1 : which == "last" ? -1 : which == "this" ? 0 : 2;
   if (step == 2) return std::monostate{};
   const Date today = localMidnightOf(now);
   const std::tm fields = localFieldsOf(today);
-  if (what == "week") return addLocalDays(localWeekStartOf(today), 7 * step);
+  if (what == "week") return addLocalDays(localWeekStartOf(today, firstWeekday), 7 * step);
   if (what == "month") return localMonthStartOf(today, step);
   if (what == "year") return localMonthStartOf(today, 12 * step - fields.tm_mon);
   auto named = oneDayWord(what);
   if (auto* reason = std::get_if<std::string>(&named)) return *reason;
   const DayWord* day = std::get<const DayWord*>(named);
   if (!day || day->weekday < 0) return std::monostate{};
-  if (step == 0) return addLocalDays(localWeekStartOf(today), (day->weekday + 6) % 7);
+  if (step == 0)
+    return addLocalDays(localWeekStartOf(today, firstWeekday), daysUntil(firstWeekday, day->weekday, false));
   if (step > 0) return addLocalDays(today, daysUntil(fields.tm_wday, day->weekday, true));
   return addLocalDays(today, -daysUntil(day->weekday, fields.tm_wday, true));
 }
@@ -199,7 +200,7 @@ std::vector<std::string> wordsOf(std::string_view text) {
 
 }  // namespace
 
-Reading readTypedDate(std::string_view text, Date now) {
+Reading readTypedDate(std::string_view text, Date now, int firstWeekday) {
   std::vector<std::string> words = wordsOf(text);
   if (words.empty()) return std::string("is not a date: it is empty");
   if (words.size() == 1 && words[0] == "now") return TypedDate{now, false, false};
@@ -216,12 +217,21 @@ Reading readTypedDate(std::string_view text, Date now) {
     if (words.empty()) words.push_back("today");
   }
   DayReading day = words.size() == 1   ? dayOfWord(words[0], now)
-                   : words.size() == 2 ? dayOfPhrase(words[0], words[1], now)
+                   : words.size() == 2 ? dayOfPhrase(words[0], words[1], now, firstWeekday)
                                        : DayReading{};
   if (std::holds_alternative<std::monostate>(day)) return std::string(kNotADate);
   if (auto* reason = std::get_if<std::string>(&day)) return *reason;
   if (!time) return TypedDate{std::get<Date>(day), true, false};
   return atTime(std::get<Date>(day), *time);
+}
+
+std::optional<int> weekdayNamed(std::string_view name) {
+  std::string lowered;
+  for (char c : name) lowered += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  auto named = oneDayWord(lowered);
+  const DayWord* const* day = std::get_if<const DayWord*>(&named);
+  if (!day || !*day || (*day)->weekday < 0) return std::nullopt;
+  return (*day)->weekday;
 }
 
 const char* const kDateForms =
@@ -235,8 +245,8 @@ while they name one word alone (tom, fri, wed; "to" could be today or tomorrow).
   today, tomorrow, yesterday
   monday ... sunday          the next such day, today when today is one
   next friday, last friday   the next one after today, the last one before it
-  this friday                the Friday of this week (weeks begin on Monday)
-  this week, next week       the Monday that begins the week (also last week)
+  this friday                the Friday of this week (weeks begin on Monday, or on --week-start)
+  this week, next week       the day that begins the week (also last week)
   this month, next month     the first day of the month (also last month)
   this year, next year       the first of January (also last year)
   14:00                      today at that time; a time may follow any day: tomorrow 14:00, fri 9:30

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <ctime>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -18,9 +19,11 @@ std::tm localFieldsOf(platform::Date date);
 // not 24 hours).
 platform::Date localMidnightOf(platform::Date date);
 platform::Date addLocalDays(platform::Date date, int days);
-// Local midnight of the Monday that begins `date`'s week, and of the first day of its month,
-// `monthsLater` months on.
-platform::Date localWeekStartOf(platform::Date date);
+// Weekdays are numbered as std::tm has them: 0 Sunday to 6 Saturday.
+inline constexpr int kMonday = 1;
+// Local midnight of the day that begins `date`'s week (weeks begin on `firstWeekday`), and of the
+// first day of its month, `monthsLater` months on.
+platform::Date localWeekStartOf(platform::Date date, int firstWeekday = kMonday);
 platform::Date localMonthStartOf(platform::Date date, int monthsLater = 0);
 
 // A date as typed: a whole local day (`instant` is its midnight) or a moment.
@@ -30,9 +33,15 @@ struct TypedDate {
   bool utc = false;  // a moment written in UTC (ending in Z)
 };
 
-// Reads `text` as it stands at `now`. On failure, why, as words that follow the text in a message:
-// "is not a date: ...", "is not a real date", "is ambiguous: ...".
-std::variant<TypedDate, std::string> readTypedDate(std::string_view text, platform::Date now);
+// Reads `text` as it stands at `now`, in weeks that begin on `firstWeekday` ("this week", "this
+// friday"). On failure, why, as words that follow the text in a message: "is not a date: ...",
+// "is not a real date", "is ambiguous: ...".
+std::variant<TypedDate, std::string> readTypedDate(std::string_view text, platform::Date now,
+                                                   int firstWeekday = kMonday);
+
+// The weekday `name` names, in any case ("sunday", "Sun", "su": a beginning that names one day
+// alone), or nothing.
+std::optional<int> weekdayNamed(std::string_view name);
 
 // The forms readTypedDate takes, as `vesp help dates` prints them.
 extern const char* const kDateForms;

@@ -420,15 +420,19 @@ std::vector<AgendaLine> agendaLines(const std::vector<VespEventInstance>& events
 
 int dayOfMonth(platform::Date date) { return localFieldsOf(date).tm_mday; }
 
-// The grid of the month that begins at `first` and ends at `next`, with the days of `lines` marked.
+// The grid of the month that begins at `first` and ends at `next`, in weeks that begin on
+// `firstWeekday`, with the days of `lines` marked.
 void printMonthGrid(std::ostream& out, const std::vector<AgendaLine>& lines, platform::Date first,
-                    platform::Date next) {
+                    platform::Date next, int firstWeekday) {
   std::vector<bool> busy(32, false);
   for (const AgendaLine& line : lines) busy[static_cast<std::size_t>(dayOfMonth(line.day))] = true;
   const std::string title = localTime(first, "%B %Y");
-  out << std::string((20 - std::min<std::size_t>(title.size(), 20)) / 2, ' ') << title << "\nMo Tu We Th Fr Sa Su\n";
+  static constexpr const char* kDays[] = {"Su", "Mo", "Tu", "We", "Th", "Fr", "Sa"};
+  out << std::string((20 - std::min<std::size_t>(title.size(), 20)) / 2, ' ') << title << '\n';
+  for (int column = 0; column < 7; ++column) out << (column ? " " : "") << kDays[(firstWeekday + column) % 7];
+  out << '\n';
   const int lastDay = dayOfMonth(addLocalDays(next, -1));
-  int column = daysBetween(localWeekStartOf(first), first);
+  int column = daysBetween(localWeekStartOf(first, firstWeekday), first);
   std::string row(static_cast<std::size_t>(3 * column), ' ');
   for (int day = 1; day <= lastDay; ++day) {
     row += (day < 10 ? " " : "") + std::to_string(day) + (busy[static_cast<std::size_t>(day)] ? '*' : ' ');
@@ -557,7 +561,7 @@ void printMonth(std::ostream& out, const std::vector<VespEventInstance>& events,
                 const HumanStyle& style, const std::vector<std::string>* refs) {
   const platform::Date first = localMonthStartOf(month), next = localMonthStartOf(month, 1);
   const std::vector<AgendaLine> lines = agendaLines(events, first, next);
-  printMonthGrid(out, lines, first, next);
+  printMonthGrid(out, lines, first, next, style.firstWeekday);
   out << '\n';
   printAgendaLines(out, events, lines, style, refs);
 }

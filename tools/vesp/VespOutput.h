@@ -29,6 +29,7 @@ std::string neutralised(const std::string& text, const std::string* lineIndent =
 
 struct HumanStyle {
   bool colour = false;  // 24-bit colour swatches for calendars
+  int firstWeekday = kMonday;  // the day a month grid's weeks begin on (0 Sunday to 6 Saturday)
 };
 
 // Short references to occurrences that a person can type: "YYYYMMDD-xxxx", the local day the
@@ -46,7 +47,7 @@ void printCalendars(std::ostream& out, const std::vector<VespCalendar>& calendar
 // cancelled one says CANCELLED. With `refs`, each occurrence's reference opens its lines.
 void printAgenda(std::ostream& out, const std::vector<VespEventInstance>& events, platform::Date windowStart,
                  platform::Date windowEnd, const HumanStyle& style, const std::vector<std::string>* refs = nullptr);
-// The month of `month` as a grid of weeks from Monday, as `cal` draws it, each day on which one of
+// The month of `month` as a grid of weeks from the style's first weekday, as `cal` draws it, each day on which one of
 // `events` falls marked with "*", then a blank line and the month's agenda.
 void printMonth(std::ostream& out, const std::vector<VespEventInstance>& events, platform::Date month,
                 const HumanStyle& style, const std::vector<std::string>* refs = nullptr);

@@ -124,6 +124,48 @@ TEST_F(VespDatesTest, AmbiguousAndInvalidFormsSayWhy) {
   }
 }
 
+// Weeks that begin on another day move "this week" and "this <day>", and nothing else.
+TEST_F(VespDatesTest, WeeksBeginOnTheDayChosen) {
+  struct Row {
+    const char* text;
+    int firstWeekday;
+    const char* instant;
+  };
+  const Row table[] = {
+      {"this week", 0, "2026-11-21T23:00:00Z"},    // Sunday 22 November
+      {"next week", 0, "2026-11-28T23:00:00Z"},    // Sunday 29 November
+      {"last week", 6, "2026-11-13T23:00:00Z"},    // Saturday 14 November
+      {"this week", 3, "2026-11-24T23:00:00Z"},    // today, a Wednesday
+      {"this sunday", 0, "2026-11-21T23:00:00Z"},  // the week's first day
+      {"this sunday", 1, "2026-11-28T23:00:00Z"},  // the week's last day
+      {"this friday", 6, "2026-11-26T23:00:00Z"},
+      {"this tuesday", 3, "2026-11-30T23:00:00Z"},  // the week runs Wednesday to Tuesday
+      {"friday", 0, "2026-11-26T23:00:00Z"},        // the next one, whatever the week
+      {"next month", 0, "2026-11-30T23:00:00Z"},
+  };
+  for (const auto& row : table) {
+    auto read = readTypedDate(row.text, now_, row.firstWeekday);
+    ASSERT_TRUE(std::holds_alternative<TypedDate>(read)) << row.text << ": " << std::get<std::string>(read);
+    EXPECT_EQ(std::get<TypedDate>(read).instant.iso8601(), row.instant) << row.text << " from " << row.firstWeekday;
+  }
+  EXPECT_EQ(localWeekStartOf(now_, 0).iso8601(), "2026-11-21T23:00:00Z");
+  EXPECT_EQ(localWeekStartOf(now_).iso8601(), "2026-11-22T23:00:00Z");
+}
+
+TEST_F(VespDatesTest, WeekdaysAreNamedInFullOrByABeginningOfTheirOwn) {
+  EXPECT_EQ(weekdayNamed("sunday"), 0);
+  EXPECT_EQ(weekdayNamed("Sun"), 0);
+  EXPECT_EQ(weekdayNamed("SA"), 6);
+  EXPECT_EQ(weekdayNamed("mo"), 1);
+  EXPECT_EQ(weekdayNamed("th"), 4);
+  EXPECT_EQ(weekdayNamed("s"), std::nullopt);  // Saturday or Sunday
+  EXPECT_EQ(weekdayNamed("t"), std::nullopt);
+  EXPECT_EQ(weekdayNamed("today"), std::nullopt);
+  EXPECT_EQ(weekdayNamed("tom"), std::nullopt);
+  EXPECT_EQ(weekdayNamed("mondays"), std::nullopt);
+  EXPECT_EQ(weekdayNamed(""), std::nullopt);
+}
+
 TEST_F(VespDatesTest, LocalDaysAreCountedOnTheWallClock) {
   // 2026-03-29 has 23 hours in Berlin: a day later is still midnight.
   const Date midnight = Date::fromTimeIntervalSince1970(1774738800);  // 2026-03-29T00:00 local

@@ -1124,6 +1124,30 @@ TEST_F(VespWritingTest, TheMonthIsDrawnAsAGridWithItsBusyDaysBeforeItsAgenda) {
   EXPECT_EQ(run({"events", "--month", "--to", "2026-12-01"}).status, 2);
 }
 
+TEST_F(VespWritingTest, WeeksBeginOnTheDayGivenByWeekStart) {
+  writeFile(root_.path() / "c/trip.ics",
+            vdir::testing::simpleEvent("trip", "Trip", "20261112T150000Z", "20261114T110000Z"));
+  auto grid = run({"events", "--month", "--from", "2026-11-20", "--week-start", "sunday"});
+  ASSERT_EQ(grid.status, 0) << grid.err;
+  EXPECT_THAT(grid.out, ::testing::StartsWith("   November 2026\n"
+                                              "Su Mo Tu We Th Fr Sa\n"
+                                              " 1  2* 3  4  5  6  7\n"
+                                              " 8  9*10 11 12*13*14*\n"
+                                              "15 16*17 18 19 20 21\n"
+                                              "22 23*24 25 26 27 28\n"
+                                              "29 30*\n\n"));
+  // The week that holds Sunday 15 November runs from it to Saturday 21: the Monday of the 16th,
+  // not the one of the 9th.
+  auto week = run({"--week-start", "su", "events", "--week", "--from", "2026-11-15", "--json"});
+  ASSERT_EQ(week.status, 0) << week.err;
+  std::vector<std::string> starts;
+  for (const auto& event : json::parse(week.out)) starts.push_back(event["startDate"]);
+  EXPECT_THAT(starts, ::testing::ElementsAre("2026-11-16T08:00:00Z"));
+  auto unknown = run({"--week-start", "s", "events"});
+  EXPECT_EQ(unknown.status, 2);
+  EXPECT_THAT(unknown.err, ::testing::HasSubstr("--week-start: \"s\" is not a weekday"));
+}
+
 TEST_F(VespWritingTest, FormatWritesNamedFieldsOneLinePerOccurrence) {
   writeFile(root_.path() / "c/displayname", "Work\n");
   writeFile(root_.path() / "c/day.ics",

@@ -185,11 +185,15 @@ Reading atTime(Date day, const std::string& word) {
   return TypedDate{Date::fromTimeIntervalSince1970(static_cast<double>(timegm(&fields))), false, true};
 }
 
+std::string lowered(std::string_view text) {
+  std::string lower;
+  for (char c : text) lower += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return lower;
+}
+
 // The words of `text`, in lower case; a date and time joined by T are two words.
 std::vector<std::string> wordsOf(std::string_view text) {
-  std::string lowered;
-  for (char c : text) lowered += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  std::istringstream in(lowered);
+  std::istringstream in(lowered(text));
   std::vector<std::string> words;
   for (std::string word; in >> word;) words.push_back(word);
   static const std::regex joined(R"((\d{4}-\d{2}-\d{2})t(.*))");
@@ -226,9 +230,7 @@ Reading readTypedDate(std::string_view text, Date now, int firstWeekday) {
 }
 
 std::optional<int> weekdayNamed(std::string_view name) {
-  std::string lowered;
-  for (char c : name) lowered += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  auto named = oneDayWord(lowered);
+  auto named = oneDayWord(lowered(name));
   const DayWord* const* day = std::get_if<const DayWord*>(&named);
   if (!day || !*day || (*day)->weekday < 0) return std::nullopt;
   return (*day)->weekday;

@@ -520,7 +520,12 @@ void printFormatted(std::ostream& out, const std::vector<VespEventInstance>& eve
   walkFormat(format, [&](std::string_view text) { parts.emplace_back(text, nullptr); },
              [&](const std::string& name) { parts.emplace_back("", eventFields().find(name)->second); });
   for (const auto& event : events) {
-    for (const auto& [text, field] : parts) out << (field ? field(event) : text);
+    for (const auto& [text, field] : parts) {
+      if (field)
+        out << field(event);
+      else
+        out << text;
+    }
     out << '\n';
   }
 }

@@ -58,16 +58,19 @@ std::optional<std::string> systemZoneDefinition(const std::string& tzid) {
   return result;
 }
 
-// The path of a file in `collection` that holds an event or to-do with `uid`, when there is one.
-std::optional<std::string> fileWithUid(const VdirSnapshot& snapshot, const std::string& collection,
-                                       const std::string& uid) {
-  const VdirCollection* in = collectionNamed(snapshot, collection);
-  if (!in) return std::nullopt;
-  for (const auto& item : in->items) {
-    for (const VdirSeriesData& series : item->series)
-      if ((series.master ? *series.master : series.overrides.front()).uid == uid) return item->relativePath;
+// Where the collection's snapshot holds the UID `uid` (as text, its escapes read, as the store reads
+// it): the file's path and the identifier of its series or to-do.
+std::optional<std::pair<std::string, std::string>> holderOf(const VdirSnapshot& snapshot, const std::string& collection,
+                                                            const std::string& uid) {
+  const VdirCollection* holder = collectionNamed(snapshot, collection);
+  if (!holder) return std::nullopt;
+  for (const auto& item : holder->items) {
+    for (const VdirSeriesData& series : item->series) {
+      const VdirComponentData& any = series.master ? *series.master : series.overrides.front();
+      if (any.uid == uid) return std::make_pair(item->relativePath, series.identifier);
+    }
     for (const VdirComponentData& todo : item->todos)
-      if (todo.uid == uid) return item->relativePath;
+      if (todo.uid == uid) return std::make_pair(item->relativePath, todo.todoData->identifier);
   }
   return std::nullopt;
 }
@@ -227,9 +230,9 @@ rivet::RivetResult<VdirPlan> VdirItemEditor::moved(
                        "the file holds other items too: only a file of one item moves to another calendar", __func__,
                        __LINE__);
   // A calendar holds one item of a UID: a second would be refused by a CalDAV server.
-  if (auto holder = fileWithUid(*store_->snapshot(), collection, found.uid))
+  if (auto holder = holderOf(*store_->snapshot(), collection, found.uid))
     return editorError(VdirErrorCode::invalidChange,
-                       *holder + " already holds an item with the UID \"" + found.uid +
+                       holder->first + " already holds an item with the UID \"" + found.uid +
                            "\": the item does not move to " + collection + " beside it",
                        __func__, __LINE__);
   VdirDocument document = found.document;
@@ -327,27 +330,6 @@ rivet::RivetResult<VdirPlan> VdirItemEditor::removeReminder(const std::string& i
   if (plan) plan->identifier.clear();
   return plan;
 }
-
-namespace {
-
-// Where the collection's snapshot holds the UID `uid` (as text, its escapes read, as the store reads
-// it): the file's path and the identifier of its series or to-do.
-std::optional<std::pair<std::string, std::string>> holderOf(const VdirSnapshot& snapshot, const std::string& collection,
-                                                            const std::string& uid) {
-  const VdirCollection* holder = collectionNamed(snapshot, collection);
-  if (!holder) return std::nullopt;
-  for (const auto& item : holder->items) {
-    for (const VdirSeriesData& series : item->series) {
-      const VdirComponentData& any = series.master ? *series.master : series.overrides.front();
-      if (any.uid == uid) return std::make_pair(item->relativePath, series.identifier);
-    }
-    for (const VdirComponentData& todo : item->todos)
-      if (todo.uid == uid) return std::make_pair(item->relativePath, todo.todoData->identifier);
-  }
-  return std::nullopt;
-}
-
-}  // namespace
 
 rivet::RivetResult<VdirImport> VdirItemEditor::importItem(const std::string& collection, const VdirImportedItem& item) {
   VdirImport result;

@@ -29,6 +29,7 @@
 #include "Vesp/VespText.h"
 #include "platforms/vdir/VdirEdit.h"
 #include "platforms/vdir/VdirErrors.h"
+#include "platforms/vdir/VdirFiles.h"
 #include "platforms/vdir/VdirImport.h"
 #include "platforms/vdir/VdirItemEditor.h"
 #include "platforms/vdir/VdirPlatform.h"
@@ -77,10 +78,9 @@ struct Exit {
   std::string message;
 };
 
-// Where the store is when neither --store nor $VESP_STORE says: ~/.calendars, the directory that
-// vdirsyncer's and khal's documented set-ups sync into.
+// Where the store is when neither --store, $VESP_STORE nor the configuration file says:
+// ~/.calendars, the directory that vdirsyncer's and khal's documented set-ups sync into.
 std::string defaultStore() {
-  if (const char* store = std::getenv("VESP_STORE"); store && *store) return store;
   const char* home = std::getenv("HOME");
   return std::string(home && *home ? home : ".") + "/.calendars";
 }
@@ -264,19 +264,6 @@ std::set<std::string> chosenCalendars(const std::vector<std::string>& given, con
   return wanted;
 }
 
-// The calendars of --calendar (every one without it), less those of --not-calendar.
-VespCalendarQuery queryOf(const std::vector<std::string>& given, const std::vector<std::string>& excluded,
-                          const std::vector<VespCalendar>& known, const char* listing) {
-  if (given.empty() && excluded.empty()) return VespCalendarQuery::all();
-  std::set<std::string> wanted;
-  if (given.empty())
-    for (const auto& calendar : known) wanted.insert(calendar.calendarIdentifier());
-  else
-    wanted = chosenCalendars(given, known, listing);
-  for (const auto& identifier : chosenCalendars(excluded, known, listing)) wanted.erase(identifier);
-  return VespCalendarQuery::some(wanted);
-}
-
 template <class T>
 T valueOrExit(rivet::RivetResult<T> result, int status) {
   if (!result) throw Exit{status, "vesp: " + result.error().message()};
@@ -285,7 +272,8 @@ T valueOrExit(rivet::RivetResult<T> result, int status) {
 
 // Everything the command line sets.
 struct Arguments {
-  std::string store = defaultStore();
+  std::string storeOption;  // --store
+  std::string store;        // the store in use, once the settings are resolved
   bool asJSON = false, yes = false, verbose = false;
   std::string from, to;                  // events, reminders
   std::string status;                    // reminders --status
@@ -309,12 +297,33 @@ struct Arguments {
   bool refs = false;                   // events --refs
   std::optional<int> days;             // events --days
   bool week = false, month = false;    // events --week, --month
-  int firstWeekday = kMonday;          // --week-start
+  int firstWeekday = kMonday;          // --week-start, or the file's week-start
+  VespConfiguration given;             // the settings given as options (--timezone, --colour, ...)
+  VespConfiguration settings;          // the settings in force: options, else the file's
+  std::map<std::string, std::string> sources;  // where each setting in force came from
   std::string format;                  // events, search --format
-  std::optional<std::string> setting;  // config default-calendar ID
-  bool unset = false;                  // config default-calendar --unset
+  std::optional<std::string> setting;  // config default-calendar|default-list ID
+  bool unset = false;                  // config default-calendar|default-list --unset
   std::vector<std::string> files;      // import FILE...
 };
+
+// The calendars of --calendar (without it, every one but the hidden calendars), less those of
+// --not-calendar. A hidden calendar the store does not have hides nothing.
+VespCalendarQuery queryOf(const Arguments& args, const std::vector<VespCalendar>& known, const char* listing) {
+  static const std::vector<std::string> kNone;
+  const auto& hidden = args.calendarIds.empty() ? args.settings.hiddenCalendars.value_or(kNone) : kNone;
+  if (args.calendarIds.empty() && args.excludedIds.empty() && hidden.empty()) return VespCalendarQuery::all();
+  std::set<std::string> wanted;
+  if (args.calendarIds.empty())
+    for (const auto& calendar : known) wanted.insert(calendar.calendarIdentifier());
+  else
+    wanted = chosenCalendars(args.calendarIds, known, listing);
+  for (const auto& identifier : chosenCalendars(args.excludedIds, known, listing)) wanted.erase(identifier);
+  const auto names = namesOf(known);
+  for (const auto& name : hidden)
+    if (auto identifier = calendarNamed(name, names, listing)) wanted.erase(*identifier);
+  return VespCalendarQuery::some(wanted);
+}
 
 // A date or time as a person types it (`vesp help dates`), read at this moment, in weeks that
 // begin on the day --week-start names.
@@ -351,7 +360,8 @@ void runCalendars(Invocation& call, platform::EKEntityType type) {
     printCalendars(call.out, found, call.style);
 }
 
-// The period of --from and --to (today and a week by default), or --days days from --from, or
+// The period of --from and --to (today and a week, or the days setting, by default), or --days days
+// from --from, or
 // the week (from Monday, or --week-start) or month that holds --from.
 std::pair<Date, Date> periodOf(const Arguments& args) {
   Date start = args.from.empty() ? localMidnightToday() : parseDate(args, args.from, "--from");
@@ -362,8 +372,9 @@ std::pair<Date, Date> periodOf(const Arguments& args) {
     return {first, addLocalDays(first, 7)};
   }
   if (args.month) return {localMonthStartOf(start), localMonthStartOf(start, 1)};
-  Date end = args.days ? addLocalDays(start, *args.days) : args.to.empty() ? addLocalDays(start, 7)
-                                                                           : parseDate(args, args.to, "--to");
+  Date end = args.days         ? addLocalDays(start, *args.days)
+             : args.to.empty() ? addLocalDays(start, args.settings.days.value_or(7))
+                               : parseDate(args, args.to, "--to");
   if (end <= start) throw Exit{kExitUsage, "vesp: --to must be later than --from"};
   return {start, end};
 }
@@ -395,8 +406,7 @@ void runEvents(Invocation& call) {
   auto [start, end] = periodOf(call.args);
   call.session.requireAccess(platform::EKEntityTypeEvent, true);
   auto& manager = call.session.manager();
-  auto query = queryOf(call.args.calendarIds, call.args.excludedIds,
-                       valueOrExit(manager.getAllEventCalendars(), kExitFailure), "calendars");
+  auto query = queryOf(call.args, valueOrExit(manager.getAllEventCalendars(), kExitFailure), "calendars");
   auto found = valueOrExit(manager.getEventInstances(start, end, query), kExitFailure);
   std::optional<std::vector<std::string>> refs;
   if (call.args.refs && !found.empty()) {
@@ -434,8 +444,7 @@ void runSearch(Invocation& call) {
   if (end <= start) throw Exit{kExitUsage, "vesp: --to must be later than --from"};
   call.session.requireAccess(platform::EKEntityTypeEvent, true);
   auto& manager = call.session.manager();
-  auto query = queryOf(call.args.calendarIds, call.args.excludedIds,
-                       valueOrExit(manager.getAllEventCalendars(), kExitFailure), "calendars");
+  auto query = queryOf(call.args, valueOrExit(manager.getAllEventCalendars(), kExitFailure), "calendars");
   auto found = valueOrExit(manager.getEventInstances(start, end, query), kExitFailure);
   std::erase_if(found, [&](const VespEventInstance& event) { return !mentions(event, wanted); });
   printOccurrences(call, found, {start, end}, nullptr);
@@ -653,12 +662,69 @@ void setTimes(const Arguments& args, const vdir::VdirClock& clock, bool isNew, v
   changes.end = end;
 }
 
-// The settings of the store being used, or an exit that says what is wrong with their file.
-VespSettings settingsOf(const Arguments& args) {
+// The configuration file, or an exit that names the line that is wrong in it.
+VespSettings settingsFile() {
   try {
-    return VespSettings(VespSettings::defaultFile(), std::filesystem::canonical(args.store).string());
+    return VespSettings(VespSettings::defaultFile());
   } catch (const std::exception& failure) {
-    throw Exit{kExitFailure, failure.what()};
+    throw Exit{kExitUsage, failure.what()};
+  }
+}
+
+// The default calendar that the earlier per-store JSON settings keep for the store in use, and
+// (into `others`) what they keep for other stores, as comment lines.
+std::optional<std::string> legacyDefaultCalendar(const Arguments& args, std::vector<std::string>* others = nullptr) {
+  std::error_code error;
+  const auto root = std::filesystem::canonical(args.store, error);
+  if (error) return std::nullopt;
+  return VespSettings::legacyDefaultCalendar(VespSettings::defaultFile(), root.string(), others);
+}
+
+// The settings in force, each with where it came from: an option, else (for the store)
+// $VESP_STORE, else the file's line, else (for the default calendar, until the file exists) the
+// earlier JSON settings of this store. Applies the zone to this process, before any thread starts.
+void resolveSettings(Arguments& args) {
+  const VespSettings file = settingsFile();
+  const VespConfiguration& written = file.configuration();
+  args.settings = {};
+  args.sources.clear();
+  auto pick = [&](const char* key, auto member) {
+    if (args.given.*member) {
+      args.settings.*member = args.given.*member;
+      args.settings.texts[key] = args.given.texts.at(key);
+      args.sources[key] = "option";
+    } else if (written.*member) {
+      args.settings.*member = written.*member;
+      args.settings.texts[key] = written.texts.at(key);
+      args.sources[key] = "line " + std::to_string(file.lineOf(key)) + " of " + file.file();
+    }
+  };
+  const char* environment = std::getenv("VESP_STORE");
+  if (!args.storeOption.empty() || (environment && *environment)) {
+    args.settings.store = args.storeOption.empty() ? environment : args.storeOption;
+    args.settings.texts["store"] = *args.settings.store;
+    args.sources["store"] = args.storeOption.empty() ? "$VESP_STORE" : "option";
+  } else {
+    pick("store", &VespConfiguration::store);
+  }
+  args.store = args.settings.store.value_or(defaultStore());
+  pick("timezone", &VespConfiguration::timezone);
+  pick("default-calendar", &VespConfiguration::defaultCalendar);
+  pick("default-list", &VespConfiguration::defaultList);
+  pick("hidden-calendars", &VespConfiguration::hiddenCalendars);
+  pick("days", &VespConfiguration::days);
+  pick("colour", &VespConfiguration::colour);
+  pick("week-start", &VespConfiguration::firstWeekday);
+  if (!file.exists() && !args.settings.defaultCalendar) {
+    if ((args.settings.defaultCalendar = legacyDefaultCalendar(args))) {
+      args.settings.texts["default-calendar"] = *args.settings.defaultCalendar;
+      args.sources["default-calendar"] = VespSettings::legacyFile(file.file());
+    }
+  }
+  args.firstWeekday = args.settings.firstWeekday.value_or(kMonday);
+  if (args.settings.timezone) {
+    ::setenv("TZ", args.settings.timezone->c_str(), 1);
+    ::tzset();
   }
 }
 
@@ -671,25 +737,28 @@ std::string givenCollection(Invocation& call, const std::string& given, const ch
   return calendarNamed(given, names, listing).value_or(given);
 }
 
-// The collection a new item goes to: --calendar, else for an event the default calendar set with
-// `vesp config`, else the first writable one holding `mask`.
+// The collection a new item goes to: --calendar (--list), else the default calendar (reminder list)
+// the configuration sets, else the first writable one holding `mask`.
 std::string collectionFor(Invocation& call, platform::EKEntityMask mask, const char* listing, const char* option) {
   auto& store = *call.session.platform().store();
   if (!call.args.calendar.empty()) return givenCollection(call, call.args.calendar, listing);
   auto snapshot = store.snapshot();
-  if (mask == platform::EKEntityMaskEvent) {
-    if (const auto chosen = settingsOf(call.args).defaultCalendar()) {
-      if (collectionNamed(*snapshot, *chosen)) return *chosen;
-      throw Exit{kExitNotFound, "vesp: the default calendar \"" + neutralised(*chosen) +
-                                    "\" is not in the store any more: give --calendar, or choose another with "
-                                    "`vesp config default-calendar ID` (`vesp calendars` lists them)"};
-    }
+  const bool reminders = mask == platform::EKEntityMaskReminder;
+  if (const auto& chosen = reminders ? call.args.settings.defaultList : call.args.settings.defaultCalendar) {
+    const std::string identifier = givenCollection(call, *chosen, listing);
+    if (collectionNamed(*snapshot, identifier)) return identifier;
+    const char* key = reminders ? "default-list" : "default-calendar";
+    throw Exit{kExitNotFound, std::string("vesp: the ") + (reminders ? "default reminder list" : "default calendar") +
+                                  " \"" + neutralised(*chosen) + "\" (" + key + ", from " +
+                                  neutralised(call.args.sources.at(key)) + ") is not in the store: give " + option +
+                                  ", or choose another with `vesp config " + key + " ID` (`vesp " + listing +
+                                  "` lists them)"};
   }
   for (const auto& collection : snapshot->collections)
     if ((collection.calendar->allowedEntityTypes() & mask) && store.writable(collection.identifier))
       return collection.identifier;
   throw Exit{kExitUsage, std::string("vesp: the store has no writable ") +
-                             (mask == platform::EKEntityMaskReminder ? "reminder list" : "calendar") + "; `vesp " +
+                             (reminders ? "reminder list" : "calendar") + "; `vesp " +
                              listing + "` lists them, and " + option +
                              " chooses one (an empty collection counts as a calendar)"};
 }
@@ -1063,48 +1132,124 @@ void runDoctor(Invocation& call) {
              << neutralised(diagnostic.problem) << '\n';
 }
 
-void printSettings(Invocation& call, const VespSettings& settings) {
-  const auto& calendar = settings.defaultCalendar();
-  if (call.args.asJSON) {
-    call.out << json{{"file", settings.file()},
-                     {"store", settings.store()},
-                     {"defaultCalendar", calendar ? json(*calendar) : json(nullptr)}}
-                    .dump(2, ' ', false, json::error_handler_t::replace)
+// A setting's value as JSON: a number of days, a list of calendars, or the text as written.
+json settingJSON(const std::string& key, const std::string& text, const VespConfiguration& settings) {
+  if (key == "days") return *settings.days;
+  if (key != "hidden-calendars") return text;
+  return *settings.hiddenCalendars;
+}
+
+// What each setting is when nothing sets it.
+std::string defaultOf(const std::string& key) {
+  static const std::map<std::string, std::string> defaults{
+      {"default-calendar", "(not set: the first writable calendar)"},
+      {"default-list", "(not set: the first writable reminder list)"},
+      {"hidden-calendars", "(none)"},
+      {"days", "7"},
+      {"colour", "auto"},
+      {"week-start", "monday"}};
+  if (key == "store") return defaultStore();
+  if (key == "timezone") return vdir::systemLocalZoneName() + " ($TZ, else the system's zone)";
+  return defaults.at(key);
+}
+
+// Every setting in force and where it came from, then the file that holds them.
+void printSettings(Invocation& call) {
+  const Arguments& args = call.args;
+  const std::string file = VespSettings::defaultFile();
+  std::error_code error;
+  const bool exists = std::filesystem::exists(file, error);
+  if (args.asJSON) {
+    json settings = json::object();
+    for (const auto& key : settingKeys()) {
+      auto text = args.settings.texts.find(key.key);
+      auto from = args.sources.find(key.key);
+      settings[key.key] =
+          text == args.settings.texts.end()
+              ? json{{"value", nullptr}, {"from", "default"}}
+              : json{{"value", settingJSON(key.key, text->second, args.settings)}, {"from", from->second}};
+    }
+    call.out << json{{"file", file}, {"exists", exists}, {"settings", settings}}.dump(
+                    2, ' ', false, json::error_handler_t::replace)
              << '\n';
     return;
   }
-  call.out << "default-calendar: " << (calendar ? neutralised(*calendar) : "(not set: the first writable calendar)")
-           << "\n(settings are kept in " << neutralised(settings.file()) << ")\n";
+  for (const auto& key : settingKeys()) {
+    auto text = args.settings.texts.find(key.key);
+    call.out << key.key << ": "
+             << (text == args.settings.texts.end()
+                     ? neutralised(defaultOf(key.key))
+                     : neutralised(text->second) + "  (" + neutralised(args.sources.at(key.key)) + ")")
+             << '\n';
+  }
+  call.out << "(settings are read from " << neutralised(file)
+           << (exists ? "" : ", which `vesp config init` creates") << ")\n";
 }
 
-// Shows, sets or forgets the calendar that `vesp new` uses without --calendar.
-void runDefaultCalendar(Invocation& call) {
+// The file `vesp config init` writes: every setting explained, with the default calendar that
+// the earlier JSON settings kept for this store carried over, and their other stores' as notes.
+std::string initialSettings(const Arguments& args) {
+  std::vector<std::string> others;
+  std::map<std::string, std::string> given;
+  if (auto calendar = legacyDefaultCalendar(args, &others)) {
+    given["default-calendar"] = *calendar;
+    others.insert(others.begin(), "default-calendar below comes from " +
+                                      neutralised(VespSettings::legacyFile(VespSettings::defaultFile())) +
+                                      ", which vesp does not read once this file exists.");
+  }
+  return VespSettings::initialText(given, others, vdir::systemLocalZoneName());
+}
+
+void runConfigInit(Invocation& call) {
+  VespSettings settings = settingsFile();
+  try {
+    settings.create(initialSettings(call.args));
+  } catch (const std::exception& failure) {
+    throw Exit{kExitFailure, failure.what()};
+  }
+  call.err << "Created " << neutralised(settings.file()) << ": every setting is explained there.\n";
+  Arguments args = call.args;
+  resolveSettings(args);
+  Invocation shown{args, call.session, call.out, call.err, call.style, call.stopSignals};
+  printSettings(shown);
+}
+
+// Shows, sets or forgets the calendar that `vesp new` (or the reminder list that `vesp reminder
+// new`) uses when none is given.
+void runDefaultCollection(Invocation& call, platform::EKEntityMask mask) {
   const Arguments& args = call.args;
-  VespSettings settings = settingsOf(args);
+  const bool reminders = mask == platform::EKEntityMaskReminder;
+  const char* listing = reminders ? "reminder-lists" : "calendars";
   if (args.setting && args.unset) throw Exit{kExitUsage, "vesp: give a calendar or --unset, not both"};
   std::optional<std::string> chosen;
   if (args.setting) {
     auto& store = *call.session.platform().store();
     auto snapshot = store.snapshot();
-    chosen = givenCollection(call, *args.setting, "calendars");
+    chosen = givenCollection(call, *args.setting, listing);
     const auto* found = collectionNamed(*snapshot, *chosen);
     if (!found)
-      throw Exit{kExitNotFound, "vesp: the store has no calendar \"" + neutralised(*args.setting) +
-                                    "\" (`vesp calendars` lists them)"};
-    if (!(found->calendar->allowedEntityTypes() & platform::EKEntityMaskEvent))
-      throw Exit{kExitUsage,
-                 "vesp: \"" + neutralised(*args.setting) +
-                     "\" is a reminder list: the default calendar is for events (`vesp calendars` lists them)"};
+      throw Exit{kExitNotFound, "vesp: the store has no " + std::string(reminders ? "reminder list" : "calendar") +
+                                    " \"" + neutralised(*args.setting) + "\" (`vesp " + listing + "` lists them)"};
+    if (!(found->calendar->allowedEntityTypes() & mask))
+      throw Exit{kExitUsage, "vesp: \"" + neutralised(*args.setting) + "\" is " +
+                                 (reminders ? "an event calendar: the default list is for reminders"
+                                            : "a reminder list: the default calendar is for events") +
+                                 " (`vesp " + listing + "` lists them)"};
     if (!store.writable(found->identifier))
-      throw Exit{kExitFailure, "vesp: the calendar \"" + neutralised(*args.setting) +
-                                   "\" is read-only: its directory cannot be written, so it cannot take new events"};
+      throw Exit{kExitFailure, "vesp: \"" + neutralised(*args.setting) +
+                                   "\" is read-only: its directory cannot be written, so it cannot take new items"};
   }
-  try {
-    if (args.setting || args.unset) settings.setDefaultCalendar(chosen);
-  } catch (const std::exception& failure) {
-    throw Exit{kExitFailure, failure.what()};
+  Arguments changed = args;
+  if (args.setting || args.unset) {
+    try {
+      settingsFile().set(reminders ? "default-list" : "default-calendar", chosen, initialSettings(args));
+    } catch (const std::exception& failure) {
+      throw Exit{kExitFailure, failure.what()};
+    }
+    resolveSettings(changed);
   }
-  printSettings(call, settings);
+  Invocation shown{changed, call.session, call.out, call.err, call.style, call.stopSignals};
+  printSettings(shown);
 }
 
 // One subcommand: its parser and what it runs.
@@ -1113,27 +1258,46 @@ struct Subcommand {
   std::function<void(Invocation&)> run;
 };
 
+// A global option that gives the setting `key` for this run, read as the configuration file's line.
+void addSettingOption(CLI::App& app, Arguments& args, const char* key, const char* type, const std::string& help) {
+  const auto& keys = settingKeys();
+  const std::string name =
+      std::find_if(keys.begin(), keys.end(), [&](auto& known) { return known.key == std::string(key); })->option;
+  app.add_option_function<std::string>(
+         name + (name == "--colour" ? ",--color" : ""),
+         [&args, key, name](const std::string& value) {
+           if (auto why = readSetting(args.given, key, value)) throw CLI::ValidationError(name, *why);
+         },
+         help)
+      ->type_name(type);
+}
+
 void addGlobalOptions(CLI::App& app, Arguments& args) {
   app.require_subcommand(1);
   // Global options may also follow the subcommand: `vesp events --json`.
   app.fallthrough();
-  app.add_option("--store", args.store, "The store's root directory (default: $VESP_STORE, else ~/.calendars)")
-      ->capture_default_str();
+  app.add_option("--store", args.storeOption,
+                 "The store's root directory (default: $VESP_STORE, else the configuration's store, else "
+                 "~/.calendars)");
   app.add_flag("--json", args.asJSON, "Print one JSON document instead of the human view");
   app.add_flag("--yes", args.yes, "Answer yes when asked for access to the store (for scripts)");
   app.add_flag("--verbose", args.verbose, "Log the library's failures to stderr, one JSON object per line");
-  app.add_option_function<std::string>(
-         "--week-start", [&args](const std::string& day) { args.firstWeekday = *weekdayNamed(day); },
-         "The day weeks begin on, for --week, --month, \"this week\" and \"this friday\" (default: monday)")
-      ->type_name("DAY")
-      ->check(CLI::Validator(
-          [](const std::string& day) { return weekdayNamed(day) ? std::string() : "\"" + day + "\" is not a weekday"; },
-          ""));
-  app.footer("Exit status: 0 success, 1 failure, 2 bad arguments, 3 access not granted, 4 no store, 5 not found,\n"
+  addSettingOption(app, args, "timezone", "ZONE",
+                   "The zone local times are shown and read in, such as Europe/Berlin (default: $TZ, else the "
+                   "system's)");
+  addSettingOption(app, args, "hidden-calendars", "NAMES",
+                   "Calendars that events and search leave out unless --calendar names them, separated by commas "
+                   "(\"\" hides none)");
+  addSettingOption(app, args, "colour", "WHEN", "Colour in the human views: auto, always or never (default: auto)");
+  addSettingOption(app, args, "week-start", "DAY",
+                   "The day weeks begin on, for --week, --month, \"this week\" and \"this friday\" (default: monday)");
+  app.footer("Exit status: 0 success, 1 failure, 2 bad arguments or configuration, 3 access not granted, 4 no store,\n"
+             "5 not found, "
              "6 the file changed on disk meanwhile (nothing was written), 7 read-only calendar or file.\n"
              "Dates are typed as people say them (tomorrow, fri 9:30, +3d, next month, 2026-12-01T09:30):\n"
              "`vesp help dates` lists every form.\n"
-             "Colour is used on a terminal unless NO_COLOR is set.");
+             "Colour is used on a terminal unless NO_COLOR is set (--colour chooses).\n"
+             "Settings are read from ~/.config/vesp/config: `vesp config` shows them, `vesp config init` creates it.");
 }
 
 void addItemOptions(CLI::App* command, Arguments& args, bool event) {
@@ -1213,14 +1377,24 @@ void addWriteCommands(CLI::App& app, Arguments& args, std::vector<Subcommand>& c
 }
 
 void addConfigCommands(CLI::App& app, Arguments& args, std::vector<Subcommand>& commands) {
-  auto* config = app.add_subcommand("config", "Show vesp's settings for this store, or change one");
+  auto* config = app.add_subcommand("config", "Show the settings in force and where each comes from, or change one");
   config->require_subcommand(0, 1);
-  commands.push_back({config, [](Invocation& call) { printSettings(call, settingsOf(call.args)); }});
+  commands.push_back({config, printSettings});
+  commands.push_back(
+      {config->add_subcommand("init", "Create the configuration file, every setting explained in its comments"),
+       runConfigInit});
   auto* defaultCalendar =
       config->add_subcommand("default-calendar", "Show, set or forget the calendar `vesp new` uses without --calendar");
   defaultCalendar->add_option("ID", args.setting, "The calendar's identifier or title (`vesp calendars` lists them)");
   defaultCalendar->add_flag("--unset", args.unset, "Forget it: new events go to the first writable calendar");
-  commands.push_back({defaultCalendar, runDefaultCalendar});
+  commands.push_back(
+      {defaultCalendar, [](Invocation& call) { runDefaultCollection(call, platform::EKEntityMaskEvent); }});
+  auto* defaultList = config->add_subcommand(
+      "default-list", "Show, set or forget the reminder list `vesp reminder new` uses without --list");
+  defaultList->add_option("ID", args.setting, "The list's identifier or title (`vesp reminder-lists` lists them)");
+  defaultList->add_flag("--unset", args.unset, "Forget it: new reminders go to the first writable list");
+  commands.push_back(
+      {defaultList, [](Invocation& call) { runDefaultCollection(call, platform::EKEntityMaskReminder); }});
 }
 
 // `reminders`, and `reminder` with its own commands.
@@ -1369,8 +1543,10 @@ const std::map<std::string, std::vector<const char*>>& examples() {
       {"watch", {"vesp watch", "vesp --json watch --count 1"}},
       {"access", {"vesp access", "vesp access events --request", "vesp access --reset"}},
       {"doctor", {"vesp doctor"}},
-      {"config", {"vesp config"}},
+      {"config", {"vesp config", "vesp --json config"}},
+      {"config init", {"vesp config init"}},
       {"config default-calendar", {"vesp config default-calendar Work", "vesp config default-calendar --unset"}},
+      {"config default-list", {"vesp config default-list Tasks", "vesp config default-list --unset"}},
       {"help", {"vesp help dates"}},
   };
   return byCommand;
@@ -1396,7 +1572,10 @@ void addExamples(const std::vector<Subcommand>& commands) {
   }
 }
 
-bool colourWanted() {
+// Colour as --colour or the configuration chooses; by default on a terminal, unless $NO_COLOR is set.
+bool colourWanted(const Arguments& args) {
+  const auto colour = args.settings.colour.value_or(VespColour::automatic);
+  if (colour != VespColour::automatic) return colour == VespColour::always;
   const char* term = std::getenv("TERM");
   return ::isatty(STDOUT_FILENO) && !std::getenv("NO_COLOR") && std::string(term ? term : "dumb") != "dumb";
 }
@@ -1432,9 +1611,15 @@ int runVesp(int argc, const char* const* argv, std::ostream& out, std::ostream& 
     return kExitSuccess;
   }
   try {
-    if (name != "access" && !std::filesystem::is_directory(args.store))
+    resolveSettings(args);
+    // Access decisions and the configuration do not need the store to exist yet.
+    const bool needsStore = name != "access" && name != "config" && name != "init";
+    if (needsStore && !std::filesystem::is_directory(args.store))
       throw Exit{kExitNoStore, "vesp: there is no calendar store at " + args.store +
-                                   " (give its directory with --store, or set VESP_STORE)"};
+                                   (args.sources.count("store") ? " (the store from " + args.sources.at("store") + ")"
+                                                                : std::string()) +
+                                   ": give its directory with --store, set VESP_STORE, or set store in " +
+                                   VespSettings::defaultFile()};
     // A watch ends on SIGINT or SIGTERM; they are taken by this thread alone, so they are blocked
     // before the library starts any thread.
     sigset_t stopSignals;
@@ -1447,7 +1632,7 @@ int runVesp(int argc, const char* const* argv, std::ostream& out, std::ostream& 
 
     Session session(args.store, name == "watch", args.yes, args.verbose, err);
     session.setYes(args.yes);
-    Invocation call{args, session, out, err, HumanStyle{colourWanted(), args.firstWeekday}, stopSignals};
+    Invocation call{args, session, out, err, HumanStyle{colourWanted(args), args.firstWeekday}, stopSignals};
     chosen->run(call);
     return kExitSuccess;
   } catch (const Exit& exit) {

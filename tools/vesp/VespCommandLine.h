@@ -8,7 +8,7 @@ namespace vesp::tool {
 // Exit statuses.
 inline constexpr int kExitSuccess = 0;
 inline constexpr int kExitFailure = 1;       // the store or the library failed
-inline constexpr int kExitUsage = 2;         // bad arguments: options, dates, identifiers
+inline constexpr int kExitUsage = 2;         // bad arguments (options, dates, identifiers) or configuration
 inline constexpr int kExitNoAccess = 3;      // access not granted
 inline constexpr int kExitNoStore = 4;       // no store at the given path
 inline constexpr int kExitNotFound = 5;      // no such event, occurrence or reminder

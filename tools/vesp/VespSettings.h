@@ -1,35 +1,85 @@
-// The vesp program's own settings, kept per store in one JSON file beside the access decisions.
+// The vesp program's configuration file: one "key = value" setting per line, "#" comment lines,
+// read with each line's number so that a mistake is reported where it stands.
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace vesp::tool {
 
+enum class VespColour { automatic, always, never };
+
+// The settings a file or the command line gives; each is unset until one of them gives it.
+struct VespConfiguration {
+  std::optional<std::string> store;     // an absolute path, "~" expanded
+  std::optional<std::string> timezone;  // a zone of the time zone database
+  std::optional<std::string> defaultCalendar, defaultList;
+  std::optional<std::vector<std::string>> hiddenCalendars;  // identifiers or titles; empty hides none
+  std::optional<int> days;
+  std::optional<VespColour> colour;
+  std::optional<int> firstWeekday;  // 0 Sunday to 6 Saturday
+  // Each setting given, as it was written (trimmed), by key.
+  std::map<std::string, std::string, std::less<>> texts;
+};
+
+// One setting's key, the option that also gives it, and what it does, in the order the file lists them.
+struct VespSettingKey {
+  const char* key;
+  const char* option;
+  const char* comment;  // one or more lines, without the "# "
+};
+const std::vector<VespSettingKey>& settingKeys();
+
+bool isSettingKey(std::string_view key);
+// Reads `value` as the setting `key` into `into`, or says why the value is not one it takes, as
+// words that follow the key ("\"s\" is not a weekday").
+std::optional<std::string> readSetting(VespConfiguration& into, std::string_view key, std::string_view value);
+
 class VespSettings {
  public:
-  // $VESP_CONFIG_FILE, else $XDG_CONFIG_HOME/vesp/config.json, else ~/.config/vesp/config.json.
+  // $VESP_CONFIG_FILE, else $XDG_CONFIG_HOME/vesp/config, else ~/.config/vesp/config.
   static std::string defaultFile();
 
-  // Reads `file`, with the settings of the store at `storeRoot` (an absolute path). A missing file
-  // holds no settings; one that is not a settings file is an error naming it (std::runtime_error).
-  VespSettings(std::string file, std::string storeRoot);
+  // Reads `file`; a missing one sets nothing. A file that cannot be read or holds a line that is not a
+  // setting is an error whose message names the file and the line (std::runtime_error).
+  explicit VespSettings(std::string file);
 
   const std::string& file() const { return file_; }
-  // The root of the store these settings are for, as given (canonical).
-  const std::string& store() const { return storeRoot_; }
-  // The calendar that `vesp new` uses without --calendar, as set for this store.
-  const std::optional<std::string>& defaultCalendar() const { return defaultCalendar_; }
+  bool exists() const { return exists_; }
+  const VespConfiguration& configuration() const { return configuration_; }
+  // The line that sets `key`, 0 when none does.
+  int lineOf(std::string_view key) const;
 
-  // Sets (or with nothing, forgets) the default calendar and writes the file atomically, keeping
-  // every other store's settings (the same value writes nothing); std::runtime_error when it cannot
-  // be written.
-  void setDefaultCalendar(const std::optional<std::string>& identifier);
+  // Sets `key` (or with nothing, removes its line), keeping every other line as it is, and writes
+  // the file atomically; a missing file is first created as `initial` (std::runtime_error when it
+  // cannot be written, or when the value is not one the setting takes).
+  void set(std::string_view key, const std::optional<std::string>& value, const std::string& initial);
+  // Writes `text` as a new file; std::runtime_error when one exists or it cannot be written.
+  void create(const std::string& text);
+
+  // The commented file `vesp config init` writes: every setting explained and left commented out,
+  // but those in `given`; `notes` are comment lines put first. `zone` is shown as the zone's example.
+  static std::string initialText(const std::map<std::string, std::string>& given,
+                                 const std::vector<std::string>& notes, const std::string& zone);
+
+  // The default calendar that the earlier per-store JSON settings file keeps for `storeRoot`
+  // (`config.json` beside `file`), with the other stores' settings as comment lines in `others`.
+  static std::optional<std::string> legacyDefaultCalendar(const std::string& file, const std::string& storeRoot,
+                                                          std::vector<std::string>* others = nullptr);
+  static std::string legacyFile(const std::string& file);
 
  private:
-  std::string file_, storeRoot_;
-  std::string text_;  // the file as read, rewritten around this store's entry
-  std::optional<std::string> defaultCalendar_;
+  void read(const std::string& text);
+  void write(const std::string& text, bool fresh);
+
+  std::string file_;
+  bool exists_ = false;
+  std::vector<std::string> lines_;
+  std::map<std::string, int, std::less<>> lineOf_;
+  VespConfiguration configuration_;
 };
 
 }  // namespace vesp::tool

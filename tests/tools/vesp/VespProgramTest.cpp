@@ -27,68 +27,12 @@
 
 #include "tests/platforms/vdir/VdirTestSupport.h"
 #include "tests/tools/vesp/IndependentExpansion.h"
+#include "tests/tools/vesp/VespProgramFixture.h"
 
 namespace vesp::tool {
 namespace {
 
-using nlohmann::json;
-using vdir::testing::TemporaryDirectory;
-using vdir::testing::testData;
-using vdir::testing::writeFile;
-namespace fs = std::filesystem;
-
-struct ProgramRun {
-  int status = -1;
-  std::string out, err;
-};
-
-std::string quoted(const std::string& text) {
-  std::string result = "'";
-  for (char c : text) result += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return result + "'";
-}
-
-// What `command` prints on stdout, and its exit status.
-ProgramRun shell(const std::string& command) {
-  ProgramRun run;
-  FILE* pipe = ::popen(command.c_str(), "r");
-  char buffer[65536];
-  std::size_t count;
-  while ((count = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) run.out.append(buffer, count);
-  const int status = ::pclose(pipe);
-  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return run;
-}
-
-class VespProgramTest : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    ::setenv("TZ", "Europe/Berlin", 1);
-    ::tzset();
-  }
-
-  // The shell words that run vesp with `arguments` in this test's environment.
-  std::string vespCommand(const std::vector<std::string>& arguments, const std::string& environment = "") const {
-    std::string command = "TZ=Europe/Berlin NO_COLOR=1 VESP_ACCESS_FILE=" + quoted((config_.path() / "access.json").string()) +
-                          " VESP_CONFIG_FILE=" + quoted(settingsFile().string()) + " " + environment + " " +
-                          quoted(VESP_PROGRAM);
-    for (const auto& argument : arguments) command += " " + quoted(argument);
-    return command;
-  }
-
-  // Runs vesp with `arguments`, stdin from /dev/null (no terminal).
-  ProgramRun vesp(const std::vector<std::string>& arguments, const std::string& environment = "") {
-    fs::path errors = config_.path() / "stderr.txt";
-    ProgramRun run = shell(vespCommand(arguments, environment) + " < /dev/null 2> " + quoted(errors.string()));
-    run.err = vdir::testing::readFile(errors);
-    return run;
-  }
-
-  std::string store(const std::string& name) { return testData(name).string(); }
-  fs::path settingsFile() const { return config_.path() / "settings" / "config.json"; }
-
-  TemporaryDirectory config_;
-};
+using namespace vesp::tool::fixture;
 
 TEST_F(VespProgramTest, HelpListsEveryCommand) {
   auto help = vesp({"--help"});
@@ -137,7 +81,7 @@ TEST_F(VespProgramTest, EveryCommandsHelpEndsWithAnExample) {
       pending.back().push_back(name);
     }
   }
-  EXPECT_EQ(seen, 22u);  // every command and subcommand
+  EXPECT_EQ(seen, 24u);  // every command and subcommand
 }
 
 TEST_F(VespProgramTest, AMissingStoreIsAClearError) {
@@ -188,39 +132,6 @@ TEST_F(VespProgramTest, BadDatesUnknownCalendarsAndUnknownIdentifiersAreClearErr
   EXPECT_EQ(vesp({"--store", store("series"), "frobnicate"}).status, 2);
 }
 
-// A store of its own to write to: "c" for events (a weekly series, 09:00 Berlin from Monday
-// 2 November 2026, five times) and "t" for to-dos.
-class VespWritingTest : public VespProgramTest {
- protected:
-  void SetUp() override {
-    writeFile(root_.path() / "c/weekly.ics",
-              "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Other//EN\r\nBEGIN:VEVENT\r\nUID:weekly\r\n"
-              "DTSTAMP:20261001T000000Z\r\nDTSTART;TZID=Europe/Berlin:20261102T090000\r\n"
-              "DTEND;TZID=Europe/Berlin:20261102T100000\r\nRRULE:FREQ=WEEKLY;COUNT=5\r\nSUMMARY:Team\r\n"
-              "X-KEPT:yes\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
-    writeFile(root_.path() / "t/displayname", "Tasks\n");
-  }
-  ProgramRun run(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), {"--store", root_.path().string(), "--yes"});
-    return vesp(arguments);
-  }
-  // khal over collection c, local zone Europe/Berlin, dates as YYYY-MM-DD: the words that run it.
-  std::string khalCommand() {
-    writeFile(config_.path() / "khal.conf",
-              "[calendars]\n[[c]]\npath = " + (root_.path() / "c").string() +
-                  "\ntype = calendar\n[locale]\ntimeformat = %H:%M\ndateformat = %Y-%m-%d\n"
-                  "longdateformat = %Y-%m-%d\ndatetimeformat = %Y-%m-%d %H:%M\nlongdatetimeformat = %Y-%m-%d %H:%M\n"
-                  "default_timezone = Europe/Berlin\nlocal_timezone = Europe/Berlin\nfirstweekday = 0\n"
-                  "[sqlite]\npath = " + (config_.path() / "khal.db").string() + "\n");
-    return "TZ=Europe/Berlin khal -c " + quoted((config_.path() / "khal.conf").string());
-  }
-  json events(const std::string& from, const std::string& to) {
-    auto listed = run({"events", "--from", from, "--to", to, "--json"});  // a global option after the command
-    EXPECT_EQ(listed.status, 0) << listed.err;
-    return json::parse(listed.out);
-  }
-  TemporaryDirectory root_;
-};
 
 TEST_F(VespWritingTest, AnEventIsCreatedChangedAndDeletedAndADryRunWritesNothing) {
   const auto tree = vdir::testing::treeState(root_.path());
@@ -355,7 +266,7 @@ TEST_F(VespWritingTest, NewEventsGoToTheDefaultCalendarSetForTheStore) {
   writeFile(root_.path() / "b/one.ics", vdir::testing::readFile(root_.path() / "c/weekly.ics"));
   auto shown = run({"config", "--json"});
   ASSERT_EQ(shown.status, 0) << shown.err;
-  EXPECT_TRUE(json::parse(shown.out)["defaultCalendar"].is_null());
+  EXPECT_TRUE(json::parse(shown.out)["settings"]["default-calendar"]["value"].is_null());
   EXPECT_FALSE(fs::exists(settingsFile())) << "showing the settings writes nothing";
 
   auto first = run({"new", "Before", "--start", "2026-12-03T15:00", "--json"});
@@ -371,9 +282,13 @@ TEST_F(VespWritingTest, NewEventsGoToTheDefaultCalendarSetForTheStore) {
 
   auto set = run({"config", "default-calendar", "c", "--json"});
   ASSERT_EQ(set.status, 0) << set.err;
-  EXPECT_EQ(json::parse(set.out)["defaultCalendar"], "c");
-  const json file = json::parse(vdir::testing::readFile(settingsFile()));
-  EXPECT_EQ(file["stores"][fs::canonical(root_.path()).string()]["defaultCalendar"], "c");
+  const json setting = json::parse(set.out)["settings"]["default-calendar"];
+  EXPECT_EQ(setting["value"], "c");
+  // Written as a line of the configuration file, created with every setting explained.
+  const std::string file = vdir::testing::readFile(settingsFile());
+  EXPECT_THAT(file, ::testing::HasSubstr("\n# default-calendar = personal\ndefault-calendar = c\n"));
+  EXPECT_THAT(file, ::testing::HasSubstr("# week-start = monday\n"));
+  EXPECT_THAT(setting["from"].get<std::string>(), ::testing::StartsWith("line "));
   EXPECT_EQ(fs::status(settingsFile()).permissions() & fs::perms::all, fs::perms::owner_read | fs::perms::owner_write);
   auto second = run({"new", "After", "--start", "2026-12-03T16:00", "--json"});
   ASSERT_EQ(second.status, 0) << second.err;
@@ -386,16 +301,13 @@ TEST_F(VespWritingTest, NewEventsGoToTheDefaultCalendarSetForTheStore) {
   fs::rename(root_.path() / "c", root_.path() / "gone");
   auto lost = run({"new", "Lost", "--start", "2026-12-03T18:00"});
   EXPECT_EQ(lost.status, 5);
-  EXPECT_THAT(lost.err, ::testing::HasSubstr("the default calendar \"c\" is not in the store any more"));
+  EXPECT_THAT(lost.err, ::testing::HasSubstr("the default calendar \"c\" (default-calendar, from line "));
+  EXPECT_THAT(lost.err, ::testing::HasSubstr(") is not in the store: give --calendar"));
   auto unset = run({"config", "default-calendar", "--unset", "--json"});
   ASSERT_EQ(unset.status, 0) << unset.err;
-  EXPECT_TRUE(json::parse(unset.out)["defaultCalendar"].is_null());
+  EXPECT_TRUE(json::parse(unset.out)["settings"]["default-calendar"]["value"].is_null());
+  EXPECT_THAT(vdir::testing::readFile(settingsFile()), ::testing::Not(::testing::HasSubstr("\ndefault-calendar =")));
   EXPECT_EQ(run({"new", "Again", "--start", "2026-12-03T18:00"}).status, 0);
-
-  writeFile(settingsFile(), "[1, 2");
-  auto damaged = run({"config"});
-  EXPECT_EQ(damaged.status, 1);
-  EXPECT_THAT(damaged.err, ::testing::HasSubstr("is not a JSON object: repair it, or remove it"));
 }
 
 TEST_F(VespWritingTest, ShortReferencesNameOccurrencesForEventEditAndDelete) {

@@ -682,7 +682,7 @@ std::optional<std::string> legacyDefaultCalendar(const Arguments& args, std::vec
 
 // The settings in force, each with where it came from: an option, else (for the store)
 // $VESP_STORE, else the file's line, else (for the default calendar, until the file exists) the
-// earlier JSON settings of this store. Applies the zone to this process, before any thread starts.
+// earlier JSON settings of this store.
 void resolveSettings(Arguments& args) {
   const VespSettings file = settingsFile();
   const VespConfiguration& written = file.configuration();
@@ -722,10 +722,14 @@ void resolveSettings(Arguments& args) {
     }
   }
   args.firstWeekday = args.settings.firstWeekday.value_or(kMonday);
-  if (args.settings.timezone) {
-    ::setenv("TZ", args.settings.timezone->c_str(), 1);
-    ::tzset();
-  }
+}
+
+// Makes the zone of the settings this process's local zone. Only before the library starts a
+// thread: the environment is not safe to change while another thread reads it.
+void applyTimezone(const Arguments& args) {
+  if (!args.settings.timezone) return;
+  ::setenv("TZ", args.settings.timezone->c_str(), 1);
+  ::tzset();
 }
 
 // The collection `given` names, by identifier or title; `given` itself when nothing has that name,
@@ -1612,6 +1616,7 @@ int runVesp(int argc, const char* const* argv, std::ostream& out, std::ostream& 
   }
   try {
     resolveSettings(args);
+    applyTimezone(args);
     // Access decisions and the configuration do not need the store to exist yet.
     const bool needsStore = name != "access" && name != "config" && name != "init";
     if (needsStore && !std::filesystem::is_directory(args.store))

@@ -175,7 +175,8 @@ VespSettings::VespSettings(std::string file) : file_(std::move(file)) {
 }
 
 void VespSettings::read(const std::string& text) {
-  std::istringstream lines(text);
+  // A byte order mark, which some editors put first, is not part of the first key.
+  std::istringstream lines(text.rfind("\xEF\xBB\xBF", 0) == 0 ? text.substr(3) : text);
   for (std::string line; std::getline(lines, line);) {
     lines_.push_back(line);
     const int number = static_cast<int>(lines_.size());

@@ -94,6 +94,13 @@ TEST(VespSettingsTest, TheInitialFileExplainsEverySettingAndSetsOnlyThoseGiven) 
   EXPECT_EQ(given.configuration().days, 5);
   EXPECT_GT(given.lineOf("days"), 1);
   EXPECT_EQ(given.lineOf("colour"), 0);
+
+  // As editors on other systems write it: a byte order mark first, lines ending in CR LF.
+  writeFile(file, "\xEF\xBB\xBF" "days = 3\r\n# note\r\ncolour = never\r\n");
+  const VespSettings windows(file);
+  EXPECT_EQ(windows.configuration().days, 3);
+  EXPECT_EQ(windows.configuration().colour, VespColour::never);
+  EXPECT_EQ(windows.lineOf("colour"), 3);
 }
 
 TEST(VespSettingsTest, SettingALineKeepsTheOthersAndAnEqualValueWritesNothing) {

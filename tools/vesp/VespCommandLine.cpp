@@ -373,7 +373,7 @@ std::pair<Date, Date> periodOf(const Arguments& args) {
   }
   if (args.month) return {localMonthStartOf(start), localMonthStartOf(start, 1)};
   Date end = args.days         ? addLocalDays(start, *args.days)
-             : args.to.empty() ? addLocalDays(start, args.settings.days.value_or(7))
+             : args.to.empty() ? addLocalDays(start, args.settings.days.value_or(kDefaultDays))
                                : parseDate(args, args.to, "--to");
   if (end <= start) throw Exit{kExitUsage, "vesp: --to must be later than --from"};
   return {start, end};
@@ -1143,18 +1143,11 @@ json settingJSON(const std::string& key, const std::string& text, const VespConf
   return *settings.hiddenCalendars;
 }
 
-// What each setting is when nothing sets it.
-std::string defaultOf(const std::string& key) {
-  static const std::map<std::string, std::string> defaults{
-      {"default-calendar", "(not set: the first writable calendar)"},
-      {"default-list", "(not set: the first writable reminder list)"},
-      {"hidden-calendars", "(none)"},
-      {"days", "7"},
-      {"colour", "auto"},
-      {"week-start", "monday"}};
-  if (key == "store") return defaultStore();
-  if (key == "timezone") return vdir::systemLocalZoneName() + " ($TZ, else the system's zone)";
-  return defaults.at(key);
+// What a setting is when nothing sets it: for the store and the zone, the one in use.
+std::string defaultOf(const VespSettingKey& key) {
+  if (key.key == std::string("store")) return defaultStore() + "  (default)";
+  if (key.key == std::string("timezone")) return vdir::systemLocalZoneName() + "  (default: " + key.byDefault + ")";
+  return std::string(key.byDefault) + "  (default)";
 }
 
 // Every setting in force and where it came from, then the file that holds them.
@@ -1182,7 +1175,7 @@ void printSettings(Invocation& call) {
     auto text = args.settings.texts.find(key.key);
     call.out << key.key << ": "
              << (text == args.settings.texts.end()
-                     ? neutralised(defaultOf(key.key))
+                     ? neutralised(defaultOf(key))
                      : neutralised(text->second) + "  (" + neutralised(args.sources.at(key.key)) + ")")
              << '\n';
   }

@@ -119,22 +119,26 @@ const std::vector<VespSettingKey>& settingKeys() {
   static const std::vector<VespSettingKey> keys{
       {"store", "--store",
        "The store's root directory: its collections are directories of .ics files, as vdirsyncer\n"
-       "writes them. $VESP_STORE also wins over this line."},
-      {"timezone", "--timezone",
-       "The zone local times are shown and read in, from the time zone database.\n"
-       "Without it: $TZ, else the system's zone."},
+       "writes them. $VESP_STORE also wins over this line.",
+       "~/.calendars"},
+      {"timezone", "--timezone", "The zone local times are shown and read in, from the time zone database.",
+       "$TZ, else the system's zone"},
       {"default-calendar", "--calendar",
-       "The calendar `vesp new` and `vesp import` use without --calendar: an identifier or title."},
+       "The calendar `vesp new` and `vesp import` use without --calendar: an identifier or title.",
+       "the first writable calendar"},
       {"default-list", "--list",
        "The reminder list `vesp reminder new` uses without --list, and `vesp import` for to-dos\n"
-       "alone: an identifier or title."},
+       "alone: an identifier or title.",
+       "the first writable reminder list"},
       {"hidden-calendars", "--hidden-calendars",
        "Calendars `vesp events` and `vesp search` leave out unless --calendar names them,\n"
-       "as identifiers or titles separated by commas (an empty value hides none)."},
-      {"days", "--days", "How many days `vesp events` shows, and a period given only --from lasts."},
+       "as identifiers or titles separated by commas (an empty value hides none).",
+       "none"},
+      {"days", "--days", "How many days `vesp events` shows, and a period given only --from lasts.", "7"},
       {"colour", "--colour",
-       "Colour in the human views: auto (on a terminal, unless $NO_COLOR is set), always or never."},
-      {"week-start", "--week-start", "The day weeks begin on, for --week, --month, \"this week\" and \"this friday\"."},
+       "Colour in the human views: auto (on a terminal, unless $NO_COLOR is set), always or never.", "auto"},
+      {"week-start", "--week-start", "The day weeks begin on, for --week, --month, \"this week\" and \"this friday\".",
+       "monday"},
   };
   return keys;
 }
@@ -271,7 +275,7 @@ std::string VespSettings::initialText(const std::map<std::string, std::string>& 
     text += "\n";
     std::istringstream comment(key.comment);
     for (std::string line; std::getline(comment, line);) text += "# " + line + "\n";
-    text += std::string("# Option: ") + key.option + "\n";
+    text += std::string("# Option: ") + key.option + ". Default: " + key.byDefault + ".\n";
     text += "# " + std::string(key.key) + " = " + examples.at(key.key) + "\n";
     if (auto value = given.find(key.key); value != given.end()) text += key.key + (" = " + value->second) + "\n";
   }

@@ -25,12 +25,16 @@ struct VespConfiguration {
   std::map<std::string, std::string, std::less<>> texts;
 };
 
-// One setting's key, the option that also gives it, and what it does, in the order the file lists them.
+// One setting's key, the option that also gives it, what it does and what holds without it, in the
+// order the file lists them.
 struct VespSettingKey {
   const char* key;
   const char* option;
-  const char* comment;  // one or more lines, without the "# "
+  const char* comment;    // one or more lines, without the "# "
+  const char* byDefault;  // what holds when nothing sets it
 };
+// The days a period lasts when only its start is given.
+inline constexpr int kDefaultDays = 7;
 const std::vector<VespSettingKey>& settingKeys();
 
 bool isSettingKey(std::string_view key);

@@ -36,8 +36,10 @@ TEST(VespSettingsTest, EachSettingTakesItsValuesAndSaysWhyItRefusesOthers) {
   EXPECT_EQ(read.texts.at("hidden-calendars"), "Birthdays ,Holidays");
 
   VespConfiguration home;
-  ASSERT_EQ(readSetting(home, "store", "~/cal"), std::nullopt);
-  EXPECT_EQ(home.store, std::string(std::getenv("HOME")) + "/cal");
+  if (const char* directory = std::getenv("HOME"); directory && *directory == '/') {
+    ASSERT_EQ(readSetting(home, "store", "~/cal"), std::nullopt);
+    EXPECT_EQ(home.store, std::string(directory) + "/cal");
+  }
   ASSERT_EQ(readSetting(home, "hidden-calendars", ""), std::nullopt);
   EXPECT_EQ(home.hiddenCalendars, std::vector<std::string>{}) << "an empty list hides none";
   ASSERT_EQ(readSetting(home, "timezone", "UTC"), std::nullopt);
@@ -80,7 +82,9 @@ TEST(VespSettingsTest, TheInitialFileExplainsEverySettingAndSetsOnlyThoseGiven) 
   const std::string text = readFile(file);
   EXPECT_THAT(text, HasSubstr("#\n# A note.\n"));
   for (const auto& key : settingKeys()) {
-    EXPECT_THAT(text, HasSubstr(std::string("\n# Option: ") + key.option + "\n# " + key.key + " = ")) << key.key;
+    EXPECT_THAT(text, HasSubstr(std::string("\n# Option: ") + key.option + ". Default: " + key.byDefault + ".\n# " +
+                                key.key + " = "))
+        << key.key;
     // Each example, taken out of its comment, is a value the setting takes.
     const std::string marker = std::string("\n# ") + key.key + " = ";
     const auto start = text.find(marker) + marker.size();

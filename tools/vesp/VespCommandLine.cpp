@@ -80,10 +80,7 @@ struct Exit {
 
 // Where the store is when neither --store, $VESP_STORE nor the configuration file says:
 // ~/.calendars, the directory that vdirsyncer's and khal's documented set-ups sync into.
-std::string defaultStore() {
-  const char* home = std::getenv("HOME");
-  return std::string(home && *home ? home : ".") + "/.calendars";
-}
+std::string defaultStore() { return homeDirectory() + "/.calendars"; }
 
 Date localMidnightToday() { return localMidnightOf(Date::now()); }
 
@@ -1239,7 +1236,8 @@ void runDefaultCollection(Invocation& call, platform::EKEntityMask mask) {
   Arguments changed = args;
   if (args.setting || args.unset) {
     try {
-      settingsFile().set(reminders ? "default-list" : "default-calendar", chosen, initialSettings(args));
+      VespSettings file = settingsFile();
+      file.set(reminders ? "default-list" : "default-calendar", chosen, file.exists() ? "" : initialSettings(args));
     } catch (const std::exception& failure) {
       throw Exit{kExitFailure, failure.what()};
     }

@@ -31,11 +31,6 @@ std::string trimmed(std::string_view text) {
 
 std::string quotedValue(std::string_view value) { return "\"" + neutralised(std::string(value)) + "\""; }
 
-std::string home() {
-  const char* home = std::getenv("HOME");
-  return home && *home ? home : ".";
-}
-
 // Whether `name` is a zone that both the C library (for local times) and the store (for floating
 // times) know.
 bool knownZone(const std::string& name) {
@@ -49,7 +44,7 @@ bool knownZone(const std::string& name) {
 
 std::optional<std::string> readStore(VespConfiguration& into, const std::string& value) {
   std::string path = value;
-  if (path == "~" || path.rfind("~/", 0) == 0) path = home() + path.substr(1);
+  if (path == "~" || path.rfind("~/", 0) == 0) path = homeDirectory() + path.substr(1);
   if (path.empty() || path.front() != '/')
     return quotedValue(value) + " is not an absolute path (/..., or ~/... in the home directory)";
   into.store = path;
@@ -115,6 +110,11 @@ std::runtime_error unreadable(const std::string& file, const std::string& why) {
 
 }  // namespace
 
+std::string homeDirectory() {
+  const char* home = std::getenv("HOME");
+  return home && *home ? home : ".";
+}
+
 const std::vector<VespSettingKey>& settingKeys() {
   static const std::vector<VespSettingKey> keys{
       {"store", "--store",
@@ -162,7 +162,7 @@ std::string VespSettings::defaultFile() {
   if (const char* file = std::getenv("VESP_CONFIG_FILE"); file && *file) return file;
   if (const char* config = std::getenv("XDG_CONFIG_HOME"); config && *config)
     return std::string(config) + "/vesp/config";
-  return home() + "/.config/vesp/config";
+  return homeDirectory() + "/.config/vesp/config";
 }
 
 std::string VespSettings::legacyFile(const std::string& file) {
@@ -213,43 +213,45 @@ int VespSettings::lineOf(std::string_view key) const {
 }
 
 void VespSettings::set(std::string_view key, const std::optional<std::string>& value, const std::string& initial) {
-  if (exists_ && (value ? configuration_.texts.count(key) && configuration_.texts.find(key)->second == *value
-                        : lineOf(key) == 0))
-    return;  // nothing changes, nothing is written
-  VespSettings changed(file_);
-  if (!exists_) {
-    changed.configuration_ = {};
-    changed.lines_.clear();
-    changed.read(initial);
-  }
+  const auto written = configuration_.texts.find(key);
+  const bool same = value ? written != configuration_.texts.end() && written->second == *value : lineOf(key) == 0;
+  if (exists_ && same) return;  // nothing changes, nothing is written
   VespConfiguration checked;
   if (value)
     if (auto why = readSetting(checked, key, *value))
       throw unreadable(file_, "cannot take " + std::string(key) + " " + *why);
+  const bool fresh = !exists_;
+  if (fresh) adopt(initial);  // a missing file starts as the initial text
   const std::string line = std::string(key) + " = " + value.value_or("");
-  auto& lines = changed.lines_;
-  if (const int at = changed.lineOf(key); at > 0) {
-    if (value) lines[at - 1] = line;
-    else lines.erase(lines.begin() + (at - 1));
+  if (const int at = lineOf(key); at > 0) {
+    if (value) lines_[at - 1] = line;
+    else lines_.erase(lines_.begin() + (at - 1));
   } else if (value) {
     // After the commented-out example of the key, where the file explains it; else at the end.
     const std::string example = "# " + std::string(key) + " =";
-    auto place = std::find_if(lines.begin(), lines.end(), [&](const std::string& text) {
+    auto place = std::find_if(lines_.begin(), lines_.end(), [&](const std::string& text) {
       return trimmed(text).rfind(example, 0) == 0;
     });
-    lines.insert(place == lines.end() ? place : place + 1, line);
+    lines_.insert(place == lines_.end() ? place : place + 1, line);
   }
   std::string text;
-  for (const auto& kept : lines) text += kept + "\n";
-  write(text, !exists_);
-  *this = VespSettings(file_);
+  for (const auto& kept : lines_) text += kept + "\n";
+  write(text, fresh);
+  adopt(text);
 }
 
 void VespSettings::create(const std::string& text) {
   if (exists_ || std::filesystem::exists(file_))
     throw unreadable(file_, "already exists: edit it, or remove it to create it again");
   write(text, true);
-  *this = VespSettings(file_);
+  adopt(text);
+}
+
+void VespSettings::adopt(const std::string& text) {
+  lines_.clear();
+  lineOf_.clear();
+  configuration_ = {};
+  read(text);
 }
 
 void VespSettings::write(const std::string& text, bool fresh) {
@@ -258,6 +260,7 @@ void VespSettings::write(const std::string& text, bool fresh) {
   if (fresh && path.has_parent_path()) (void)env->createDirectories(path.parent_path().string());
   if (auto written = env->replace(file_, text, 0600, vdir::VdirDurability::synced); !written)
     throw unreadable(file_, "cannot be written: " + written.error().message());
+  exists_ = true;
 }
 
 std::string VespSettings::initialText(const std::map<std::string, std::string>& given,

@@ -37,6 +37,9 @@ struct VespSettingKey {
 inline constexpr int kDefaultDays = 7;
 const std::vector<VespSettingKey>& settingKeys();
 
+// $HOME, or "." without one.
+std::string homeDirectory();
+
 bool isSettingKey(std::string_view key);
 // Reads `value` as the setting `key` into `into`, or says why the value is not one it takes, as
 // words that follow the key ("\"s\" is not a weekday").
@@ -77,6 +80,8 @@ class VespSettings {
 
  private:
   void read(const std::string& text);
+  // Takes `text` as the file's contents, as though it had been read.
+  void adopt(const std::string& text);
   void write(const std::string& text, bool fresh);
 
   std::string file_;

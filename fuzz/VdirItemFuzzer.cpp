@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <unistd.h>
 
@@ -66,18 +67,25 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     out.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
   }
   w.store->refresh();
-  std::string printed;
-  for (auto [start, end] : {std::pair{utc(2026, 3, 1), utc(2026, 3, 2)}, std::pair{utc(2020, 1, 1), utc(2030, 1, 1)},
-                            std::pair{utc(1, 1, 1), utc(9999, 12, 31)}}) {
-    for (const auto& event : w.store->events(start, end, std::nullopt)) {
-      vesp::VespEventInstance instance(*event);
-      printed += vesp::tool::toJSON(instance).dump();
+  std::ostringstream printed;
+  {
+    vesp::tool::VespJsonWriter out(printed, false);
+    out.beginArray();
+    for (auto [start, end] : {std::pair{utc(2026, 3, 1), utc(2026, 3, 2)}, std::pair{utc(2020, 1, 1), utc(2030, 1, 1)},
+                              std::pair{utc(1, 1, 1), utc(9999, 12, 31)}}) {
+      for (const auto& event : w.store->events(start, end, std::nullopt))
+        vesp::tool::writeJSON(out, vesp::VespEventInstance(*event));
     }
+    if (auto first = w.store->firstOccurrence("account/calendar/item.ics"))
+      vesp::tool::writeJSON(out, vesp::VespEventInstance(*first));
+    for (const auto& reminder : w.store->reminders(std::nullopt, [](const auto&) { return true; }))
+      vesp::tool::writeJSON(out, vesp::VespReminder(*reminder));
+    for (const auto& diagnostic : w.store->diagnostics()) out.value(vesp::tool::toJSON(diagnostic));
+    out.endArray();
   }
-  if (auto first = w.store->firstOccurrence("account/calendar/item.ics"))
-    printed += vesp::tool::toJSON(vesp::VespEventInstance(*first)).dump();
-  for (const auto& reminder : w.store->reminders(std::nullopt, [](const auto&) { return true; }))
-    printed += vesp::tool::toJSON(vesp::VespReminder(*reminder)).dump();
-  for (const auto& diagnostic : w.store->diagnostics()) printed += vesp::tool::toJSON(diagnostic).dump();
+  // What the writer wrote is valid JSON, laid out as the JSON library lays out the same document.
+  const std::string text = printed.str();
+  if (nlohmann::json::parse(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) != text)
+    __builtin_trap();
   return 0;
 }

@@ -45,30 +45,6 @@ namespace vesp::tool {
 
 namespace {
 
-// A JSON array written one element at a time, byte for byte as the whole array's dump(2) would be
-// (a month of a large store is tens of thousands of records: no document of them all is built).
-template <typename Records>
-void writeArray(std::ostream& out, const Records& records, const std::vector<std::string>* refs = nullptr) {
-  if (records.empty()) {
-    out << "[]\n";
-    return;
-  }
-  out << "[\n";
-  std::size_t left = records.size();
-  for (const auto& record : records) {
-    nlohmann::json value = toJSON(record);
-    if (refs) value["reference"] = (*refs)[records.size() - left];
-    std::string text = value.dump(2, ' ', false, nlohmann::json::error_handler_t::replace);
-    out << "  ";
-    std::size_t from = 0;
-    for (std::size_t at; (at = text.find('\n', from)) != std::string::npos; from = at + 1)
-      out.write(text.data() + from, static_cast<std::streamsize>(at + 1 - from)) << "  ";
-    out.write(text.data() + from, static_cast<std::streamsize>(text.size() - from));
-    out << (--left > 0 ? ",\n" : "\n");
-  }
-  out << "]\n";
-}
-
 using nlohmann::json;
 using platform::Date;
 
@@ -271,7 +247,7 @@ T valueOrExit(rivet::RivetResult<T> result, int status) {
 struct Arguments {
   std::string storeOption;  // --store
   std::string store;        // the store in use, once the settings are resolved
-  bool asJSON = false, yes = false, verbose = false;
+  bool asJSON = false, pretty = false, yes = false, verbose = false;
   std::string from, to;                  // events, reminders
   std::string status;                    // reminders --status
   std::vector<std::string> calendarIds;  // events --calendar, reminders --list
@@ -345,6 +321,36 @@ struct Invocation {
   const sigset_t& stopSignals;
 };
 
+// A document as --json prints it: compact, or indented with --pretty.
+void printJSON(Invocation& call, const json& document) {
+  call.out << document.dump(call.args.pretty ? 2 : -1, ' ', false, json::error_handler_t::replace) << '\n';
+}
+
+// One record, written as it is read, with no document built for it.
+template <typename Record>
+void printRecord(Invocation& call, const Record& record) {
+  VespJsonWriter writer(call.out, call.args.pretty);
+  writeJSON(writer, record);
+  writer.endLine();
+}
+
+// Records as one array, each written as it is read (a month of a large store is tens of
+// thousands of records). With `refs`, each occurrence carries its short reference.
+template <typename Records>
+void printArray(Invocation& call, const Records& records, const std::vector<std::string>* refs = nullptr) {
+  VespJsonWriter writer(call.out, call.args.pretty);
+  writer.beginArray();
+  std::size_t index = 0;
+  for (const auto& record : records) {
+    if constexpr (std::is_same_v<typename Records::value_type, VespEventInstance>)
+      writeJSON(writer, record, refs ? &(*refs)[index++] : nullptr);
+    else
+      writeJSON(writer, record);
+  }
+  writer.endArray();
+  writer.endLine();
+}
+
 void runCalendars(Invocation& call, platform::EKEntityType type) {
   call.session.requireAccess(type, true);
   auto& manager = call.session.manager();
@@ -352,7 +358,7 @@ void runCalendars(Invocation& call, platform::EKEntityType type) {
       type == platform::EKEntityTypeEvent ? manager.getAllEventCalendars() : manager.getAllReminderLists(),
       kExitFailure);
   if (call.args.asJSON)
-    writeArray(call.out, found);
+    printArray(call, found);
   else
     printCalendars(call.out, found, call.style);
 }
@@ -380,7 +386,7 @@ std::pair<Date, Date> periodOf(const Arguments& args) {
 void printOccurrences(Invocation& call, const std::vector<VespEventInstance>& found, std::pair<Date, Date> period,
                       const std::vector<std::string>* refs) {
   if (call.args.asJSON) {
-    writeArray(call.out, found, refs);
+    printArray(call, found, refs);
   } else if (!call.args.format.empty()) {
     printFormatted(call.out, found, call.args.format);
   } else if (call.args.month) {
@@ -499,7 +505,7 @@ void runReminders(Invocation& call) {
   auto found = listReminders(call.session.platform(), selection);
   sortAsTodoman(found);
   if (call.args.asJSON)
-    writeArray(call.out, found);
+    printArray(call, found);
   else
     printReminders(call.out, found, call.style);
 }
@@ -516,7 +522,7 @@ void runEvent(Invocation& call) {
   }
   auto found = valueOrExit(call.session.manager().getEventInstance(*decoded), kExitNotFound);
   if (call.args.asJSON)
-    call.out << toJSON(found).dump(2, ' ', false, json::error_handler_t::replace) << '\n';
+    printRecord(call, found);
   else
     printEvent(call.out, found, call.style);
 }
@@ -524,7 +530,7 @@ void runEvent(Invocation& call) {
 void showReminder(Invocation& call, VespReminder record) {
   const ListedReminder reminder = describedReminder(call.session.platform(), std::move(record));
   if (call.args.asJSON)
-    call.out << toJSON(reminder).dump(2, ' ', false, json::error_handler_t::replace) << '\n';
+    printRecord(call, reminder);
   else
     printReminder(call.out, reminder, call.style);
 }
@@ -792,7 +798,7 @@ void saveOrShow(Invocation& call, vdir::VdirItemEditor& editor, const vdir::Vdir
                 std::optional<Date> occurrence = std::nullopt) {
   if (call.args.dryRun) {
     if (call.args.asJSON)
-      call.out << json{{"changes", changesOf(plan)}}.dump(2, ' ', false, json::error_handler_t::replace) << '\n';
+      printJSON(call, json{{"changes", changesOf(plan)}});
     else
       printChanges(call.out, plan);
     if (!call.args.asJSON && plan.changes.empty()) call.out << "Nothing would change.\n";
@@ -800,7 +806,7 @@ void saveOrShow(Invocation& call, vdir::VdirItemEditor& editor, const vdir::Vdir
   }
   writtenOrExit(editor.apply(plan));
   if (plan.identifier.empty()) {
-    if (call.args.asJSON) call.out << json{{"removed", call.args.identifier}}.dump(2) << '\n';
+    if (call.args.asJSON) printJSON(call, json{{"removed", call.args.identifier}});
     else call.out << "Removed " << neutralised(call.args.identifier) << '\n';
     return;
   }
@@ -809,7 +815,7 @@ void saveOrShow(Invocation& call, vdir::VdirItemEditor& editor, const vdir::Vdir
   auto saved = valueOrExit(manager.getEventInstance(VespEventInstanceIdentifier(plan.identifier, occurrence)),
                            kExitFailure);
   if (call.args.asJSON)
-    call.out << toJSON(saved).dump(2, ' ', false, json::error_handler_t::replace) << '\n';
+    printRecord(call, saved);
   else
     printEvent(call.out, saved, call.style);
 }
@@ -905,7 +911,7 @@ void runDelete(Invocation& call) {
     // One occurrence, or the later ones, went: the series stays.
     writtenOrExit(editor.apply(plan));
     if (call.args.asJSON)
-      call.out << json{{"removed", call.args.identifier}, {"series", plan.identifier}}.dump(2) << '\n';
+      printJSON(call, json{{"removed", call.args.identifier}, {"series", plan.identifier}});
     else
       call.out << "Removed "
                << (chosen.span == vdir::VdirSpan::futureOccurrences ? "this and every later occurrence of "
@@ -976,7 +982,7 @@ void runImport(Invocation& call) {
       if (args.dryRun) printChanges(call.out, imported.plan);
     }
   }
-  if (args.asJSON) call.out << results.dump(2, ' ', false, json::error_handler_t::replace) << '\n';
+  if (args.asJSON) printJSON(call, results);
 }
 
 // A reminder's texts, due date and priority as the options give them.
@@ -1104,7 +1110,7 @@ void runAccess(Invocation& call) {
     result[kindName(type)] = std::string(description(state));
   }
   if (call.args.asJSON) {
-    call.out << result.dump(2, ' ', false, json::error_handler_t::replace) << '\n';
+    printJSON(call, result);
   } else {
     for (auto& [kind, state] : result.items()) call.out << kind << ": " << state.get<std::string>() << '\n';
     call.out << "(decisions are kept in " << call.session.platform().access()->file() << ")\n";
@@ -1119,10 +1125,10 @@ void runDoctor(Invocation& call) {
   if (call.args.asJSON) {
     json array = json::array();
     for (const auto& diagnostic : diagnostics) array.push_back(toJSON(diagnostic));
-    call.out << json{{"store", call.args.store}, {"collections", snapshot->collections.size()}, {"items", items},
-                     {"problems", array}}
-                    .dump(2, ' ', false, json::error_handler_t::replace)
-             << '\n';
+    printJSON(call, json{{"store", call.args.store},
+                         {"collections", snapshot->collections.size()},
+                         {"items", items},
+                         {"problems", array}});
     return;
   }
   call.out << call.args.store << ": " << snapshot->collections.size() << " collections, " << items
@@ -1163,9 +1169,7 @@ void printSettings(Invocation& call) {
               ? json{{"value", nullptr}, {"from", "default"}}
               : json{{"value", settingJSON(key.key, text->second, args.settings)}, {"from", from->second}};
     }
-    call.out << json{{"file", file}, {"exists", exists}, {"settings", settings}}.dump(
-                    2, ' ', false, json::error_handler_t::replace)
-             << '\n';
+    printJSON(call, json{{"file", file}, {"exists", exists}, {"settings", settings}});
     return;
   }
   for (const auto& key : settingKeys()) {
@@ -1275,6 +1279,7 @@ void addGlobalOptions(CLI::App& app, Arguments& args) {
                  "The store's root directory (default: $VESP_STORE, else the configuration's store, else "
                  "~/.calendars)");
   app.add_flag("--json", args.asJSON, "Print one JSON document instead of the human view");
+  app.add_flag("--pretty", args.pretty, "Indent --json's document for reading (compact by default)");
   app.add_flag("--yes", args.yes, "Answer yes when asked for access to the store (for scripts)");
   app.add_flag("--verbose", args.verbose, "Log the library's failures to stderr, one JSON object per line");
   addSettingOption(app, args, "timezone", "ZONE",

@@ -19,85 +19,129 @@ namespace {
 
 using nlohmann::json;
 
-json optionalText(const std::optional<std::string>& text) { return text ? json(*text) : json(nullptr); }
-json optionalDate(const std::optional<platform::Date>& date) { return date ? json(date->iso8601()) : json(nullptr); }
-template <class E>
-json named(E value) {
-  return std::string(description(value));
-}
+// Each value as the data model names it: dates as ISO 8601 text, zones and URLs as text, an absent
+// value as null. A record's members are written in ascending order of their names.
+void writeJSON(VespJsonWriter& out, std::string_view text) { out.string(text); }
+void writeJSON(VespJsonWriter& out, bool value) { out.boolean(value); }
+void writeJSON(VespJsonWriter& out, std::int64_t value) { out.number(value); }
+void writeJSON(VespJsonWriter& out, std::uint64_t value) { out.number(value); }
+void writeJSON(VespJsonWriter& out, double value) { out.number(value); }
+void writeJSON(VespJsonWriter& out, platform::Date value) { out.string(value.iso8601()); }
+void writeJSON(VespJsonWriter& out, const platform::TimeZone& zone) { out.string(zone.identifier()); }
+void writeJSON(VespJsonWriter& out, const platform::URL& url) { out.string(url.absoluteString()); }
+void writeJSON(VespJsonWriter& out, const VespSource& source);
+void writeJSON(VespJsonWriter& out, const VespStructuredLocation& location);
+void writeJSON(VespJsonWriter& out, const VespEventParticipant& participant);
+void writeJSON(VespJsonWriter& out, const VespAlarm& alarm);
+void writeJSON(VespJsonWriter& out, const VespRecurrenceDayOfWeek& day);
+void writeJSON(VespJsonWriter& out, const VespRecurrenceEnd& end);
+void writeJSON(VespJsonWriter& out, const VespRecurrenceRule& rule);
+void writeJSON(VespJsonWriter& out, const platform::DateComponents& components);
+template <class T>
+void writeJSON(VespJsonWriter& out, const std::vector<T>& values);
 
-json toJSON(const VespSource& source) {
-  return {{"sourceIdentifier", source.sourceIdentifier()},
-          {"sourceType", named(source.sourceType())},
-          {"title", source.title()}};
-}
-
-json toJSON(const VespStructuredLocation& location) {
-  return {{"radius", location.radius()}, {"title", optionalText(location.title())}};
-}
-
-json toJSON(const VespEventParticipant& participant) {
-  return {{"isCurrentUser", participant.isCurrentUser()}, {"name", optionalText(participant.name())},
-          {"role", named(participant.role())},           {"status", named(participant.status())},
-          {"type", named(participant.type())},           {"url", participant.url().absoluteString()}};
-}
-
-json toJSON(const VespAlarm& alarm) {
-  return {{"absoluteDate", optionalDate(alarm.absoluteDate())},
-          {"proximity", named(alarm.proximity())},
-          {"relativeOffset", alarm.relativeOffset()},
-          {"structuredLocation", alarm.structuredLocation() ? toJSON(*alarm.structuredLocation()) : json(nullptr)}};
-}
-
-json numbers(const VespRecurrenceRule::NumberList& list) { return list ? json(*list) : json(nullptr); }
-
-json toJSON(const VespRecurrenceRule& rule) {
-  json days = nullptr;
-  if (rule.daysOfTheWeek()) {
-    days = json::array();
-    for (const auto& day : *rule.daysOfTheWeek())
-      days.push_back({{"dayOfTheWeek", named(day.dayOfTheWeek())}, {"weekNumber", day.weekNumber()}});
-  }
-  json end = nullptr;
-  if (rule.recurrenceEnd())
-    end = {{"endDate", optionalDate(rule.recurrenceEnd()->endDate())},
-           {"occurrenceCount", rule.recurrenceEnd()->occurrenceCount()}};
-  return {{"calendarIdentifier", rule.calendarIdentifier()},
-          {"daysOfTheMonth", numbers(rule.daysOfTheMonth())},
-          {"daysOfTheWeek", days},
-          {"daysOfTheYear", numbers(rule.daysOfTheYear())},
-          {"firstDayOfTheWeek", rule.firstDayOfTheWeek()},
-          {"frequency", named(rule.frequency())},
-          {"interval", rule.interval()},
-          {"monthsOfTheYear", numbers(rule.monthsOfTheYear())},
-          {"recurrenceEnd", end},
-          {"setPositions", numbers(rule.setPositions())},
-          {"weeksOfTheYear", numbers(rule.weeksOfTheYear())}};
-}
-
-json toJSON(const platform::DateComponents& components) {
-  json result = json::object();
-  auto put = [&](const char* name, const std::optional<std::int64_t>& value) {
-    if (value) result[name] = *value;
-  };
-  if (components.calendar) result["calendar"] = *components.calendar;
-  if (components.timeZone) result["timeZone"] = components.timeZone->identifier();
-  put("era", components.era);
-  put("year", components.year);
-  put("month", components.month);
-  put("day", components.day);
-  put("hour", components.hour);
-  put("minute", components.minute);
-  put("second", components.second);
-  return result;
+template <class T>
+void writeJSON(VespJsonWriter& out, const std::optional<T>& value) {
+  if (value)
+    writeJSON(out, *value);
+  else
+    out.null();
 }
 
 template <class T>
-json list(const std::optional<std::vector<T>>& values) {
-  if (!values) return nullptr;
-  json array = json::array();
-  for (const auto& value : *values) array.push_back(toJSON(value));
-  return array;
+void writeJSON(VespJsonWriter& out, const std::vector<T>& values) {
+  out.beginArray();
+  for (const auto& value : values) writeJSON(out, value);
+  out.endArray();
+}
+
+template <class T>
+void member(VespJsonWriter& out, std::string_view name, const T& value) {
+  out.key(name);
+  writeJSON(out, value);
+}
+
+void writeJSON(VespJsonWriter& out, const VespSource& source) {
+  out.beginObject();
+  member(out, "sourceIdentifier", source.sourceIdentifier());
+  member(out, "sourceType", description(source.sourceType()));
+  member(out, "title", source.title());
+  out.endObject();
+}
+
+void writeJSON(VespJsonWriter& out, const VespStructuredLocation& location) {
+  out.beginObject();
+  member(out, "radius", location.radius());
+  member(out, "title", location.title());
+  out.endObject();
+}
+
+void writeJSON(VespJsonWriter& out, const VespEventParticipant& participant) {
+  out.beginObject();
+  member(out, "isCurrentUser", participant.isCurrentUser());
+  member(out, "name", participant.name());
+  member(out, "role", description(participant.role()));
+  member(out, "status", description(participant.status()));
+  member(out, "type", description(participant.type()));
+  member(out, "url", participant.url());
+  out.endObject();
+}
+
+void writeJSON(VespJsonWriter& out, const VespAlarm& alarm) {
+  out.beginObject();
+  member(out, "absoluteDate", alarm.absoluteDate());
+  member(out, "proximity", description(alarm.proximity()));
+  member(out, "relativeOffset", alarm.relativeOffset());
+  member(out, "structuredLocation", alarm.structuredLocation());
+  out.endObject();
+}
+
+void writeJSON(VespJsonWriter& out, const VespRecurrenceDayOfWeek& day) {
+  out.beginObject();
+  member(out, "dayOfTheWeek", description(day.dayOfTheWeek()));
+  member(out, "weekNumber", day.weekNumber());
+  out.endObject();
+}
+
+void writeJSON(VespJsonWriter& out, const VespRecurrenceEnd& end) {
+  out.beginObject();
+  member(out, "endDate", end.endDate());
+  member(out, "occurrenceCount", end.occurrenceCount());
+  out.endObject();
+}
+
+void writeJSON(VespJsonWriter& out, const VespRecurrenceRule& rule) {
+  out.beginObject();
+  member(out, "calendarIdentifier", rule.calendarIdentifier());
+  member(out, "daysOfTheMonth", rule.daysOfTheMonth());
+  member(out, "daysOfTheWeek", rule.daysOfTheWeek());
+  member(out, "daysOfTheYear", rule.daysOfTheYear());
+  member(out, "firstDayOfTheWeek", rule.firstDayOfTheWeek());
+  member(out, "frequency", description(rule.frequency()));
+  member(out, "interval", rule.interval());
+  member(out, "monthsOfTheYear", rule.monthsOfTheYear());
+  member(out, "recurrenceEnd", rule.recurrenceEnd());
+  member(out, "setPositions", rule.setPositions());
+  member(out, "weeksOfTheYear", rule.weeksOfTheYear());
+  out.endObject();
+}
+
+// Only the fields that are set.
+void writeJSON(VespJsonWriter& out, const platform::DateComponents& components) {
+  auto put = [&](std::string_view name, const auto& value) {
+    if (value) member(out, name, value);
+  };
+  out.beginObject();
+  put("calendar", components.calendar);
+  put("day", components.day);
+  put("era", components.era);
+  put("hour", components.hour);
+  put("minute", components.minute);
+  put("month", components.month);
+  put("second", components.second);
+  put("timeZone", components.timeZone);
+  put("year", components.year);
+  out.endObject();
 }
 
 std::string localTime(platform::Date date, const char* format) {
@@ -202,78 +246,91 @@ std::string neutralised(const std::string& text, const std::string* lineIndent) 
   return out;
 }
 
-json toJSON(const VespCalendar& calendar) {
-  json kinds = json::array();
-  if (calendar.allowedEntityTypes().contains(VespEntityMask::event)) kinds.push_back("event");
-  if (calendar.allowedEntityTypes().contains(VespEntityMask::reminder)) kinds.push_back("reminder");
-  json availabilities = json::array();
+void writeJSON(VespJsonWriter& out, const VespCalendar& calendar) {
+  out.beginObject();
+  out.key("allowedEntityTypes");
+  out.beginArray();
+  if (calendar.allowedEntityTypes().contains(VespEntityMask::event)) out.string("event");
+  if (calendar.allowedEntityTypes().contains(VespEntityMask::reminder)) out.string("reminder");
+  out.endArray();
+  member(out, "allowsContentModifications", calendar.allowsContentModifications());
+  member(out, "calendarIdentifier", calendar.calendarIdentifier());
+  member(out, "cgColor", hexColour(calendar.cgColor()));
+  member(out, "isImmutable", calendar.isImmutable());
+  member(out, "isSubscribed", calendar.isSubscribed());
+  member(out, "source", calendar.source());
+  out.key("supportedEventAvailabilities");
+  out.beginArray();
   const auto& available = calendar.supportedEventAvailabilities();
-  if (available.contains(VespEventAvailabilityMask::busy)) availabilities.push_back("busy");
-  if (available.contains(VespEventAvailabilityMask::free)) availabilities.push_back("free");
-  if (available.contains(VespEventAvailabilityMask::tentative)) availabilities.push_back("tentative");
-  if (available.contains(VespEventAvailabilityMask::unavailable)) availabilities.push_back("unavailable");
-  return {{"allowsContentModifications", calendar.allowsContentModifications()},
-          {"allowedEntityTypes", kinds},
-          {"calendarIdentifier", calendar.calendarIdentifier()},
-          {"cgColor", hexColour(calendar.cgColor())},
-          {"isImmutable", calendar.isImmutable()},
-          {"isSubscribed", calendar.isSubscribed()},
-          {"source", toJSON(calendar.source())},
-          {"supportedEventAvailabilities", availabilities},
-          {"title", calendar.title()},
-          {"type", named(calendar.type())}};
+  if (available.contains(VespEventAvailabilityMask::busy)) out.string("busy");
+  if (available.contains(VespEventAvailabilityMask::free)) out.string("free");
+  if (available.contains(VespEventAvailabilityMask::tentative)) out.string("tentative");
+  if (available.contains(VespEventAvailabilityMask::unavailable)) out.string("unavailable");
+  out.endArray();
+  member(out, "title", calendar.title());
+  member(out, "type", description(calendar.type()));
+  out.endObject();
 }
 
-json toJSON(const VespEventInstance& event) {
-  return {{"alarms", list(event.alarms())},
-          {"attendees", list(event.attendees())},
-          {"availability", named(event.availability())},
-          {"birthdayContactIdentifier", optionalText(event.birthdayContactIdentifier())},
-          {"calendar", toJSON(event.calendar())},
-          {"calendarItemIdentifier", event.calendarItemIdentifier()},
-          {"calendarItemExternalIdentifier", event.calendarItemExternalIdentifier()},
-          {"creationDate", optionalDate(event.creationDate())},
-          {"endDate", event.endDate().iso8601()},
-          {"eventIdentifier", event.eventIdentifier()},
-          {"eventInstanceIdentifier", json::parse(VespJSONEncoder().encode(event.eventInstanceIdentifier()))},
-          {"isAllDay", event.isAllDay()},
-          {"isDetached", event.isDetached()},
-          {"lastModifiedDate", optionalDate(event.lastModifiedDate())},
-          {"location", optionalText(event.location())},
-          {"notes", optionalText(event.notes())},
-          {"organizer", event.organizer() ? toJSON(*event.organizer()) : json(nullptr)},
-          {"originalOccurrenceDate", event.originalOccurrenceDate().iso8601()},
-          {"recurrenceRules", list(event.recurrenceRules())},
-          {"startDate", event.startDate().iso8601()},
-          {"status", named(event.status())},
-          {"structuredLocation", event.structuredLocation() ? toJSON(*event.structuredLocation()) : json(nullptr)},
-          {"timeZone", event.timeZone() ? json(event.timeZone()->identifier()) : json(nullptr)},
-          {"title", event.title()},
-          {"travelTime", event.travelTime() ? json(*event.travelTime()) : json(nullptr)},
-          {"url", event.url() ? json(event.url()->absoluteString()) : json(nullptr)}};
+void writeJSON(VespJsonWriter& out, const VespEventInstance& event, const std::string* reference) {
+  out.beginObject();
+  member(out, "alarms", event.alarms());
+  member(out, "attendees", event.attendees());
+  member(out, "availability", description(event.availability()));
+  member(out, "birthdayContactIdentifier", event.birthdayContactIdentifier());
+  member(out, "calendar", event.calendar());
+  member(out, "calendarItemExternalIdentifier", event.calendarItemExternalIdentifier());
+  member(out, "calendarItemIdentifier", event.calendarItemIdentifier());
+  member(out, "creationDate", event.creationDate());
+  member(out, "endDate", event.endDate());
+  member(out, "eventIdentifier", event.eventIdentifier());
+  // The identifier in its coded form, as the coder writes it (`vesp event` reads it back).
+  const std::string coded = VespJSONEncoder().encode(event.eventInstanceIdentifier());
+  out.key("eventInstanceIdentifier").value(nlohmann::json::parse(coded));
+  member(out, "isAllDay", event.isAllDay());
+  member(out, "isDetached", event.isDetached());
+  member(out, "lastModifiedDate", event.lastModifiedDate());
+  member(out, "location", event.location());
+  member(out, "notes", event.notes());
+  member(out, "organizer", event.organizer());
+  member(out, "originalOccurrenceDate", event.originalOccurrenceDate());
+  member(out, "recurrenceRules", event.recurrenceRules());
+  if (reference) member(out, "reference", *reference);
+  member(out, "startDate", event.startDate());
+  member(out, "status", description(event.status()));
+  member(out, "structuredLocation", event.structuredLocation());
+  member(out, "timeZone", event.timeZone());
+  member(out, "title", event.title());
+  member(out, "travelTime", event.travelTime());
+  member(out, "url", event.url());
+  out.endObject();
 }
 
-json toJSON(const VespReminder& reminder) {
-  return {{"alarms", list(reminder.alarms())},
-          {"attendees", list(reminder.attendees())},
-          {"calendar", toJSON(reminder.calendar())},
-          {"calendarItemIdentifier", reminder.calendarItemIdentifier()},
-          {"calendarItemExternalIdentifier", reminder.calendarItemExternalIdentifier()},
-          {"completionDate", optionalDate(reminder.completionDate())},
-          {"creationDate", optionalDate(reminder.creationDate())},
-          {"dueDateComponents", reminder.dueDateComponents() ? toJSON(*reminder.dueDateComponents()) : json(nullptr)},
-          {"isCompleted", reminder.isCompleted()},
-          {"lastModifiedDate", optionalDate(reminder.lastModifiedDate())},
-          {"location", optionalText(reminder.location())},
-          {"notes", optionalText(reminder.notes())},
-          {"priority", named(reminder.priority())},
-          {"recurrenceRules", list(reminder.recurrenceRules())},
-          {"startDateComponents",
-           reminder.startDateComponents() ? toJSON(*reminder.startDateComponents()) : json(nullptr)},
-          {"timeZone", reminder.timeZone() ? json(reminder.timeZone()->identifier()) : json(nullptr)},
-          {"title", reminder.title()},
-          {"url", reminder.url() ? json(reminder.url()->absoluteString()) : json(nullptr)}};
+void writeJSON(VespJsonWriter& out, const VespReminder& reminder, std::optional<bool> cancelled) {
+  out.beginObject();
+  member(out, "alarms", reminder.alarms());
+  member(out, "attendees", reminder.attendees());
+  member(out, "calendar", reminder.calendar());
+  member(out, "calendarItemExternalIdentifier", reminder.calendarItemExternalIdentifier());
+  member(out, "calendarItemIdentifier", reminder.calendarItemIdentifier());
+  member(out, "completionDate", reminder.completionDate());
+  member(out, "creationDate", reminder.creationDate());
+  member(out, "dueDateComponents", reminder.dueDateComponents());
+  if (cancelled) member(out, "isCancelled", *cancelled);
+  member(out, "isCompleted", reminder.isCompleted());
+  member(out, "lastModifiedDate", reminder.lastModifiedDate());
+  member(out, "location", reminder.location());
+  member(out, "notes", reminder.notes());
+  member(out, "priority", description(reminder.priority()));
+  member(out, "recurrenceRules", reminder.recurrenceRules());
+  member(out, "startDateComponents", reminder.startDateComponents());
+  member(out, "timeZone", reminder.timeZone());
+  member(out, "title", reminder.title());
+  member(out, "url", reminder.url());
+  out.endObject();
 }
+
+void writeJSON(VespJsonWriter& out, const ListedReminder& listed) { writeJSON(out, listed.record, listed.cancelled); }
 
 json toJSON(const vdir::VdirDiagnostic& diagnostic) {
   return {{"path", diagnostic.path}, {"action", vdir::description(diagnostic.action)}, {"problem", diagnostic.problem}};

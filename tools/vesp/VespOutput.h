@@ -12,13 +12,17 @@
 #include "Vesp/VespReminder.h"
 #include "platforms/vdir/VdirItem.h"
 #include "tools/vesp/VespDates.h"
+#include "tools/vesp/VespJsonWriter.h"
 #include "tools/vesp/VespReminderList.h"
 
 namespace vesp::tool {
 
-nlohmann::json toJSON(const VespCalendar& calendar);
-nlohmann::json toJSON(const VespEventInstance& event);
-nlohmann::json toJSON(const VespReminder& reminder);
+void writeJSON(VespJsonWriter& out, const VespCalendar& calendar);
+// With a `reference`, the occurrence's short reference is a member too.
+void writeJSON(VespJsonWriter& out, const VespEventInstance& event, const std::string* reference = nullptr);
+// With `cancelled`, whether the to-do was cancelled is a member too (isCancelled).
+void writeJSON(VespJsonWriter& out, const VespReminder& reminder, std::optional<bool> cancelled = std::nullopt);
+void writeJSON(VespJsonWriter& out, const ListedReminder& listed);
 nlohmann::json toJSON(const vdir::VdirDiagnostic& diagnostic);
 
 // Text from calendar files made safe for a terminal: control characters (escape included) are

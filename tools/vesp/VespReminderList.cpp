@@ -88,10 +88,4 @@ void sortAsTodoman(std::vector<ListedReminder>& reminders) {
   });
 }
 
-nlohmann::json toJSON(const ListedReminder& reminder) {
-  nlohmann::json value = toJSON(reminder.record);
-  value["isCancelled"] = reminder.cancelled;
-  return value;
-}
-
 }  // namespace vesp::tool

@@ -5,7 +5,6 @@
 #pragma once
 
 #include <cstdint>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
 #include <string>
@@ -46,6 +45,5 @@ ListedReminder describedReminder(vdir::VdirPlatform& platform, VespReminder reco
 void sortAsTodoman(std::vector<ListedReminder>& reminders);
 
 // The record's JSON, with "isCancelled".
-nlohmann::json toJSON(const ListedReminder& reminder);
 
 }  // namespace vesp::tool

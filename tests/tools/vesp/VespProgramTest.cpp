@@ -1159,6 +1159,46 @@ TEST_F(VespProgramTest, EventsAsJsonUseTheDataModelsFieldNamesAndFindTheirOccurr
   EXPECT_THAT(human.out, ::testing::HasSubstr("moved from"));
 }
 
+// Every --json document is compact, and indented with --pretty: the same document either way, each
+// laid out exactly as the JSON library lays it out (members in order of their names).
+TEST_F(VespProgramTest, JsonIsCompactUnlessPrettyAndTheSameDocumentEitherWay) {
+  const std::vector<std::vector<std::string>> commands = {
+      {"--store", store("mapping"), "calendars"},
+      {"--store", store("mapping"), "reminder-lists"},
+      {"--store", store("mapping"), "events", "--from", "2026-01-01", "--to", "2027-01-01"},
+      {"--store", store("series"), "events", "--from", "2026-03-27", "--to", "2026-03-29", "--refs"},
+      {"--store", store("series"), "search", "jour", "--from", "2026-01-01", "--to", "2027-01-01"},
+      {"--store", store("mapping"), "reminders", "--status", "any"},
+      {"--store", store("mapping"), "reminder", "tasks/due-date.ics"},
+      {"--store", store("broken"), "doctor"},
+      {"--store", store("mapping"), "access"},
+  };
+  for (auto arguments : commands) {
+    const std::string what = arguments[2];
+    arguments.insert(arguments.begin(), {"--yes", "--json"});
+    auto compact = vesp(arguments);
+    arguments.insert(arguments.begin(), "--pretty");
+    auto pretty = vesp(arguments);
+    ASSERT_EQ(compact.status, 0) << what << ": " << compact.err;
+    ASSERT_EQ(pretty.status, 0) << what << ": " << pretty.err;
+    const json document = json::parse(compact.out);
+    EXPECT_FALSE(document.empty()) << what;
+    EXPECT_EQ(compact.out, document.dump() + "\n") << what;
+    EXPECT_EQ(pretty.out, document.dump(2) + "\n") << what;
+    EXPECT_EQ(compact.out.find('\n'), compact.out.size() - 1) << what;
+  }
+  // One occurrence, as `event` prints it, is the one the list printed, references aside.
+  auto listed = json::parse(vesp({"--store", store("series"), "--yes", "--json", "events", "--from", "2026-03-28",
+                                  "--to", "2026-03-29", "--refs"}).out);
+  ASSERT_FALSE(listed.empty());
+  ASSERT_TRUE(listed[0].contains("reference")) << listed[0].dump();
+  const std::string reference = listed[0]["reference"];
+  auto one = vesp({"--store", store("series"), "--yes", "--json", "event", reference});
+  ASSERT_EQ(one.status, 0) << one.err;
+  listed[0].erase("reference");
+  EXPECT_EQ(json::parse(one.out), listed[0]);
+}
+
 TEST_F(VespProgramTest, TheAgendaIsGroupedByLocalDay) {
   auto run = vesp({"--store", store("series"), "--yes", "events", "--from", "2026-03-27", "--to", "2026-03-29"});
   ASSERT_EQ(run.status, 0) << run.err;

@@ -69,7 +69,7 @@ struct VdirStoreOptions {
   std::optional<std::string> cacheDirectory;
   // What the cache directory keeps of other stores' caches (VdirCache.h, pruneCaches).
   VdirCacheDirectoryLimits cacheDirectoryLimits;
-  // Threads that parse files and decode the cache; 0: one per core.
+  // Threads that parse files, decode the cache and expand a query's series; 0: one per core.
   unsigned parseThreads = 0;
 };
 

@@ -2,13 +2,16 @@
 
 #include <algorithm>
 #include <chrono>
+#include <string>
+#include <utility>
 
+#include "platforms/vdir/VdirParallel.h"
 #include "platforms/vdir/VdirTimeIndex.h"
 
 namespace vesp::vdir {
 
-VdirQueries::VdirQueries(const VdirClock& clock, VdirExpansionLimits limits, ProblemSink problems)
-    : clock_(clock), limits_(limits), problems_(std::move(problems)) {}
+VdirQueries::VdirQueries(const VdirClock& clock, VdirExpansionLimits limits, ProblemSink problems, unsigned threads)
+    : clock_(clock), limits_(limits), problems_(std::move(problems)), threads_(std::max(1u, threads)) {}
 
 VdirQueries::~VdirQueries() = default;
 
@@ -51,16 +54,90 @@ std::shared_ptr<VdirTimeIndex> VdirQueries::indexFor(const std::shared_ptr<const
   return index_;
 }
 
+namespace {
+
+// An occurrence a query found, with where its series is.
+struct Found {
+  std::uint32_t collection, item;
+  const VdirSeriesData* series;
+  VdirOccurrence occurrence;
+};
+
+// Series to expand taken at a time by a thread of a query.
+constexpr std::size_t kSeriesPerTask = 64;
+
+// A run of a query's series to expand, what it found in them and the problems it met (reported by
+// the querying thread, once the others are done).
+struct Task {
+  std::size_t from = 0, to = 0;
+  std::vector<Found> found;
+  std::vector<VdirDiagnostic> problems;
+};
+
+// What the tasks of one query share.
+struct Walk {
+  const VdirSnapshot& snapshot;
+  VdirTimeIndex& index;
+  const VdirClock& clock;
+  const VdirExpansionLimits& limits;
+  std::atomic<std::uint64_t>& expansions;
+  double a, b;
+  std::string window;  // "from ... to ...", for the report of a query stopped by its limits
+  std::vector<const VdirTimeIndex::Entry*> entries;  // the candidates the index could not answer
+  std::chrono::steady_clock::time_point began = std::chrono::steady_clock::now();
+  std::atomic<std::size_t> total{0};
+  std::atomic<bool> stopped{false};
+};
+
+const std::string& pathOf(const VdirSnapshot& snapshot, const VdirTimeIndex::Entry& entry) {
+  return snapshot.collections[entry.collection].items[entry.item]->relativePath;
+}
+
+// Whether the query must stop before `entry`: its occurrences reached their limit, or its time
+// did (the clock is read every 64 series of a task). The task that stops it says why.
+bool stopsBefore(Walk& walk, const VdirTimeIndex::Entry& entry, std::size_t visited, Task& task) {
+  if (walk.stopped) return true;
+  const std::size_t total = walk.total;
+  const bool full = total >= walk.limits.maximumOccurrencesPerQuery;
+  if (!full && (visited & 63) != 0) return false;
+  const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - walk.began).count();
+  if (!full && elapsed <= walk.limits.maximumSecondsPerQuery) return false;
+  if (!walk.stopped.exchange(true))
+    task.problems.push_back({".", VdirDiagnostic::Action::truncated,
+                             "query " + walk.window + " stopped at " + pathOf(walk.snapshot, entry) + " after " +
+                                 std::to_string(total) + " occurrences: the answer is incomplete"});
+  return true;
+}
+
+// The occurrences of the task's series: a recurring one's periods that the index lacks expanded
+// and kept, and answered from them; a series that does not recur, or a window too wide to keep,
+// expanded for the window.
+void walkSeries(Walk& walk, Task& task) {
+  std::vector<VdirOccurrence> occurrences;
+  for (std::size_t at = task.from; at < task.to; ++at) {
+    const VdirTimeIndex::Entry& entry = *walk.entries[at];
+    if (stopsBefore(walk, entry, at - task.from + 1, task)) return;
+    occurrences.clear();
+    if (!entry.series->isRecurring() ||
+        !walk.index.occurrencesThroughPeriods(*entry.series, walk.a, walk.b, walk.clock, walk.limits,
+                                              walk.expansions, occurrences)) {
+      if (auto expanded = expandSeries(*entry.series, walk.clock, walk.a, walk.b, walk.limits, occurrences);
+          !expanded)
+        task.problems.push_back(
+            {pathOf(walk.snapshot, entry), VdirDiagnostic::Action::truncated, expanded.error().message()});
+    }
+    for (const auto& occurrence : occurrences)
+      task.found.push_back({entry.collection, entry.item, entry.series, occurrence});
+    walk.total += occurrences.size();
+  }
+}
+
+}  // namespace
+
 std::vector<std::shared_ptr<platform::EKEvent>> VdirQueries::events(
     const std::shared_ptr<const VdirSnapshot>& current, platform::Date start, platform::Date end,
     const std::optional<std::set<std::string>>& calendars) {
   const double a = start.timeIntervalSince1970(), b = end.timeIntervalSince1970();
-  struct Found {
-    std::uint32_t collection, item;
-    const VdirSeriesData* series;
-    VdirOccurrence occurrence;
-  };
-  std::vector<Found> found;
   std::vector<char> chosen(current->collections.size(), 1);
   if (calendars)
     for (std::size_t c = 0; c < chosen.size(); ++c) chosen[c] = calendars->count(current->collections[c].identifier) > 0;
@@ -69,40 +146,36 @@ std::vector<std::shared_ptr<platform::EKEvent>> VdirQueries::events(
     rivet::RivetMutexLock lock(indexMutex_);
     index = indexFor(current);
   }
-  // The index guards what it keeps itself and expands outside its lock: queries run side by side.
+  Walk walk{*current, *index, clock_, limits_, expansions_, a, b, "from " + start.iso8601() + " to " + end.iso8601(), {}};
+  // The series whose periods the index keeps are answered here; the others (periods not kept
+  // yet, windows too wide to keep, series that do not recur) are expanded next, over the cores.
+  Task answered;
   std::vector<VdirOccurrence> occurrences;
-  const auto began = std::chrono::steady_clock::now();
-  std::optional<std::string> stopped;
   std::size_t visited = 0;
-  using Entry = VdirTimeIndex::Entry;
-  auto direct = [&](const Entry& entry) {
-    occurrences.clear();
-    if (auto expanded = expandSeries(*entry.series, clock_, a, b, limits_, occurrences); !expanded)
-      report({current->collections[entry.collection].items[entry.item]->relativePath,
-                     VdirDiagnostic::Action::truncated, expanded.error().message()});
-    for (const auto& occurrence : occurrences) found.push_back({entry.collection, entry.item, entry.series, occurrence});
-  };
-  auto visit = [&](const Entry& entry) {
-    if (stopped || !chosen[entry.collection]) return;
-    // The query's own limits, checked every so often.
-    if ((++visited & 63) == 0 || found.size() >= limits_.maximumOccurrencesPerQuery) {
-      double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
-      if (found.size() >= limits_.maximumOccurrencesPerQuery || elapsed > limits_.maximumSecondsPerQuery) {
-        stopped = "query from " + start.iso8601() + " to " + end.iso8601() + " stopped at " +
-                  current->collections[entry.collection].items[entry.item]->relativePath + " after " +
-                  std::to_string(found.size()) + " occurrences: the answer is incomplete";
-        return;
-      }
-    }
-    if (!entry.series->isRecurring()) return direct(entry);
-    occurrences.clear();
-    if (!index->occurrencesThroughPeriods(*entry.series, a, b, clock_, limits_, expansions_, occurrences))
-      return direct(entry);
-    for (const auto& occurrence : occurrences)
-      found.push_back({entry.collection, entry.item, entry.series, occurrence});
-  };
-  if (b > a) index->candidates(a, b, visit);
-  if (stopped) report({".", VdirDiagnostic::Action::truncated, *stopped});
+  if (b > a)
+    index->candidates(a, b, [&](const VdirTimeIndex::Entry& entry) {
+      if (!chosen[entry.collection] || stopsBefore(walk, entry, ++visited, answered)) return;
+      occurrences.clear();
+      if (!entry.series->isRecurring() ||
+          index->keptOccurrences(*entry.series, a, b, occurrences) != VdirTimeIndex::Kept::answered)
+        return walk.entries.push_back(&entry);
+      for (const auto& occurrence : occurrences)
+        answered.found.push_back({entry.collection, entry.item, entry.series, occurrence});
+      walk.total += occurrences.size();
+    });
+  // The index guards what it keeps itself and expands outside its lock, so the tasks (and other
+  // queries) expand side by side.
+  std::vector<Task> tasks(1 + (walk.entries.size() + kSeriesPerTask - 1) / kSeriesPerTask);
+  tasks[0] = std::move(answered);
+  for (std::size_t t = 1; t < tasks.size(); ++t)
+    tasks[t].from = (t - 1) * kSeriesPerTask, tasks[t].to = std::min(walk.entries.size(), t * kSeriesPerTask);
+  runOnEveryCore(threads_, tasks.size() - 1, 1, [&](std::size_t t) { walkSeries(walk, tasks[t + 1]); });
+  std::vector<Found> found;
+  found.reserve(walk.total);
+  for (auto& task : tasks) {
+    found.insert(found.end(), task.found.begin(), task.found.end());
+    for (auto& problem : task.problems) report(std::move(problem));
+  }
   std::sort(found.begin(), found.end(), [](const Found& x, const Found& y) {
     if (x.occurrence.start != y.occurrence.start) return x.occurrence.start < y.occurrence.start;
     if (x.series != y.series && x.series->identifier != y.series->identifier) return x.series->identifier < y.series->identifier;

@@ -8,7 +8,8 @@
 //
 // Thread safety: every member function may be called from any thread. Queries share the index:
 // they wait for each other only while taking the index of their snapshot and while taking or
-// keeping expansions, never while libical expands.
+// keeping expansions, never while libical expands. A query spreads its series over threads of
+// its own; the problem sink is called on the querying thread only.
 #pragma once
 
 #include <atomic>
@@ -36,8 +37,9 @@ class VdirQueries {
   // Where a problem met while answering goes (the path it concerns, or "." for a whole query).
   using ProblemSink = std::function<void(VdirDiagnostic)>;
 
-  // `clock` must outlive the queries.
-  VdirQueries(const VdirClock& clock, VdirExpansionLimits limits, ProblemSink problems);
+  // `clock` must outlive the queries. A window's series are expanded on up to `threads` threads
+  // (the querying one included), a thread for every few hundred series.
+  VdirQueries(const VdirClock& clock, VdirExpansionLimits limits, ProblemSink problems, unsigned threads = 1);
   ~VdirQueries();
   VdirQueries(const VdirQueries&) = delete;
   VdirQueries& operator=(const VdirQueries&) = delete;
@@ -76,6 +78,7 @@ class VdirQueries {
   const VdirClock& clock_;
   const VdirExpansionLimits limits_;
   const ProblemSink problems_;
+  const unsigned threads_;
 
   rivet::RivetMutex indexMutex_;
   std::shared_ptr<VdirTimeIndex> index_ RIVET_GUARDED_BY(indexMutex_);  // with the expansions it keeps

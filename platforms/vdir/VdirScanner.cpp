@@ -13,6 +13,7 @@
 #include <unordered_set>
 
 #include "platforms/vdir/VdirEnv.h"
+#include "platforms/vdir/VdirParallel.h"
 #include "platforms/vdir/VdirText.h"
 
 namespace fs = std::filesystem;
@@ -66,21 +67,6 @@ VdirDiagnostic tooLarge(const std::string& relative, std::int64_t size, std::uin
 
 VdirDiagnostic unreadable(const std::string& relative, const rivet::RivetError& error) {
   return {relative, VdirDiagnostic::Action::skipped, error.message()};
-}
-
-// Runs work(0) ... work(count - 1) on up to `threads` threads (this one included), each taking
-// the next index; a thread is started for every `perThread` items at most.
-void runOnEveryCore(unsigned threads, std::size_t count, std::size_t perThread,
-                    const std::function<void(std::size_t)>& work) {
-  std::atomic<std::size_t> next{0};
-  auto some = [&] {
-    for (std::size_t at; (at = next++) < count;) work(at);
-  };
-  unsigned workers = static_cast<unsigned>(std::min<std::size_t>(threads, (count + perThread - 1) / perThread));
-  std::vector<std::thread> pool;
-  for (unsigned i = 1; i < workers; ++i) pool.emplace_back(some);
-  some();
-  for (auto& thread : pool) thread.join();
 }
 
 }  // namespace

@@ -61,7 +61,8 @@ VdirStore::VdirStore(VdirStoreOptions options, std::shared_ptr<VdirEnv> env)
       zones_(std::make_shared<VdirZones>()),
       clock_(std::make_unique<VdirClock>(options_.localTimeZone.empty() ? systemLocalZoneName()
                                                                           : options_.localTimeZone)),
-      queries_(*clock_, options_.limits, [this](VdirDiagnostic problem) { reportRuntime(std::move(problem)); }) {
+      queries_(*clock_, options_.limits, [this](VdirDiagnostic problem) { reportRuntime(std::move(problem)); },
+               threads()) {
   snapshot_ = std::make_shared<VdirSnapshot>();
 
   const std::string directory = options_.cacheDirectory.value_or(defaultCacheDirectory());

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <map>
 #include <memory>
 #include <set>
@@ -141,6 +142,47 @@ TEST_F(VdirQueriesTest, AnExpansionCutByTheSeriesLimitIsReportedAgainstItsFile) 
   ASSERT_FALSE(problems_.empty());
   EXPECT_EQ(problems_[0].path, "cal/daily.ics");
   EXPECT_THAT(problems_[0].problem, ::testing::HasSubstr("expansion stopped"));
+}
+
+// Enough series for a query to spread them over its threads: each window answers, first (expanding
+// periods) and again (from the kept ones), exactly what one thread answers; a cut is reported once.
+TEST_F(VdirQueriesTest, AQueryOverManySeriesAnswersTheSameOnAnyNumberOfThreads) {
+  static const char* const kRules[] = {"RRULE:FREQ=DAILY;INTERVAL=3\r\n", "RRULE:FREQ=WEEKLY;BYDAY=MO,TH\r\n",
+                                       "RRULE:FREQ=MONTHLY;COUNT=40\r\n", ""};
+  Files files;
+  for (int i = 0; i < 1500; ++i) {
+    char start[32], end[32];
+    std::snprintf(start, sizeof start, "2026%02d%02dT%02d%02d00Z", 1 + i % 12, 1 + i % 28, i % 23, i % 60);
+    std::snprintf(end, sizeof end, "2026%02d%02dT%02d%02d00Z", 1 + i % 12, 1 + i % 28, i % 23 + 1, i % 60);
+    const std::string name = std::to_string(i);
+    files.emplace_back(name + ".ics", simpleEvent("e" + name, "E" + name, start, end, kRules[i % 4]));
+  }
+  auto snapshot = snapshotOf({{"cal", files}});
+  auto alone = queries();
+  VdirQueries spread(clock_, {}, [this](VdirDiagnostic problem) { problems_.push_back(std::move(problem)); }, 4);
+  const std::pair<platform::Date, platform::Date> windows[] = {{utc(2026, 3, 10), utc(2026, 3, 11)},
+                                                               {utc(2026, 3, 1), utc(2026, 4, 1)},
+                                                               {utc(2026, 1, 1), utc(2027, 1, 1)}};
+  std::size_t year = 0;
+  for (const auto& [from, to] : windows) {
+    const auto expected = titles(alone.events(snapshot, from, to, std::nullopt));
+    EXPECT_FALSE(expected.empty());
+    EXPECT_EQ(titles(spread.events(snapshot, from, to, std::nullopt)), expected) << from.iso8601();
+    EXPECT_EQ(titles(spread.events(snapshot, from, to, std::nullopt)), expected) << from.iso8601();
+    year = expected.size();
+  }
+  EXPECT_GT(year, 20000u);
+  EXPECT_TRUE(problems_.empty());
+
+  VdirExpansionLimits limits;
+  limits.maximumOccurrencesPerQuery = 2000;
+  VdirQueries cut(clock_, limits, [this](VdirDiagnostic problem) { problems_.push_back(std::move(problem)); }, 4);
+  const auto events = cut.events(snapshot, utc(2026, 1, 1), utc(2027, 1, 1), std::nullopt);
+  EXPECT_GE(events.size(), 2000u);
+  EXPECT_LT(events.size(), year);
+  ASSERT_EQ(problems_.size(), 1u);
+  EXPECT_EQ(problems_[0].path, ".");
+  EXPECT_THAT(problems_[0].problem, ::testing::HasSubstr("the answer is incomplete"));
 }
 
 TEST_F(VdirQueriesTest, FirstOccurrencesAndToDosAreFoundByIdentifier) {

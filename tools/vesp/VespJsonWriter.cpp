@@ -3,6 +3,8 @@
 #include <charconv>
 #include <stdexcept>
 
+#include "platforms/vdir/VdirText.h"
+
 namespace vesp::tool {
 
 namespace {
@@ -89,13 +91,21 @@ void VespJsonWriter::string(std::string_view text) {
 void VespJsonWriter::quoted(std::string_view text) {
   const std::size_t start = buffer_.size();
   buffer_ += '"';
-  for (const char byte : text) {
-    const auto c = static_cast<unsigned char>(byte);
+  bool verified = false;  // the text from its first non-ASCII byte on is valid UTF-8
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    const auto c = static_cast<unsigned char>(text[at]);
     if (c >= 0x80) {
-      // Non-ASCII text goes through the library's own escaping, which replaces invalid UTF-8.
-      buffer_.resize(start);
-      buffer_.append(nlohmann::json(std::string(text)).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
-      return;
+      // UTF-8 is written as it is. Text that is not goes through the JSON library's own escaping,
+      // which replaces each invalid sequence with U+FFFD.
+      if (!verified && !vdir::isValidUtf8(text.substr(at))) {
+        buffer_.resize(start);
+        buffer_.append(
+            nlohmann::json(std::string(text)).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+        return;
+      }
+      verified = true;
+      buffer_ += static_cast<char>(c);
+      continue;
     }
     switch (c) {
       case '"': buffer_ += "\\\""; break;

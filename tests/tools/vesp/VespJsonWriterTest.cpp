@@ -24,6 +24,11 @@ const std::string kTexts[] = {
     "bad \xC3 byte",     // a sequence cut short
     "\xFF\xFE lead",     // bytes that never start one
     "over\xC0\xAFlong",  // an overlong slash
+    "\xC2\x80 \xED\x9F\xBF \xEF\xBF\xBF \xF4\x8F\xBF\xBF",  // the edges of what is valid
+    "\xED\xA0\x80",      // a surrogate
+    "\xE0\x9F\xBF",      // an overlong three bytes
+    "\xF4\x90\x80\x80",  // past U+10FFFF
+    "ok \xE2\x82",       // cut at the end
 };
 
 // Writes, through the writer's calls, the document that `expected()` builds with the library.

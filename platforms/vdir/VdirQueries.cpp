@@ -146,7 +146,8 @@ std::vector<std::shared_ptr<platform::EKEvent>> VdirQueries::events(
     rivet::RivetMutexLock lock(indexMutex_);
     index = indexFor(current);
   }
-  Walk walk{*current, *index, clock_, limits_, expansions_, a, b, "from " + start.iso8601() + " to " + end.iso8601(), {}};
+  const std::string window = "from " + start.iso8601() + " to " + end.iso8601();
+  Walk walk{*current, *index, clock_, limits_, expansions_, a, b, window, {}};
   // The series whose periods the index keeps are answered here; the others (periods not kept
   // yet, windows too wide to keep, series that do not recur) are expanded next, over the cores.
   Task answered;

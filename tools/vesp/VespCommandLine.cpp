@@ -21,6 +21,7 @@
 #include <regex>
 #include <set>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "Vesp/VespCalendarManager.h"
@@ -1278,8 +1279,8 @@ void addGlobalOptions(CLI::App& app, Arguments& args) {
   app.add_option("--store", args.storeOption,
                  "The store's root directory (default: $VESP_STORE, else the configuration's store, else "
                  "~/.calendars)");
-  app.add_flag("--json", args.asJSON, "Print one JSON document instead of the human view");
-  app.add_flag("--pretty", args.pretty, "Indent --json's document for reading (compact by default)");
+  auto* json = app.add_flag("--json", args.asJSON, "Print one JSON document instead of the human view");
+  app.add_flag("--pretty", args.pretty, "Indent --json's document for reading (compact by default)")->needs(json);
   app.add_flag("--yes", args.yes, "Answer yes when asked for access to the store (for scripts)");
   app.add_flag("--verbose", args.verbose, "Log the library's failures to stderr, one JSON object per line");
   addSettingOption(app, args, "timezone", "ZONE",

@@ -1187,6 +1187,11 @@ TEST_F(VespProgramTest, JsonIsCompactUnlessPrettyAndTheSameDocumentEitherWay) {
     EXPECT_EQ(pretty.out, document.dump(2) + "\n") << what;
     EXPECT_EQ(compact.out.find('\n'), compact.out.size() - 1) << what;
   }
+  // --pretty indents --json's document, and is refused without it.
+  auto alone = vesp({"--store", store("mapping"), "--yes", "--pretty", "calendars"});
+  EXPECT_EQ(alone.status, 2);
+  EXPECT_TRUE(alone.out.empty());
+  EXPECT_THAT(alone.err, ::testing::HasSubstr("--pretty requires --json"));
   // One occurrence, as `event` prints it, is the one the list printed, references aside.
   auto listed = json::parse(vesp({"--store", store("series"), "--yes", "--json", "events", "--from", "2026-03-28",
                                   "--to", "2026-03-29", "--refs"}).out);

@@ -15,6 +15,7 @@
 #include <thread>
 #include <type_traits>
 
+#include "platforms/vdir/VdirCacheBytes.h"
 #include "platforms/vdir/VdirEnv.h"
 #include "platforms/vdir/VdirText.h"
 #include "platforms/vdir/VdirZones.h"
@@ -28,46 +29,9 @@ namespace {
 // Layout: the header (magic, format, payload length and hash), then the payload: libical's
 // version, the key, the entries in blocks that decode independently (each: its size and its number
 // of entries; a size of 0 ends them), and the zone definitions the entries refer to.
-constexpr char kMagic[8] = {'V', 'E', 'S', 'P', 'S', 'T', 'O', 'R'};
-constexpr std::size_t kHeaderSize = 8 + 4 + 4 + 8 + 8;
+constexpr std::string_view kMagic = "VESPSTOR";
 constexpr std::size_t kEntriesPerBlock = 2048;
 
-// A 64-bit hash of the payload, eight bytes at a time (a damaged cache is caught by it; it is not
-// a defence against a cache forged on purpose, which the decoder's checks are for).
-std::uint64_t payloadHash(std::string_view bytes) {
-  std::uint64_t hash = 0x9E3779B97F4A7C15ull ^ bytes.size();
-  std::size_t at = 0;
-  for (; at + 8 <= bytes.size(); at += 8) {
-    std::uint64_t word;
-    std::memcpy(&word, bytes.data() + at, 8);
-    hash = (hash ^ word) * 0xFF51AFD7ED558CCDull;
-    hash ^= hash >> 32;
-  }
-  for (; at < bytes.size(); ++at) hash = (hash ^ static_cast<unsigned char>(bytes[at])) * 0x100000001B3ull;
-  hash ^= hash >> 33;
-  hash *= 0xC4CEB9FE1A85EC53ull;
-  return hash ^ (hash >> 33);
-}
-
-class Writer {
- public:
-  explicit Writer(std::string& out) : out_(out) {}
-  void raw(const void* data, std::size_t size) { out_.append(static_cast<const char*>(data), size); }
-  void u8(std::uint8_t value) { raw(&value, 1); }
-  void u16(std::uint16_t value) { raw(&value, 2); }
-  void u32(std::uint32_t value) { raw(&value, 4); }
-  void u64(std::uint64_t value) { raw(&value, 8); }
-  void i64(std::int64_t value) { raw(&value, 8); }
-  void f64(double value) { raw(&value, 8); }
-  void text(std::string_view value) {
-    u32(static_cast<std::uint32_t>(value.size()));
-    raw(value.data(), value.size());
-  }
-  void flag(bool value) { u8(value ? 1 : 0); }
-
- private:
-  std::string& out_;
-};
 
 // The schema: every field of what the cache keeps has a tag, written before its value, and the
 // walks below name each struct's fields once, in their order. The encoder and the decoder both
@@ -242,71 +206,6 @@ constexpr std::size_t kLeastBytes<VdirSeriesData> = 16;
 template <>
 constexpr std::size_t kLeastBytes<VdirDiagnostic> = 9;
 
-// Reads what Writer wrote. The first problem is kept, and from then on every read gives nothing
-// (zero, empty, no elements), so that decoding runs to its end and says what was wrong.
-class Reader {
- public:
-  explicit Reader(std::string_view bytes) : bytes_(bytes) {}
-  bool atEnd() const { return at_ == bytes_.size(); }
-  bool failed() const { return problem_.has_value(); }
-  const std::string& problem() const { return *problem_; }
-  void fail(std::string problem) {
-    if (!problem_) problem_ = std::move(problem);
-    at_ = bytes_.size();
-  }
-  std::string_view take(std::size_t size) {
-    if (size > bytes_.size() - at_) {
-      fail("the cache ends early");
-      return {};
-    }
-    auto part = bytes_.substr(at_, size);
-    at_ += size;
-    return part;
-  }
-  template <typename T>
-  T number() {
-    T value{};
-    if (auto part = take(sizeof value); part.size() == sizeof value) std::memcpy(&value, part.data(), sizeof value);
-    return value;
-  }
-  std::uint8_t u8() { return number<std::uint8_t>(); }
-  std::uint16_t u16() { return number<std::uint16_t>(); }
-  std::uint32_t u32() { return number<std::uint32_t>(); }
-  std::uint64_t u64() { return number<std::uint64_t>(); }
-  std::int64_t i64() { return number<std::int64_t>(); }
-  // `value` when it lies in [lowest, highest], else a failure (and `lowest`).
-  std::int64_t within(std::int64_t lowest, std::int64_t highest, std::int64_t value) {
-    if (value >= lowest && value <= highest) return value;
-    fail("a value out of range");
-    return lowest;
-  }
-  // Seconds since 1970 (or a span): finite and within years 1-9999 give or take.
-  double f64() {
-    double value = number<double>();
-    if (std::isfinite(value) && std::fabs(value) <= 1e13) return value;
-    fail("a time out of range");
-    return 0.0;
-  }
-  bool flag() { return within(0, 1, u8()) == 1; }
-  std::string text() {
-    auto part = take(u32());
-    if (isValidUtf8(part)) return std::string(part);
-    fail("a text that is not UTF-8");
-    return {};
-  }
-  // A count of things each at least `least` bytes long, checked against what is left.
-  std::size_t count(std::size_t least) {
-    std::uint32_t value = u32();
-    if (value <= (bytes_.size() - at_) / least) return value;
-    fail("a count larger than the cache");
-    return 0;
-  }
-
- private:
-  std::string_view bytes_;
-  std::size_t at_ = 0;
-  std::optional<std::string> problem_;
-};
 
 // The zones that times refer to: 0 none, 1 the built-in zone named by the time's TZID, 2 + i the
 // i-th zone definition.
@@ -407,7 +306,7 @@ class Encoder {
     walk(*this, value);
   }
 
-  Writer w_;
+  VdirCacheWriter w_;
   ZoneTable& zones_;
   bool storable_ = true;
 };
@@ -416,7 +315,7 @@ class Encoder {
 // their places, values in their ranges, lists in their order, references to zones that exist.
 class Decoder {
  public:
-  Decoder(Reader& r, const std::vector<const icaltimezone*>& zones) : r_(r), zones_(zones) {}
+  Decoder(VdirCacheReader& r, const std::vector<const icaltimezone*>& zones) : r_(r), zones_(zones) {}
 
   std::pair<std::string, VdirFileRecord> record() {
     std::pair<std::string, VdirFileRecord> entry;
@@ -488,7 +387,7 @@ class Decoder {
   void check(const VdirSeriesData& series);
   void check(const VdirItem& item);
 
-  Reader& r_;
+  VdirCacheReader& r_;
   const std::vector<const icaltimezone*>& zones_;
 };
 
@@ -572,6 +471,54 @@ rivet::RivetError cacheFailure(std::string problem, const char* function, std::u
 
 }  // namespace
 
+std::uint64_t cachePayloadHash(std::string_view bytes) {
+  std::uint64_t hash = 0x9E3779B97F4A7C15ull ^ bytes.size();
+  std::size_t at = 0;
+  for (; at + 8 <= bytes.size(); at += 8) {
+    std::uint64_t word;
+    std::memcpy(&word, bytes.data() + at, 8);
+    hash = (hash ^ word) * 0xFF51AFD7ED558CCDull;
+    hash ^= hash >> 32;
+  }
+  for (; at < bytes.size(); ++at) hash = (hash ^ static_cast<unsigned char>(bytes[at])) * 0x100000001B3ull;
+  hash ^= hash >> 33;
+  hash *= 0xC4CEB9FE1A85EC53ull;
+  return hash ^ (hash >> 33);
+}
+
+void openCacheHeader(VdirCacheWriter& w, std::string_view magic, std::uint32_t format) {
+  w.raw(magic.data(), magic.size());
+  w.u32(format);
+  w.u32(0);
+  w.u64(0);  // the payload's length
+  w.u64(0);  // its hash
+}
+
+void sealCacheHeader(std::string& out) {
+  const std::string_view payload(out.data() + kCacheHeaderSize, out.size() - kCacheHeaderSize);
+  const std::uint64_t length = payload.size(), hash = cachePayloadHash(payload);
+  std::memcpy(out.data() + 16, &length, 8);
+  std::memcpy(out.data() + 24, &hash, 8);
+}
+
+rivet::RivetResult<std::string_view> cachePayload(std::string_view bytes, std::string_view magic,
+                                                  std::uint32_t format, const char* function) {
+  auto corrupt = [&](std::string problem) { return cacheFailure(std::move(problem), function, __LINE__); };
+  VdirCacheReader header(bytes);
+  const std::string_view start = header.take(magic.size());
+  if (!header.failed() && start != magic) return corrupt("not a cache file");
+  const std::uint32_t found = header.u32();
+  header.u32();
+  const std::uint64_t length = header.u64();
+  const std::uint64_t hash = header.u64();
+  if (header.failed()) return corrupt(header.problem());
+  if (found != format) return corrupt("a cache of format " + std::to_string(found));
+  if (length != bytes.size() - kCacheHeaderSize) return corrupt("the cache's length is wrong (cut short or grown)");
+  std::string_view payload = bytes.substr(kCacheHeaderSize);
+  if (cachePayloadHash(payload) != hash) return corrupt("the cache is damaged");
+  return payload;
+}
+
 void VdirFileRecord::setVersion(const VdirFileStatus& status) {
   device = status.device;
   inode = status.inode;
@@ -610,15 +557,15 @@ std::string cacheKey(const std::string& root, const std::string& localZone, std:
 
 VdirCacheIdentity cacheIdentityOf(std::string_view start) {
   VdirCacheIdentity identity;
-  Reader r(start);
-  const std::string_view magic = r.take(sizeof kMagic);
+  VdirCacheReader r(start);
+  const std::string_view magic = r.take(kMagic.size());
   const std::uint32_t format = r.u32();
   if (r.failed()) {
     identity.kind = VdirCacheIdentity::Kind::cutShort;
     return identity;
   }
-  if (magic != std::string_view(kMagic, sizeof kMagic) || format != kVdirCacheFormat) return identity;
-  r.take(kHeaderSize - sizeof kMagic - 4);
+  if (magic != kMagic || format != kVdirCacheFormat) return identity;
+  r.take(kCacheHeaderSize - kMagic.size() - 4);
   r.text();  // libical's version
   const std::string key = r.text();
   if (r.failed()) {
@@ -682,7 +629,7 @@ std::size_t pruneCaches(VdirEnv& env, const std::string& directory, const std::s
 
 std::string cacheFilePath(const std::string& directory, const std::string& key) {
   char name[40];
-  std::snprintf(name, sizeof name, "store-%016llx.cache", static_cast<unsigned long long>(payloadHash(key)));
+  std::snprintf(name, sizeof name, "store-%016llx.cache", static_cast<unsigned long long>(cachePayloadHash(key)));
   return directory + "/" + name;
 }
 
@@ -700,12 +647,8 @@ std::string encodeCache(const std::string& key, const VdirFileRecords& records, 
   // Written in place, once: the header's length and hash are filled in at the end. The zones come
   // after the entries, which decide which zones are needed.
   std::string out;
-  Writer w(out);
-  w.raw(kMagic, sizeof kMagic);
-  w.u32(kVdirCacheFormat);
-  w.u32(0);
-  w.u64(0);  // payload length
-  w.u64(0);  // payload hash
+  VdirCacheWriter w(out);
+  openCacheHeader(w, kMagic, kVdirCacheFormat);
   w.text(ICAL_VERSION);
   w.text(key);
   std::string entry;
@@ -745,42 +688,27 @@ std::string encodeCache(const std::string& key, const VdirFileRecords& records, 
     w.text(tzid);
     w.text(text);
   }
-  std::string_view payload(out.data() + kHeaderSize, out.size() - kHeaderSize);
-  std::uint64_t length = payload.size(), hash = payloadHash(payload);
-  std::memcpy(out.data() + 16, &length, 8);
-  std::memcpy(out.data() + 24, &hash, 8);
+  sealCacheHeader(out);
   return out;
 }
 
 std::string sealCachePayload(std::string_view payload) {
   std::string out;
-  Writer w(out);
-  w.raw(kMagic, sizeof kMagic);
-  w.u32(kVdirCacheFormat);
-  w.u32(0);
-  w.u64(payload.size());
-  w.u64(payloadHash(payload));
+  VdirCacheWriter w(out);
+  openCacheHeader(w, kMagic, kVdirCacheFormat);
   out.append(payload);
+  sealCacheHeader(out);
   return out;
 }
 
 rivet::RivetResult<VdirFileRecords> decodeCache(std::string_view bytes, const std::string& key, VdirZones& zones,
                                                 unsigned threads) {
   auto corrupt = [](std::string problem) { return cacheFailure(std::move(problem), "decodeCache", __LINE__); };
-  Reader header(bytes);
-  const std::string_view magic = header.take(sizeof kMagic);
-  if (!header.failed() && magic != std::string_view(kMagic, sizeof kMagic)) return corrupt("not a cache file");
-  const std::uint32_t format = header.u32();
-  header.u32();
-  const std::uint64_t length = header.u64();
-  const std::uint64_t hash = header.u64();
-  if (header.failed()) return corrupt(header.problem());
-  if (format != kVdirCacheFormat) return corrupt("a cache of format " + std::to_string(format));
-  if (length != bytes.size() - kHeaderSize) return corrupt("the cache's length is wrong (cut short or grown)");
-  std::string_view payload = bytes.substr(kHeaderSize);
-  if (payloadHash(payload) != hash) return corrupt("the cache is damaged");
+  auto sealed = cachePayload(bytes, kMagic, kVdirCacheFormat, "decodeCache");
+  if (!sealed) return sealed.error();
+  const std::string_view payload = *sealed;
 
-  Reader r(payload);
+  VdirCacheReader r(payload);
   if (r.text() != ICAL_VERSION && !r.failed()) return corrupt("a cache written with another libical");
   if (r.text() != key && !r.failed()) return corrupt("a cache of another store");
   std::vector<std::string_view> blocks;
@@ -807,7 +735,7 @@ rivet::RivetResult<VdirFileRecords> decodeCache(std::string_view bytes, const st
   std::atomic<std::size_t> next{0};
   auto work = [&] {
     for (std::size_t b; (b = next++) < blocks.size();) {
-      Reader blockReader(blocks[b]);
+      VdirCacheReader blockReader(blocks[b]);
       Decoder decoder(blockReader, table);
       auto& out = decoded[b];
       out.resize(blockReader.count(40));

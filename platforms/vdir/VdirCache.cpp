@@ -501,6 +501,15 @@ void sealCacheHeader(std::string& out) {
   std::memcpy(out.data() + 24, &hash, 8);
 }
 
+std::string sealedCachePayload(std::string_view magic, std::uint32_t format, std::string_view payload) {
+  std::string out;
+  VdirCacheWriter w(out);
+  openCacheHeader(w, magic, format);
+  out.append(payload);
+  sealCacheHeader(out);
+  return out;
+}
+
 rivet::RivetResult<std::string_view> cachePayload(std::string_view bytes, std::string_view magic,
                                                   std::uint32_t format, const char* function) {
   auto corrupt = [&](std::string problem) { return cacheFailure(std::move(problem), function, __LINE__); };
@@ -537,7 +546,7 @@ namespace {
 
 constexpr std::string_view kKeyStart = "vesp store cache\nroot=";
 constexpr std::string_view kKeyAfterRoot = "\nzone=";
-constexpr std::string_view kCachePrefix = "store-", kCacheSuffix = ".cache";
+constexpr std::string_view kCachePrefix = "store-", kCacheSuffix = ".cache", kExpansionSuffix = ".expansions";
 
 bool startsEnds(std::string_view name, std::string_view prefix, std::string_view suffix) {
   return name.size() >= prefix.size() + suffix.size() && name.substr(0, prefix.size()) == prefix &&
@@ -586,7 +595,13 @@ std::size_t pruneCaches(VdirEnv& env, const std::string& directory, const std::s
   auto entries = env.list(directory);
   if (!entries) return 0;
   std::size_t removed = 0;
-  auto discard = [&](const std::string& path) { removed += env.discard(path) ? 1 : 0; };
+  // A cache goes with the expansions kept beside it.
+  auto discard = [&](const std::string& path) {
+    removed += env.discard(path) ? 1 : 0;
+    if (!startsEnds(path, "", kCacheSuffix)) return;
+    const std::string expansions = expansionCachePath(path);
+    if (auto found = env.status(expansions); found && *found) removed += env.discard(expansions) ? 1 : 0;
+  };
   std::vector<std::pair<std::string, VdirFileStatus>> caches;  // the ones still wanted
   for (const auto& entry : *entries) {
     const std::string path = directory + "/" + entry.name;
@@ -595,6 +610,12 @@ std::size_t pruneCaches(VdirEnv& env, const std::string& directory, const std::s
     // A write cut short (by a crash) leaves its temporary file: ".store-<hash>.cache.<pid>-<n>.tmp".
     if (startsEnds(entry.name, "." + std::string(kCachePrefix), ".tmp")) {
       if ((*status)->modified < env.now() - kHour) discard(path);
+      continue;
+    }
+    if (startsEnds(entry.name, kCachePrefix, kExpansionSuffix)) {
+      // Expansions whose cache is gone are of no use: they are taken over only with a cache's records.
+      const std::string cache = path.substr(0, path.size() - kExpansionSuffix.size()) + std::string(kCacheSuffix);
+      if (auto found = env.status(cache); found && !*found) discard(path);
       continue;
     }
     if (!startsEnds(entry.name, kCachePrefix, kCacheSuffix)) continue;
@@ -631,6 +652,12 @@ std::string cacheFilePath(const std::string& directory, const std::string& key) 
   char name[40];
   std::snprintf(name, sizeof name, "store-%016llx.cache", static_cast<unsigned long long>(cachePayloadHash(key)));
   return directory + "/" + name;
+}
+
+std::string expansionCachePath(const std::string& cacheFile) {
+  std::string path = cacheFile;
+  if (startsEnds(path, "", kCacheSuffix)) path.resize(path.size() - kCacheSuffix.size());
+  return path + std::string(kExpansionSuffix);
 }
 
 bool trustedRecord(std::int64_t modified, std::int64_t changed, std::int64_t scannedAt) {
@@ -693,12 +720,7 @@ std::string encodeCache(const std::string& key, const VdirFileRecords& records, 
 }
 
 std::string sealCachePayload(std::string_view payload) {
-  std::string out;
-  VdirCacheWriter w(out);
-  openCacheHeader(w, kMagic, kVdirCacheFormat);
-  out.append(payload);
-  sealCacheHeader(out);
-  return out;
+  return sealedCachePayload(kMagic, kVdirCacheFormat, payload);
 }
 
 rivet::RivetResult<VdirFileRecords> decodeCache(std::string_view bytes, const std::string& key, VdirZones& zones,

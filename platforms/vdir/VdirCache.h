@@ -71,6 +71,9 @@ std::string cacheKey(const std::string& root, const std::string& localZone, std:
 
 // The cache file of the store described by `key`.
 std::string cacheFilePath(const std::string& directory, const std::string& key);
+// The file beside the cache file at `cacheFile` that keeps its store's expanded periods (see
+// VdirExpansionCache): "store-<hash>.expansions".
+std::string expansionCachePath(const std::string& cacheFile);
 
 // What the start of a file in the cache directory says of it.
 struct VdirCacheIdentity {

@@ -47,6 +47,8 @@ class VdirCacheWriter {
 void openCacheHeader(VdirCacheWriter& w, std::string_view magic, std::uint32_t format);
 // Fills in the header at the start of `out` for the payload that follows it.
 void sealCacheHeader(std::string& out);
+// `payload` under a header for `magic` and `format`.
+std::string sealedCachePayload(std::string_view magic, std::uint32_t format, std::string_view payload);
 
 // Reads what VdirCacheWriter wrote. The first problem is kept, and from then on every read gives
 // nothing (zero, empty, no elements), so that decoding runs to its end and says what was wrong.

@@ -82,6 +82,10 @@ struct VdirCacheStatus {
   std::uint64_t writes = 0;         // times it was written since
   std::string writeProblem;         // why the last write failed, when it did
   std::size_t prunedFiles = 0;      // other caches (and leftovers) removed after the first write
+  // The periods of recurring series expanded by earlier processes, taken over when the store was
+  // made (see VdirExpansionCache), and why none were, when the file was there but not used.
+  std::size_t adoptedPeriods = 0;
+  std::string expansionProblem;
 };
 
 }  // namespace vesp::vdir

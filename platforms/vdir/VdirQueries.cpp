@@ -24,6 +24,21 @@ void VdirQueries::forget() {
   index_.reset();
 }
 
+void VdirQueries::adoptKept(const std::shared_ptr<const VdirSnapshot>& snapshot,
+                            std::vector<VdirTimeIndex::Adopted> periods) {
+  std::shared_ptr<VdirTimeIndex> index;
+  {
+    rivet::RivetMutexLock lock(indexMutex_);
+    index = indexFor(snapshot);
+  }
+  index->adopt(std::move(periods));
+}
+
+std::uint64_t VdirQueries::newlyKept() {
+  rivet::RivetMutexLock lock(indexMutex_);
+  return index_ ? index_->newlyKept() : 0;
+}
+
 std::shared_ptr<platform::EKEvent> VdirQueries::makeEvent(const std::shared_ptr<const VdirItem>& item,
                                                         const VdirSeriesData& series,
                                                         const std::shared_ptr<VdirCalendar>& calendar,

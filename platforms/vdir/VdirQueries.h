@@ -19,18 +19,18 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platforms/vdir/VdirExpansion.h"
 #include "platforms/vdir/VdirObjects.h"
 #include "platforms/vdir/VdirSnapshot.h"
+#include "platforms/vdir/VdirTimeIndex.h"
 #include "support/platform/EKEvent.h"
 #include "support/platform/EKReminder.h"
 #include "support/rivet/RivetMutex.h"
 
 namespace vesp::vdir {
-
-class VdirTimeIndex;
 
 class VdirQueries {
  public:
@@ -64,6 +64,23 @@ class VdirQueries {
   std::uint64_t expansionCount() const { return expansions_.load(); }
   // Lets go of the index and the expansions it keeps.
   void forget() RIVET_EXCLUDES(indexMutex_);
+
+  // Takes over periods expanded earlier for series of `snapshot` (see VdirTimeIndex::adopt).
+  void adoptKept(const std::shared_ptr<const VdirSnapshot>& snapshot, std::vector<VdirTimeIndex::Adopted> periods)
+      RIVET_EXCLUDES(indexMutex_);
+  // Periods expanded and kept by queries so far (adopted ones aside).
+  std::uint64_t newlyKept() RIVET_EXCLUDES(indexMutex_);
+  // Calls `use` with the periods kept, by series, under the index's lock; not at all before the
+  // first query or adoption.
+  template <typename Use>
+  void withKept(Use&& use) RIVET_EXCLUDES(indexMutex_) {
+    std::shared_ptr<VdirTimeIndex> index;
+    {
+      rivet::RivetMutexLock lock(indexMutex_);
+      index = index_;
+    }
+    if (index) index->withKept(std::forward<Use>(use));
+  }
 
  private:
   std::shared_ptr<VdirTimeIndex> indexFor(const std::shared_ptr<const VdirSnapshot>& snapshot)

@@ -11,6 +11,7 @@
 
 #include "platforms/vdir/VdirEnv.h"
 #include "platforms/vdir/VdirErrors.h"
+#include "platforms/vdir/VdirExpansionCache.h"
 #include "platforms/vdir/VdirFiles.h"
 #include "platforms/vdir/VdirScanner.h"
 #include "platforms/vdir/VdirText.h"
@@ -73,6 +74,7 @@ VdirStore::VdirStore(VdirStoreOptions options, std::shared_ptr<VdirEnv> env)
                        options_.userAddresses);
   cacheDirectory_ = directory;
   cacheFile_ = cacheFilePath(directory, cacheKey_);
+  expansionFile_ = expansionCachePath(cacheFile_);
   cacheStatus_.path = cacheFile_;
   // Read while the first scan lists the tree; the scan waits for it before it looks at files.
   pendingCache_ = std::async(std::launch::async, [this] {
@@ -106,6 +108,7 @@ VdirStore::~VdirStore() {
       watcher_.join();
   }
   flushCache();
+  saveExpansionCache();
   // Items may outlive the store (in objects a host still holds), but they never touch zones again.
   queries_.forget();
   files_.clear();
@@ -189,11 +192,47 @@ platform::EKEntityMask VdirStore::rescan() {
   VdirScanner scanner(options_, *env_, *zones_, *clock_, threads());
   scanner.list(sources_);
   // The cache, read while the tree was listed, holds the records of the scan before the first.
+  const bool first = rescans_.load() == 1;
   takePendingCache();
   scanner.look(files_);
   parses_ += scanner.read();
   VdirScanResult scan = scanner.finish(calendars_);
-  return adopt(std::move(scan), scannedAt, true);
+  scannedAt_ = scannedAt;
+  const platform::EKEntityMask changed = adopt(std::move(scan), scannedAt, true);
+  if (first) adoptExpansionCache();
+  return changed;
+}
+
+void VdirStore::adoptExpansionCache() {
+  if (expansionFile_.empty()) return;
+  auto status = env_->status(expansionFile_);
+  if (!status || !*status) return;
+  auto region = env_->map(expansionFile_);
+  auto periods = region ? decodeExpansionCache((*region)->bytes(), cacheKey_, options_.limits, files_)
+                        : rivet::RivetResult<std::vector<VdirTimeIndex::Adopted>>(region.error());
+  rivet::RivetMutexLock lock(mutex_);
+  if (!periods) {
+    cacheStatus_.expansionProblem = periods.error().message();
+    return;
+  }
+  cacheStatus_.adoptedPeriods = periods->size();
+  if (!periods->empty()) queries_.adoptKept(snapshot_, std::move(periods).value());
+}
+
+void VdirStore::saveExpansionCache() {
+  if (expansionFile_.empty() || queries_.newlyKept() == 0) return;
+  std::string bytes;
+  {
+    rivet::RivetMutexLock lock(rescanMutex_);
+    // The lambda runs under the lock taken here, which the analysis cannot follow into it.
+    const VdirFileRecords* files = &files_;
+    const std::int64_t scannedAt = scannedAt_;
+    queries_.withKept([&](const VdirTimeIndex::KeptBySeries& kept) {
+      bytes = encodeExpansionCache(cacheKey_, options_.limits, *files, kept, scannedAt);
+    });
+  }
+  // Like the cache, only a help: a store that cannot save its periods expands them again.
+  if (!bytes.empty()) (void)writeCacheFile(*env_, expansionFile_, bytes);
 }
 
 platform::EKEntityMask VdirStore::adopt(VdirScanResult scan, std::int64_t scannedAt, bool writeCache) {

@@ -189,6 +189,11 @@ class VdirStore : public VdirSnapshotSource, public std::enable_shared_from_this
   // mutex and joins cacheWriter_ first, which the analysis cannot follow.
   void writeCache(std::int64_t scannedAt) RIVET_NO_THREAD_SAFETY_ANALYSIS;
   void takePendingCache() RIVET_REQUIRES(rescanMutex_);
+  // Takes over the periods earlier processes expanded for the files as they are now (see
+  // VdirExpansionCache), after the first scan.
+  void adoptExpansionCache() RIVET_REQUIRES(rescanMutex_) RIVET_EXCLUDES(mutex_);
+  // Saves the periods kept, when queries expanded any since the store was made.
+  void saveExpansionCache() RIVET_EXCLUDES(rescanMutex_);
   unsigned threads() const;
 
   // Constant after construction.
@@ -199,6 +204,7 @@ class VdirStore : public VdirSnapshotSource, public std::enable_shared_from_this
   std::string cacheKey_;   // empty: no cache
   std::string cacheDirectory_;  // where caches are kept
   std::string cacheFile_;       // where this store's cache is kept
+  std::string expansionFile_;   // where the periods its queries expanded are kept
   VdirQueries queries_;  // guards what it keeps itself
 
   // Lock order: rescanMutex_, then mutex_.
@@ -206,6 +212,7 @@ class VdirStore : public VdirSnapshotSource, public std::enable_shared_from_this
   std::thread cacheWriter_;        // writes the cache after a scan; reads files_ until joined
   VdirFileRecords files_ RIVET_GUARDED_BY(rescanMutex_);
   bool cacheStale_ RIVET_GUARDED_BY(rescanMutex_) = true;  // the cache on disk does not hold files_
+  std::int64_t scannedAt_ RIVET_GUARDED_BY(rescanMutex_) = 0;  // when files_ were last looked at
   // The cache being read for the first scan (or why it could not be used).
   std::future<rivet::RivetResult<VdirFileRecords>> pendingCache_ RIVET_GUARDED_BY(rescanMutex_);
   std::map<std::string, std::shared_ptr<VdirCalendar>> calendars_ RIVET_GUARDED_BY(rescanMutex_);

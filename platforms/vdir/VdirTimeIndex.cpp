@@ -32,6 +32,7 @@ VdirTimeIndex::VdirTimeIndex(std::shared_ptr<const VdirSnapshot> snapshot, VdirT
   periods_ = std::move(previous.periods_);
   previous.periods_.clear();
   cachedOccurrences_ = std::exchange(previous.cachedOccurrences_, 0);
+  newlyKept_ = std::exchange(previous.newlyKept_, 0);
   for (const auto& patch : snapshot_->patches) apply(patch);
 }
 
@@ -88,6 +89,7 @@ void VdirTimeIndex::carryOver(VdirTimeIndex& previous) {
   for (const auto& entry : unbounded_) entries.push_back(&entry);
   for (const auto& list : bounded_)
     for (const auto& entry : list) entries.push_back(&entry);
+  newlyKept_ += std::exchange(previous.newlyKept_, 0);
   for (const Entry* entry : entries) {
     auto found = previous.periods_.find(entry->series);
     if (found == previous.periods_.end()) continue;
@@ -106,6 +108,28 @@ std::int64_t lastPeriod(double a, double b) {
 }
 
 }  // namespace
+
+std::int64_t VdirTimeIndex::firstPeriodOf(const VdirOccurrence& occurrence) { return firstPeriod(occurrence.start); }
+
+std::int64_t VdirTimeIndex::lastPeriodOf(const VdirOccurrence& occurrence) {
+  return lastPeriod(occurrence.start, occurrence.end);
+}
+
+std::uint64_t VdirTimeIndex::newlyKept() const {
+  rivet::RivetMutexLock lock(mutex_);
+  return newlyKept_;
+}
+
+void VdirTimeIndex::adopt(std::vector<Adopted> periods) {
+  rivet::RivetMutexLock lock(mutex_);
+  for (auto& adopted : periods) {
+    if (cachedOccurrences_ + adopted.occurrences.size() > kMaximumCachedOccurrences) return;
+    auto [period, isNew] = periods_[adopted.series].try_emplace(adopted.period);
+    if (!isNew) continue;
+    cachedOccurrences_ += adopted.occurrences.size();
+    period->second.occurrences = std::move(adopted.occurrences);
+  }
+}
 
 VdirTimeIndex::Kept VdirTimeIndex::keptOccurrences(const VdirSeriesData& series, double a, double b,
                                                    std::vector<VdirOccurrence>& out, Expansion* missing) const {
@@ -177,6 +201,7 @@ void VdirTimeIndex::keep(const Expansion& expansion) {
       auto [period, isNew] = cache.try_emplace(k);
       if (!isNew) continue;
       period->second.cut = !run.complete;
+      ++newlyKept_;
       added[static_cast<std::size_t>(k - run.first)] = &period->second;
     }
     if (!run.complete) continue;

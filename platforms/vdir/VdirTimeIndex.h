@@ -79,6 +79,39 @@ class VdirTimeIndex {
     for (auto it = unbounded_.begin(); it != to; ++it) visit(*it);
   }
 
+  // One period of a series as kept.
+  struct Period {
+    std::vector<VdirOccurrence> occurrences;  // every occurrence overlapping the period
+    bool cut = false;                         // a limit cut its expansion short
+  };
+  using Periods = std::map<std::int64_t, Period>;
+  using KeptBySeries = std::unordered_map<const VdirSeriesData*, Periods>;
+
+  // Calls `use` with the periods kept, by series, under the index's lock.
+  template <typename Use>
+  void withKept(Use&& use) const RIVET_EXCLUDES(mutex_) {
+    rivet::RivetMutexLock lock(mutex_);
+    use(static_cast<const KeptBySeries&>(periods_));
+  }
+  // Periods expanded and kept by this index (and those it took over), not counting adopted ones:
+  // whether it holds anything a saved copy of its periods lacks.
+  std::uint64_t newlyKept() const RIVET_EXCLUDES(mutex_);
+
+  // Takes over periods expanded earlier (by another process, from a saved copy): each complete
+  // period of a series of this snapshot that the index does not keep yet. Stops at
+  // kMaximumCachedOccurrences.
+  struct Adopted {
+    const VdirSeriesData* series = nullptr;
+    std::int64_t period = 0;
+    std::vector<VdirOccurrence> occurrences;
+  };
+  void adopt(std::vector<Adopted> periods) RIVET_EXCLUDES(mutex_);
+
+  // The periods an occurrence is kept in: from the one it starts in to the one it ends in (only
+  // the first for one of no length).
+  static std::int64_t firstPeriodOf(const VdirOccurrence& occurrence);
+  static std::int64_t lastPeriodOf(const VdirOccurrence& occurrence);
+
   // What the kept periods say about a recurring series over a window.
   enum class Kept {
     answered,  // every period of the window is kept: its occurrences were added
@@ -121,12 +154,6 @@ class VdirTimeIndex {
                                  std::vector<VdirOccurrence>& out) RIVET_EXCLUDES(mutex_);
 
  private:
-  struct Period {
-    std::vector<VdirOccurrence> occurrences;  // every occurrence overlapping the period
-    bool cut = false;                         // a limit cut its expansion short
-  };
-  using Periods = std::map<std::int64_t, Period>;
-
   void forgetAllBut(const Periods& keep) RIVET_REQUIRES(mutex_);
   // Adds the series of `item`, the item at `position` in collection `collection`: appended, for a
   // sort to follow, or `inPlace`, in order.
@@ -140,8 +167,9 @@ class VdirTimeIndex {
   std::vector<Entry> unbounded_;
 
   mutable rivet::RivetMutex mutex_;
-  std::unordered_map<const VdirSeriesData*, Periods> periods_ RIVET_GUARDED_BY(mutex_);
+  KeptBySeries periods_ RIVET_GUARDED_BY(mutex_);
   std::size_t cachedOccurrences_ RIVET_GUARDED_BY(mutex_) = 0;
+  std::uint64_t newlyKept_ RIVET_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace vesp::vdir

@@ -37,7 +37,8 @@ int main(int argc, char** argv) {
                         ", \"cacheLoaded\": " + (cache.loaded ? "true" : "false") +
                         ", \"cacheWrites\": " + std::to_string(cache.writes) + ", \"cacheProblem\": \"" +
                         (cache.loaded ? "" : cache.loadProblem) + "\"" +
-                        ", \"expansions\": " + std::to_string(store->expansionCount());
+                        ", \"expansions\": " + std::to_string(store->expansionCount()) +
+                        ", \"adoptedPeriods\": " + std::to_string(cache.adoptedPeriods);
     bench::report(open, results, extra);
     return 0;
   });

@@ -6,33 +6,15 @@
 // payload that is not a cache must be refused.
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <string>
 #include <string_view>
 
-#include "Vesp/VespEventInstance.h"
 #include "Vesp/VespReminder.h"
+#include "fuzz/VdirFuzzSupport.h"
 #include "platforms/vdir/VdirCache.h"
 #include "platforms/vdir/VdirExpansion.h"
 #include "platforms/vdir/VdirObjects.h"
 #include "platforms/vdir/VdirZones.h"
-
-namespace {
-
-// The payload starts with libical's version and the store's key (each a 32-bit length and its
-// bytes); the key is taken from the input, so that decoding goes past it.
-std::string keyOf(std::string_view payload) {
-  auto text = [&](std::size_t at) -> std::string_view {
-    if (at + 4 > payload.size()) return {};
-    std::uint32_t length = 0;
-    std::memcpy(&length, payload.data() + at, 4);
-    if (length > payload.size() - at - 4) return {};
-    return payload.substr(at + 4, length);
-  };
-  return std::string(text(4 + text(0).size()));
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace vesp::vdir;
@@ -42,14 +24,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string sealed = sealCachePayload(payload);
   // What pruning the cache directory reads of a file: only its start, which may be cut anywhere.
   static_cast<void>(cacheIdentityOf(std::string_view(sealed).substr(0, size % (sealed.size() + 1))));
-  auto records = decodeCache(sealed, keyOf(payload), zones, 1);
+  auto records = decodeCache(sealed, fuzz::keyOf(payload), zones, 1);
   if (!records) return 0;
-  VdirCalendarFields fields;
-  fields.identifier = "account/calendar";
-  fields.title = "Calendar";
-  fields.color = ::vesp::platform::CGColorCreate(0.1, 0.2, 0.3, 1.0);
-  fields.source = std::make_shared<VdirSource>(".", ::vesp::platform::EKSourceTypeLocal, "Local");
-  auto calendar = std::make_shared<VdirCalendar>(fields);
+  auto calendar = fuzz::makeCalendar("account/calendar");
   // Low limits, as in the store-road harness: the limits are exercised, not their size.
   VdirExpansionLimits limits;
   limits.maximumOccurrencesPerSeries = 60;
@@ -65,19 +42,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         std::size_t converted = 0;
         for (const auto& occurrence : occurrences) {
           if (++converted > 50) break;
-          VdirOccurrenceFields occurrenceFields;
-          occurrenceFields.item = record.item;
-          occurrenceFields.series = &series;
-          occurrenceFields.component = occurrence.component;
-          occurrenceFields.calendar = calendar;
-          occurrenceFields.eventIdentifier = series.identifier;
-          occurrenceFields.start = ::vesp::platform::Date::fromTimeIntervalSince1970(occurrence.start);
-          occurrenceFields.end = ::vesp::platform::Date::fromTimeIntervalSince1970(occurrence.end);
-          occurrenceFields.occurrence = ::vesp::platform::Date::fromTimeIntervalSince1970(occurrence.occurrence);
-          occurrenceFields.detached = occurrence.detached;
-          VdirEvent event(occurrenceFields);
-          vesp::VespEventInstance instance(event);
-          (void)instance;
+          static_cast<void>(fuzz::recordOf(record.item, series, calendar, occurrence));
         }
       }
     }

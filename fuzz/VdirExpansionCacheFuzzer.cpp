@@ -8,11 +8,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <string_view>
 
-#include "Vesp/VespEventInstance.h"
+#include "fuzz/VdirFuzzSupport.h"
 #include "platforms/vdir/VdirExpansionCache.h"
 #include "platforms/vdir/VdirItem.h"
 #include "platforms/vdir/VdirObjects.h"
@@ -53,12 +52,7 @@ struct Fixture {
     VdirFileRecord record;
     record.item = parsed.item;
     records.emplace_back(kPath, record);
-    VdirCalendarFields fields;
-    fields.identifier = "cal";
-    fields.title = "Calendar";
-    fields.color = ::vesp::platform::CGColorCreate(0.1, 0.2, 0.3, 1.0);
-    fields.source = std::make_shared<VdirSource>(".", ::vesp::platform::EKSourceTypeLocal, "Local");
-    calendar = std::make_shared<VdirCalendar>(fields);
+    calendar = fuzz::makeCalendar("cal");
     auto& collection = snapshot->collections.emplace_back();
     collection.identifier = "cal";
     collection.calendar = calendar;
@@ -66,25 +60,12 @@ struct Fixture {
   }
 };
 
-// The payload starts with libical's version and the store's key (each a 32-bit length and its
-// bytes); the key is taken from the input, so that decoding goes past it.
-std::string keyOf(std::string_view payload) {
-  auto text = [&](std::size_t at) -> std::string_view {
-    if (at + 4 > payload.size()) return {};
-    std::uint32_t length = 0;
-    std::memcpy(&length, payload.data() + at, 4);
-    if (length > payload.size() - at - 4) return {};
-    return payload.substr(at + 4, length);
-  };
-  return std::string(text(4 + text(0).size()));
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static Fixture* fixture = new Fixture;  // kept for the whole run, as a store keeps its zones
   const std::string_view payload(reinterpret_cast<const char*>(data), size);
-  auto adopted = decodeExpansionCache(sealExpansionCachePayload(payload), keyOf(payload), {}, fixture->records);
+  auto adopted = decodeExpansionCache(sealExpansionCachePayload(payload), fuzz::keyOf(payload), {}, fixture->records);
   if (!adopted) return 0;
   VdirTimeIndex index(fixture->snapshot);
   index.adopt(std::move(adopted).value());
@@ -94,21 +75,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (auto [from, to] : {std::pair{1772323200.0, 1775001600.0}, std::pair{1767225600.0, 1798761600.0}}) {
     std::vector<VdirOccurrence> occurrences;
     if (index.keptOccurrences(series, from, to, occurrences) != VdirTimeIndex::Kept::answered) continue;
-    for (const auto& occurrence : occurrences) {
-      VdirOccurrenceFields fields;
-      fields.item = item;
-      fields.series = &series;
-      fields.component = occurrence.component;
-      fields.calendar = fixture->calendar;
-      fields.eventIdentifier = series.identifier;
-      fields.start = ::vesp::platform::Date::fromTimeIntervalSince1970(occurrence.start);
-      fields.end = ::vesp::platform::Date::fromTimeIntervalSince1970(occurrence.end);
-      fields.occurrence = ::vesp::platform::Date::fromTimeIntervalSince1970(occurrence.occurrence);
-      fields.detached = occurrence.detached;
-      VdirEvent event(fields);
-      vesp::VespEventInstance instance(event);
-      (void)instance;
-    }
+    for (const auto& occurrence : occurrences)
+      static_cast<void>(fuzz::recordOf(item, series, fixture->calendar, occurrence));
   }
   return 0;
 }

@@ -42,7 +42,7 @@ std::uint64_t VdirQueries::newlyKept() {
 std::shared_ptr<platform::EKEvent> VdirQueries::makeEvent(const std::shared_ptr<const VdirItem>& item,
                                                         const VdirSeriesData& series,
                                                         const std::shared_ptr<VdirCalendar>& calendar,
-                                                        const VdirOccurrence& occurrence) const {
+                                                        const VdirOccurrence& occurrence) {
   VdirOccurrenceFields fields;
   fields.item = item;
   fields.series = &series;

@@ -60,6 +60,12 @@ class VdirQueries {
       const VdirSnapshot& snapshot, const std::optional<std::set<std::string>>& calendars,
       const std::function<bool(const VdirComponentData&)>& accept);
 
+  // The event of one occurrence of `series` (of `item`), as every answer makes it.
+  static std::shared_ptr<platform::EKEvent> makeEvent(const std::shared_ptr<const VdirItem>& item,
+                                                      const VdirSeriesData& series,
+                                                      const std::shared_ptr<VdirCalendar>& calendar,
+                                                      const VdirOccurrence& occurrence);
+
   // libical iterator runs for recurring series (one per series and run of periods not kept).
   std::uint64_t expansionCount() const { return expansions_.load(); }
   // Lets go of the index and the expansions it keeps.
@@ -86,10 +92,6 @@ class VdirQueries {
   std::shared_ptr<VdirTimeIndex> indexFor(const std::shared_ptr<const VdirSnapshot>& snapshot)
       RIVET_REQUIRES(indexMutex_);
   void report(VdirDiagnostic problem) const;
-  std::shared_ptr<platform::EKEvent> makeEvent(const std::shared_ptr<const VdirItem>& item,
-                                               const VdirSeriesData& series,
-                                               const std::shared_ptr<VdirCalendar>& calendar,
-                                               const VdirOccurrence& occurrence) const;
 
   // Constant after construction.
   const VdirClock& clock_;

@@ -113,38 +113,35 @@ std::vector<std::string> titlesAndStarts(VdirStore& store) {
   return result;
 }
 
+// Files changed after a store saved its periods: a changed file's series is expanded again, and
+// only it. Writing the daily series' file again with the same bytes makes a new version all the same.
 TEST(VdirExpansionCacheTest, AChangedFileLosesItsPeriodsAndOnlyItsSeriesIsExpandedAgain) {
-  TemporaryDirectory directory;
-  const auto root = directory.path() / "store", cache = directory.path() / "cache";
-  makeTwoSeries(root, "RRULE:FREQ=WEEKLY\r\n");
-  const auto before = titlesAndStarts(*open(storeOptions(root, cache)));
-  ASSERT_EQ(before.size(), 31u + 5u);
+  struct Change {
+    const char* weeklyRule;
+    bool dailyWrittenAgain;
+    std::size_t occurrences, adopted, expanded;
+  };
+  // March 2026 lies in one period (the 641st since 1970): each series keeps one.
+  for (const Change& change : {Change{"RRULE:FREQ=WEEKLY;INTERVAL=2\r\n", true, 31 + 3, 0, 2},
+                               Change{"RRULE:FREQ=WEEKLY;BYDAY=MO,TH\r\n", false, 31 + 9, 1, 1}}) {
+    TemporaryDirectory directory;
+    const auto root = directory.path() / "store", cache = directory.path() / "cache";
+    makeTwoSeries(root, "RRULE:FREQ=WEEKLY\r\n");
+    ASSERT_EQ(titlesAndStarts(*open(storeOptions(root, cache))).size(), 31u + 5u);
 
-  // Every other week now, written so that its size and times differ from what was saved.
-  makeTwoSeries(root, "RRULE:FREQ=WEEKLY;INTERVAL=2\r\n");
-  auto reopened = open(storeOptions(root, cache));
-  const auto after = titlesAndStarts(*reopened);
-  EXPECT_EQ(after, titlesAndStarts(*open(storeOptions(root, std::nullopt))));
-  EXPECT_EQ(after.size(), 31u + 3u);
-  // The daily series' file was written again too, with the same bytes: a new version all the same.
-  EXPECT_EQ(reopened->expansionCount(), 2u);
-}
-
-TEST(VdirExpansionCacheTest, OnlyTheChangedFilesSeriesIsExpandedAgain) {
-  TemporaryDirectory directory;
-  const auto root = directory.path() / "store", cache = directory.path() / "cache";
-  makeTwoSeries(root, "RRULE:FREQ=WEEKLY\r\n");
-  titlesAndStarts(*open(storeOptions(root, cache)));
-  writeFile(root / "cal" / "weekly.ics",
-            testing::simpleEvent("weekly", "Weekly", "20260105T090000Z", "20260105T100000Z",
-                                 "RRULE:FREQ=WEEKLY;BYDAY=MO,TH\r\n"));
-  auto reopened = open(storeOptions(root, cache));
-  // March 2026 lies in one period (the 641st since 1970): the daily series' is taken over.
-  EXPECT_EQ(reopened->cacheStatus().adoptedPeriods, 1u);
-  const auto after = titlesAndStarts(*reopened);
-  EXPECT_EQ(after, titlesAndStarts(*open(storeOptions(root, std::nullopt))));
-  EXPECT_EQ(after.size(), 31u + 9u);
-  EXPECT_EQ(reopened->expansionCount(), 1u);
+    if (change.dailyWrittenAgain) {
+      makeTwoSeries(root, change.weeklyRule);
+    } else {
+      writeFile(root / "cal" / "weekly.ics", testing::simpleEvent("weekly", "Weekly", "20260105T090000Z",
+                                                                  "20260105T100000Z", change.weeklyRule));
+    }
+    auto reopened = open(storeOptions(root, cache));
+    EXPECT_EQ(reopened->cacheStatus().adoptedPeriods, change.adopted) << change.weeklyRule;
+    const auto after = titlesAndStarts(*reopened);
+    EXPECT_EQ(after, titlesAndStarts(*open(storeOptions(root, std::nullopt)))) << change.weeklyRule;
+    EXPECT_EQ(after.size(), change.occurrences) << change.weeklyRule;
+    EXPECT_EQ(reopened->expansionCount(), change.expanded) << change.weeklyRule;
+  }
 }
 
 TEST(VdirExpansionCacheTest, DamagedCutShortForeignOrOtherFormatExpansionsAreIgnoredAndWrittenAgain) {

@@ -24,14 +24,14 @@ void VdirQueries::forget() {
   index_.reset();
 }
 
-void VdirQueries::adoptKept(const std::shared_ptr<const VdirSnapshot>& snapshot,
-                            std::vector<VdirTimeIndex::Adopted> periods) {
+std::size_t VdirQueries::adoptKept(const std::shared_ptr<const VdirSnapshot>& snapshot,
+                                   std::vector<VdirTimeIndex::Adopted> periods) {
   std::shared_ptr<VdirTimeIndex> index;
   {
     rivet::RivetMutexLock lock(indexMutex_);
     index = indexFor(snapshot);
   }
-  index->adopt(std::move(periods));
+  return index->adopt(std::move(periods));
 }
 
 std::uint64_t VdirQueries::newlyKept() {

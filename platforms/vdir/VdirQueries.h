@@ -71,8 +71,9 @@ class VdirQueries {
   // Lets go of the index and the expansions it keeps.
   void forget() RIVET_EXCLUDES(indexMutex_);
 
-  // Takes over periods expanded earlier for series of `snapshot` (see VdirTimeIndex::adopt).
-  void adoptKept(const std::shared_ptr<const VdirSnapshot>& snapshot, std::vector<VdirTimeIndex::Adopted> periods)
+  // Takes over periods expanded earlier for series of `snapshot` (see VdirTimeIndex::adopt);
+  // returns how many it took over.
+  std::size_t adoptKept(const std::shared_ptr<const VdirSnapshot>& snapshot, std::vector<VdirTimeIndex::Adopted> periods)
       RIVET_EXCLUDES(indexMutex_);
   // Periods expanded and kept by queries so far (adopted ones aside).
   std::uint64_t newlyKept() RIVET_EXCLUDES(indexMutex_);

@@ -210,13 +210,12 @@ void VdirStore::adoptExpansionCache() {
   auto region = env_->map(expansionFile_);
   auto periods = region ? decodeExpansionCache((*region)->bytes(), cacheKey_, options_.limits, files_)
                         : rivet::RivetResult<std::vector<VdirTimeIndex::Adopted>>(region.error());
+  // Adopted outside mutex_: the queries' locks are never taken under it.
+  const std::size_t adopted =
+      periods && !periods->empty() ? queries_.adoptKept(snapshot(), std::move(periods).value()) : 0;
   rivet::RivetMutexLock lock(mutex_);
-  if (!periods) {
-    cacheStatus_.expansionProblem = periods.error().message();
-    return;
-  }
-  cacheStatus_.adoptedPeriods = periods->size();
-  if (!periods->empty()) queries_.adoptKept(snapshot_, std::move(periods).value());
+  if (!periods) cacheStatus_.expansionProblem = periods.error().message();
+  cacheStatus_.adoptedPeriods = adopted;
 }
 
 void VdirStore::saveExpansionCache() {

@@ -120,15 +120,18 @@ std::uint64_t VdirTimeIndex::newlyKept() const {
   return newlyKept_;
 }
 
-void VdirTimeIndex::adopt(std::vector<Adopted> periods) {
+std::size_t VdirTimeIndex::adopt(std::vector<Adopted> periods) {
   rivet::RivetMutexLock lock(mutex_);
+  std::size_t taken = 0;
   for (auto& adopted : periods) {
-    if (cachedOccurrences_ + adopted.occurrences.size() > kMaximumCachedOccurrences) return;
+    if (cachedOccurrences_ + adopted.occurrences.size() > kMaximumCachedOccurrences) break;
     auto [period, isNew] = periods_[adopted.series].try_emplace(adopted.period);
     if (!isNew) continue;
     cachedOccurrences_ += adopted.occurrences.size();
     period->second.occurrences = std::move(adopted.occurrences);
+    ++taken;
   }
+  return taken;
 }
 
 VdirTimeIndex::Kept VdirTimeIndex::keptOccurrences(const VdirSeriesData& series, double a, double b,

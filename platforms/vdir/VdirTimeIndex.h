@@ -99,13 +99,13 @@ class VdirTimeIndex {
 
   // Takes over periods expanded earlier (by another process, from a saved copy): each complete
   // period of a series of this snapshot that the index does not keep yet. Stops at
-  // kMaximumCachedOccurrences.
+  // kMaximumCachedOccurrences. Returns how many it took over.
   struct Adopted {
     const VdirSeriesData* series = nullptr;
     std::int64_t period = 0;
     std::vector<VdirOccurrence> occurrences;
   };
-  void adopt(std::vector<Adopted> periods) RIVET_EXCLUDES(mutex_);
+  std::size_t adopt(std::vector<Adopted> periods) RIVET_EXCLUDES(mutex_);
 
   // The periods an occurrence is kept in: from the one it starts in to the one it ends in (only
   // the first for one of no length).

@@ -7,8 +7,9 @@
 // with it. Only complete periods are saved (a period a limit cut short is expanded again), and only
 // those of files the store's cache itself may keep (see trustedRecord). What else an expansion
 // depends on is the cache's: the key (local zone, limits) names the file, and libical's version
-// is checked; the limits a series' expansion is cut by are saved and must be the same. A file that is damaged, cut short, of another format or for another store is ignored
-// whole; it is written whole, beside its name, and renamed into place.
+// is checked; the per-series limits an expansion is cut by are saved and must be the same. A file
+// that is damaged, cut short, of another format or for another store is ignored whole; it is
+// written whole, beside its name, and renamed into place.
 #pragma once
 
 #include <cstdint>

@@ -73,8 +73,8 @@ class VdirQueries {
 
   // Takes over periods expanded earlier for series of `snapshot` (see VdirTimeIndex::adopt);
   // returns how many it took over.
-  std::size_t adoptKept(const std::shared_ptr<const VdirSnapshot>& snapshot, std::vector<VdirTimeIndex::Adopted> periods)
-      RIVET_EXCLUDES(indexMutex_);
+  std::size_t adoptKept(const std::shared_ptr<const VdirSnapshot>& snapshot,
+                        std::vector<VdirTimeIndex::Adopted> periods) RIVET_EXCLUDES(indexMutex_);
   // Periods expanded and kept by queries so far (adopted ones aside).
   std::uint64_t newlyKept() RIVET_EXCLUDES(indexMutex_);
   // Calls `use` with the periods kept, by series, under the index's lock; not at all before the

@@ -20,7 +20,8 @@
 // Opening is quick: files are parsed on every core, and a persistent cache (see VdirCache) holds
 // each file's compact data, so reopening re-parses only the files that changed. Queries are
 // answered over the latest snapshot by VdirQueries, whose time index and kept expansions every
-// connection shares.
+// connection shares; the expansions are saved beside the cache when the store is let go of, and
+// the next store of the tree takes them over when it opens (see VdirExpansionCache).
 //
 // Thread safety: every member function may be called from any thread. Window queries wait for
 // each other only while taking or keeping expansions, never while libical expands.

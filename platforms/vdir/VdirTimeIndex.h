@@ -10,7 +10,8 @@
 // a time, for a run of uncached periods at once, and what it gave is kept: later queries over those
 // periods do not run the iterator again. A period whose expansion a limit cut short is marked, and
 // such a series is expanded for each query's own window instead (nothing is lost to caching). At
-// most kMaximumCachedOccurrences are kept; past that the kept expansions start over.
+// most kMaximumCachedOccurrences are kept; past that the kept expansions start over. The store
+// saves the complete periods for the next process, whose index adopts them (VdirExpansionCache).
 //
 // Thread-safe: the series lists are constant after construction, and the kept periods are guarded
 // by the index's own lock, which is never held while libical expands. Queries on one index thus
@@ -93,7 +94,7 @@ class VdirTimeIndex {
     rivet::RivetMutexLock lock(mutex_);
     use(static_cast<const KeptBySeries&>(periods_));
   }
-  // Periods expanded and kept by this index (and those it took over), not counting adopted ones:
+  // Periods expanded and kept by this index and the indexes it followed (adopted ones aside):
   // whether it holds anything a saved copy of its periods lacks.
   std::uint64_t newlyKept() const RIVET_EXCLUDES(mutex_);
 

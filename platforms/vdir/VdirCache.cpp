@@ -1,7 +1,6 @@
 #include "platforms/vdir/VdirCache.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cmath>
 #include <concepts>
@@ -12,11 +11,11 @@
 #include <map>
 #include <optional>
 #include <random>
-#include <thread>
 #include <type_traits>
 
 #include "platforms/vdir/VdirCacheBytes.h"
 #include "platforms/vdir/VdirEnv.h"
+#include "platforms/vdir/VdirParallel.h"
 #include "platforms/vdir/VdirText.h"
 #include "platforms/vdir/VdirZones.h"
 
@@ -754,23 +753,15 @@ rivet::RivetResult<VdirFileRecords> decodeCache(std::string_view bytes, const st
   // Blocks decode independently; the first failure wins.
   std::vector<VdirFileRecords> decoded(blocks.size());
   std::vector<std::string> failures(blocks.size());
-  std::atomic<std::size_t> next{0};
-  auto work = [&] {
-    for (std::size_t b; (b = next++) < blocks.size();) {
-      VdirCacheReader blockReader(blocks[b]);
-      Decoder decoder(blockReader, table);
-      auto& out = decoded[b];
-      out.resize(blockReader.count(40));
-      for (auto& entry : out) entry = decoder.record();
-      if (!blockReader.failed() && !blockReader.atEnd()) blockReader.fail("data after a block's last entry");
-      if (blockReader.failed()) failures[b] = blockReader.problem();
-    }
-  };
-  unsigned workers = std::min<unsigned>(std::max(1u, threads), static_cast<unsigned>(blocks.size()));
-  std::vector<std::thread> pool;
-  for (unsigned i = 1; i < workers; ++i) pool.emplace_back(work);
-  work();
-  for (auto& thread : pool) thread.join();
+  runOnEveryCore(threads, blocks.size(), 1, [&](std::size_t b) {
+    VdirCacheReader blockReader(blocks[b]);
+    Decoder decoder(blockReader, table);
+    auto& out = decoded[b];
+    out.resize(blockReader.count(40));
+    for (auto& entry : out) entry = decoder.record();
+    if (!blockReader.failed() && !blockReader.atEnd()) blockReader.fail("data after a block's last entry");
+    if (blockReader.failed()) failures[b] = blockReader.problem();
+  });
   for (const auto& failure : failures)
     if (!failure.empty()) return corrupt(failure);
 

@@ -7,6 +7,9 @@
 
 #include <libical/ical.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -106,10 +109,18 @@ void makeTwoSeries(const fs::path& root, const std::string& weeklyRule) {
                                                              "20260101T073000Z", "RRULE:FREQ=DAILY\r\n"));
 }
 
-std::vector<std::string> titlesAndStarts(VdirStore& store) {
-  std::vector<std::string> result;
-  for (const auto& event : store.events(utc(2026, 3, 1), utc(2026, 4, 1), std::nullopt))
-    result.push_back(event->title().value_or("") + " " + event->startDate()->iso8601());
+// A month of 2026 as the recurring series answer it, and each month of 2026.
+std::vector<std::string> month(VdirStore& store, int number) {
+  std::vector<std::string> titles;
+  const auto end = number == 12 ? utc(2027, 1, 1) : utc(2026, number + 1, 1);
+  for (const auto& event : store.events(utc(2026, number, 1), end, std::nullopt))
+    titles.push_back(event->title().value_or("") + " " + event->startDate()->iso8601());
+  return titles;
+}
+
+std::vector<std::vector<std::string>> months(VdirStore& store) {
+  std::vector<std::vector<std::string>> result;
+  for (int number = 1; number <= 12; ++number) result.push_back(month(store, number));
   return result;
 }
 
@@ -127,7 +138,7 @@ TEST(VdirExpansionCacheTest, AChangedFileLosesItsPeriodsAndOnlyItsSeriesIsExpand
     TemporaryDirectory directory;
     const auto root = directory.path() / "store", cache = directory.path() / "cache";
     makeTwoSeries(root, "RRULE:FREQ=WEEKLY\r\n");
-    ASSERT_EQ(titlesAndStarts(*open(storeOptions(root, cache))).size(), 31u + 5u);
+    ASSERT_EQ(month(*open(storeOptions(root, cache)), 3).size(), 31u + 5u);
 
     if (change.dailyWrittenAgain) {
       makeTwoSeries(root, change.weeklyRule);
@@ -137,8 +148,8 @@ TEST(VdirExpansionCacheTest, AChangedFileLosesItsPeriodsAndOnlyItsSeriesIsExpand
     }
     auto reopened = open(storeOptions(root, cache));
     EXPECT_EQ(reopened->cacheStatus().adoptedPeriods, change.adopted) << change.weeklyRule;
-    const auto after = titlesAndStarts(*reopened);
-    EXPECT_EQ(after, titlesAndStarts(*open(storeOptions(root, std::nullopt)))) << change.weeklyRule;
+    const auto after = month(*reopened, 3);
+    EXPECT_EQ(after, month(*open(storeOptions(root, std::nullopt)), 3)) << change.weeklyRule;
     EXPECT_EQ(after.size(), change.occurrences) << change.weeklyRule;
     EXPECT_EQ(reopened->expansionCount(), change.expanded) << change.weeklyRule;
   }
@@ -148,11 +159,11 @@ TEST(VdirExpansionCacheTest, DamagedCutShortForeignOrOtherFormatExpansionsAreIgn
   TemporaryDirectory directory;
   const auto root = directory.path() / "store", cache = directory.path() / "cache";
   makeTwoSeries(root, "RRULE:FREQ=WEEKLY\r\n");
-  const auto expected = titlesAndStarts(*open(storeOptions(root, std::nullopt)));
+  const auto expected = month(*open(storeOptions(root, std::nullopt)), 3);
   std::string path;
   {
     auto first = open(storeOptions(root, cache));
-    titlesAndStarts(*first);
+    month(*first, 3);
     path = expansionCachePath(first->cacheStatus().path);
   }
   const std::string good = readAll(path);
@@ -172,11 +183,72 @@ TEST(VdirExpansionCacheTest, DamagedCutShortForeignOrOtherFormatExpansionsAreIgn
     auto store = open(storeOptions(root, cache));
     EXPECT_EQ(store->cacheStatus().adoptedPeriods, 0u) << problem;
     EXPECT_THAT(store->cacheStatus().expansionProblem, ::testing::HasSubstr(problem));
-    EXPECT_EQ(titlesAndStarts(*store), expected) << problem;
+    EXPECT_EQ(month(*store, 3), expected) << problem;
     EXPECT_EQ(store->expansionCount(), 2u) << problem;
     store.reset();
     EXPECT_EQ(readAll(path), good) << problem << ": written whole again";
   }
+}
+
+TEST(VdirExpansionCacheTest, StoresOfSeveralProcessesAtOnceLeaveWholeExpansionsTheNextStoreTakesOver) {
+  TemporaryDirectory directory;
+  const auto root = directory.path() / "store", cache = directory.path() / "cache";
+  makeTwoSeries(root, "RRULE:FREQ=WEEKLY\r\n");
+  const auto expected = months(*open(storeOptions(root, std::nullopt)));
+  // Each process asks for other months, so each saves other periods over the others' file.
+  auto rounds = [&](int process) {
+    bool right = true;
+    for (int round = 0; round < 5; ++round) {
+      auto store = open(storeOptions(root, cache));
+      const int number = 1 + (process * 5 + round) % 12;
+      right = right && store->cacheStatus().expansionProblem.empty() &&
+              month(*store, number) == expected[static_cast<std::size_t>(number - 1)];
+    }
+    return right;
+  };
+  std::vector<pid_t> children;
+  for (int child = 1; child <= 4; ++child) {
+    pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) ::_exit(rounds(child) ? 0 : 1);
+    children.push_back(pid);
+  }
+  EXPECT_TRUE(rounds(0));
+  for (pid_t pid : children) {
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+  auto last = open(storeOptions(root, cache));
+  EXPECT_TRUE(last->cacheStatus().expansionProblem.empty()) << last->cacheStatus().expansionProblem;
+  EXPECT_GT(last->cacheStatus().adoptedPeriods, 0u);
+  EXPECT_EQ(months(*last), expected);
+  // The cache and the expansions, and no temporary file left behind.
+  std::size_t files = 0;
+  for (const auto& entry : fs::directory_iterator(cache)) {
+    (void)entry;
+    ++files;
+  }
+  EXPECT_EQ(files, 2u);
+}
+
+TEST(VdirExpansionCacheTest, ExpansionsThatCannotBeWrittenLeaveTheStoreServing) {
+  TemporaryDirectory directory;
+  const auto root = directory.path() / "store", cache = directory.path() / "cache";
+  makeTwoSeries(root, "RRULE:FREQ=WEEKLY\r\n");
+  const auto expected = month(*open(storeOptions(root, std::nullopt)), 3);
+  // A directory where the expansions file would go: it can be neither written nor read.
+  const std::string path = expansionCachePath(open(storeOptions(root, cache))->cacheStatus().path);
+  fs::create_directories(path);
+  for (int round = 0; round < 2; ++round) {
+    auto store = open(storeOptions(root, cache));
+    EXPECT_EQ(store->cacheStatus().adoptedPeriods, 0u) << round;
+    EXPECT_FALSE(store->cacheStatus().expansionProblem.empty()) << round;
+    EXPECT_TRUE(store->cacheStatus().loaded) << round;
+    EXPECT_EQ(month(*store, 3), expected) << round;
+    EXPECT_EQ(store->expansionCount(), 2u) << round;
+  }
+  EXPECT_TRUE(fs::is_directory(path));
 }
 
 TEST(VdirExpansionCacheTest, ExpansionsOfAnotherStoreOrMadeWithinOtherLimitsAreRefused) {
@@ -295,8 +367,8 @@ TEST(VdirExpansionCacheTest, PruningTakesExpansionsWithTheirCacheAndRemovesThose
   {
     auto kept = open(storeOptions(directory.path() / "kept", cache));
     auto gone = open(storeOptions(directory.path() / "gone", cache));
-    titlesAndStarts(*kept);
-    titlesAndStarts(*gone);
+    month(*kept, 3);
+    month(*gone, 3);
     keptExpansions = expansionCachePath(kept->cacheStatus().path);
     goneCache = gone->cacheStatus().path;
   }

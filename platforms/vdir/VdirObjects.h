@@ -40,39 +40,41 @@ struct VdirSetValues {
   std::optional<std::optional<platform::DateComponents>> due;
 };
 
-// The values set on one object, under its own lock.
+// The values set on one object, under its own lock. Most records are only read, so the values
+// are made by the first set, and a record nothing was set on carries only a null pointer.
 class VdirSettable {
  public:
   VdirSetValues values() const {
     rivet::RivetMutexLock lock(mutex_);
-    return values_;
+    return values_ ? *values_ : VdirSetValues{};
   }
   template <class Field, class T>
   void assign(Field field, T value) {
     rivet::RivetMutexLock lock(mutex_);
-    values_.*field = std::move(value);
+    if (!values_) values_ = std::make_unique<VdirSetValues>();
+    (*values_).*field = std::move(value);
   }
   // What `field` of the set values holds, or `unset` when it was not set.
   template <class T, class Field>
   T read(Field field, T unset) const {
     rivet::RivetMutexLock lock(mutex_);
-    const auto& value = values_.*field;
-    return value ? T(*value) : std::move(unset);
+    const auto* value = values_ ? &((*values_).*field) : nullptr;
+    return value && *value ? T(**value) : std::move(unset);
   }
   // As `read`, but `unset()` is called only when the field was not set, and outside the lock.
   template <class Field, class Fallback>
   auto readOr(Field field, Fallback unset) const -> decltype(unset()) {
     {
       rivet::RivetMutexLock lock(mutex_);
-      const auto& value = values_.*field;
-      if (value) return decltype(unset())(*value);
+      const auto* value = values_ ? &((*values_).*field) : nullptr;
+      if (value && *value) return decltype(unset())(**value);
     }
     return unset();
   }
 
  private:
   mutable rivet::RivetMutex mutex_;
-  VdirSetValues values_ RIVET_GUARDED_BY(mutex_);
+  std::unique_ptr<VdirSetValues> values_ RIVET_GUARDED_BY(mutex_);
 };
 
 // The setters every item shares, defined once: each keeps what the host set over the data read,
@@ -192,10 +194,9 @@ class VdirCalendar : public platform::EKCalendar {
 // One occurrence of an event series.
 struct VdirOccurrenceFields {
   std::shared_ptr<const VdirItem> item;          // keeps `series` and `component` alive
-  const VdirSeriesData* series = nullptr;
+  const VdirSeriesData* series = nullptr;        // its identifier is the event's
   const VdirComponentData* component = nullptr;  // the master or the override
   std::shared_ptr<platform::EKCalendar> calendar;
-  std::string eventIdentifier;
   platform::Date start, end, occurrence;
   bool detached = false;
 };
@@ -208,7 +209,7 @@ class VdirEvent : public VdirSettableEvent {
   std::shared_ptr<platform::EKCalendar> calendar() const override {
     return set_.read(&VdirSetValues::calendar, fields_.calendar);
   }
-  std::string calendarItemIdentifier() const override { return fields_.eventIdentifier; }
+  std::string calendarItemIdentifier() const override { return fields_.series->identifier; }
   std::optional<std::string> calendarItemExternalIdentifier() const override { return data().uid; }
   std::optional<platform::Date> creationDate() const override { return data().created; }
   std::optional<platform::Date> lastModifiedDate() const override { return data().lastModified; }
@@ -230,7 +231,7 @@ class VdirEvent : public VdirSettableEvent {
   std::optional<platform::Date> endDate() const override {
     return set_.read(&VdirSetValues::end, std::optional<platform::Date>(fields_.end));
   }
-  std::optional<std::string> eventIdentifier() const override { return fields_.eventIdentifier; }
+  std::optional<std::string> eventIdentifier() const override { return fields_.series->identifier; }
   std::optional<platform::Date> occurrenceDate() const override { return fields_.occurrence; }
   bool isAllDay() const override { return set_.read(&VdirSetValues::allDay, data().start.isDate()); }
   bool isDetached() const override { return fields_.detached; }

@@ -48,7 +48,6 @@ std::shared_ptr<platform::EKEvent> VdirQueries::makeEvent(const std::shared_ptr<
   fields.series = &series;
   fields.component = occurrence.component;
   fields.calendar = calendar;
-  fields.eventIdentifier = series.identifier;
   fields.start = platform::Date::fromTimeIntervalSince1970(occurrence.start);
   fields.end = platform::Date::fromTimeIntervalSince1970(occurrence.end);
   fields.occurrence = platform::Date::fromTimeIntervalSince1970(occurrence.occurrence);

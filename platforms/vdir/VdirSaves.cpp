@@ -192,7 +192,7 @@ std::optional<platform::NSError> saveOccurrence(VdirStore& store, const VdirEven
   auto collection = movedTo(store, set);
   if (!collection) return errorOf(collection.error());
   VdirItemEditor editor(store.shared_from_this());
-  auto plan = editor.changeEvent(event.fields().eventIdentifier, event.fields().occurrence, span, changes, *collection);
+  auto plan = editor.changeEvent(event.fields().series->identifier, event.fields().occurrence, span, changes, *collection);
   return savedOver(store, editor, plan, event.fields().item);
 }
 
@@ -341,7 +341,7 @@ std::optional<platform::NSError> removeEvent(VdirStore& store, const std::shared
   if (auto fresh = std::dynamic_pointer_cast<VdirNewEvent>(event)) {
     identifier = fresh->savedIdentifier();
   } else if (auto stored = std::dynamic_pointer_cast<VdirEvent>(event)) {
-    identifier = stored->fields().eventIdentifier;
+    identifier = stored->fields().series->identifier;
     occurrence = stored->fields().occurrence;
     item = stored->fields().item;
   }

@@ -2,6 +2,11 @@
 // (one golden file per mapping row under tests/data/vdir/mapping).
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
 #include "platforms/vdir/VdirObjects.h"
 #include "tests/platforms/vdir/VdirTestSupport.h"
 
@@ -39,6 +44,42 @@ TEST_F(VdirObjectsTest, SummaryIsTheTitleAndUidTheExternalIdentifier) {
   EXPECT_EQ(summary->calendarItemExternalIdentifier(), "summary");
   EXPECT_EQ(summary->eventIdentifier(), "home/summary.ics");
   EXPECT_EQ(summary->calendarItemIdentifier(), "home/summary.ics");
+}
+
+TEST_F(VdirObjectsTest, ValuesSetOnARecordAreItsOwnAndAreReadWholeWhileTheyAreSet) {
+  auto record = std::dynamic_pointer_cast<VdirEvent>(event("summary.ics"));
+  auto other = std::dynamic_pointer_cast<VdirEvent>(event("summary.ics"));
+  ASSERT_NE(record, nullptr);
+  ASSERT_NE(other, nullptr);
+  EXPECT_FALSE(record->setValues().title);
+  EXPECT_FALSE(record->setValues().location);
+  // One thread sets titles while others read them: each read is the file's title or a whole set one.
+  std::atomic<bool> done{false};
+  std::thread writer([&] {
+    for (int n = 0; n < 2000; ++n) record->setTitle("Set title number " + std::to_string(n));
+    record->setLocation(std::nullopt);
+    done = true;
+  });
+  std::vector<std::thread> readers;
+  std::atomic<int> torn{0};
+  for (int r = 0; r < 3; ++r)
+    readers.emplace_back([&] {
+      while (!done) {
+        const auto title = record->title().value_or("");
+        if (title != "Dentist" && title.rfind("Set title number ", 0) != 0) ++torn;
+      }
+    });
+  writer.join();
+  for (auto& reader : readers) reader.join();
+  EXPECT_EQ(torn, 0);
+  EXPECT_EQ(record->title(), "Set title number 1999");
+  EXPECT_EQ(record->location(), std::nullopt);
+  ASSERT_TRUE(record->setValues().title);
+  EXPECT_EQ(*record->setValues().title, "Set title number 1999");
+  EXPECT_FALSE(record->setValues().notes);
+  // Another record of the same event keeps reading its file.
+  EXPECT_EQ(other->title(), "Dentist");
+  EXPECT_FALSE(other->setValues().title);
 }
 
 TEST_F(VdirObjectsTest, DtstartAndDtendInAZoneAreInstantsAndTheZoneIsKept) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "platforms/vdir/VdirParallel.h"
@@ -70,10 +71,18 @@ std::shared_ptr<VdirTimeIndex> VdirQueries::indexFor(const std::shared_ptr<const
 
 namespace {
 
-// An occurrence a query found, with where its series is.
+// An occurrence a query found, with where its series is. The series' identifier is taken while the
+// series is at hand, so that sorting reads no series again.
 struct Found {
+  Found(const VdirTimeIndex::Entry& entry, const VdirOccurrence& occurrence)
+      : collection(entry.collection),
+        item(entry.item),
+        series(entry.series),
+        identifier(entry.series->identifier),
+        occurrence(occurrence) {}
   std::uint32_t collection, item;
   const VdirSeriesData* series;
+  std::string_view identifier;
   VdirOccurrence occurrence;
 };
 
@@ -141,7 +150,7 @@ void walkSeries(Walk& walk, Task& task) {
             {pathOf(walk.snapshot, entry), VdirDiagnostic::Action::truncated, expanded.error().message()});
     }
     for (const auto& occurrence : occurrences)
-      task.found.push_back({entry.collection, entry.item, entry.series, occurrence});
+      task.found.emplace_back(entry, occurrence);
     walk.total += occurrences.size();
   }
 }
@@ -175,7 +184,7 @@ std::vector<std::shared_ptr<platform::EKEvent>> VdirQueries::events(
           index->keptOccurrences(*entry.series, a, b, occurrences) != VdirTimeIndex::Kept::answered)
         return walk.entries.push_back(&entry);
       for (const auto& occurrence : occurrences)
-        answered.found.push_back({entry.collection, entry.item, entry.series, occurrence});
+        answered.found.emplace_back(entry, occurrence);
       walk.total += occurrences.size();
     });
   // The index guards what it keeps itself and expands outside its lock, so the tasks (and other
@@ -193,7 +202,8 @@ std::vector<std::shared_ptr<platform::EKEvent>> VdirQueries::events(
   }
   std::sort(found.begin(), found.end(), [](const Found& x, const Found& y) {
     if (x.occurrence.start != y.occurrence.start) return x.occurrence.start < y.occurrence.start;
-    if (x.series != y.series && x.series->identifier != y.series->identifier) return x.series->identifier < y.series->identifier;
+    if (x.series != y.series)
+      if (const int order = x.identifier.compare(y.identifier)) return order < 0;
     return x.occurrence.occurrence < y.occurrence.occurrence;
   });
   std::vector<std::shared_ptr<platform::EKEvent>> events;

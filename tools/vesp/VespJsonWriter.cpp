@@ -92,6 +92,7 @@ void VespJsonWriter::quoted(std::string_view text) {
   const std::size_t start = buffer_.size();
   buffer_ += '"';
   bool verified = false;  // the text from its first non-ASCII byte on is valid UTF-8
+  std::size_t written = 0;  // the text before this is in the buffer; runs that need no escape go in whole
   for (std::size_t at = 0; at < text.size(); ++at) {
     const auto c = static_cast<unsigned char>(text[at]);
     if (c >= 0x80) {
@@ -104,9 +105,11 @@ void VespJsonWriter::quoted(std::string_view text) {
         return;
       }
       verified = true;
-      buffer_ += static_cast<char>(c);
       continue;
     }
+    if (c >= 0x20 && c != '"' && c != '\\') continue;
+    buffer_.append(text.substr(written, at - written));
+    written = at + 1;
     switch (c) {
       case '"': buffer_ += "\\\""; break;
       case '\\': buffer_ += "\\\\"; break;
@@ -115,17 +118,15 @@ void VespJsonWriter::quoted(std::string_view text) {
       case '\n': buffer_ += "\\n"; break;
       case '\r': buffer_ += "\\r"; break;
       case '\t': buffer_ += "\\t"; break;
-      default:
-        if (c < 0x20) {
-          static constexpr char kHex[] = "0123456789abcdef";
-          buffer_ += "\\u00";
-          buffer_ += kHex[c >> 4];
-          buffer_ += kHex[c & 0xF];
-        } else {
-          buffer_ += static_cast<char>(c);
-        }
+      default: {
+        static constexpr char kHex[] = "0123456789abcdef";
+        buffer_ += "\\u00";
+        buffer_ += kHex[c >> 4];
+        buffer_ += kHex[c & 0xF];
+      }
     }
   }
+  buffer_.append(text.substr(written));
   buffer_ += '"';
 }
 

@@ -3,10 +3,12 @@
 
 #include <cmath>
 #include <cstdint>
+#include <iterator>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <stdexcept>
+#include <string>
 
 #include "tools/vesp/VespJsonWriter.h"
 
@@ -111,6 +113,29 @@ TEST(VespJsonWriterTest, EveryByteOfAnAsciiTextIsEscapedAsTheLibraryEscapesIt) {
     out.string(all);
   }
   EXPECT_EQ(text.str(), json(all).dump());
+}
+
+TEST(VespJsonWriterTest, TextsMadeOfRunsEscapesAndBytesOfAnyKindAreEscapedAsTheLibraryEscapesThem) {
+  // Pieces that end and start runs the writer copies whole: plain text, characters to escape, valid
+  // and invalid UTF-8, at the start, in the middle and at the end of a text.
+  const std::string pieces[] = {"a", "plain words ", "\"", "\\", "\n", "\x01", "\x1f", "\x7f", "/",
+                                "\u00e9", "\u20AC", "\U0001F600", "\xC3", "\xFF", "\xE2\x82", "\xED\xA0\x80"};
+  std::uint64_t state = 42;
+  auto next = [&state] { return (state = state * 6364136223846793005ull + 1442695040888963407ull) >> 33; };
+  std::size_t invalid = 0;
+  for (int round = 0; round < 3000; ++round) {
+    std::string text;
+    for (auto count = next() % 8; count > 0; --count) text += pieces[next() % std::size(pieces)];
+    std::ostringstream out;
+    {
+      VespJsonWriter writer(out, false);
+      writer.string(text);
+    }
+    const std::string library = json(text).dump(-1, ' ', false, json::error_handler_t::replace);
+    ASSERT_EQ(out.str(), library) << round;
+    invalid += library.find("\xEF\xBF\xBD") != std::string::npos;  // U+FFFD
+  }
+  EXPECT_GT(invalid, 100u);  // the replacement path was taken too
 }
 
 TEST(VespJsonWriterTest, TopLevelValuesEndWithALineAndReachTheStreamThen) {

@@ -202,7 +202,8 @@ std::optional<platform::AnyObject> VdirEvent::valueForKey(const std::string& key
   return std::nullopt;
 }
 std::string VdirEvent::description() const {
-  return "<EKEvent '" + data().summary.value_or("") + "' " + fields_.series->identifier + " " + fields_.start.iso8601() + ">";
+  return "<EKEvent '" + data().summary.value_or("") + "' " + fields_.series->identifier + " " +
+         fields_.start.iso8601() + ">";
 }
 
 std::optional<platform::URL> VdirReminder::URL() const { return set_.read(&VdirSetValues::url, urlOf(data())); }

@@ -192,7 +192,8 @@ std::optional<platform::NSError> saveOccurrence(VdirStore& store, const VdirEven
   auto collection = movedTo(store, set);
   if (!collection) return errorOf(collection.error());
   VdirItemEditor editor(store.shared_from_this());
-  auto plan = editor.changeEvent(event.fields().series->identifier, event.fields().occurrence, span, changes, *collection);
+  auto plan =
+      editor.changeEvent(event.fields().series->identifier, event.fields().occurrence, span, changes, *collection);
   return savedOver(store, editor, plan, event.fields().item);
 }
 

@@ -135,6 +135,14 @@ icalrecurrencetype VdirCompactRule::expanded() const {
   return rule;
 }
 
+std::span<const short> VdirCompactRule::list(List which) const {
+  std::size_t at = 0;
+  for (auto skipped = static_cast<int>(which); skipped > 0 && at < lists_.size(); --skipped)
+    at += 1 + static_cast<std::size_t>(lists_[at]);
+  if (at >= lists_.size()) return {};
+  return std::span<const short>(lists_).subspan(at + 1, static_cast<std::size_t>(lists_[at]));
+}
+
 namespace {
 
 // libical's values as the platform's, one mapping each.

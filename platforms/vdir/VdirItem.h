@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -52,6 +53,13 @@ class VdirCompactRule {
   icalrecurrencetype expanded() const;
   icalrecurrencetype_frequency frequency() const { return frequency_; }
   int count() const { return count_; }
+  int interval() const { return interval_; }
+  icalrecurrencetype_weekday weekStart() const { return weekStart_; }
+  // The BY lists, in libical's order.
+  enum class List { second, minute, hour, day, monthDay, yearDay, weekNumber, month, setPosition };
+  // The values of one BY list as libical holds them; empty when the rule has no such list. Read in
+  // place: records answer a rule's questions from here, without the whole struct.
+  std::span<const short> list(List which) const;
   // The calendar system named by RSCALE, as written; empty: none (Gregorian).
   const std::string& rscale() const { return rscale_; }
   void clearRscale() { rscale_.clear(); }

@@ -1,5 +1,7 @@
 #include "platforms/vdir/VdirObjects.h"
 
+#include <span>
+
 #include "support/platform/NSNumber.h"
 
 namespace vesp::vdir {
@@ -91,12 +93,11 @@ platform::EKRecurrenceFrequency frequencyFromIcal(icalrecurrencetype_frequency f
   }
 }
 
-template <std::size_t N>
-platform::EKRecurrenceRule::NumberList numbers(const short (&values)[N]) {
-  if (values[0] == ICAL_RECURRENCE_ARRAY_MAX) return std::nullopt;
+platform::EKRecurrenceRule::NumberList numbers(std::span<const short> values) {
+  if (values.empty()) return std::nullopt;
   std::vector<platform::AnyObject> list;
-  for (std::size_t i = 0; i < N && values[i] != ICAL_RECURRENCE_ARRAY_MAX; ++i)
-    list.emplace_back(platform::NSNumber(static_cast<long long>(values[i])));
+  list.reserve(values.size());
+  for (short value : values) list.emplace_back(platform::NSNumber(static_cast<long long>(value)));
   return list;
 }
 
@@ -105,36 +106,39 @@ class VdirRecurrenceRule : public platform::EKRecurrenceRule {
   VdirRecurrenceRule(std::shared_ptr<const VdirItem> item, const VdirRuleData* rule)
       : item_(std::move(item)), rule_(rule) {}
   std::string calendarIdentifier() const override { return rule_->rscaleName; }
-  // libical's struct, rebuilt from the compact form for each question.
-  icalrecurrencetype rule() const { return rule_->rule.expanded(); }
-  NumberList daysOfTheMonth() const override { return numbers(rule().by_month_day); }
+  // Each question is answered from the compact rule in place: a record asks them all, for every
+  // occurrence of a series.
+  NumberList daysOfTheMonth() const override { return numbers(list(List::monthDay)); }
   std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceDayOfWeek>>> daysOfTheWeek() const override {
-    const auto whole = rule();
-    if (whole.by_day[0] == ICAL_RECURRENCE_ARRAY_MAX) return std::nullopt;
+    const auto byDay = list(List::day);
+    if (byDay.empty()) return std::nullopt;
     std::vector<std::shared_ptr<platform::EKRecurrenceDayOfWeek>> days;
-    for (int i = 0; i < ICAL_BY_DAY_SIZE && whole.by_day[i] != ICAL_RECURRENCE_ARRAY_MAX; ++i)
+    days.reserve(byDay.size());
+    for (short day : byDay)
       days.push_back(std::make_shared<VdirRecurrenceDayOfWeek>(
-          weekdayFromIcal(icalrecurrencetype_day_day_of_week(whole.by_day[i])),
-          icalrecurrencetype_day_position(whole.by_day[i])));
+          weekdayFromIcal(icalrecurrencetype_day_day_of_week(day)), icalrecurrencetype_day_position(day)));
     return days;
   }
-  NumberList daysOfTheYear() const override { return numbers(rule().by_year_day); }
+  NumberList daysOfTheYear() const override { return numbers(list(List::yearDay)); }
   // The weekday, or 0 when the rule does not state WKST.
   std::int64_t firstDayOfTheWeek() const override {
-    return rule_->statesWeekStart ? weekdayFromIcal(rule().week_start) : 0;
+    return rule_->statesWeekStart ? weekdayFromIcal(rule_->rule.weekStart()) : 0;
   }
   platform::EKRecurrenceFrequency frequency() const override { return frequencyFromIcal(rule_->rule.frequency()); }
-  std::int64_t interval() const override { return rule().interval; }
-  NumberList monthsOfTheYear() const override { return numbers(rule().by_month); }
+  std::int64_t interval() const override { return rule_->rule.interval(); }
+  NumberList monthsOfTheYear() const override { return numbers(list(List::month)); }
   std::shared_ptr<platform::EKRecurrenceEnd> recurrenceEnd() const override {
     if (rule_->rule.count() > 0) return std::make_shared<VdirRecurrenceEnd>(std::nullopt, rule_->rule.count());
     if (rule_->until) return std::make_shared<VdirRecurrenceEnd>(rule_->until, 0);
     return nullptr;
   }
-  NumberList setPositions() const override { return numbers(rule().by_set_pos); }
-  NumberList weeksOfTheYear() const override { return numbers(rule().by_week_no); }
+  NumberList setPositions() const override { return numbers(list(List::setPosition)); }
+  NumberList weeksOfTheYear() const override { return numbers(list(List::weekNumber)); }
 
  private:
+  using List = VdirCompactRule::List;
+  std::span<const short> list(List which) const { return rule_->rule.list(which); }
+
   std::shared_ptr<const VdirItem> item_;  // keeps rule_ alive
   const VdirRuleData* rule_;
 };

@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <random>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -440,6 +442,59 @@ TEST(VdirItemTest, ALongProblemIsShortenedBetweenCharacters) {
       EXPECT_LT(problem.size(), 260u);
     }
   }
+}
+
+// Rules with every BY list empty, partly filled or full, in random combinations: each list read in
+// place is the one libical's struct holds, and so is the struct given back.
+TEST(VdirItemTest, ACompactRuleGivesEachListAsLibicalHoldsIt) {
+  using List = VdirCompactRule::List;
+  std::mt19937 random(20261128);
+  std::size_t filled = 0, full = 0;
+  for (int round = 0; round < 500; ++round) {
+    icalrecurrencetype rule;
+    icalrecurrencetype_clear(&rule);
+    rule.freq = ICAL_YEARLY_RECURRENCE;
+    rule.interval = static_cast<short>(1 + random() % 9);
+    rule.week_start = static_cast<icalrecurrencetype_weekday>(1 + random() % 7);
+    std::vector<std::span<short>> lists = {
+        {rule.by_second, ICAL_BY_SECOND_SIZE},     {rule.by_minute, ICAL_BY_MINUTE_SIZE},
+        {rule.by_hour, ICAL_BY_HOUR_SIZE},         {rule.by_day, ICAL_BY_DAY_SIZE},
+        {rule.by_month_day, ICAL_BY_MONTHDAY_SIZE}, {rule.by_year_day, ICAL_BY_YEARDAY_SIZE},
+        {rule.by_week_no, ICAL_BY_WEEKNO_SIZE},    {rule.by_month, ICAL_BY_MONTH_SIZE},
+        {rule.by_set_pos, ICAL_BY_SETPOS_SIZE}};
+    std::vector<std::vector<short>> written(lists.size());
+    for (std::size_t l = 0; l < lists.size(); ++l) {
+      const std::size_t size = lists[l].size();
+      const std::size_t length = random() % 3 == 0   ? 0
+                                 : random() % 4 == 0 ? size
+                                                     : 1 + random() % std::min<std::size_t>(size, 5);
+      for (std::size_t i = 0; i < length; ++i) written[l].push_back(static_cast<short>(1 + random() % 50));
+      std::copy(written[l].begin(), written[l].end(), lists[l].begin());
+      filled += length > 0 ? 1 : 0;
+      full += length == size ? 1 : 0;
+    }
+    const VdirCompactRule compact(rule);
+    EXPECT_EQ(compact.interval(), rule.interval);
+    EXPECT_EQ(compact.weekStart(), rule.week_start);
+    const icalrecurrencetype back = compact.expanded();
+    const std::vector<std::span<const short>> given = {
+        {back.by_second, ICAL_BY_SECOND_SIZE},     {back.by_minute, ICAL_BY_MINUTE_SIZE},
+        {back.by_hour, ICAL_BY_HOUR_SIZE},         {back.by_day, ICAL_BY_DAY_SIZE},
+        {back.by_month_day, ICAL_BY_MONTHDAY_SIZE}, {back.by_year_day, ICAL_BY_YEARDAY_SIZE},
+        {back.by_week_no, ICAL_BY_WEEKNO_SIZE},    {back.by_month, ICAL_BY_MONTH_SIZE},
+        {back.by_set_pos, ICAL_BY_SETPOS_SIZE}};
+    for (std::size_t l = 0; l < lists.size(); ++l) {
+      const auto inPlace = compact.list(static_cast<List>(l));
+      EXPECT_EQ(std::vector<short>(inPlace.begin(), inPlace.end()), written[l]) << "round " << round << ", list " << l;
+      std::vector<short> struct_(given[l].begin(), given[l].end());
+      struct_.resize(std::find(struct_.begin(), struct_.end(), ICAL_RECURRENCE_ARRAY_MAX) - struct_.begin());
+      EXPECT_EQ(struct_, written[l]) << "round " << round << ", list " << l;
+    }
+  }
+  // Every kind of list was met, full ones included.
+  EXPECT_GT(filled, 1000u);
+  EXPECT_GT(full, 100u);
+  EXPECT_TRUE(VdirCompactRule().list(List::month).empty());
 }
 
 }  // namespace

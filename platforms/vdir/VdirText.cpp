@@ -1,8 +1,9 @@
 #include "platforms/vdir/VdirText.h"
 
 #include <algorithm>
-
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 namespace vesp::vdir {
 
@@ -39,6 +40,15 @@ std::size_t sequenceLength(std::string_view text, std::size_t at) {
 
 bool isValidUtf8(std::string_view text) {
   for (std::size_t at = 0; at < text.size();) {
+    // Runs of ASCII, most of any calendar, eight bytes at a time.
+    if (at + 8 <= text.size()) {
+      std::uint64_t word;
+      std::memcpy(&word, text.data() + at, 8);
+      if ((word & 0x8080808080808080ull) == 0) {
+        at += 8;
+        continue;
+      }
+    }
     std::size_t length = sequenceLength(text, at);
     if (length == 0) return false;
     at += length;

@@ -1,9 +1,14 @@
 // Text from the store made safe: UTF-8 checked and repaired, names escaped for identifiers.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <memory>
 #include <random>
 #include <set>
 #include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 #include "platforms/vdir/VdirText.h"
 
@@ -21,6 +26,32 @@ TEST(VdirTextTest, WellFormedUtf8IsValid) {
   EXPECT_TRUE(isValidUtf8("\xF0\x9F\x8E\x82"));              // U+1F382
   EXPECT_TRUE(isValidUtf8("\xF4\x8F\xBF\xBF"));              // U+10FFFF, the last code point
   EXPECT_TRUE(isValidUtf8(std::string("nul\0inside", 10)));  // U+0000 is a character
+}
+
+// ASCII before, around and after one sequence, at every offset within and across eight-byte words:
+// a well-formed sequence keeps the text valid wherever it falls, and a bad one makes it invalid.
+TEST(VdirTextTest, ASequenceIsJudgedTheSameAtAnyOffsetInALongText) {
+  const std::vector<std::pair<std::string, bool>> sequences = {
+      {"\xC3\xA9", true},      {"\xE2\x82\xAC", true}, {"\xF0\x9F\x8E\x82", true}, {"\xFF", false},
+      {"\xC3", false},         {"\xE2\x82", false},    {"\xED\xA0\x80", false},   {"\x80", false},
+      {"\xF0\x9F\x8E", false}, {"\xC0\xAF", false}};
+  for (const auto& [sequence, valid] : sequences)
+    for (std::size_t before = 0; before < 20; ++before)
+      for (std::size_t after : {0, 1, 7, 8, 9, 17}) {
+        const std::string text = std::string(before, 'a') + sequence + std::string(after, 'b');
+        EXPECT_EQ(isValidUtf8(text), valid) << before << " + " << sequence.size() << " + " << after;
+      }
+  // Texts that end where their memory ends (as views into a mapped file do): nothing past the end
+  // is read (AddressSanitizer would say so).
+  for (std::size_t size = 1; size <= 24; ++size) {
+    const auto bytes = std::make_unique<char[]>(size);
+    std::fill_n(bytes.get(), size, 'a');
+    EXPECT_TRUE(isValidUtf8(std::string_view(bytes.get(), size))) << size;
+  }
+  std::string longText(4096, 'x');
+  EXPECT_TRUE(isValidUtf8(longText));
+  longText.back() = '\xC3';
+  EXPECT_FALSE(isValidUtf8(longText));
 }
 
 TEST(VdirTextTest, OverlongFormsSurrogatesAndCodePointsPastTheLastAreInvalid) {

@@ -2,9 +2,12 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "platforms/vdir/VdirParallel.h"
 #include "platforms/vdir/VdirTimeIndex.h"
@@ -71,18 +74,79 @@ std::shared_ptr<VdirTimeIndex> VdirQueries::indexFor(const std::shared_ptr<const
 
 namespace {
 
-// An occurrence a query found, with where its series is. The series' identifier is taken while the
-// series is at hand, so that sorting reads no series again.
+// The order of event identifiers, mostly without reading them. An identifier is its collection's
+// path, "/", then the file's name (and "#UID" for a further series of the file). Identifiers of one
+// collection are told apart by the first eight bytes after that path, kept with each occurrence;
+// those of two collections by the rank of the collections' paths, unless one path begins the other.
+// Everything else (equal first bytes, nested collections) compares the identifiers themselves.
+class IdentifierOrder {
+ public:
+  explicit IdentifierOrder(const VdirSnapshot& snapshot) : paths_(snapshot.collections.size()) {
+    std::vector<std::uint32_t> byPath(paths_.size());
+    for (std::uint32_t c = 0; c < paths_.size(); ++c) {
+      paths_[c].prefix = snapshot.collections[c].identifier + "/";
+      byPath[c] = c;
+    }
+    std::sort(byPath.begin(), byPath.end(),
+              [&](std::uint32_t x, std::uint32_t y) { return paths_[x].prefix < paths_[y].prefix; });
+    // A path that begins others sorts before them, and every path between begins with it too: so
+    // marking each pair of neighbours where the first begins the second marks every such path.
+    for (std::uint32_t r = 0; r < byPath.size(); ++r) {
+      paths_[byPath[r]].rank = r;
+      if (r > 0 && paths_[byPath[r]].prefix.starts_with(paths_[byPath[r - 1]].prefix))
+        paths_[byPath[r]].ranked = paths_[byPath[r - 1]].ranked = false;
+    }
+  }
+
+  // The first eight bytes of `identifier` after its collection's path, big-endian, zero-padded;
+  // absent when the identifier does not start with that path (it is then compared whole).
+  std::optional<std::uint64_t> key(std::uint32_t collection, std::string_view identifier) const {
+    const std::string& prefix = paths_[collection].prefix;
+    if (!identifier.starts_with(prefix)) return std::nullopt;
+    const std::string_view rest = identifier.substr(prefix.size(), 8);
+    std::uint64_t key = 0;
+    for (std::size_t i = 0; i < 8; ++i)
+      key = key << 8 | (i < rest.size() ? static_cast<unsigned char>(rest[i]) : 0u);
+    return key;
+  }
+
+  // Negative, zero or positive as x's identifier sorts before, with or after y's. Keys of eight
+  // padded bytes that differ order their identifiers as the whole texts would.
+  template <class F>
+  int compare(const F& x, const F& y) const {
+    if (x.keyed && y.keyed) {
+      if (x.collection == y.collection) {
+        if (x.key != y.key) return x.key < y.key ? -1 : 1;
+      } else if (paths_[x.collection].ranked && paths_[y.collection].ranked) {
+        return paths_[x.collection].rank < paths_[y.collection].rank ? -1 : 1;
+      }
+    }
+    return x.series->identifier.compare(y.series->identifier);
+  }
+
+ private:
+  struct Path {
+    std::string prefix;
+    std::uint32_t rank = 0;
+    bool ranked = true;  // no other collection's path begins it or is begun by it
+  };
+  std::vector<Path> paths_;
+};
+
+// An occurrence a query found, with where its series is and its identifier's key (see
+// IdentifierOrder), taken once per series while it is at hand, so that sorting rarely reads a series.
 struct Found {
-  Found(const VdirTimeIndex::Entry& entry, const VdirOccurrence& occurrence)
+  Found(const VdirTimeIndex::Entry& entry, std::optional<std::uint64_t> key, const VdirOccurrence& occurrence)
       : collection(entry.collection),
         item(entry.item),
         series(entry.series),
-        identifier(entry.series->identifier),
+        key(key.value_or(0)),
+        keyed(key.has_value()),
         occurrence(occurrence) {}
   std::uint32_t collection, item;
   const VdirSeriesData* series;
-  std::string_view identifier;
+  std::uint64_t key;
+  bool keyed;
   VdirOccurrence occurrence;
 };
 
@@ -104,6 +168,7 @@ struct Walk {
   const VdirClock& clock;
   const VdirExpansionLimits& limits;
   std::atomic<std::uint64_t>& expansions;
+  const IdentifierOrder& order;
   double a, b;
   std::string window;  // "from ... to ...", for the report of a query stopped by its limits
   std::vector<const VdirTimeIndex::Entry*> entries;  // the candidates the index could not answer
@@ -132,6 +197,15 @@ bool stopsBefore(Walk& walk, const VdirTimeIndex::Entry& entry, std::size_t visi
   return true;
 }
 
+// Keeps the occurrences found in the series of `entry`, with the key of its identifier.
+void addFound(Walk& walk, const VdirTimeIndex::Entry& entry, const std::vector<VdirOccurrence>& occurrences,
+              Task& task) {
+  if (occurrences.empty()) return;
+  const auto key = walk.order.key(entry.collection, entry.series->identifier);
+  for (const auto& occurrence : occurrences) task.found.emplace_back(entry, key, occurrence);
+  walk.total += occurrences.size();
+}
+
 // The occurrences of the task's series: a recurring one's periods that the index lacks expanded
 // and kept, and answered from them; a series that does not recur, or a window too wide to keep,
 // expanded for the window.
@@ -149,9 +223,7 @@ void walkSeries(Walk& walk, Task& task) {
         task.problems.push_back(
             {pathOf(walk.snapshot, entry), VdirDiagnostic::Action::truncated, expanded.error().message()});
     }
-    for (const auto& occurrence : occurrences)
-      task.found.emplace_back(entry, occurrence);
-    walk.total += occurrences.size();
+    addFound(walk, entry, occurrences, task);
   }
 }
 
@@ -170,7 +242,8 @@ std::vector<std::shared_ptr<platform::EKEvent>> VdirQueries::events(
     index = indexFor(current);
   }
   const std::string window = "from " + start.iso8601() + " to " + end.iso8601();
-  Walk walk{*current, *index, clock_, limits_, expansions_, a, b, window, {}};
+  const IdentifierOrder order(*current);
+  Walk walk{*current, *index, clock_, limits_, expansions_, order, a, b, window, {}};
   // The series whose periods the index keeps are answered here; the others (periods not kept
   // yet, windows too wide to keep, series that do not recur) are expanded next, over the cores.
   Task answered;
@@ -183,9 +256,7 @@ std::vector<std::shared_ptr<platform::EKEvent>> VdirQueries::events(
       if (!entry.series->isRecurring() ||
           index->keptOccurrences(*entry.series, a, b, occurrences) != VdirTimeIndex::Kept::answered)
         return walk.entries.push_back(&entry);
-      for (const auto& occurrence : occurrences)
-        answered.found.emplace_back(entry, occurrence);
-      walk.total += occurrences.size();
+      addFound(walk, entry, occurrences, answered);
     });
   // The index guards what it keeps itself and expands outside its lock, so the tasks (and other
   // queries) expand side by side.
@@ -200,10 +271,10 @@ std::vector<std::shared_ptr<platform::EKEvent>> VdirQueries::events(
     found.insert(found.end(), task.found.begin(), task.found.end());
     for (auto& problem : task.problems) report(std::move(problem));
   }
-  std::sort(found.begin(), found.end(), [](const Found& x, const Found& y) {
+  std::sort(found.begin(), found.end(), [&order](const Found& x, const Found& y) {
     if (x.occurrence.start != y.occurrence.start) return x.occurrence.start < y.occurrence.start;
     if (x.series != y.series)
-      if (const int order = x.identifier.compare(y.identifier)) return order < 0;
+      if (const int byIdentifier = order.compare(x, y)) return byIdentifier < 0;
     return x.occurrence.occurrence < y.occurrence.occurrence;
   });
   std::vector<std::shared_ptr<platform::EKEvent>> events;

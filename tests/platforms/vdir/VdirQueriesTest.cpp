@@ -4,9 +4,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <map>
 #include <memory>
+#include <random>
 #include <set>
 #include <string>
 #include <utility>
@@ -135,6 +137,74 @@ TEST_F(VdirQueriesTest, OccurrencesStartingTogetherComeByEventIdentifierThenByTh
                             "Moved 2026-03-10T09:00:00Z a", "M 2026-03-10T09:00:00Z a", "Z 2026-03-10T09:00:00Z a"))
         << round;
   EXPECT_TRUE(problems_.empty());
+}
+
+// Many events starting together, in collections whose paths begin one another ("a", "a/b", "ab",
+// "a-b", "a.b") and in files whose names share their first eight bytes or are shorter, some with a
+// second series ("#UID"), and a file filed under a path that is not its collection's: the answer
+// is in the order of the identifiers' whole texts, and the same from the kept periods.
+TEST_F(VdirQueriesTest, OccurrencesStartingTogetherAreInTheOrderOfTheirIdentifiersWholeTexts) {
+  std::mt19937 random(1128);
+  const std::vector<std::string> collections = {"a", "a/b", "a/b/c", "ab", "a-b", "a.b", "b"};
+  const std::string alphabet = "aa0-.#b";
+  auto snapshot = std::make_shared<VdirSnapshot>();
+  std::size_t series = 0;
+  for (const auto& identifier : collections) {
+    VdirCollection collection;
+    collection.identifier = identifier;
+    collection.calendar = calendar(identifier);
+    std::set<std::string> names;
+    while (names.size() < 40) {
+      std::string name;
+      for (std::size_t length = 1 + random() % 11; name.size() < length;) name += alphabet[random() % alphabet.size()];
+      names.insert(random() % 2 ? name + ".ics" : name);
+    }
+    for (const auto& name : names) {
+      const std::string uid = identifier + "/" + name;
+      std::string text = simpleEvent(uid, "E", "20260310T090000Z", "20260310T100000Z");
+      // Every fifth file holds a second event: a series of its own, named "#" and its UID.
+      if (random() % 5 == 0) {
+        const std::string second = simpleEvent(uid + "-2", "E", "20260310T090000Z", "20260310T100000Z");
+        const auto begin = second.find("BEGIN:VEVENT"), end = second.find("END:VCALENDAR");
+        text.insert(text.find("END:VCALENDAR"), second.substr(begin, end - begin));
+        ++series;
+      }
+      // One file of "b" is filed under a path that is not its collection's, and sorts first.
+      const bool elsewhere = identifier == "b" && name == *names.begin();
+      const std::string path = (elsewhere ? "0-elsewhere" : identifier) + "/" + name;
+      collection.items.push_back(item(path, name, text));
+      ++series;
+    }
+    snapshot->collections.push_back(std::move(collection));
+  }
+  auto current = withEntries(snapshot);
+  auto q = queries();
+  for (int round = 0; round < 2; ++round) {
+    std::vector<std::string> identifiers;
+    for (const auto& event : q.events(current, utc(2026, 3, 10, 8), utc(2026, 3, 10, 10), std::nullopt))
+      identifiers.push_back(event->eventIdentifier().value_or(""));
+    ASSERT_EQ(identifiers.size(), series) << round;
+    std::vector<std::string> sorted = identifiers;
+    std::sort(sorted.begin(), sorted.end());
+    EXPECT_EQ(identifiers, sorted) << round;
+    EXPECT_EQ(std::adjacent_find(sorted.begin(), sorted.end()), sorted.end()) << round;
+  }
+  EXPECT_TRUE(problems_.empty());
+}
+
+// Only series that recur have periods to keep: events that happen once are answered from their
+// files each time, and the index keeps nothing for them.
+TEST_F(VdirQueriesTest, OnlySeriesThatRecurHavePeriodsKept) {
+  auto once = snapshotOf({{"cal",
+                           {{"a.ics", simpleEvent("a", "A", "20260310T090000Z", "20260310T100000Z")},
+                            {"b.ics", simpleEvent("b", "B", "20260311T090000Z", "20260311T100000Z")}}}});
+  auto q = queries();
+  for (int round = 0; round < 2; ++round)
+    EXPECT_EQ(q.events(once, utc(2026, 3, 1), utc(2026, 4, 1), std::nullopt).size(), 2u);
+  EXPECT_EQ(q.newlyKept(), 0u);
+  auto withDaily = snapshotOf({{"cal", {{"daily.ics", kDaily}}}});
+  EXPECT_EQ(q.events(withDaily, utc(2026, 3, 1), utc(2026, 4, 1), std::nullopt).size(), 31u);
+  EXPECT_GT(q.newlyKept(), 0u);
 }
 
 TEST_F(VdirQueriesTest, AQueryCutByItsLimitAnswersWhatItFoundAndReportsTheCut) {

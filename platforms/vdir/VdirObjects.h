@@ -193,7 +193,9 @@ class VdirCalendar : public platform::EKCalendar {
 
 // One occurrence of an event series.
 struct VdirOccurrenceFields {
-  std::shared_ptr<const VdirItem> item;          // keeps `series` and `component` alive
+  // Points to the item the occurrence was read from (saves compare it) and keeps `series` and
+  // `component` alive, by owning the item or the snapshot a query found it in.
+  std::shared_ptr<const VdirItem> item;
   const VdirSeriesData* series = nullptr;        // its identifier is the event's
   const VdirComponentData* component = nullptr;  // the master or the override
   std::shared_ptr<platform::EKCalendar> calendar;

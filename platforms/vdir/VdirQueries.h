@@ -60,8 +60,9 @@ class VdirQueries {
       const VdirSnapshot& snapshot, const std::optional<std::set<std::string>>& calendars,
       const std::function<bool(const VdirComponentData&)>& accept);
 
-  // The event of one occurrence of `series` (of `item`), as every answer makes it.
-  static std::shared_ptr<platform::EKEvent> makeEvent(const std::shared_ptr<const VdirItem>& item,
+  // The event of one occurrence of `series` (of `item`), as every answer makes it. `item` may own
+  // the item through what holds it (the snapshot of a query), as long as it points to the item.
+  static std::shared_ptr<platform::EKEvent> makeEvent(std::shared_ptr<const VdirItem> item,
                                                       const VdirSeriesData& series,
                                                       const std::shared_ptr<VdirCalendar>& calendar,
                                                       const VdirOccurrence& occurrence);

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "platforms/vdir/VdirEventStore.h"
+#include "platforms/vdir/VdirObjects.h"
 #include "platforms/vdir/VdirQueries.h"
 #include "platforms/vdir/VdirSnapshotSource.h"
 #include "platforms/vdir/VdirZones.h"
@@ -190,6 +191,38 @@ TEST_F(VdirQueriesTest, OccurrencesStartingTogetherAreInTheOrderOfTheirIdentifie
     EXPECT_EQ(std::adjacent_find(sorted.begin(), sorted.end()), sorted.end()) << round;
   }
   EXPECT_TRUE(problems_.empty());
+}
+
+// A found event points to the very item its file gave (saves compare them), and keeps what it
+// reads alive after its snapshot and the queries are let go.
+TEST_F(VdirQueriesTest, AFoundEventIsOfItsFilesItemAndOutlivesTheSnapshotItWasFoundIn) {
+  std::vector<std::shared_ptr<platform::EKEvent>> events;
+  const VdirItem* daily = nullptr;
+  {
+    auto snapshot = snapshotOf({{"cal",
+                                 {{"daily.ics", kDaily},
+                                  {"once.ics", simpleEvent("once", "Once", "20260310T090000Z", "20260310T100000Z")}}}});
+    daily = snapshot->collections[0].items[0].get();
+    auto q = queries();
+    // The first query expands the daily series' periods, the second answers from them.
+    for (int round = 0; round < 2; ++round)
+      events = q.events(snapshot, utc(2026, 3, 9), utc(2026, 3, 12), std::nullopt);
+    ASSERT_EQ(events.size(), 4u);
+    for (const auto& event : events) {
+      const auto& fields = std::dynamic_pointer_cast<VdirEvent>(event)->fields();
+      const std::size_t file = fields.series->identifier == "cal/daily.ics" ? 0 : 1;
+      EXPECT_EQ(fields.item.get(), snapshot->collections[0].items[file].get());
+    }
+  }
+  EXPECT_THAT(titles(events), ElementsAre("Daily 2026-03-09T09:00:00Z cal", "Daily 2026-03-10T09:00:00Z cal",
+                                          "Once 2026-03-10T09:00:00Z cal", "Daily 2026-03-11T09:00:00Z cal"));
+  EXPECT_EQ(std::dynamic_pointer_cast<VdirEvent>(events[0])->fields().item.get(), daily);
+  auto rules = events[0]->recurrenceRules();
+  events.clear();
+  ASSERT_TRUE(rules);
+  ASSERT_EQ(rules->size(), 1u);
+  EXPECT_EQ((*rules)[0]->frequency(), platform::EKRecurrenceFrequencyDaily);
+  EXPECT_EQ((*rules)[0]->interval(), 1);
 }
 
 // Only series that recur have periods to keep: events that happen once are answered from their

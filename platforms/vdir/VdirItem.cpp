@@ -124,12 +124,11 @@ icalrecurrencetype VdirCompactRule::expanded() const {
   rule.week_start = weekStart_;
   rule.skip = skip_;
   rule.rscale = rscale_.empty() ? nullptr : const_cast<char*>(rscale_.c_str());
-  std::size_t at = 0;
+  int which = 0;  // forEachList visits the lists in the order of List
   forEachList(rule, [&](short* values, int size) {
-    if (at >= lists_.size()) return;
-    int length = std::min<int>(lists_[at++], size);
-    for (int i = 0; i < length; ++i) values[i] = lists_[at + static_cast<std::size_t>(i)];
-    at += static_cast<std::size_t>(lists_[at - 1]);
+    const auto kept = list(static_cast<List>(which++));
+    const int length = std::min<int>(static_cast<int>(kept.size()), size);
+    std::copy_n(kept.begin(), length, values);
     if (length < size) values[length] = ICAL_RECURRENCE_ARRAY_MAX;
   });
   return rule;

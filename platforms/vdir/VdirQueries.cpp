@@ -114,9 +114,9 @@ class IdentifierOrder {
   // padded bytes that differ order their identifiers as the whole texts would.
   template <class F>
   int compare(const F& x, const F& y) const {
-    if (x.keyed && y.keyed) {
+    if (x.key && y.key) {
       if (x.collection == y.collection) {
-        if (x.key != y.key) return x.key < y.key ? -1 : 1;
+        if (*x.key != *y.key) return *x.key < *y.key ? -1 : 1;
       } else if (paths_[x.collection].ranked && paths_[y.collection].ranked) {
         return paths_[x.collection].rank < paths_[y.collection].rank ? -1 : 1;
       }
@@ -140,13 +140,11 @@ struct Found {
       : collection(entry.collection),
         item(entry.item),
         series(entry.series),
-        key(key.value_or(0)),
-        keyed(key.has_value()),
+        key(key),
         occurrence(occurrence) {}
   std::uint32_t collection, item;
   const VdirSeriesData* series;
-  std::uint64_t key;
-  bool keyed;
+  std::optional<std::uint64_t> key;
   VdirOccurrence occurrence;
 };
 

@@ -444,6 +444,15 @@ TEST(VdirItemTest, ALongProblemIsShortenedBetweenCharacters) {
   }
 }
 
+// libical's nine BY lists of `rule`, whole, in the struct's order.
+std::vector<std::span<short>> byLists(icalrecurrencetype& rule) {
+  return {{rule.by_second, ICAL_BY_SECOND_SIZE},      {rule.by_minute, ICAL_BY_MINUTE_SIZE},
+          {rule.by_hour, ICAL_BY_HOUR_SIZE},          {rule.by_day, ICAL_BY_DAY_SIZE},
+          {rule.by_month_day, ICAL_BY_MONTHDAY_SIZE}, {rule.by_year_day, ICAL_BY_YEARDAY_SIZE},
+          {rule.by_week_no, ICAL_BY_WEEKNO_SIZE},     {rule.by_month, ICAL_BY_MONTH_SIZE},
+          {rule.by_set_pos, ICAL_BY_SETPOS_SIZE}};
+}
+
 // Rules with every BY list empty, partly filled or full, in random combinations: each list read in
 // place is the one libical's struct holds, and so is the struct given back.
 TEST(VdirItemTest, ACompactRuleGivesEachListAsLibicalHoldsIt) {
@@ -456,12 +465,7 @@ TEST(VdirItemTest, ACompactRuleGivesEachListAsLibicalHoldsIt) {
     rule.freq = ICAL_YEARLY_RECURRENCE;
     rule.interval = static_cast<short>(1 + random() % 9);
     rule.week_start = static_cast<icalrecurrencetype_weekday>(1 + random() % 7);
-    std::vector<std::span<short>> lists = {
-        {rule.by_second, ICAL_BY_SECOND_SIZE},     {rule.by_minute, ICAL_BY_MINUTE_SIZE},
-        {rule.by_hour, ICAL_BY_HOUR_SIZE},         {rule.by_day, ICAL_BY_DAY_SIZE},
-        {rule.by_month_day, ICAL_BY_MONTHDAY_SIZE}, {rule.by_year_day, ICAL_BY_YEARDAY_SIZE},
-        {rule.by_week_no, ICAL_BY_WEEKNO_SIZE},    {rule.by_month, ICAL_BY_MONTH_SIZE},
-        {rule.by_set_pos, ICAL_BY_SETPOS_SIZE}};
+    const auto lists = byLists(rule);
     std::vector<std::vector<short>> written(lists.size());
     for (std::size_t l = 0; l < lists.size(); ++l) {
       const std::size_t size = lists[l].size();
@@ -476,13 +480,8 @@ TEST(VdirItemTest, ACompactRuleGivesEachListAsLibicalHoldsIt) {
     const VdirCompactRule compact(rule);
     EXPECT_EQ(compact.interval(), rule.interval);
     EXPECT_EQ(compact.weekStart(), rule.week_start);
-    const icalrecurrencetype back = compact.expanded();
-    const std::vector<std::span<const short>> given = {
-        {back.by_second, ICAL_BY_SECOND_SIZE},     {back.by_minute, ICAL_BY_MINUTE_SIZE},
-        {back.by_hour, ICAL_BY_HOUR_SIZE},         {back.by_day, ICAL_BY_DAY_SIZE},
-        {back.by_month_day, ICAL_BY_MONTHDAY_SIZE}, {back.by_year_day, ICAL_BY_YEARDAY_SIZE},
-        {back.by_week_no, ICAL_BY_WEEKNO_SIZE},    {back.by_month, ICAL_BY_MONTH_SIZE},
-        {back.by_set_pos, ICAL_BY_SETPOS_SIZE}};
+    icalrecurrencetype back = compact.expanded();
+    const auto given = byLists(back);
     for (std::size_t l = 0; l < lists.size(); ++l) {
       const auto inPlace = compact.list(static_cast<List>(l));
       EXPECT_EQ(std::vector<short>(inPlace.begin(), inPlace.end()), written[l]) << "round " << round << ", list " << l;

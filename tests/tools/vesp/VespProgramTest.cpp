@@ -1514,6 +1514,32 @@ TEST_F(VespProgramTest, OccurrencesOfAGenerated10000EventStoreAgreeWithAnIndepen
   expectAgreementOnAGeneratedStore(*this, [&](const auto& arguments) { return vesp(arguments); }, 10000, 4);
 }
 
+// The program leaves its store's items to the process's exit rather than freeing them, but closes
+// the store as always: the cache and the expanded periods are written, and the next run reads them.
+TEST_F(VespProgramTest, TheStoreIsClosedAtExitWithItsCacheAndPeriodsWritten) {
+  TemporaryDirectory root, cache;
+  writeFile(root.path() / "c/standup.ics",
+            "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Test//EN\r\nBEGIN:VEVENT\r\nUID:standup\r\n"
+            "DTSTAMP:20261001T000000Z\r\nDTSTART:20261102T090000Z\r\nDURATION:PT15M\r\n"
+            "RRULE:FREQ=DAILY\r\nSUMMARY:Standup\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
+  const std::vector<std::string> query = {"--store", root.path().string(), "--yes", "events",
+                                          "--from",  "2026-12-01",         "--to",  "2026-12-08"};
+  const std::string environment = "XDG_CACHE_HOME=" + quoted(cache.path().string());
+  auto first = vesp(query, environment);
+  ASSERT_EQ(first.status, 0) << first.err;
+  std::size_t standups = 0;
+  for (auto at = first.out.find("Standup"); at != std::string::npos; at = first.out.find("Standup", at + 1)) ++standups;
+  EXPECT_EQ(standups, 7u);
+  std::map<std::string, std::uintmax_t> written;
+  for (const auto& entry : fs::recursive_directory_iterator(cache.path()))
+    if (entry.is_regular_file()) written[entry.path().extension().string()] = entry.file_size();
+  EXPECT_GT(written[".cache"], 0u);
+  EXPECT_GT(written[".expansions"], 0u);
+  auto second = vesp(query, environment);
+  ASSERT_EQ(second.status, 0) << second.err;
+  EXPECT_EQ(second.out, first.out);
+}
+
 // Each run opens the store cold (an empty cache directory), so every run's parse threads resolve
 // the zone aliases through libical at once: its table of built-in zones grew under readers on
 // other threads and crashed about one open in thirty, or answered with zones lost.

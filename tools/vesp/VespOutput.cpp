@@ -272,6 +272,25 @@ void writeJSON(VespJsonWriter& out, const VespCalendar& calendar) {
   out.endObject();
 }
 
+void writeJSON(VespJsonWriter& out, const VespEventInstanceIdentifier& identifier) {
+  const auto& date = identifier.originalOccurrenceDate();
+  const double seconds = date ? date->timeIntervalSinceReferenceDate() : 0.0;
+  // The coder refuses a date it cannot write as a number; so is it refused here, with its error.
+  if (!std::isfinite(seconds)) (void)VespJSONEncoder().encode(identifier);
+  out.beginObject();
+  member(out, "eventIdentifier", identifier.eventIdentifier());
+  member(out, "identifier", std::string_view(date ? "withOccurrenceDate" : "noOccurrenceDate"));
+  if (date) {
+    out.key("originalOccurrenceDate");
+    // As the coder writes it: a whole number within a double's exact range as an integer.
+    if (std::trunc(seconds) == seconds && std::fabs(seconds) <= 9007199254740992.0)
+      out.number(static_cast<std::int64_t>(seconds));
+    else
+      out.number(seconds);
+  }
+  out.endObject();
+}
+
 void writeJSON(VespJsonWriter& out, const VespEventInstance& event, const std::string* reference) {
   out.beginObject();
   member(out, "alarms", event.alarms());
@@ -284,9 +303,7 @@ void writeJSON(VespJsonWriter& out, const VespEventInstance& event, const std::s
   member(out, "creationDate", event.creationDate());
   member(out, "endDate", event.endDate());
   member(out, "eventIdentifier", event.eventIdentifier());
-  // The identifier in its coded form, as the coder writes it (`vesp event` reads it back).
-  const std::string coded = VespJSONEncoder().encode(event.eventInstanceIdentifier());
-  out.key("eventInstanceIdentifier").value(nlohmann::json::parse(coded));
+  member(out, "eventInstanceIdentifier", event.eventInstanceIdentifier());
   member(out, "isAllDay", event.isAllDay());
   member(out, "isDetached", event.isDetached());
   member(out, "lastModifiedDate", event.lastModifiedDate());

@@ -18,6 +18,10 @@
 namespace vesp::tool {
 
 void writeJSON(VespJsonWriter& out, const VespCalendar& calendar);
+// The identifier in its coded form, the bytes the coder's text gives when parsed and written again
+// (`vesp event` reads it back), but written straight out: coding each record's identifier to text
+// and parsing it again took a tenth of a large listing.
+void writeJSON(VespJsonWriter& out, const VespEventInstanceIdentifier& identifier);
 // With a `reference`, the occurrence's short reference is a member too.
 void writeJSON(VespJsonWriter& out, const VespEventInstance& event, const std::string* reference = nullptr);
 // With `cancelled`, whether the to-do was cancelled is a member too (isCancelled).

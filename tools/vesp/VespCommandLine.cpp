@@ -21,6 +21,7 @@
 #include <regex>
 #include <set>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <vector>
 
@@ -169,17 +170,30 @@ class Session {
           done = true;
           changed.notify_all();
         });
+    const long holders = manager_.use_count();
     auto asked = type == platform::EKEntityTypeReminder ? manager_->queryReminderAuthorisation(true, impetus())
                                                         : manager_->queryEventAuthorisation(true, impetus());
+    bool answered = false;
     if (asked) {
       std::unique_lock lock(mutex);
       // The answer may need a person at the terminal; an unattended wait ends after ten minutes.
-      changed.wait_for(lock, std::chrono::minutes(10), [&] {
+      answered = changed.wait_for(lock, std::chrono::minutes(10), [&] {
         return done || stateMachine.state() != VespAuthorisationStatus::notDetermined;
       });
     }
     token.cancel();
+    if (answered) awaitRelease(holders);
     return stateMachine.state();
+  }
+
+  // The answer comes on the library's own thread, which holds the manager until the answer has
+  // returned. Waiting for it to let go keeps the manager's end, and the store's (whose last work
+  // writes its cache and its expanded periods), on this thread: let go of on that one while this
+  // process exited, that work was lost, in about one short run in ten.
+  void awaitRelease(long holders) {
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (manager_.use_count() > holders && std::chrono::steady_clock::now() < until)
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
   }
 
   void setYes(bool yes) { yes_ = yes; }

@@ -46,36 +46,52 @@ VdirEntries::Entry firstNaming(std::string_view identifier, const std::vector<Vd
 
 }  // namespace
 
+VdirEntries::Base::Base(const std::vector<VdirCollection>& collections) {
+  items_.reserve(collections.size());
+  for (const auto& collection : collections) items_.push_back(collection.items);
+}
+
+const VdirEntries::Table& VdirEntries::Base::table() const {
+  std::call_once(built_, [this] {
+    std::size_t items = 0;
+    for (const auto& collection : items_) items += collection.size();
+    table_.reserve(items + items / 8);
+    for (std::size_t c = 0; c < items_.size(); ++c)
+      for (const auto& item : items_[c])
+        eachEntryOf(*item, [&](std::string_view identifier, bool todo, std::size_t index) {
+          table_.emplace(identifier, Entry{c, item, todo, index});
+        });
+    // The entries hold their items now.
+    items_ = {};
+  });
+  return table_;
+}
+
 VdirEntries VdirEntries::of(const std::vector<VdirCollection>& collections) {
-  std::size_t items = 0;
-  for (const auto& collection : collections) items += collection.items.size();
-  auto table = std::make_shared<Table>();
-  table->reserve(items + items / 8);
-  for (std::size_t c = 0; c < collections.size(); ++c)
-    for (const auto& item : collections[c].items)
-      eachEntryOf(*item, [&](std::string_view identifier, bool todo, std::size_t index) {
-        table->emplace(identifier, Entry{c, item, todo, index});
-      });
   VdirEntries entries;
-  entries.size_ = table->size();
-  entries.base_ = std::move(table);
+  entries.base_ = std::make_shared<const Base>(collections);
   return entries;
+}
+
+std::size_t VdirEntries::size() const {
+  return static_cast<std::size_t>(static_cast<std::ptrdiff_t>(base_ ? base_->table().size() : 0) + sizeChange_);
 }
 
 VdirEntries VdirEntries::replaced(const VdirItem* removed, const std::shared_ptr<const VdirItem>& added,
                                   std::size_t collection, const std::vector<VdirCollection>& collections) const {
-  const std::size_t based = base_ ? base_->size() : 0;
+  const Table* base = base_ ? &base_->table() : nullptr;
+  const std::size_t based = base ? base->size() : 0;
   if (changes_ && changes_->size() >= std::max(kMinimumChanges, based / kChangesPerEntry)) return of(collections);
   VdirEntries next;
   next.base_ = base_;
-  next.size_ = size_;
+  next.sizeChange_ = sizeChange_;
   auto changes = changes_ ? std::make_shared<Changes>(*changes_) : std::make_shared<Changes>();
   // The item an identifier names so far, or null.
   auto owner = [&](std::string_view identifier) -> const VdirItem* {
     if (auto changed = changes->find(identifier); changed != changes->end()) return changed->second.item.get();
-    if (!base_) return nullptr;
-    auto found = base_->find(identifier);
-    return found == base_->end() ? nullptr : found->second.item.get();
+    if (!base) return nullptr;
+    auto found = base->find(identifier);
+    return found == base->end() ? nullptr : found->second.item.get();
   };
   // An identifier is a file's path, with "#" and more for its other series, so two files name the
   // same one only when it holds a "#" ("a.ics#b.ics", and the series of "a.ics" whose UID is
@@ -90,18 +106,18 @@ VdirEntries VdirEntries::replaced(const VdirItem* removed, const std::shared_ptr
   if (removed)
     eachEntryOf(*removed, [&](std::string_view identifier, bool, std::size_t) {
       if (isShared(identifier) || !owner(identifier)) return;
-      --next.size_;
+      --next.sizeChange_;
       (*changes)[std::string(identifier)] = Entry{};
     });
   if (added)
     eachEntryOf(*added, [&](std::string_view identifier, bool todo, std::size_t index) {
       if (isShared(identifier)) return;
-      if (!owner(identifier)) ++next.size_;
+      if (!owner(identifier)) ++next.sizeChange_;
       (*changes)[std::string(identifier)] = Entry{collection, added, todo, index};
     });
   for (const auto& [identifier, had] : shared) {
     Entry entry = firstNaming(identifier, collections);
-    next.size_ += static_cast<std::size_t>(entry.item != nullptr) - static_cast<std::size_t>(had);
+    next.sizeChange_ += static_cast<std::ptrdiff_t>(entry.item != nullptr) - static_cast<std::ptrdiff_t>(had);
     (*changes)[std::string(identifier)] = std::move(entry);
   }
   next.changes_ = std::move(changes);
@@ -113,8 +129,9 @@ const VdirEntries::Entry* VdirEntries::find(std::string_view identifier) const {
     if (auto changed = changes_->find(identifier); changed != changes_->end())
       return changed->second.item ? &changed->second : nullptr;
   if (!base_) return nullptr;
-  auto found = base_->find(identifier);
-  return found == base_->end() ? nullptr : &found->second;
+  const Table& base = base_->table();
+  auto found = base.find(identifier);
+  return found == base.end() ? nullptr : &found->second;
 }
 
 namespace {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -22,7 +23,8 @@ struct VdirCollection;
 // Where each event series and to-do of a snapshot is, by its identifier. A save makes the next
 // snapshot's table from this one's without copying it: the table built by the last scan is shared,
 // and only the entries that saves changed since are kept beside it, until there are enough of them
-// to build the table again. Immutable once made.
+// to build the table again. That table is built when first asked (on any thread), not when the
+// scan ends: opening a store for a query has no need of it. Immutable once made, to its users.
 class VdirEntries {
  public:
   struct Entry {
@@ -42,12 +44,12 @@ class VdirEntries {
 
   // The entry with this identifier, or null.
   const Entry* find(std::string_view identifier) const;
-  std::size_t size() const { return size_; }
+  std::size_t size() const;
   // Calls `visit(identifier, entry)` for every entry, in no order.
   template <typename Visit>
   void forEach(Visit&& visit) const {
     if (base_)
-      for (const auto& [identifier, entry] : *base_)
+      for (const auto& [identifier, entry] : base_->table())
         if (!changes_ || !changes_->count(identifier)) visit(identifier, entry);
     if (changes_)
       for (const auto& [identifier, entry] : *changes_)
@@ -60,11 +62,24 @@ class VdirEntries {
     std::size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
   };
   using Table = std::unordered_map<std::string_view, Entry>;
+  // The table of a scan's collections, built on the first call of table() (once, whichever thread
+  // asks): until then it holds the collections' items.
+  class Base {
+   public:
+    explicit Base(const std::vector<VdirCollection>& collections);
+    const Table& table() const;
+
+   private:
+    mutable std::once_flag built_;
+    mutable std::vector<std::vector<std::shared_ptr<const VdirItem>>> items_;  // by collection; let go once built
+    mutable Table table_;
+  };
   // Changed entries by identifier; one without an item was removed.
   using Changes = std::unordered_map<std::string, Entry, Hash, std::equal_to<>>;
-  std::shared_ptr<const Table> base_;
+  std::shared_ptr<const Base> base_;
   std::shared_ptr<const Changes> changes_;
-  std::size_t size_ = 0;
+  // Entries the changes added less those they removed: the size is base_'s and this.
+  std::ptrdiff_t sizeChange_ = 0;
 };
 
 struct VdirCollection {

@@ -8,6 +8,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platforms/vdir/VdirSnapshot.h"
@@ -102,6 +103,44 @@ TEST_F(VdirEntriesTest, ATableChangedAFileAtATimeAnswersAsOneBuiltAfresh) {
       EXPECT_EQ(found->item, path.find('#') == std::string::npos ? added : fresh.find(path)->item);
     }
   }
+  EXPECT_EQ(entries.find("a/none.ics"), nullptr);
+}
+
+// The table is built when first asked, from the items it was made with: asked after its
+// collections are gone, and by many threads at once, it answers as one built at once. Under
+// AddressSanitizer and ThreadSanitizer this also checks that it keeps its items and builds once.
+TEST_F(VdirEntriesTest, ATableBuiltWhenFirstAskedAnswersEveryThreadAfterItsCollectionsAreGone) {
+  std::map<std::string, std::string> expected;
+  std::vector<std::string> identifiers;
+  VdirEntries entries;
+  {
+    std::vector<VdirCollection> collections(3);
+    for (std::size_t c = 0; c < collections.size(); ++c) {
+      collections[c].identifier = std::string(1, static_cast<char>('a' + c));
+      for (int i = 0; i < 60; ++i)
+        collections[c].items.push_back(
+            item(collections[c].identifier + "/" + std::to_string(100 + i) + ".ics", (i + static_cast<int>(c)) % 3));
+    }
+    expected = listed(VdirEntries::of(collections));
+    entries = VdirEntries::of(collections);
+    for (const auto& [identifier, where] : expected) identifiers.push_back(identifier);
+  }
+  ASSERT_GT(identifiers.size(), 200u);  // files of two series add a second identifier each
+  std::vector<std::map<std::string, std::string>> found(8);
+  std::vector<std::thread> threads;
+  for (std::size_t t = 0; t < found.size(); ++t)
+    threads.emplace_back([&, t] {
+      for (std::size_t at = 0; at < identifiers.size(); ++at) {
+        const auto& identifier = identifiers[(at + t * 37) % identifiers.size()];
+        if (const auto* entry = entries.find(identifier))
+          found[t][identifier] = std::to_string(entry->collection) + " " + entry->item->relativePath +
+                                 (entry->todo ? " to-do " : " series ") + std::to_string(entry->index);
+      }
+    });
+  for (auto& thread : threads) thread.join();
+  for (const auto& answers : found) EXPECT_EQ(answers, expected);
+  EXPECT_EQ(entries.size(), expected.size());
+  EXPECT_EQ(listed(entries), expected);
   EXPECT_EQ(entries.find("a/none.ics"), nullptr);
 }
 

@@ -277,11 +277,13 @@ void writeJSON(VespJsonWriter& out, const VespEventInstanceIdentifier& identifie
   const double seconds = date ? date->timeIntervalSinceReferenceDate() : 0.0;
   // The coder refuses a date it cannot write as a number; so is it refused here, with its error.
   if (!std::isfinite(seconds)) (void)VespJSONEncoder().encode(identifier);
+  using Key = VespEventInstanceIdentifier::CodingKeys;
   out.beginObject();
-  member(out, "eventIdentifier", identifier.eventIdentifier());
-  member(out, "identifier", std::string_view(date ? "withOccurrenceDate" : "noOccurrenceDate"));
+  member(out, VespEventInstanceIdentifier::stringValue(Key::eventIdentifier), identifier.eventIdentifier());
+  member(out, VespEventInstanceIdentifier::stringValue(Key::identifier),
+         std::string_view(date ? "withOccurrenceDate" : "noOccurrenceDate"));
   if (date) {
-    out.key("originalOccurrenceDate");
+    out.key(VespEventInstanceIdentifier::stringValue(Key::originalOccurrenceDate));
     // As the coder writes it: a whole number within a double's exact range as an integer.
     if (std::trunc(seconds) == seconds && std::fabs(seconds) <= 9007199254740992.0)
       out.number(static_cast<std::int64_t>(seconds));

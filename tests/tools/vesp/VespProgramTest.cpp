@@ -1515,7 +1515,8 @@ TEST_F(VespProgramTest, OccurrencesOfAGenerated10000EventStoreAgreeWithAnIndepen
 }
 
 // The program leaves its store's items to the process's exit rather than freeing them, but closes
-// the store as always: the cache and the expanded periods are written, and the next run reads them.
+// the store as always: the cache and the expanded periods are written, and the next run, over
+// them, answers the same.
 TEST_F(VespProgramTest, TheStoreIsClosedAtExitWithItsCacheAndPeriodsWritten) {
   TemporaryDirectory root, cache;
   writeFile(root.path() / "c/standup.ics",

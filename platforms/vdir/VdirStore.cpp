@@ -37,6 +37,7 @@ std::shared_ptr<VdirStore> VdirStore::make(VdirStoreOptions options, std::shared
       // Changes made once make returns must be seen: wait until the watches are in place.
       std::promise<void> ready;
       auto started = ready.get_future();
+      rivet::RivetMutexLock closeLock(store->closeMutex_);
       store->watcher_ = std::thread([weak = std::weak_ptr<VdirStore>(store), state, &ready] {
         watch(weak, state, &ready);
       });
@@ -97,18 +98,7 @@ void VdirStore::takePendingCache() {
 }
 
 VdirStore::~VdirStore() {
-  if (pendingCache_.valid()) pendingCache_.wait();
-  if (watcher_.joinable()) {
-    watchState_->watch->stop();
-    // The last reference may be let go on the watcher's own thread (by a change listener): that
-    // thread then ends by itself once it sees the stop request.
-    if (watcher_.get_id() == std::this_thread::get_id())
-      watcher_.detach();
-    else
-      watcher_.join();
-  }
-  flushCache();
-  saveExpansionCache();
+  close();
   // Items may outlive the store (in objects a host still holds), but they never touch zones again.
   queries_.forget();
   files_.clear();
@@ -167,6 +157,28 @@ void VdirStore::notifyListeners(platform::EKEntityMask changed) {
     for (auto& [token, listener] : listeners_) listeners.push_back(listener);
   }
   for (auto& listener : listeners) listener(changed);
+}
+
+void VdirStore::close() {
+  rivet::RivetMutexLock closeLock(closeMutex_);
+  {
+    rivet::RivetMutexLock rescanLock(rescanMutex_);
+    if (closed_) return;
+    // Scans from now on start no cache writer; the one a scan before may have started is joined below.
+    closed_ = true;
+    if (pendingCache_.valid()) pendingCache_.wait();
+  }
+  if (watcher_.joinable()) {
+    watchState_->watch->stop();
+    // The last reference may be let go on the watcher's own thread (by a change listener): that
+    // thread then ends by itself once it sees the stop request.
+    if (watcher_.get_id() == std::this_thread::get_id())
+      watcher_.detach();
+    else
+      watcher_.join();
+  }
+  flushCache();
+  saveExpansionCache();
 }
 
 std::vector<VdirDiagnostic> VdirStore::diagnostics() const {
@@ -250,7 +262,7 @@ platform::EKEntityMask VdirStore::adopt(VdirScanResult scan, std::int64_t scanne
     if (changed) runtime_.clear();
   }
   // Written in the background: the store answers meanwhile.
-  if (writeCache && cacheStale_ && !cacheKey_.empty())
+  if (writeCache && cacheStale_ && !cacheKey_.empty() && !closed_)
     cacheWriter_ = std::thread([this, scannedAt] { this->writeCache(scannedAt); });
   return changed;
 }

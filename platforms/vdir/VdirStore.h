@@ -159,6 +159,11 @@ class VdirStore : public VdirSnapshotSource, public std::enable_shared_from_this
   // The cache is written in the background after a scan that changed what it holds; this waits
   // until that is done (the store's destruction waits too).
   void flushCache();
+  // Ends the store's own work, as its destruction would: stops watching, waits for the cache being
+  // read and written, and saves the periods its queries expanded. The store still answers, but
+  // from then on writes no cache and saves no periods. For a host about to exit that leaves the
+  // store's memory to the exit; later calls do nothing.
+  void close() RIVET_EXCLUDES(rescanMutex_, closeMutex_);
   // Overflows the watcher has handled.
   std::uint64_t overflowCount() const { return watchState_ ? watchState_->overflows.load() : 0; }
   // True once the watcher is running (always false without watching).
@@ -228,7 +233,10 @@ class VdirStore : public VdirSnapshotSource, public std::enable_shared_from_this
 
   std::atomic<std::uint64_t> rescans_{0}, parses_{0}, saves_{0};
   std::shared_ptr<WatchState> watchState_;
-  std::thread watcher_;
+  // One close at a time; the watcher is stopped and joined under it.
+  rivet::RivetMutex closeMutex_ RIVET_ACQUIRED_BEFORE(rescanMutex_);
+  std::thread watcher_ RIVET_GUARDED_BY(closeMutex_);
+  bool closed_ RIVET_GUARDED_BY(rescanMutex_) = false;  // no cache is written from then on
 };
 
 }  // namespace vesp::vdir

@@ -232,6 +232,49 @@ TEST(VdirExpansionCacheTest, StoresOfSeveralProcessesAtOnceLeaveWholeExpansionsT
   EXPECT_EQ(files, 2u);
 }
 
+// A host about to exit closes its store and leaves its memory to the exit: the close must have
+// done what the store's destruction does, and the store must write nothing after it.
+TEST(VdirExpansionCacheTest, AClosedStoreHasSavedItsPeriodsAndStillAnswersButWritesNothingMore) {
+  TemporaryDirectory directory;
+  const auto root = directory.path() / "store";
+  fs::copy(testData("series"), root, fs::copy_options::recursive);
+  const auto cache = directory.path() / "cache";
+  auto store = open(storeOptions(root, cache));
+  const std::string cacheFile = store->cacheStatus().path;
+  const std::string expansions = expansionCachePath(cacheFile);
+  ASSERT_TRUE(fs::exists(cacheFile));
+  const auto expected = answers(*store);
+  EXPECT_FALSE(fs::exists(expansions));
+
+  store->close();
+  ASSERT_TRUE(fs::exists(expansions)) << "the periods are saved by the close";
+  const std::string savedCache = readAll(cacheFile), savedPeriods = readAll(expansions);
+  store->close();
+  EXPECT_TRUE(readAll(expansions) == savedPeriods) << "a second close writes nothing";
+
+  // Still answering: the same windows, a window never asked before, and a file added since.
+  EXPECT_EQ(answers(*store), expected);
+  const auto expanded = store->expansionCount();
+  EXPECT_FALSE(store->events(utc(2031, 1, 1), utc(2031, 2, 1), std::nullopt).empty());
+  EXPECT_GT(store->expansionCount(), expanded) << "periods the destruction could have saved";
+  writeFile(root / "cal" / "added.ics", testing::simpleEvent("added", "Added", "20310105T090000Z", "20310105T100000Z"));
+  EXPECT_TRUE(store->refresh());
+  std::vector<std::string> titles;
+  for (const auto& event : store->events(utc(2031, 1, 5), utc(2031, 1, 6), std::nullopt))
+    titles.push_back(event->title().value_or(""));
+  EXPECT_THAT(titles, ::testing::Contains("Added"));
+  store->flushCache();
+  store.reset();
+  EXPECT_TRUE(readAll(cacheFile) == savedCache) << "no cache written after the close";
+  EXPECT_TRUE(readAll(expansions) == savedPeriods) << "no periods saved after the close";
+
+  // The next store takes over what the close saved, and reads only the file added since.
+  auto next = open(storeOptions(root, cache));
+  EXPECT_GT(next->cacheStatus().adoptedPeriods, 0u) << next->cacheStatus().expansionProblem;
+  EXPECT_EQ(next->parseCount(), 1u);
+  EXPECT_EQ(answers(*next), answers(*open(storeOptions(root, std::nullopt))));
+}
+
 TEST(VdirExpansionCacheTest, ExpansionsThatCannotBeWrittenLeaveTheStoreServing) {
   TemporaryDirectory directory;
   const auto root = directory.path() / "store", cache = directory.path() / "cache";

@@ -633,6 +633,37 @@ std::set<std::string> titlesOn10March(VdirStore& store) {
   return titles;
 }
 
+// Closed from several threads at once while it answers: the watcher is stopped and joined once,
+// and later changes reach the store only when it is asked to look again.
+TEST(VdirStoreTest, ClosingAWatchedStoreStopsItsWatcherAndLeavesItAnswering) {
+  TemporaryDirectory root, config;
+  writeFile(root.path() / "c/a.ics", simpleEvent("a", "Before", "20260310T090000Z", "20260310T100000Z"));
+  std::atomic<int> heard{0};
+  auto store = VdirStore::make(testing::platformOptions(root.path(), config.path() / "access.json", true).store);
+  ASSERT_TRUE(store->isWatching());
+  store->addChangeListener([&heard](platform::EKEntityMask) { ++heard; });
+  std::vector<std::thread> threads;
+  std::atomic<bool> closing{true};
+  threads.emplace_back([&] {
+    do EXPECT_EQ(titlesOn10March(*store), std::set<std::string>{"Before"});
+    while (closing);
+  });
+  for (int i = 0; i < 4; ++i) threads.emplace_back([&] { store->close(); });
+  for (std::size_t i = 1; i < threads.size(); ++i) threads[i].join();
+  closing = false;
+  threads[0].join();
+  EXPECT_FALSE(store->isWatching());
+
+  writeFile(root.path() / "c/a.ics", simpleEvent("a", "After", "20260310T090000Z", "20260310T100000Z"));
+  // Longer than a watcher waits before it looks (at most 400 ms with these options).
+  std::this_thread::sleep_for(std::chrono::milliseconds(800));
+  EXPECT_EQ(heard.load(), 0);
+  EXPECT_EQ(titlesOn10March(*store), std::set<std::string>{"Before"});
+  EXPECT_TRUE(store->refresh());
+  EXPECT_EQ(heard.load(), 1);
+  EXPECT_EQ(titlesOn10March(*store), std::set<std::string>{"After"});
+}
+
 TEST(VdirStoreTest, AFileDeletedBetweenListingAndReadingIsLeftOutWithoutAProblem) {
   TemporaryDirectory root, config;
   writeFile(root.path() / "c/a.ics", simpleEvent("a", "A", "20260310T090000Z", "20260310T100000Z"));

@@ -220,9 +220,18 @@ std::string hexColour(const platform::CGColorRef& colour) {
 }
 
 std::string neutralised(const std::string& text, const std::string* lineIndent) {
+  // Most texts hold no byte that may need changing: up to the first such byte, they are copied whole.
+  std::size_t plain = 0;
+  while (plain < text.size()) {
+    const auto c = static_cast<unsigned char>(text[plain]);
+    if (c < 0x20 || c == 0x7F || c == 0xC2) break;
+    ++plain;
+  }
+  if (plain == text.size()) return text;
   std::string out;
-  out.reserve(text.size());
-  for (std::size_t i = 0; i < text.size(); ++i) {
+  out.reserve(text.size() + 8);
+  out.append(text, 0, plain);
+  for (std::size_t i = plain; i < text.size(); ++i) {
     const auto c = static_cast<unsigned char>(text[i]);
     const bool c1 = c == 0xC2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) >= 0x80 &&
                     static_cast<unsigned char>(text[i + 1]) <= 0x9F;  // U+0080-U+009F, CSI among them

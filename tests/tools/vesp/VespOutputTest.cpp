@@ -96,5 +96,49 @@ TEST(VespOutputTest, AnOccurrenceDateTheCoderRefusesIsRefusedWithItsError) {
   }
 }
 
+// What a terminal is to be shown of `text`, one byte (or one C1 control) at a time.
+std::string shownByteByByte(const std::string& text, const std::string* lineIndent) {
+  auto hex = [](unsigned value) {
+    const char* digits = "0123456789ABCDEF";
+    return std::string{digits[value >> 4], digits[value & 15]};
+  };
+  std::string shown;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    const auto next = i + 1 < text.size() ? static_cast<unsigned char>(text[i + 1]) : 0u;
+    if (lineIndent && c == '\r' && next == '\n') continue;
+    if (lineIndent && c == '\n')
+      shown += "\n" + *lineIndent;
+    else if (lineIndent && c == '\t')
+      shown += '\t';
+    else if (c < 0x20 || c == 0x7F)
+      shown += "\\x" + hex(c);
+    else if (c == 0xC2 && next >= 0x80 && next <= 0x9F)
+      shown += "\\u00" + hex(next), ++i;
+    else
+      shown += static_cast<char>(c);
+  }
+  return shown;
+}
+
+TEST(VespOutputTest, TextIsShownAsItsBytesOneByOneWouldBe) {
+  const std::string indent = "    ";
+  EXPECT_EQ(neutralised("Bell\xC2\x9B""31m\x1B[0m"), "Bell\\u009B31m\\x1B[0m");
+  EXPECT_EQ(neutralised("caf\xC3\xA9 \xC2\xA0ok\xC2"), "caf\xC3\xA9 \xC2\xA0ok\xC2");
+  EXPECT_EQ(neutralised("one\r\ntwo\tthree"), "one\\x0D\\x0Atwo\\x09three");
+  EXPECT_EQ(neutralised("one\r\ntwo\ntab\there", &indent), "one\n    two\n    tab\there");
+  // Random texts of the bytes that matter (controls, C1 lead and trail bytes, CR, LF, tab) and
+  // plain ones, with a plain run of any length before the first of them.
+  const char alphabet[] = "a Z\r\n\t\x1B\x7F\xC2\x80\x9B\x9F\xA0\xC3\xA9\x1F";  // and its closing NUL
+  std::mt19937 random(20261128);
+  for (int round = 0; round < 20000; ++round) {
+    std::string text(random() % 24, 'x');
+    const std::size_t length = random() % 24;
+    for (std::size_t i = 0; i < length; ++i) text += alphabet[random() % sizeof alphabet];
+    EXPECT_EQ(neutralised(text), shownByteByByte(text, nullptr));
+    EXPECT_EQ(neutralised(text, &indent), shownByteByByte(text, &indent));
+  }
+}
+
 }  // namespace
 }  // namespace vesp::tool

@@ -412,7 +412,8 @@ std::pair<Date, Date> periodOf(const Arguments& args) {
 }
 
 // Occurrences as --json, --format or the agenda (after the month's grid with --month) print them.
-void printOccurrences(Invocation& call, const std::vector<VespEventInstance>& found, std::pair<Date, Date> period,
+// The records, like the store, are then left to the exit that follows.
+void printOccurrences(Invocation& call, std::vector<VespEventInstance> found, std::pair<Date, Date> period,
                       const std::vector<std::string>* refs) {
   if (call.args.asJSON) {
     printArray(call, found, refs);
@@ -423,6 +424,7 @@ void printOccurrences(Invocation& call, const std::vector<VespEventInstance>& fo
   } else {
     printAgenda(call.out, found, period.first, period.second, call.style, refs);
   }
+  leaveToTheExit(std::make_shared<std::vector<VespEventInstance>>(std::move(found)));
 }
 
 // --format, checked before anything is read.
@@ -448,7 +450,7 @@ void runEvents(Invocation& call) {
     const Date from = localMidnightOf(first), to = addLocalDays(localMidnightOf(last), 1);
     refs = references(found, valueOrExit(manager.getEventInstances(from, to, VespCalendarQuery::all()), kExitFailure));
   }
-  printOccurrences(call, found, {start, end}, refs ? &*refs : nullptr);
+  printOccurrences(call, std::move(found), {start, end}, refs ? &*refs : nullptr);
 }
 
 // Whether `event` mentions `folded` (a folded text) in its title, location, notes, or an
@@ -479,7 +481,7 @@ void runSearch(Invocation& call) {
   auto query = queryOf(call.args, valueOrExit(manager.getAllEventCalendars(), kExitFailure), "calendars");
   auto found = valueOrExit(manager.getEventInstances(start, end, query), kExitFailure);
   std::erase_if(found, [&](const VespEventInstance& event) { return !mentions(event, wanted); });
-  printOccurrences(call, found, {start, end}, nullptr);
+  printOccurrences(call, std::move(found), {start, end}, nullptr);
 }
 
 // The occurrence a short reference ("20261109-3fa2", as `vesp events --refs` prints it) names;

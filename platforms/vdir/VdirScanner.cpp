@@ -83,9 +83,10 @@ struct VdirScanner::Slot {
   bool parse = false, gone = false, unreadable = false;
 };
 
-// A problem of the tree (no slot), or the place of a file's own problems in the listing.
+// A problem of the tree, met when `slotsBefore` files had been listed: it is reported among the
+// files' own problems, in the order they were met.
 struct VdirScanner::Problem {
-  std::optional<std::size_t> slot;
+  std::size_t slotsBefore = 0;
   VdirDiagnostic diagnostic;
 };
 
@@ -127,7 +128,7 @@ VdirScanner::VdirScanner(const VdirStoreOptions& options, VdirEnv& env, VdirZone
 VdirScanner::~VdirScanner() = default;
 
 void VdirScanner::problem(std::string path, VdirDiagnostic::Action action, std::string text) {
-  problems_.push_back({std::nullopt, {std::move(path), action, std::move(text)}});
+  problems_.push_back({slots_.size(), {std::move(path), action, std::move(text)}});
 }
 
 VdirScanner::Listing VdirScanner::listDirectory(std::string directory, const std::string& relative) {
@@ -185,7 +186,6 @@ void VdirScanner::addCollection(Listing listing, const std::string& identifier,
     slot.directory = held;
     if (!held) slot.path = listing.pathOf(entry);
     slot.name = std::move(entry.name);
-    problems_.push_back({slots_.size(), {}});
     collection.slots.push_back(slots_.size());
     slots_.push_back(std::move(slot));
   }
@@ -247,7 +247,6 @@ void VdirScanner::list(VdirSources& sources) {
 }
 
 std::size_t VdirScanner::addSlot(Slot slot) {
-  problems_.push_back({slots_.size(), {}});
   slots_.push_back(std::move(slot));
   return slots_.size() - 1;
 }
@@ -424,12 +423,13 @@ VdirScanResult VdirScanner::finish(const VdirCalendars& previous) {
   VdirScanResult result;
   result.reread = toParse_.size();
   auto& next = *next_;
-  for (const auto& p : problems_) {
-    if (!p.slot) {
-      next.diagnostics.push_back(p.diagnostic);
-    } else if (const Slot& slot = slots_[*p.slot]; !slot.gone) {
+  auto problem = problems_.begin();
+  for (std::size_t at = 0; at <= slots_.size(); ++at) {
+    for (; problem != problems_.end() && problem->slotsBefore <= at; ++problem)
+      next.diagnostics.push_back(problem->diagnostic);
+    if (at == slots_.size()) break;
+    if (const Slot& slot = slots_[at]; !slot.gone)
       next.diagnostics.insert(next.diagnostics.end(), slot.record.diagnostics.begin(), slot.record.diagnostics.end());
-    }
   }
   result.records.reserve(slots_.size());
   for (auto& pending : collections_) next.collections.push_back(assemble(pending, previous, result));

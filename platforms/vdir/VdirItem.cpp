@@ -234,6 +234,13 @@ void keepUtf8(VdirParticipantData& participant) {
   keepUtf8(participant.name);
   keepUtf8(participant.address);
 }
+void keepUtf8(std::shared_ptr<const VdirParticipantData>& participant) {
+  if (!participant || (isValidUtf8(participant->address) && (!participant->name || isValidUtf8(*participant->name))))
+    return;
+  auto copy = std::make_shared<VdirParticipantData>(*participant);
+  keepUtf8(*copy);
+  participant = std::move(copy);
+}
 void keepUtf8(const std::shared_ptr<const VdirLocationData>& location, std::shared_ptr<const VdirLocationData>& out) {
   if (!location || !location->title || isValidUtf8(*location->title)) return;
   auto copy = std::make_shared<VdirLocationData>(*location);
@@ -244,7 +251,7 @@ void keepUtf8(VdirComponentData& data) {
   for (auto* text : {&data.summary, &data.description, &data.location, &data.url, &data.timeZoneName}) keepUtf8(*text);
   keepUtf8(data.uid);
   for (auto& attendee : data.attendees) keepUtf8(attendee);
-  if (data.organizer) keepUtf8(*data.organizer);
+  keepUtf8(data.organizer);
   keepUtf8(data.structuredLocation, data.structuredLocation);
   for (auto& alarm : data.alarms) keepUtf8(alarm.location, alarm.location);
 }
@@ -507,7 +514,8 @@ class Reader {
 
     for (icalproperty* p : properties.attendees)
       data.attendees.push_back(participant(p, icalproperty_get_attendee(p), false));
-    if (icalproperty* p = properties.organizer) data.organizer = participant(p, icalproperty_get_organizer(p), true);
+    if (icalproperty* p = properties.organizer)
+      data.organizer = std::make_shared<const VdirParticipantData>(participant(p, icalproperty_get_organizer(p), true));
 
     data.structuredLocation = structuredLocation(properties);
     if (icalproperty* geo = properties.geo) {

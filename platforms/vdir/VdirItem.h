@@ -106,7 +106,7 @@ struct VdirComponentData {
   platform::EKEventStatus status = platform::EKEventStatusNone;                     // events
   platform::EKEventAvailability availability = platform::EKEventAvailabilityBusy;  // events
   std::vector<VdirParticipantData> attendees;
-  std::optional<VdirParticipantData> organizer;
+  std::shared_ptr<const VdirParticipantData> organizer;  // held apart: most components have none
   std::vector<VdirAlarmData> alarms;
   std::shared_ptr<const VdirLocationData> structuredLocation;
   std::optional<double> travelTime;  // seconds

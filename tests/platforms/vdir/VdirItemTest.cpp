@@ -427,6 +427,17 @@ TEST(VdirItemTest, AnEscapeBeforeAMultiByteCharacterStillGivesUtf8) {
   EXPECT_TRUE(isValidUtf8(*read.master().summary)) << *read.master().summary;
   EXPECT_TRUE(isValidUtf8(*read.master().description)) << *read.master().description;
   EXPECT_THAT(*read.master().description, HasSubstr(" and more"));
+  // And in the names and addresses of the organizer and the attendees.
+  Read people(simpleEvent("b", "Team", "20260310T090000Z", "20260310T100000Z",
+                          "ORGANIZER;CN=\"Ren\\\xC3\xA9" "e\":mailto:ren\\\xC3\xA9" "e@example.org\r\n"
+                          "ATTENDEE;CN=\"Jos\\\xC3\xA9\":mailto:jos\\\xC3\xA9@example.org\r\n"));
+  ASSERT_NE(people.result.item, nullptr);
+  ASSERT_TRUE(people.master().organizer);
+  ASSERT_EQ(people.master().attendees.size(), 1u);
+  for (const auto* participant : {people.master().organizer.get(), &people.master().attendees[0]}) {
+    EXPECT_TRUE(isValidUtf8(participant->name.value_or(""))) << participant->name.value_or("");
+    EXPECT_TRUE(isValidUtf8(participant->address)) << participant->address;
+  }
 }
 
 TEST(VdirItemTest, ALongProblemIsShortenedBetweenCharacters) {

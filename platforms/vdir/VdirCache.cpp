@@ -723,11 +723,15 @@ std::string sealCachePayload(std::string_view payload) {
 }
 
 rivet::RivetResult<VdirFileRecords> decodeCache(std::string_view bytes, const std::string& key, VdirZones& zones,
-                                                unsigned threads) {
+                                                unsigned threads,
+                                                const std::function<void(std::string_view)>& release) {
   auto corrupt = [](std::string problem) { return cacheFailure(std::move(problem), "decodeCache", __LINE__); };
   auto sealed = cachePayload(bytes, kMagic, kVdirCacheFormat, "decodeCache");
   if (!sealed) return sealed.error();
   const std::string_view payload = *sealed;
+  // Checking the hash read every byte; the blocks are read once more, each by one thread, and
+  // given back as each is decoded, so that the cache and what it decodes to are not held at once.
+  if (release) release(payload);
 
   VdirCacheReader r(payload);
   if (r.text() != ICAL_VERSION && !r.failed()) return corrupt("a cache written with another libical");
@@ -761,6 +765,7 @@ rivet::RivetResult<VdirFileRecords> decodeCache(std::string_view bytes, const st
     for (auto& entry : out) entry = decoder.record();
     if (!blockReader.failed() && !blockReader.atEnd()) blockReader.fail("data after a block's last entry");
     if (blockReader.failed()) failures[b] = blockReader.problem();
+    if (release) release(blocks[b]);
   });
   for (const auto& failure : failures)
     if (!failure.empty()) return corrupt(failure);
@@ -782,7 +787,8 @@ rivet::RivetResult<VdirFileRecords> readCache(VdirEnv& env, const std::string& p
   // rewritten in place, so the mapping stays as it was read.
   auto region = env.map(path);
   if (!region) return cacheFailure("the cache cannot be read: " + region.error().message(), "readCache", __LINE__);
-  return decodeCache((*region)->bytes(), key, zones, threads);
+  const VdirRegion& mapped = **region;
+  return decodeCache(mapped.bytes(), key, zones, threads, [&mapped](std::string_view part) { mapped.release(part); });
 }
 
 rivet::RivetResult<void> writeCacheFile(VdirEnv& env, const std::string& path, std::string_view bytes) {

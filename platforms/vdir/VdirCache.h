@@ -17,6 +17,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -103,9 +104,11 @@ bool trustedRecord(std::int64_t modified, std::int64_t changed, std::int64_t sca
 
 // The records of a cache's bytes; a failure (whose message says why) when the bytes are not a
 // whole, undamaged cache of this format for `key`. Zones are rebuilt into `zones`. Decoding runs on
-// up to `threads` threads.
+// up to `threads` threads; `release` (when given) is called with each part of `bytes` it is done
+// with, from any of them.
 rivet::RivetResult<VdirFileRecords> decodeCache(std::string_view bytes, const std::string& key, VdirZones& zones,
-                                                unsigned threads);
+                                                unsigned threads,
+                                                const std::function<void(std::string_view)>& release = {});
 
 // A cache's bytes around `payload`: the header with the payload's length and hash (for tests and
 // fuzzing, which need caches whose payload is damaged but whose header is right).

@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -72,6 +73,16 @@ class MappedRegion : public VdirRegion {
     if (size_ > 0) ::munmap(at_, size_);
   }
   std::string_view bytes() const override { return {static_cast<const char*>(at_), size_}; }
+  void release(std::string_view part) const override {
+    // Only pages wholly inside `part`: the bytes around it may still be read.
+    static const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
+    const auto begin = reinterpret_cast<std::uintptr_t>(part.data());
+    const std::uintptr_t first = (begin + page - 1) / page * page, last = (begin + part.size()) / page * page;
+    const auto mapped = reinterpret_cast<std::uintptr_t>(at_);
+    if (part.empty() || begin < mapped || begin + part.size() > mapped + size_ || first >= last) return;
+    // Advice only: the pages of a private, read-only mapping are read from the file again when needed.
+    (void)::madvise(reinterpret_cast<void*>(first), last - first, MADV_DONTNEED);
+  }
 
  private:
   void* const at_;

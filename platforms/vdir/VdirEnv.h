@@ -79,6 +79,10 @@ class VdirRegion {
  public:
   virtual ~VdirRegion() = default;
   virtual std::string_view bytes() const = 0;
+  // Says that `part` of bytes() need not stay in memory: a mapped region gives back the whole pages
+  // inside it, which are read from the file again if they are touched. The bytes do not change.
+  // Safe to call from several threads at once.
+  virtual void release(std::string_view part) const { (void)part; }
 };
 
 // Directories watched for changes under them. Used by one thread, except stop().

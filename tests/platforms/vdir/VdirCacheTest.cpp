@@ -9,9 +9,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <mutex>
 #include <thread>
 
 #include "Vesp/VespEventInstance.h"
@@ -271,6 +273,58 @@ TEST(VdirCacheTest, ACacheWithABadPayloadUnderARightHeaderIsIgnored) {
     std::string changed = payload;
     changed[at] = static_cast<char>(~changed[at]);
     (void)decodeCache(sealCachePayload(changed), key, zones, 1);
+  }
+}
+
+// Decoding gives back what it read, so that a mapped cache and its records are not held whole at
+// once: the payload after its hash is checked, then each block as it is decoded, from its thread.
+TEST(VdirCacheTest, DecodingReleasesThePayloadOnceCheckedAndEachBlockOnceDecoded) {
+  TemporaryDirectory directory;
+  makeStore(directory.path() / "store", 1);
+  auto store = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"));
+  const auto [payload, key] = cachePayloadOf(*store);
+  VdirZones zones;
+  auto one = decodeCache(sealCachePayload(payload), key, zones, 1);
+  ASSERT_TRUE(one) << one.error().message();
+  ASSERT_EQ(one->size(), 1u);
+  // 5,000 records (three blocks), each the store's one record under a path of its own.
+  VdirFileRecords records;
+  for (int i = 0; i < 5000; ++i) {
+    auto item = std::make_shared<VdirItem>(*one->front().second.item);
+    item->relativePath = "cal/e" + std::to_string(i) + ".ics";
+    VdirFileRecord record = one->front().second;
+    record.item = item;
+    records.emplace_back(item->relativePath, std::move(record));
+  }
+  std::size_t left = 0;
+  const std::string bytes = encodeCache(key, records, zones, std::numeric_limits<std::int64_t>::max(), left);
+  ASSERT_EQ(left, 0u);
+
+  std::mutex mutex;
+  std::vector<std::string_view> released;
+  auto decoded = decodeCache(bytes, key, zones, 2, [&](std::string_view part) {
+    std::lock_guard lock(mutex);
+    released.push_back(part);
+  });
+  ASSERT_TRUE(decoded) << decoded.error().message();
+  ASSERT_EQ(decoded->size(), records.size());
+  for (std::size_t i = 0; i < records.size(); ++i) {
+    EXPECT_EQ((*decoded)[i].first, records[i].first);
+    EXPECT_EQ((*decoded)[i].second.item->relativePath, records[i].first);
+  }
+  const std::string_view sealed(bytes), checked = sealed.substr(32);
+  ASSERT_EQ(released.size(), 4u);
+  EXPECT_EQ(released.front().data(), checked.data());
+  EXPECT_EQ(released.front().size(), checked.size());
+  std::vector<std::string_view> blocks(released.begin() + 1, released.end());
+  std::sort(blocks.begin(), blocks.end(), [](auto a, auto b) { return a.data() < b.data(); });
+  for (std::size_t b = 0; b < blocks.size(); ++b) {
+    EXPECT_GT(blocks[b].size(), 0u);
+    EXPECT_GE(blocks[b].data(), checked.data());
+    EXPECT_LE(blocks[b].data() + blocks[b].size(), checked.data() + checked.size());
+    if (b > 0) {
+      EXPECT_LE(blocks[b - 1].data() + blocks[b - 1].size(), blocks[b].data()) << "blocks overlap";
+    }
   }
 }
 

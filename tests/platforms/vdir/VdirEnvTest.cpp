@@ -9,6 +9,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <latch>
@@ -135,6 +137,44 @@ TEST_F(VdirEnvTest, AMappedFileHoldsItsBytesAndAnEmptyOneNone) {
   ASSERT_TRUE(empty);
   EXPECT_TRUE((*empty)->bytes().empty());
   EXPECT_FALSE(env_->map(at("missing")));
+}
+
+// The resident size, in kB, of this process's mapping that holds `address` (from /proc/self/smaps).
+std::optional<long> residentKilobytesOfMappingAt(const void* address) {
+  std::ifstream smaps("/proc/self/smaps");
+  const auto wanted = reinterpret_cast<std::uintptr_t>(address);
+  bool inside = false;
+  for (std::string line; std::getline(smaps, line);) {
+    unsigned long begin = 0, end = 0;
+    if (std::sscanf(line.c_str(), "%lx-%lx ", &begin, &end) == 2 && line.find(':') > line.find('-')) {
+      inside = begin <= wanted && wanted < end;
+    } else if (inside && line.rfind("Rss:", 0) == 0) {
+      return std::stol(line.substr(4));
+    }
+  }
+  return std::nullopt;
+}
+
+TEST_F(VdirEnvTest, AMappedRegionGivesBackTheWholePagesOfWhatIsReleasedAndStillReadsTheSame) {
+  std::string text(4 << 20, '\0');
+  for (std::size_t i = 0; i < text.size(); ++i) text[i] = static_cast<char>((i * 2654435761u) >> 13);
+  writeFile(root_.path() / "big", text);
+  auto mapped = env_->map(at("big"));
+  ASSERT_TRUE(mapped) << mapped.error().message();
+  const VdirRegion& region = **mapped;
+  const std::string_view bytes = region.bytes();
+  ASSERT_TRUE(bytes == text);
+  ASSERT_GE(residentKilobytesOfMappingAt(bytes.data()).value_or(0), 4000);
+
+  // Parts outside the region, and empty ones, change nothing.
+  region.release({});
+  region.release(std::string_view(text));
+  EXPECT_GE(residentKilobytesOfMappingAt(bytes.data()).value_or(0), 4000);
+  // All but a byte at each end: the two pages that hold them stay.
+  region.release(bytes.substr(1, bytes.size() - 2));
+  EXPECT_LE(residentKilobytesOfMappingAt(bytes.data()).value_or(-1), 8);
+  EXPECT_TRUE(bytes == text);
+  EXPECT_GE(residentKilobytesOfMappingAt(bytes.data()).value_or(0), 4000) << "read again from the file";
 }
 
 TEST_F(VdirEnvTest, DirectoriesAreMadeAndAFileReplacedInThem) {

@@ -173,8 +173,8 @@ class VdirStore : public VdirSnapshotSource, public std::enable_shared_from_this
   VdirStore(VdirStoreOptions options, std::shared_ptr<VdirEnv> env);
   // Both return the kinds of items that changed, 0 when nothing did.
   platform::EKEntityMask rescan() RIVET_EXCLUDES(rescanMutex_, mutex_);
-  // Serves the scan's snapshot and keeps its records. With `writeCache`, starts writing the cache
-  // when it no longer holds the records.
+  // Serves the scan's snapshot and keeps its records. With `writeCache`, and until the store is
+  // closed, starts writing the cache when it no longer holds the records.
   platform::EKEntityMask adopt(VdirScanResult scan, std::int64_t scannedAt, bool writeCache)
       RIVET_REQUIRES(rescanMutex_) RIVET_EXCLUDES(mutex_);
   rivet::RivetResult<std::string> writableDirectory(const std::string& collection) const RIVET_EXCLUDES(mutex_);

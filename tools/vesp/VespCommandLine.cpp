@@ -111,7 +111,7 @@ class Session {
 
   // The store is closed (its cache and kept periods written, its threads joined), but its memory
   // is left to the process's exit, which is about to come: freeing its items, records and
-  // expansions one by one took a quarter of a large store's run.
+  // expansions one by one took about a quarter of a month's listing at 100,000 events.
   ~Session() {
     (void)framework_.applicationDidEnterBackground(impetus());
     (void)framework_.tearDownAll(impetus());

@@ -256,11 +256,15 @@ CachePayload cachePayloadOf(const VdirStore& store) {
   return {payload, text(4 + text(0).size())};
 }
 
+// The cache's payload and key of a store of `count` events made under `directory`.
+CachePayload cachePayloadOfNewStore(const fs::path& directory, int count) {
+  makeStore(directory / "store", count);
+  return cachePayloadOf(*openFlushed(storeOptions(directory / "store", directory / "cache")));
+}
+
 TEST(VdirCacheTest, ACacheWithABadPayloadUnderARightHeaderIsIgnored) {
   TemporaryDirectory directory;
-  makeStore(directory.path() / "store", 4);
-  auto first = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"));
-  const auto [payload, key] = cachePayloadOf(*first);
+  const auto [payload, key] = cachePayloadOfNewStore(directory.path(), 4);
   VdirZones zones;
   ASSERT_THAT(key, ::testing::HasSubstr("root="));
   auto whole = decodeCache(sealCachePayload(payload), key, zones, 2);
@@ -280,9 +284,7 @@ TEST(VdirCacheTest, ACacheWithABadPayloadUnderARightHeaderIsIgnored) {
 // once: the payload after its hash is checked, then each block as it is decoded, from its thread.
 TEST(VdirCacheTest, DecodingReleasesThePayloadOnceCheckedAndEachBlockOnceDecoded) {
   TemporaryDirectory directory;
-  makeStore(directory.path() / "store", 1);
-  auto store = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"));
-  const auto [payload, key] = cachePayloadOf(*store);
+  const auto [payload, key] = cachePayloadOfNewStore(directory.path(), 1);
   VdirZones zones;
   auto one = decodeCache(sealCachePayload(payload), key, zones, 1);
   ASSERT_TRUE(one) << one.error().message();
@@ -332,9 +334,7 @@ TEST(VdirCacheTest, DecodingReleasesThePayloadOnceCheckedAndEachBlockOnceDecoded
 // field's place (a cache of another schema), is damage, and the cache is not used.
 TEST(VdirCacheTest, AFieldOfNoKnownTagOrOutOfItsPlaceIsRefused) {
   TemporaryDirectory directory;
-  makeStore(directory.path() / "store", 4);
-  auto first = openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache"));
-  const auto [payload, key] = cachePayloadOf(*first);
+  const auto [payload, key] = cachePayloadOfNewStore(directory.path(), 4);
   VdirZones zones;
   ASSERT_TRUE(decodeCache(sealCachePayload(payload), key, zones, 1));
   // A record starts with its path: a tag, a 32-bit length, the bytes.

@@ -36,6 +36,7 @@ struct VdirExpansionLimits {
   std::size_t maximumOccurrencesPerSeries = 100000;
   std::size_t maximumIteratorStepsPerSeries = 1000000;
   double maximumSecondsPerSeries = 2.0;
+  // Past this many, a query answers whole series by their first start until it is met (VdirQueries).
   std::size_t maximumOccurrencesPerQuery = 1000000;
   double maximumSecondsPerQuery = 10.0;
 };

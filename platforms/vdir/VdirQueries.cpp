@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -151,12 +153,18 @@ struct Found {
 // Series to expand taken at a time by a thread of a query.
 constexpr std::size_t kSeriesPerTask = 64;
 
+// A problem a query met, with the series it concerns (null: the whole query).
+struct Problem {
+  const VdirSeriesData* series = nullptr;
+  VdirDiagnostic diagnostic;
+};
+
 // A run of a query's series to expand, what it found in them and the problems it met (reported by
 // the querying thread, once the others are done).
 struct Task {
   std::size_t from = 0, to = 0;
   std::vector<Found> found;
-  std::vector<VdirDiagnostic> problems;
+  std::vector<Problem> problems;
 };
 
 // What the tasks of one query share.
@@ -173,25 +181,38 @@ struct Walk {
   std::chrono::steady_clock::time_point began = std::chrono::steady_clock::now();
   std::atomic<std::size_t> total{0};
   std::atomic<bool> stopped{false};
+  std::atomic<bool> full{false};  // stopped first by the occurrence limit (not by time): see cutInOrder
 };
 
 const std::string& pathOf(const VdirSnapshot& snapshot, const VdirTimeIndex::Entry& entry) {
   return snapshot.collections[entry.collection].items[entry.item]->relativePath;
 }
 
+double secondsSince(std::chrono::steady_clock::time_point began) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+}
+
+VdirDiagnostic stoppedQuery(const Walk& walk, const VdirTimeIndex::Entry& entry, std::size_t total) {
+  return {".", VdirDiagnostic::Action::truncated,
+          "query " + walk.window + " stopped at " + pathOf(walk.snapshot, entry) + " after " + std::to_string(total) +
+              " occurrences: the answer is incomplete"};
+}
+
 // Whether the query must stop before `entry`: its occurrences reached their limit, or its time
-// did (the clock is read every 64 series of a task). The task that stops it says why.
+// did (the clock is read every 64 series of a task). The task that stops it for time says why; a
+// stop at the limit is said by cutInOrder, which decides where the answer ends.
 bool stopsBefore(Walk& walk, const VdirTimeIndex::Entry& entry, std::size_t visited, Task& task) {
   if (walk.stopped) return true;
   const std::size_t total = walk.total;
   const bool full = total >= walk.limits.maximumOccurrencesPerQuery;
   if (!full && (visited & 63) != 0) return false;
-  const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - walk.began).count();
-  if (!full && elapsed <= walk.limits.maximumSecondsPerQuery) return false;
-  if (!walk.stopped.exchange(true))
-    task.problems.push_back({".", VdirDiagnostic::Action::truncated,
-                             "query " + walk.window + " stopped at " + pathOf(walk.snapshot, entry) + " after " +
-                                 std::to_string(total) + " occurrences: the answer is incomplete"});
+  if (!full && secondsSince(walk.began) <= walk.limits.maximumSecondsPerQuery) return false;
+  if (!walk.stopped.exchange(true)) {
+    if (full)
+      walk.full = true;
+    else
+      task.problems.push_back({nullptr, stoppedQuery(walk, entry, total)});
+  }
   return true;
 }
 
@@ -204,25 +225,75 @@ void addFound(Walk& walk, const VdirTimeIndex::Entry& entry, const std::vector<V
   walk.total += occurrences.size();
 }
 
-// The occurrences of the task's series: a recurring one's periods that the index lacks expanded
-// and kept, and answered from them; a series that does not recur, or a window too wide to keep,
-// expanded for the window.
+// Adds to `task` the occurrences of the series of `entry`: a recurring one's periods that the
+// index lacks expanded and kept, and answered from them; a series that does not recur, or a window
+// too wide to keep, expanded for the window.
+void walkOne(Walk& walk, const VdirTimeIndex::Entry& entry, std::vector<VdirOccurrence>& occurrences, Task& task) {
+  occurrences.clear();
+  if (!entry.series->isRecurring() ||
+      !walk.index.occurrencesThroughPeriods(*entry.series, walk.a, walk.b, walk.clock, walk.limits, walk.expansions,
+                                            occurrences)) {
+    if (auto expanded = expandSeries(*entry.series, walk.clock, walk.a, walk.b, walk.limits, occurrences); !expanded)
+      task.problems.push_back(
+          {entry.series,
+           {pathOf(walk.snapshot, entry), VdirDiagnostic::Action::truncated, expanded.error().message()}});
+  }
+  addFound(walk, entry, occurrences, task);
+}
+
 void walkSeries(Walk& walk, Task& task) {
   std::vector<VdirOccurrence> occurrences;
   for (std::size_t at = task.from; at < task.to; ++at) {
     const VdirTimeIndex::Entry& entry = *walk.entries[at];
     if (stopsBefore(walk, entry, at - task.from + 1, task)) return;
-    occurrences.clear();
-    if (!entry.series->isRecurring() ||
-        !walk.index.occurrencesThroughPeriods(*entry.series, walk.a, walk.b, walk.clock, walk.limits,
-                                              walk.expansions, occurrences)) {
-      if (auto expanded = expandSeries(*entry.series, walk.clock, walk.a, walk.b, walk.limits, occurrences);
-          !expanded)
-        task.problems.push_back(
-            {pathOf(walk.snapshot, entry), VdirDiagnostic::Action::truncated, expanded.error().message()});
-    }
-    addFound(walk, entry, occurrences, task);
+    walkOne(walk, entry, occurrences, task);
   }
+}
+
+// The answer of a query that met its occurrence limit. Which series its threads had reached by
+// then depends on their timing and on the periods the index kept; the answer does not: it holds
+// whole series in the order of their first possible start (then of their identifier) until the
+// limit is met, with their problems, and reports the first series left out. Series the threads
+// did not reach (or that gave nothing) are expanded here, mostly from periods kept meanwhile;
+// those they reached past the cut are dropped.
+Task cutInOrder(Walk& walk, const std::vector<char>& chosen, std::vector<Task>& tasks) {
+  std::unordered_map<const VdirSeriesData*, Task> reached;
+  for (auto& task : tasks) {
+    for (auto& found : task.found) reached[found.series].found.push_back(std::move(found));
+    for (auto& problem : task.problems) reached[problem.series].problems.push_back(std::move(problem));
+  }
+  std::vector<const VdirTimeIndex::Entry*> order;
+  walk.index.candidates(walk.a, walk.b, [&](const VdirTimeIndex::Entry& entry) {
+    if (chosen[entry.collection]) order.push_back(&entry);
+  });
+  std::sort(order.begin(), order.end(), [](const VdirTimeIndex::Entry* x, const VdirTimeIndex::Entry* y) {
+    if (x->series->firstStart != y->series->firstStart) return x->series->firstStart < y->series->firstStart;
+    return x->series->identifier < y->series->identifier;
+  });
+  Task answer;
+  std::vector<VdirOccurrence> occurrences;
+  std::size_t total = 0;
+  for (const VdirTimeIndex::Entry* entry : order) {
+    if (total >= walk.limits.maximumOccurrencesPerQuery) {
+      answer.problems.push_back({nullptr, stoppedQuery(walk, *entry, total)});
+      break;
+    }
+    auto at = reached.find(entry->series);
+    Task expanded;
+    if (at == reached.end()) {
+      if (secondsSince(walk.began) > walk.limits.maximumSecondsPerQuery) {
+        answer.problems.push_back({nullptr, stoppedQuery(walk, *entry, total)});
+        break;
+      }
+      walkOne(walk, *entry, occurrences, expanded);
+    }
+    Task& own = at == reached.end() ? expanded : at->second;
+    total += own.found.size();
+    answer.found.insert(answer.found.end(), std::make_move_iterator(own.found.begin()),
+                        std::make_move_iterator(own.found.end()));
+    for (auto& problem : own.problems) answer.problems.push_back(std::move(problem));
+  }
+  return answer;
 }
 
 }  // namespace
@@ -263,11 +334,16 @@ std::vector<std::shared_ptr<platform::EKEvent>> VdirQueries::events(
   for (std::size_t t = 1; t < tasks.size(); ++t)
     tasks[t].from = (t - 1) * kSeriesPerTask, tasks[t].to = std::min(walk.entries.size(), t * kSeriesPerTask);
   runOnEveryCore(threads_, tasks.size() - 1, 1, [&](std::size_t t) { walkSeries(walk, tasks[t + 1]); });
+  if (walk.full) {
+    Task answer = cutInOrder(walk, chosen, tasks);
+    tasks.clear();
+    tasks.push_back(std::move(answer));
+  }
   std::vector<Found> found;
   found.reserve(walk.total);
   for (auto& task : tasks) {
     found.insert(found.end(), task.found.begin(), task.found.end());
-    for (auto& problem : task.problems) report(std::move(problem));
+    for (auto& problem : task.problems) report(std::move(problem.diagnostic));
   }
   std::sort(found.begin(), found.end(), [&order](const Found& x, const Found& y) {
     if (x.occurrence.start != y.occurrence.start) return x.occurrence.start < y.occurrence.start;

@@ -4,7 +4,9 @@
 // Window queries go through a time index over each snapshot (only series that can overlap the
 // window are looked at) whose kept expansions of recurring series carry over to the index of the
 // next snapshot. A query or an expansion cut short by a limit (VdirExpansionLimits) still answers
-// with what it found, and reports the cut to the problem sink.
+// with what it found, and reports the cut to the problem sink. A query cut by its occurrence limit
+// answers whole series, in the order of their first possible start (then of their identifier),
+// until the limit is met: the same answer whatever its threads, their timing and the periods kept.
 //
 // Thread safety: every member function may be called from any thread. Queries share the index:
 // they wait for each other only while taking the index of their snapshot and while taking or

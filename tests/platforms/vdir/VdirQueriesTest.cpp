@@ -5,8 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
+#include <ctime>
 #include <map>
+#include <optional>
 #include <memory>
 #include <random>
 #include <set>
@@ -88,6 +89,37 @@ class VdirQueriesTest : public ::testing::Test {
     for (const auto& event : events)
       result.push_back(event->title().value_or("") + " " + event->startDate().value().iso8601() + " " +
                        event->calendar()->calendarIdentifier());
+    return result;
+  }
+
+  // 1500 series in collections "a" and "b", recurring in four ways; five start at each of 300
+  // times, spread over 2026 out of the files' order. Their starts go to `firstStarts`.
+  std::shared_ptr<const VdirSnapshot> seriesOverTheYear(std::map<std::string, double>& firstStarts) {
+    static const char* const kRules[] = {"RRULE:FREQ=DAILY;INTERVAL=3\r\n", "RRULE:FREQ=WEEKLY;BYDAY=MO,TH\r\n",
+                                         "RRULE:FREQ=MONTHLY;COUNT=40\r\n", ""};
+    std::map<std::string, Files> byCollection;
+    const double newYear = utc(2026, 1, 1).timeIntervalSince1970();
+    for (int i = 0; i < 1500; ++i) {
+      const int slot = i * 119 % 300;
+      const auto start = static_cast<std::time_t>(newYear + slot * 86400.0 + (9 + slot % 10) * 3600.0);
+      char from[32], to[32];
+      std::tm parts{};
+      gmtime_r(&start, &parts);
+      std::strftime(from, sizeof from, "%Y%m%dT%H%M%SZ", &parts);
+      std::strftime(to, sizeof to, "%Y%m%dT%H3000Z", &parts);
+      const std::string collection = i % 2 ? "b" : "a", name = std::to_string(i);
+      byCollection[collection].emplace_back(name + ".ics",
+                                            simpleEvent("e" + name, "E" + name, from, to, kRules[i % 4]));
+      firstStarts[collection + "/" + name + ".ics"] = static_cast<double>(start);
+    }
+    return snapshotOf({{"a", byCollection["a"]}, {"b", byCollection["b"]}});
+  }
+
+  // Each occurrence as its event identifier and start.
+  static std::vector<std::string> occurrences(const std::vector<std::shared_ptr<platform::EKEvent>>& events) {
+    std::vector<std::string> result;
+    for (const auto& event : events)
+      result.push_back(event->eventIdentifier().value() + " " + event->startDate().value().iso8601());
     return result;
   }
 
@@ -240,24 +272,26 @@ TEST_F(VdirQueriesTest, OnlySeriesThatRecurHavePeriodsKept) {
   EXPECT_GT(q.newlyKept(), 0u);
 }
 
-TEST_F(VdirQueriesTest, AQueryCutByItsLimitAnswersWhatItFoundAndReportsTheCut) {
+TEST_F(VdirQueriesTest, AQueryCutByItsLimitAnswersTheEarliestSeriesAndReportsTheFirstLeftOut) {
   Files files;
-  for (int day = 1; day <= 9; ++day) {
+  for (int day = 9; day >= 1; --day) {
     const std::string date = "2026030" + std::to_string(day);
     files.emplace_back(std::to_string(day) + ".ics",
-                       simpleEvent("e" + std::to_string(day), "E", date + "T090000Z", date + "T100000Z"));
+                       simpleEvent("e" + std::to_string(day), "E" + std::to_string(day), date + "T090000Z",
+                                   date + "T100000Z"));
   }
   auto snapshot = snapshotOf({{"cal", files}});
   VdirExpansionLimits limits;
   limits.maximumOccurrencesPerQuery = 3;
   auto q = queries(limits);
-  auto events = q.events(snapshot, utc(2026, 3, 1), utc(2026, 4, 1), std::nullopt);
-  EXPECT_GE(events.size(), 3u);
-  EXPECT_LT(events.size(), 9u);
+  EXPECT_THAT(titles(q.events(snapshot, utc(2026, 3, 1), utc(2026, 4, 1), std::nullopt)),
+              ElementsAre("E1 2026-03-01T09:00:00Z cal", "E2 2026-03-02T09:00:00Z cal", "E3 2026-03-03T09:00:00Z cal"));
   ASSERT_EQ(problems_.size(), 1u);
   EXPECT_EQ(problems_[0].path, ".");
   EXPECT_EQ(problems_[0].action, VdirDiagnostic::Action::truncated);
-  EXPECT_THAT(problems_[0].problem, ::testing::HasSubstr("the answer is incomplete"));
+  EXPECT_EQ(problems_[0].problem,
+            "query from 2026-03-01T00:00:00Z to 2026-04-01T00:00:00Z stopped at cal/4.ics after 3 occurrences: "
+            "the answer is incomplete");
 }
 
 TEST_F(VdirQueriesTest, AnExpansionCutByTheSeriesLimitIsReportedAgainstItsFile) {
@@ -275,17 +309,8 @@ TEST_F(VdirQueriesTest, AnExpansionCutByTheSeriesLimitIsReportedAgainstItsFile) 
 // Enough series for a query to spread them over its threads: each window answers, first (expanding
 // periods) and again (from the kept ones), exactly what one thread answers; a cut is reported once.
 TEST_F(VdirQueriesTest, AQueryOverManySeriesAnswersTheSameOnAnyNumberOfThreads) {
-  static const char* const kRules[] = {"RRULE:FREQ=DAILY;INTERVAL=3\r\n", "RRULE:FREQ=WEEKLY;BYDAY=MO,TH\r\n",
-                                       "RRULE:FREQ=MONTHLY;COUNT=40\r\n", ""};
-  Files files;
-  for (int i = 0; i < 1500; ++i) {
-    char start[32], end[32];
-    std::snprintf(start, sizeof start, "2026%02d%02dT%02d%02d00Z", 1 + i % 12, 1 + i % 28, i % 23, i % 60);
-    std::snprintf(end, sizeof end, "2026%02d%02dT%02d%02d00Z", 1 + i % 12, 1 + i % 28, i % 23 + 1, i % 60);
-    const std::string name = std::to_string(i);
-    files.emplace_back(name + ".ics", simpleEvent("e" + name, "E" + name, start, end, kRules[i % 4]));
-  }
-  auto snapshot = snapshotOf({{"cal", files}});
+  std::map<std::string, double> firstStarts;
+  auto snapshot = seriesOverTheYear(firstStarts);
   auto alone = queries();
   VdirQueries spread(clock_, {}, [this](VdirDiagnostic problem) { problems_.push_back(std::move(problem)); }, 4);
   const std::pair<platform::Date, platform::Date> windows[] = {{utc(2026, 3, 10), utc(2026, 3, 11)},
@@ -311,6 +336,77 @@ TEST_F(VdirQueriesTest, AQueryOverManySeriesAnswersTheSameOnAnyNumberOfThreads) 
   ASSERT_EQ(problems_.size(), 1u);
   EXPECT_EQ(problems_[0].path, ".");
   EXPECT_THAT(problems_[0].problem, ::testing::HasSubstr("the answer is incomplete"));
+}
+
+// A query cut by its occurrence limit answers whole series, taken by first start and then by
+// identifier until the limit is met, with their problems, and names the first it left out: the
+// same on one thread or four, cold or with periods kept by the same query or an earlier window.
+TEST_F(VdirQueriesTest, AQueryCutByItsLimitAnswersTheSameWhateverItsThreadsAndKeptPeriods) {
+  std::map<std::string, double> firstStarts;  // by identifier
+  auto snapshot = seriesOverTheYear(firstStarts);
+  auto said = [this] {
+    std::vector<std::string> result;
+    for (const auto& problem : problems_) result.push_back(problem.path + ": " + problem.problem);
+    std::sort(result.begin(), result.end());
+    problems_.clear();
+    return result;
+  };
+  const platform::Date from = utc(2026, 1, 1), to = utc(2027, 1, 1);
+  // `seriesLimit` cuts the series that repeat every third day too, and each says so. Such a cut
+  // depends on how the window's periods were expanded (a run of them counts as one expansion), so
+  // no earlier window primes the queries then.
+  auto check = [&](std::size_t limit, const std::optional<std::set<std::string>>& chosen, std::size_t seriesLimit) {
+    SCOPED_TRACE(std::to_string(limit) + " " + std::to_string(seriesLimit));
+    VdirExpansionLimits limits;
+    limits.maximumOccurrencesPerSeries = seriesLimit;
+    problems_.clear();
+    const auto whole = occurrences(queries(limits).events(snapshot, from, to, chosen));
+    const auto seriesCuts = problems_;
+    problems_.clear();
+    // The series of the whole answer by first start, then identifier; those before the limit is met.
+    std::map<std::string, std::size_t> counts;
+    for (const auto& occurrence : whole) ++counts[occurrence.substr(0, occurrence.find(' '))];
+    std::vector<std::string> order;
+    for (const auto& [identifier, count] : counts) order.push_back(identifier);
+    std::sort(order.begin(), order.end(), [&](const std::string& x, const std::string& y) {
+      return std::pair(firstStarts.at(x), x) < std::pair(firstStarts.at(y), y);
+    });
+    std::set<std::string> kept;
+    std::size_t total = 0, next = 0;
+    for (; next < order.size() && total < limit; ++next) kept.insert(order[next]), total += counts[order[next]];
+    ASSERT_LT(next, order.size());
+    std::vector<std::string> expected, reported;
+    for (const auto& occurrence : whole)
+      if (kept.count(occurrence.substr(0, occurrence.find(' ')))) expected.push_back(occurrence);
+    for (const auto& problem : seriesCuts)
+      if (kept.count(problem.path)) reported.push_back(problem.path + ": " + problem.problem);
+    reported.push_back(".: query from 2026-01-01T00:00:00Z to 2027-01-01T00:00:00Z stopped at " + order[next] +
+                       " after " + std::to_string(total) + " occurrences: the answer is incomplete");
+    std::sort(reported.begin(), reported.end());
+
+    limits.maximumOccurrencesPerQuery = limit;
+    auto sink = [this](VdirDiagnostic problem) { problems_.push_back(std::move(problem)); };
+    VdirQueries alone(clock_, limits, sink, 1), spread(clock_, limits, sink, 4), primed(clock_, limits, sink, 4);
+    std::vector<VdirQueries*> asked{&alone, &spread, &spread};
+    if (seriesLimit == VdirExpansionLimits{}.maximumOccurrencesPerSeries) {
+      static_cast<void>(primed.events(snapshot, utc(2026, 3, 1), utc(2026, 4, 1), chosen));
+      ASSERT_GT(primed.newlyKept(), 0u);
+      problems_.clear();  // the cut of the priming window itself
+      asked.insert(asked.end(), {&primed, &primed});
+    }
+    for (VdirQueries* q : asked) {
+      SCOPED_TRACE(q == &alone ? "alone" : q == &spread ? "spread" : "primed");
+      EXPECT_TRUE(occurrences(q->events(snapshot, from, to, chosen)) == expected);
+      EXPECT_EQ(said(), reported);
+    }
+  };
+  const std::size_t unlimited = VdirExpansionLimits{}.maximumOccurrencesPerSeries;
+  check(1, std::nullopt, unlimited);
+  check(2000, std::nullopt, unlimited);
+  check(7777, std::nullopt, unlimited);
+  check(3000, std::set<std::string>{"b"}, unlimited);
+  check(2000, std::nullopt, 100);
+  check(9000, std::nullopt, 100);
 }
 
 TEST_F(VdirQueriesTest, FirstOccurrencesAndToDosAreFoundByIdentifier) {

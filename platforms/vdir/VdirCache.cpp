@@ -636,12 +636,17 @@ std::size_t pruneCaches(VdirEnv& env, const std::string& directory, const std::s
   // Newest first, after the store's own.
   std::sort(caches.begin(), caches.end(),
             [](const auto& a, const auto& b) { return a.second.modified > b.second.modified; });
+  // Each cache counts with the expansions kept beside it.
+  auto sizeOf = [&](const std::string& path) -> std::uint64_t {
+    auto status = env.status(path);
+    return status && *status ? static_cast<std::uint64_t>((*status)->size) : 0;
+  };
   auto own = env.status(kept);
   std::size_t count = own && *own ? 1 : 0;
-  std::uint64_t bytes = own && *own ? static_cast<std::uint64_t>((*own)->size) : 0;
+  std::uint64_t bytes = own && *own ? static_cast<std::uint64_t>((*own)->size) + sizeOf(expansionCachePath(kept)) : 0;
   for (const auto& [path, status] : caches) {
     ++count;
-    bytes += static_cast<std::uint64_t>(status.size);
+    bytes += static_cast<std::uint64_t>(status.size) + sizeOf(expansionCachePath(path));
     if (count > limits.caches || bytes > limits.bytes) discard(path);
   }
   return removed;

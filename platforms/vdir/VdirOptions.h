@@ -43,8 +43,8 @@ struct VdirExpansionLimits {
 
 // After a store writes its cache, the cache directory is pruned: caches of roots that are gone,
 // caches no version of this format can read, and temporary files older than an hour are removed;
-// then, newest first, caches beyond `caches` files or `bytes` in all (the store's own counted, and
-// never removed).
+// then, newest first, caches beyond `caches` files or `bytes` in all (each counted with the
+// expansions kept beside it; the store's own counted, and never removed).
 struct VdirCacheDirectoryLimits {
   std::size_t caches = 16;
   std::uint64_t bytes = std::uint64_t(2) << 30;

@@ -10,9 +10,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <map>
 
 #include "Vesp/VespEventInstance.h"
 #include "platforms/vdir/VdirCache.h"
@@ -427,6 +429,42 @@ TEST(VdirExpansionCacheTest, PruningTakesExpansionsWithTheirCacheAndRemovesThose
   EXPECT_FALSE(fs::exists(expansionCachePath(goneCache)));
   EXPECT_FALSE(fs::exists(orphan));
   EXPECT_TRUE(fs::exists(keptExpansions));
+}
+
+// The directory's byte limit counts each cache with the expansions kept beside it, the store's own
+// included: caches that fit alone go when their expansions do not.
+TEST(VdirExpansionCacheTest, PruningCountsTheExpansionsBesideEachCacheInTheDirectorysBytes) {
+  TemporaryDirectory directory;
+  const auto cache = directory.path() / "cache";
+  std::map<std::string, std::string> caches;  // by store
+  int age = 3;
+  for (const char* name : {"older", "newer", "own"}) {
+    makeTwoSeries(directory.path() / name, "RRULE:FREQ=WEEKLY\r\n");
+    {
+      auto store = open(storeOptions(directory.path() / name, cache));
+      month(*store, 3);
+      caches[name] = store->cacheStatus().path;
+    }
+    ASSERT_TRUE(fs::exists(expansionCachePath(caches[name]))) << name;
+    fs::last_write_time(caches[name], fs::file_time_type::clock::now() - std::chrono::hours(age--));
+  }
+  auto bytes = [&](const char* name, bool withExpansions) {
+    return fs::file_size(caches[name]) + (withExpansions ? fs::file_size(expansionCachePath(caches[name])) : 0);
+  };
+  std::shared_ptr<VdirEnv> env = VdirEnv::posix();
+  VdirCacheDirectoryLimits limits;
+  limits.bytes = bytes("own", true) + bytes("newer", true) + bytes("older", false);
+  EXPECT_EQ(pruneCaches(*env, cache.string(), (cache / "none.cache").string(), limits), 2u);
+  EXPECT_FALSE(fs::exists(caches["older"]));
+  EXPECT_FALSE(fs::exists(expansionCachePath(caches["older"])));
+  EXPECT_TRUE(fs::exists(caches["newer"]));
+
+  limits.bytes = bytes("own", false) + bytes("newer", true);
+  EXPECT_EQ(pruneCaches(*env, cache.string(), caches["own"], limits), 2u);
+  EXPECT_FALSE(fs::exists(caches["newer"]));
+  EXPECT_FALSE(fs::exists(expansionCachePath(caches["newer"])));
+  EXPECT_TRUE(fs::exists(caches["own"]));
+  EXPECT_TRUE(fs::exists(expansionCachePath(caches["own"])));
 }
 
 }  // namespace

@@ -56,7 +56,7 @@ enum class Tag : std::uint8_t {
   locationTitle, latitude, longitude, radius,
   todoIdentifier, due, todoStart, dueInstant, completed, isCompleted, priority, isCancelled, todoRules,
   // Added later, each at the end so that no number changes.
-  thisAndFuture, todoStartInstant,
+  thisAndFuture, todoStartInstant, rdatePeriods, periodStart, periodLength,
 };
 
 // An integer that must lie in [lowest, highest] (an enumeration's values, a span in days).
@@ -152,6 +152,12 @@ void walk(Io& io, R& r) {
   io(Tag::countedStarts, r.countedStarts);
 }
 
+template <class Io, Of<VdirRdatePeriod> P>
+void walk(Io& io, P& p) {
+  io(Tag::periodStart, p.start);
+  io(Tag::periodLength, p.length);
+}
+
 template <class Io, Of<VdirSeriesData> S>
 void walk(Io& io, S& s) {
   io(Tag::seriesIdentifier, s.identifier);
@@ -159,6 +165,7 @@ void walk(Io& io, S& s) {
   io(Tag::rules, s.rules);
   io(Tag::exclusionRules, s.exclusionRules);
   io(Tag::rdates, s.rdates);
+  io(Tag::rdatePeriods, s.rdatePeriods);
   io(Tag::exdates, s.exdates);
   io(Tag::overrides, s.overrides);
   io(Tag::firstStart, s.firstStart);
@@ -444,6 +451,10 @@ void Decoder::check(const VdirRuleData& rule) {
 
 void Decoder::check(const VdirSeriesData& series) {
   if (!std::is_sorted(series.exdates.begin(), series.exdates.end())) return r_.fail("excluded dates out of order");
+  if (!std::ranges::is_sorted(series.rdatePeriods, {}, &VdirRdatePeriod::start))
+    return r_.fail("periods out of order");
+  for (const auto& period : series.rdatePeriods)
+    if (period.length < 0.0) return r_.fail("a period that ends before it starts");
   // A cache holds only rules the files' reader accepted: any other one comes from damage, and
   // libical might never return from it.
   if (series.master && !r_.failed())

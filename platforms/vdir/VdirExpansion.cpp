@@ -36,6 +36,12 @@ double longestDuration(const VdirComponentData& master) {
 }
 
 
+// How long the occurrence of the PERIOD RDATE starting at `start` lasts; negative for none.
+double periodLength(const VdirSeriesData& series, double start) {
+  const auto period = std::ranges::lower_bound(series.rdatePeriods, start, {}, &VdirRdatePeriod::start);
+  return period != series.rdatePeriods.end() && period->start == start ? period->length : -1.0;
+}
+
 // The work one series may do in one window.
 struct ExpansionBudget {
   const VdirExpansionLimits& limits;
@@ -248,7 +254,8 @@ rivet::RivetResult<void> expandSeries(const VdirSeriesData& series, const VdirCl
       cut = std::move(expanded);
 
   std::map<double, VdirOccurrence> starts;  // by original start
-  auto consider = [&](double start) {
+  // `length`: how long a PERIOD RDATE lasts (negative for any other occurrence).
+  auto consider = [&](double start, double length = -1.0) {
     if (std::binary_search(series.exdates.begin(), series.exdates.end(), start) || excluded.count(start)) return;
     // Overrides are sorted by the occurrence they replace (parseItem keeps them so).
     if (std::ranges::binary_search(series.overrides, start, {}, [](const VdirComponentData& override) {
@@ -261,13 +268,17 @@ rivet::RivetResult<void> expandSeries(const VdirSeriesData& series, const VdirCl
     if (governs != ranges.begin()) {
       const VdirRangeOverride& range = *std::prev(governs);
       occurrence = {range.component, movedStart(master, clock, start, range.shift), 0.0, start, true};
+      length = -1.0;  // it lasts as the override says
     }
-    occurrence.end = occurrenceEnd(*occurrence.component, clock, occurrence.start);
+    occurrence.end = length >= 0.0 ? start + length : occurrenceEnd(*occurrence.component, clock, occurrence.start);
     if (overlaps(occurrence.start, occurrence.end, windowStart, windowEnd)) starts.emplace(start, occurrence);
   };
 
   consider(masterStart);  // DTSTART is always the first occurrence
-  for (const auto& rdate : series.rdates) consider(clock.instant(rdate).timeIntervalSince1970());
+  for (const auto& rdate : series.rdates) {
+    const double start = clock.instant(rdate).timeIntervalSince1970();
+    consider(start, periodLength(series, start));
+  }
   for (const auto& rule : series.rules) {
     budget.found = &starts;
     if (auto expanded = expandRule(rule, master, clock, masterStart, earliest, latest, budget, consider); !expanded)

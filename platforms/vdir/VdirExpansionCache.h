@@ -23,8 +23,9 @@
 
 namespace vesp::vdir {
 
-// The format's version; a file of any other version is ignored.
-inline constexpr std::uint32_t kVdirExpansionCacheFormat = 1;
+// The format's version; a file of any other version is ignored (2: occurrences of PERIOD RDATEs
+// end as their periods do).
+inline constexpr std::uint32_t kVdirExpansionCacheFormat = 2;
 
 // The bytes holding the periods of `kept` of the series of `records`, for the store of `key`,
 // expanded within `limits`. `scannedAt`: when the records' files were last looked at (nanoseconds

@@ -754,6 +754,27 @@ class Reader {
     return iterator != nullptr;
   }
 
+  // How long the occurrence of a PERIOD RDATE starting at `start` lasts: to the period's end, or
+  // for its duration. A period that ends before it starts lasts as the event does.
+  void readPeriod(icalproperty* p, const icalperiodtype& period, const VdirTime& start, VdirSeriesData& series) {
+    const double from = context_.clock->instant(start).timeIntervalSince1970();
+    double length = 0.0;
+    if (!icaltime_is_null_time(period.end)) {
+      auto end = timeOf(p, period.end, "RDATE period end");
+      if (!end) return;
+      length = context_.clock->instant(*end).timeIntervalSince1970() - from;
+    } else if (icaldurationtype_is_bad_duration(period.duration) || period.duration.is_neg) {
+      length = -1.0;
+    } else {
+      length = icaldurationtype_as_int(period.duration);
+    }
+    if (length < 0.0) {
+      report(VdirDiagnostic::Action::repaired, "RDATE period ends before it starts: the event's own length stands in");
+      return;
+    }
+    series.rdatePeriods.push_back({from, length});
+  }
+
   // Rules, extra and excluded dates of a master event.
   void readRecurrence(icalcomponent* component, VdirSeriesData& series) {
     const VdirTime& start = series.master->start;
@@ -766,9 +787,13 @@ class Reader {
         series.exclusionRules.push_back(std::move(*rule));
     for (icalproperty* p : properties.rdates) {
       icaldatetimeperiodtype value = icalproperty_get_rdate(p);
-      icaltimetype time = icaltime_is_null_time(value.time) ? value.period.start : value.time;
-      if (auto rdate = timeOf(p, time, "RDATE")) series.rdates.push_back(*rdate);
+      const bool period = icaltime_is_null_time(value.time);
+      auto rdate = timeOf(p, period ? value.period.start : value.time, "RDATE");
+      if (!rdate) continue;
+      series.rdates.push_back(*rdate);
+      if (period) readPeriod(p, value.period, *rdate, series);
     }
+    std::ranges::sort(series.rdatePeriods, {}, &VdirRdatePeriod::start);
     for (icalproperty* p : properties.exdates) {
       // The value as written: icalproperty_get_exdate() would look its TZID up in libical's
       // built-in zone table, which is not safe across threads (timeOf resolves it instead).
@@ -904,6 +929,7 @@ void computeBounds(VdirSeriesData& series, const VdirClock& clock) {
       }
     }
     for (const auto& rdate : series.rdates) considerMaster(clock.instant(rdate).timeIntervalSince1970());
+    for (const auto& period : series.rdatePeriods) last = std::max(last, period.start + period.length);
   }
   for (const auto& override : series.overrides) {
     consider(override, clock.instant(override.start).timeIntervalSince1970());

@@ -126,12 +126,19 @@ struct VdirComponentData {
   std::shared_ptr<VdirTodoData> todoData;
 };
 
+// A PERIOD RDATE: its occurrence lasts as the period says, not as its component does.
+struct VdirRdatePeriod {
+  double start = 0.0;   // seconds since 1970, as the RDATE's start gives it
+  double length = 0.0;  // seconds: to the period's end, or its duration (a day counted as 86,400)
+};
+
 struct VdirSeriesData {
   std::string identifier;  // the event identifier: the file's path, "#UID" added for a second series
   std::optional<VdirComponentData> master;  // absent: a file of overrides only
   std::vector<VdirRuleData> rules;
   std::vector<VdirRuleData> exclusionRules;  // EXRULE: their occurrences are excluded
   std::vector<VdirTime> rdates;
+  std::vector<VdirRdatePeriod> rdatePeriods;  // of the RDATEs that are periods, sorted by start
   std::vector<double> exdates;           // instants (seconds since 1970) excluded
   std::vector<VdirComponentData> overrides;  // sorted by recurrenceInstant
   // The earliest start and the latest end any occurrence can have; absent end: no end.

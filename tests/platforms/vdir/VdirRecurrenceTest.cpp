@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <ctime>
 #include <random>
 #include <thread>
 
@@ -312,6 +313,49 @@ TEST(VdirRecurrenceTest, SkipSurvivesTheCache) {
   EXPECT_EQ(starts(*warm, utc(2014, 1, 1), utc(2015, 1, 1), "UTC", 100, true), expected);
 }
 
+// An occurrence given by a PERIOD RDATE lasts to the period's end, or for its duration, in its
+// zone; one whose period ends before it starts lasts as the event does, and the file says so.
+// A window that starts inside a long period still finds it, from a cold open and from the cache.
+TEST(VdirRecurrenceTest, APeriodRdateLastsAsItsPeriodSays) {
+  TemporaryDirectory root, cache;
+  writeFile(root.path() / "cal" / "periods.ics",
+            eventFile("periods", {"DTSTART;TZID=Europe/Berlin:20260302T100000",
+                                  "DTEND;TZID=Europe/Berlin:20260302T103000", "RRULE:FREQ=WEEKLY;COUNT=2",
+                                  "RDATE;VALUE=PERIOD;TZID=Europe/Berlin:20260320T140000/20260320T170000",
+                                  "RDATE;VALUE=PERIOD:20260401T080000Z/PT2H,20260420T080000Z/P3D",
+                                  "RDATE;VALUE=PERIOD:20260410T080000Z/20260410T070000Z",
+                                  "RDATE;TZID=Europe/Berlin:20260415T100000"}));
+  auto spans = [](VdirStore& store, platform::Date a, platform::Date b) {
+    std::vector<std::string> result;
+    for (const auto& event : store.events(a, b, std::nullopt))
+      result.push_back(event->startDate()->iso8601() + " " + event->endDate()->iso8601());
+    return result;
+  };
+  const std::vector<std::string> all = {
+      "2026-03-02T09:00:00Z 2026-03-02T09:30:00Z", "2026-03-09T09:00:00Z 2026-03-09T09:30:00Z",
+      "2026-03-20T13:00:00Z 2026-03-20T16:00:00Z", "2026-04-01T08:00:00Z 2026-04-01T10:00:00Z",
+      "2026-04-10T08:00:00Z 2026-04-10T08:30:00Z", "2026-04-15T08:00:00Z 2026-04-15T08:30:00Z",
+      "2026-04-20T08:00:00Z 2026-04-23T08:00:00Z"};
+  // Two days after the last start plus the event's length: past where the event's own length reaches.
+  const std::vector<std::string> inside = {"2026-04-20T08:00:00Z 2026-04-23T08:00:00Z"};
+  {
+    auto cold = VdirStore::make(optionsFor(root.path(), "Europe/Berlin", cache.path().string()),
+                                testing::settledClock());
+    EXPECT_EQ(spans(*cold, utc(2026, 3, 1), utc(2026, 5, 1)), all);
+    EXPECT_EQ(spans(*cold, utc(2026, 4, 22, 12), utc(2026, 4, 22, 18)), inside);
+    bool said = false;
+    for (const auto& problem : cold->diagnostics())
+      said |= problem.path == "cal/periods.ics" &&
+              problem.problem == "RDATE period ends before it starts: the event's own length stands in";
+    EXPECT_TRUE(said);
+    cold->flushCache();
+  }
+  auto warm = VdirStore::make(optionsFor(root.path(), "Europe/Berlin", cache.path().string()));
+  ASSERT_TRUE(warm->cacheStatus().loaded) << warm->cacheStatus().loadProblem;
+  EXPECT_EQ(spans(*warm, utc(2026, 4, 22, 12), utc(2026, 4, 22, 18)), inside);
+  EXPECT_EQ(spans(*warm, utc(2026, 3, 1), utc(2026, 5, 1)), all);
+}
+
 // Every window gives the whole range's occurrences that fall in it.
 void expectWindowIndependence(const std::vector<std::string>& lines, platform::Date from, platform::Date to,
                               const std::vector<std::pair<platform::Date, platform::Date>>& windows) {
@@ -458,6 +502,22 @@ TEST(VdirRecurrenceTest, AThisAndFutureOverrideMovesAndRetitlesEveryLaterOccurre
   EXPECT_EQ(moved[0]->occurrenceDate(), utc(2026, 3, 30, 7));  // 09:00 in Berlin, summer time
 }
 
+// A PERIOD RDATE lasts as its period says until a THISANDFUTURE override governs it: then it
+// moves and lasts as the override does, like every other later occurrence.
+TEST(VdirRecurrenceTest, APeriodRdateUnderAThisAndFutureOverrideMovesAndLastsAsTheOverride) {
+  TemporaryDirectory root;
+  std::string text = mondaysWith({kMovedFromThe16th});
+  const std::string rule = "RRULE:FREQ=WEEKLY;COUNT=6\r\n";
+  text.replace(text.find(rule), rule.size(),
+               rule + "RDATE;VALUE=PERIOD;TZID=Europe/Berlin:20260311T140000/20260311T170000,"
+                      "20260325T140000/20260325T170000\r\n");
+  writeFile(root.path() / "cal/m.ics", text);
+  auto store = VdirStore::make(optionsFor(root.path(), "Europe/Berlin"));
+  EXPECT_THAT(rows(*store, utc(2026, 3, 10), utc(2026, 3, 27)),
+              ::testing::ElementsAre("20260311T140000-1700 Weekly", "20260316T100000-1130 Moved*",
+                                     "20260323T100000-1130 Moved*", "20260325T150000-1630 Moved*"));
+}
+
 TEST(VdirRecurrenceTest, LaterOverridesOfAThisAndFutureOverrideTakeTheirOwnPlace) {
   TemporaryDirectory root;
   // A single override after it keeps to itself; a second THISANDFUTURE one takes over from its date.
@@ -538,7 +598,7 @@ struct RandomSeries {
 
 class RuleGenerator {
  public:
-  explicit RuleGenerator(unsigned seed) : random_(seed) {}
+  explicit RuleGenerator(unsigned seed) : random_(seed), periods_(seed + 1) {}
   int below(int n) { return static_cast<int>(random_() % static_cast<unsigned>(n)); }
 
   RandomSeries next() {
@@ -604,13 +664,36 @@ class RuleGenerator {
     }
     if (kind != 0 && below(2)) series.lines.push_back("DURATION:PT" + std::to_string(1 + below(300)) + "M");
     if (kind == 0 && below(2)) series.lines.push_back("DURATION:P" + std::to_string(1 + below(3)) + "D");
-    series.lines.push_back(rule);
     series.start = civilSecondsSince1970(year, month, day, hour, minute, second);
+    if (!allDay) addPeriods(series);
+    series.lines.push_back(rule);
     return series;
   }
 
  private:
-  std::mt19937 random_;
+  // Half the timed series get one or two PERIOD RDATEs in UTC, lasting up to five days (longer than
+  // any occurrence of the rule), by their end or their duration. They come from a generator of
+  // their own, so the rules are those the seed gave before.
+  void addPeriods(RandomSeries& series) {
+    const int count = static_cast<int>(periods_() % 4) - 1;
+    for (int i = 0; i < count; ++i) {
+      const unsigned spread = series.subDaily ? 2 * 86400 : 300 * 86400;
+      const auto start = static_cast<std::time_t>(series.start + periods_() % spread);
+      const auto minutes = static_cast<std::time_t>(1 + periods_() % (5 * 24 * 60));
+      std::string line = "RDATE;VALUE=PERIOD:" + utcText(start) + "/";
+      line += periods_() % 2 ? "PT" + std::to_string(minutes) + "M" : utcText(start + minutes * 60);
+      series.lines.push_back(line);
+    }
+  }
+  static std::string utcText(std::time_t instant) {
+    std::tm parts{};
+    gmtime_r(&instant, &parts);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y%m%dT%H%M%SZ", &parts);
+    return text;
+  }
+
+  std::mt19937 random_, periods_;
 };
 
 struct Parsed {
@@ -653,16 +736,16 @@ TEST(VdirRecurrencePropertyTest, OccurrencesInAnyWindowAreTheWholeExpansionRestr
       static const double kWidths[] = {3600.0, 86400.0, 7 * 86400.0, 32 * 86400.0, 100 * 86400.0, 400 * 86400.0};
       const double a = from + std::uniform_real_distribution<double>(0.0, horizon)(random);
       const double b = std::min(to, a + kWidths[random() % 6] * (series.subDaily ? 0.05 : 1.0));
-      std::vector<double> expected, got;
+      std::vector<std::pair<double, double>> expected, got;
       for (const auto& occurrence : whole)
-        if (overlapsWindow(occurrence, a, b)) expected.push_back(occurrence.start);
+        if (overlapsWindow(occurrence, a, b)) expected.emplace_back(occurrence.start, occurrence.end);
       std::vector<VdirOccurrence> inWindow;
       auto expanded = expandSeries(data, parsed.clock, a, b, limits, inWindow);
       ASSERT_TRUE(expanded.has_value()) << (expanded ? "" : expanded.error().description());
-      for (const auto& occurrence : inWindow) got.push_back(occurrence.start);
+      for (const auto& occurrence : inWindow) got.emplace_back(occurrence.start, occurrence.end);
       std::sort(expected.begin(), expected.end());
       std::sort(got.begin(), got.end());
-      ASSERT_EQ(got, expected) << series.lines.front() << "\n"
+      ASSERT_EQ(got, expected) << ::testing::PrintToString(series.lines) << "\n"
                                << series.lines.back() << "\nwindow " << platform::Date::fromTimeIntervalSince1970(a).iso8601()
                                << " to " << platform::Date::fromTimeIntervalSince1970(b).iso8601();
     }

@@ -241,6 +241,7 @@ void walkOne(Walk& walk, const VdirTimeIndex::Entry& entry, std::vector<VdirOccu
   addFound(walk, entry, occurrences, task);
 }
 
+// The task's series, one after the other, until the query stops.
 void walkSeries(Walk& walk, Task& task) {
   std::vector<VdirOccurrence> occurrences;
   for (std::size_t at = task.from; at < task.to; ++at) {

@@ -383,6 +383,43 @@ TEST(VdirCacheTest, ACacheHoldingARuleTheReaderRefusesIsNotUsed) {
   EXPECT_THAT(refused.error().message(), ::testing::HasSubstr("a rule the reader refuses"));
 }
 
+// The lengths of PERIOD RDATEs come back from the cache; periods out of order, or one that ends
+// before it starts (which the reader never keeps), come only from damage and are refused.
+TEST(VdirCacheTest, ACacheHoldingPeriodsTheReaderNeverMakesIsNotUsed) {
+  VdirZones zones;
+  VdirClock clock("UTC");
+  std::vector<std::string> addresses;
+  const std::string text =
+      simpleEvent("m", "M", "20260105T090000Z", "20260105T091000Z",
+                  "RDATE;VALUE=PERIOD:20260107T090000Z/PT2H,20260106T090000Z/20260106T120000Z\r\n");
+  auto parsed = parseItem("cal/m.ics", "m.ics", text, {&zones, &clock, &addresses, 100000});
+  ASSERT_TRUE(parsed.item);
+  const auto& periods = parsed.item->series.at(0).rdatePeriods;
+  ASSERT_EQ(periods.size(), 2u);
+  EXPECT_EQ(periods[0].length, 3 * 3600.0);
+  EXPECT_EQ(periods[1].length, 2 * 3600.0);
+  auto cacheWith = [&](const std::vector<VdirRdatePeriod>& changed) {
+    auto item = std::make_shared<VdirItem>(*parsed.item);
+    item->series[0].rdatePeriods = changed;
+    VdirFileRecord record;
+    record.item = item;
+    std::size_t left = 0;
+    return encodeCache("key", {{"cal/m.ics", record}}, zones, std::numeric_limits<std::int64_t>::max(), left);
+  };
+  auto kept = decodeCache(cacheWith(periods), "key", zones, 1);
+  ASSERT_TRUE(kept) << kept.error().message();
+  const auto& back = kept->at(0).second.item->series.at(0).rdatePeriods;
+  ASSERT_EQ(back.size(), 2u);
+  EXPECT_EQ(back[0].start, periods[0].start);
+  EXPECT_EQ(back[1].length, periods[1].length);
+  auto outOfOrder = decodeCache(cacheWith({periods[1], periods[0]}), "key", zones, 1);
+  ASSERT_FALSE(outOfOrder);
+  EXPECT_EQ(outOfOrder.error().message(), "periods out of order");
+  auto backwards = decodeCache(cacheWith({{periods[0].start, -60.0}}), "key", zones, 1);
+  ASSERT_FALSE(backwards);
+  EXPECT_EQ(backwards.error().message(), "a period that ends before it starts");
+}
+
 TEST(VdirCacheTest, StoresOpenedByTwoProcessesAtOnceBothWorkAndLeaveAWholeCache) {
   TemporaryDirectory directory;
   makeStore(directory.path() / "store", 60);

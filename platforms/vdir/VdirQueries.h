@@ -6,7 +6,8 @@
 // next snapshot. A query or an expansion cut short by a limit (VdirExpansionLimits) still answers
 // with what it found, and reports the cut to the problem sink. A query cut by its occurrence limit
 // answers whole series, in the order of their first possible start (then of their identifier),
-// until the limit is met: the same answer whatever its threads, their timing and the periods kept.
+// until the limit is met: the same answer whatever its threads, their timing and the periods kept
+// (but for a series its own limits cut, whose cut depends on how its periods were expanded).
 //
 // Thread safety: every member function may be called from any thread. Queries share the index:
 // they wait for each other only while taking the index of their snapshot and while taking or

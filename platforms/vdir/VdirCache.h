@@ -60,8 +60,8 @@ using VdirFileRecords = std::vector<std::pair<std::string, VdirFileRecord>>;
 
 // The format's version; a cache of any other version is ignored. It changes with the schema and
 // with what the reader makes of a file (6: UIDs are read as text, their escapes undone; 11: PERIOD
-// RDATEs last as their periods say).
-inline constexpr std::uint32_t kVdirCacheFormat = 11;
+// RDATEs last as their periods say; 12: rules with COUNT are counted on the wall clock).
+inline constexpr std::uint32_t kVdirCacheFormat = 12;
 
 // The default directory for caches: $XDG_CACHE_HOME/vesp, else ~/.cache/vesp; empty when neither
 // can be found.

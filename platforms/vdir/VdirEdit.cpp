@@ -622,7 +622,7 @@ struct RuleWalk {
 // taking at most `limit` instances; nothing when libical cannot start the walk.
 std::optional<RuleWalk> walkRule(const icalrecurrencetype& rule, const VdirTime& start, std::int64_t target,
                                  int limit) {
-  icalrecur_iterator* iterator = icalrecur_iterator_new(rule, start.local);
+  icalrecur_iterator* iterator = icalrecur_iterator_new(rule, ruleFields(start));
   if (!iterator) return std::nullopt;
   RuleWalk walk;
   for (icaltimetype next = icalrecur_iterator_next(iterator); !icaltime_is_null_time(next);

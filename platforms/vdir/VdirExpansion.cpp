@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <limits>
 #include <map>
 #include <optional>
 #include <set>
@@ -14,20 +15,11 @@ namespace vesp::vdir {
 
 namespace {
 
+constexpr double kNever = std::numeric_limits<double>::infinity();
+
 bool overlaps(double start, double end, double windowStart, double windowEnd) {
   if (end <= start) return start >= windowStart && start < windowEnd;
   return start < windowEnd && end > windowStart;
-}
-
-icaltimetype withZone(icaltimetype fields, const VdirTime& like) {
-  fields.zone = like.kind == VdirTime::Kind::zoned ? like.zone
-                : like.kind == VdirTime::Kind::utc ? utcZone()
-                                                   : nullptr;
-  if (like.isDate()) {
-    fields.is_date = 1;
-    fields.hour = fields.minute = fields.second = 0;
-  }
-  return fields;
 }
 
 // The longest an occurrence of the master can last, for starting the iterator early enough.
@@ -72,7 +64,7 @@ bool hasList(const short* values) { return values[0] != ICAL_RECURRENCE_ARRAY_MA
 icalrecur_iterator* iteratorFrom(const icalrecurrencetype& rule, const VdirComponentData& master, const VdirClock& clock,
                                  double masterStart, double from) {
   const VdirTime& start = master.start;
-  icaltimetype first = withZone(start.local, start);
+  const icaltimetype first = ruleFields(start);
   if (from <= masterStart || (rule.rscale && std::string_view(rule.rscale) != "GREGORIAN" &&
                               std::string_view(rule.rscale) != "gregorian"))
     return icalrecur_iterator_new(rule, first);
@@ -135,7 +127,9 @@ icalrecur_iterator* iteratorFrom(const icalrecurrencetype& rule, const VdirCompo
 }
 
 // Calls `each` with the start of every occurrence of `rule` from `from` (less any) to before
-// `until`; a failure when a limit cut it short (its message says which).
+// `until`; a failure when a limit cut it short (its message says which). The iterator walks the
+// wall clock, so its times are in order of wall-clock time, not always of instant: near a change of
+// the zone's offset the walk goes on for a day past the end.
 template <typename Each>
 rivet::RivetResult<void> expandRule(const VdirRuleData& rule, const VdirComponentData& master, const VdirClock& clock,
                                     double masterStart, double from, double until, ExpansionBudget& budget,
@@ -146,26 +140,32 @@ rivet::RivetResult<void> expandRule(const VdirRuleData& rule, const VdirComponen
     return rivet::RivetResultVoidSuccess;
   }
   if (rule.until && rule.until->timeIntervalSince1970() < from) return rivet::RivetResultVoidSuccess;
-  icalrecur_iterator* iterator = iteratorFrom(rule.rule.expanded(), master, clock, masterStart, from);
+  // UNTIL is kept as the instant it names: libical would compare it with the iterator's wall clock.
+  const double end = rule.until ? std::min(until, std::nextafter(rule.until->timeIntervalSince1970(), kNever)) : until;
+  const bool nearChange = clock.offsetChangesNear(platform::Date::fromTimeIntervalSince1970(end), master.start);
+  const double past = end + (nearChange ? 86400.0 : 0.0);
+  icalrecurrencetype walked = rule.rule.expanded();
+  walked.until = icaltime_null_time();
+  icalrecur_iterator* iterator = iteratorFrom(walked, master, clock, masterStart, from);
   if (!iterator) return rivet::RivetResultVoidSuccess;
   std::optional<std::string> problem;
   std::size_t kept = 0;
   for (icaltimetype next = icalrecur_iterator_next(iterator); !icaltime_is_null_time(next);
        next = icalrecur_iterator_next(iterator)) {
     double start = clock.instantLike(next, master.start).timeIntervalSince1970();
-    if (start >= until) break;
+    if (start >= past) break;
     ++budget.steps;
     bool overTime = (budget.steps % 256) == 255 &&
                     std::chrono::duration<double>(std::chrono::steady_clock::now() - budget.began).count() >
                         budget.limits.maximumSecondsPerSeries;
     const std::size_t found = budget.found ? budget.found->size() : kept;
-    if (budget.steps > budget.limits.maximumIteratorStepsPerSeries || found >= budget.limits.maximumOccurrencesPerSeries ||
-        overTime) {
+    if (budget.steps > budget.limits.maximumIteratorStepsPerSeries ||
+        (start < end && found >= budget.limits.maximumOccurrencesPerSeries) || overTime) {
       problem = "expansion stopped after " + std::to_string(found) + " occurrences and " +
                 std::to_string(budget.steps - 1) + " steps in one window" + (overTime ? " (time limit)" : "");
       break;
     }
-    if (start >= from) {
+    if (start >= from && start < end) {
       each(start);
       ++kept;
     }

@@ -812,14 +812,12 @@ class Reader {
     std::sort(series.exdates.begin(), series.exdates.end());
   }
 
+  // The iterator walks the wall clock (ruleFields). A rule with COUNT has no UNTIL: libical refuses
+  // the two together.
   void expandCounted(VdirRuleData& data, const icalrecurrencetype& rule, const VdirTime& start,
                      const std::string& text) {
     std::vector<double> starts;
-    icaltimetype first = start.local;
-    first.zone = start.kind == VdirTime::Kind::zoned ? start.zone
-                 : start.kind == VdirTime::Kind::utc ? utcZone()
-                                                     : nullptr;
-    icalrecur_iterator* iterator = icalrecur_iterator_new(rule, first);
+    icalrecur_iterator* iterator = icalrecur_iterator_new(rule, ruleFields(start));
     if (!iterator) {
       report(VdirDiagnostic::Action::repaired, "rule \"" + text + "\" cannot be expanded: ignored");
       data.countedStarts = std::vector<double>{};
@@ -839,8 +837,8 @@ class Reader {
       starts.push_back(context_.clock->instantLike(next, start).timeIntervalSince1970());
     }
     icalrecur_iterator_free(iterator);
-    // The iterator does not always give them in order (SKIP and some BYSETPOS rules); queries
-    // search them by time.
+    // The iterator does not always give them in order (SKIP and some BYSETPOS rules, a walk through
+    // a clock change); queries search them by time.
     std::sort(starts.begin(), starts.end());
     data.countedStarts = std::move(starts);
   }

@@ -74,6 +74,25 @@ icaltimetype VdirClock::wallClockLike(platform::Date instant, const VdirTime& li
   return wall;
 }
 
+bool VdirClock::offsetChangesNear(platform::Date instant, const VdirTime& like) const {
+  if (like.kind == VdirTime::Kind::utc) return false;
+  VdirTime timed = like;
+  if (timed.isDate()) timed.kind = VdirTime::Kind::floating;  // the local zone, with its hours
+  const double at = instant.timeIntervalSince1970();
+  auto offset = [&](double seconds) {
+    const icaltimetype wall = wallClockLike(platform::Date::fromTimeIntervalSince1970(seconds), timed);
+    return secondsOf(wall) - std::floor(seconds);
+  };
+  const double now = offset(at);
+  return offset(at - 86400.0) != now || offset(at + 86400.0) != now;
+}
+
+icaltimetype ruleFields(const VdirTime& start) {
+  icaltimetype fields = start.local;
+  fields.zone = utcZone();
+  return fields;
+}
+
 VdirTime timeLike(platform::Date instant, const VdirTime& like, const VdirClock& clock) {
   VdirTime time = like;
   time.local = clock.wallClockLike(instant, like);

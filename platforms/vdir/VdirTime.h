@@ -47,11 +47,21 @@ class VdirClock {
   platform::Date instantLike(const icaltimetype& fields, const VdirTime& like) const;
   // The wall-clock time of `instant` in the zone of `like`, as a date when `like` is a date.
   icaltimetype wallClockLike(platform::Date instant, const VdirTime& like) const;
+  // Whether the zone of `like` changes its offset within a day of `instant`. Near such a change a
+  // later wall-clock time can fall at an earlier instant (a time in a gap is placed before it).
+  bool offsetChangesNear(platform::Date instant, const VdirTime& like) const;
 
  private:
   std::string localZoneName_;
   icaltimezone* localZone_ = nullptr;  // null: UTC
 };
+
+// The wall-clock fields of a series' start as libical's recurrence iterator is given them: marked
+// UTC, so that it counts days, hours and seconds on the wall clock alone. Given a zone it would step
+// sub-daily rules in elapsed time in ICU's copy of that zone (a floating time in the process's zone)
+// and move some times on the day of a clock change. Each time it gives is then placed in the
+// series' zone like a time the file states.
+icaltimetype ruleFields(const VdirTime& start);
 
 // The wall-clock time of `instant` in the form of `like` (its kind and zone).
 VdirTime timeLike(platform::Date instant, const VdirTime& like, const VdirClock& clock);

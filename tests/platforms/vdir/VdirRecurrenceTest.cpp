@@ -400,6 +400,65 @@ TEST(VdirRecurrenceTest, AnEveryFourHoursRuleStaysOnItsGridInEveryWindow) {
             (std::vector<std::string>{"20120303T210300", "20120304T010300", "20120304T050300"}));
 }
 
+// Rules count on the wall clock of their zone, so a window reached by skipping ahead over a clock
+// change finds the occurrences the walk from DTSTART finds.
+TEST(VdirRecurrenceTest, AnEveryTwoHoursRuleKeepsItsWallClockAcrossClockChangesInEveryWindow) {
+  const std::vector<std::string> rule = {"DTSTART;TZID=Europe/Berlin:20270105T080000", "DURATION:PT10M",
+                                         "RRULE:FREQ=HOURLY;INTERVAL=2"};
+  expectWindowIndependence(rule, utc(2027, 1, 1), utc(2028, 1, 7),
+                           {{utc(2027, 7, 1), utc(2027, 7, 2)},
+                            {utc(2027, 3, 27, 20), utc(2027, 3, 28, 8)},
+                            {utc(2027, 10, 30, 20), utc(2027, 10, 31, 8)},
+                            {utc(2028, 1, 5), utc(2028, 1, 6)}});
+  TemporaryDirectory root;
+  writeFile(root.path() / "cal" / "two-hourly.ics", eventFile("two-hourly", rule));
+  auto store = VdirStore::make(optionsFor(root.path(), "UTC"));
+  // Even hours of the Berlin clock in summer, as in winter.
+  EXPECT_EQ(starts(*store, utc(2027, 7, 1, 22), utc(2027, 7, 2, 6), "Europe/Berlin"),
+            (std::vector<std::string>{"20270702T000000", "20270702T020000", "20270702T040000", "20270702T060000"}));
+  EXPECT_EQ(starts(*store, utc(2028, 1, 5, 23), utc(2028, 1, 6, 5), "Europe/Berlin"),
+            (std::vector<std::string>{"20280106T000000", "20280106T020000", "20280106T040000"}));
+}
+
+TEST(VdirRecurrenceTest, AnOddSecondlyIntervalAnswersTheSameInEveryWindowAfterAClockChange) {
+  expectWindowIndependence({"DTSTART;TZID=Europe/Berlin:20260302T100000", "RRULE:FREQ=SECONDLY;INTERVAL=32349"},
+                           utc(2026, 3, 1), utc(2027, 2, 1),
+                           {{utc(2026, 11, 20), utc(2026, 11, 23)}, {utc(2027, 1, 10, 7), utc(2027, 1, 14)}});
+}
+
+TEST(VdirRecurrenceTest, ADailyRuleKeepsItsTimeOnTheDaysAfterAClockChange) {
+  TemporaryDirectory root;
+  writeFile(root.path() / "cal" / "night.ics",
+            eventFile("night", {"DTSTART;TZID=Europe/Berlin:20270326T023000", "DURATION:PT10M", "RRULE:FREQ=DAILY"}));
+  writeFile(root.path() / "cal" / "counted.ics",
+            eventFile("counted", {"DTSTART;TZID=Europe/Berlin:20270326T024500", "DURATION:PT10M",
+                                  "RRULE:FREQ=DAILY;COUNT=6"}));
+  auto store = VdirStore::make(optionsFor(root.path(), "UTC"));
+  EXPECT_EQ(starts(*store, utc(2027, 3, 28, 12), utc(2027, 4, 1), "Europe/Berlin"),
+            (std::vector<std::string>{"20270329T023000", "20270329T024500", "20270330T023000", "20270330T024500",
+                                      "20270331T023000", "20270331T024500"}));
+  EXPECT_EQ(starts(*store, utc(2027, 3, 25), utc(2027, 3, 28), "Europe/Berlin"),
+            (std::vector<std::string>{"20270326T023000", "20270326T024500", "20270327T023000", "20270327T024500"}));
+}
+
+// UNTIL names an instant: the occurrence at it is the last, in winter and in summer time alike.
+TEST(VdirRecurrenceTest, UntilInAZoneEndsTheSeriesAtTheInstantItNames) {
+  TemporaryDirectory root;
+  writeFile(root.path() / "cal" / "winter.ics",
+            eventFile("winter", {"DTSTART;TZID=Europe/Berlin:20270301T090000",
+                                 "RRULE:FREQ=DAILY;UNTIL=20270303T080000Z"}));
+  writeFile(root.path() / "cal" / "summer.ics",
+            eventFile("summer", {"DTSTART;TZID=Europe/Berlin:20270601T090000",
+                                 "RRULE:FREQ=DAILY;UNTIL=20270603T070000Z"}));
+  writeFile(root.path() / "cal" / "before.ics",
+            eventFile("before", {"DTSTART;TZID=Europe/Berlin:20270801T090000",
+                                 "RRULE:FREQ=DAILY;UNTIL=20270803T065959Z"}));
+  auto store = VdirStore::make(optionsFor(root.path(), "UTC"));
+  EXPECT_EQ(starts(*store, utc(2027, 2, 1), utc(2027, 9, 1), "Europe/Berlin"),
+            (std::vector<std::string>{"20270301T090000", "20270302T090000", "20270303T090000", "20270601T090000",
+                                      "20270602T090000", "20270603T090000", "20270801T090000", "20270802T090000"}));
+}
+
 TEST(VdirRecurrenceTest, ExruleExcludesItsOccurrences) {
   TemporaryDirectory root;
   writeFile(root.path() / "cal" / "exrule.ics",
@@ -751,6 +810,49 @@ TEST(VdirRecurrencePropertyTest, OccurrencesInAnyWindowAreTheWholeExpansionRestr
     }
   }
   EXPECT_GT(checked, 130) << cut << " rules were cut by the limits";
+}
+
+// A wall-clock walk through a gap gives times that fall before those it gave just ahead of the gap
+// (a time in the gap is placed before it), so a window that ends or starts in that stretch must
+// still find them all: swept over the spring change of three zones, every five minutes.
+TEST(VdirRecurrencePropertyTest, AWindowEdgeNearAClockGapCutsTheWholeExpansionExactly) {
+  struct Change {
+    const char* zone;
+    const char* dayBefore;  // local date of DTSTART, at midnight
+    double instant;         // the change, in UTC
+  };
+  const Change changes[] = {{"Europe/Berlin", "20270327", civilSecondsSince1970(2027, 3, 28, 1, 0, 0)},
+                            {"America/New_York", "20270313", civilSecondsSince1970(2027, 3, 14, 7, 0, 0)},
+                            {"Australia/Sydney", "20271002", civilSecondsSince1970(2027, 10, 2, 16, 0, 0)}};
+  const char* const rules[] = {"RRULE:FREQ=MINUTELY;INTERVAL=25", "RRULE:FREQ=HOURLY;BYMINUTE=7,41",
+                               "RRULE:FREQ=DAILY;BYHOUR=1,2,3;BYMINUTE=20,55"};
+  VdirExpansionLimits limits;
+  for (const Change& change : changes) {
+    for (const char* rule : rules) {
+      Parsed parsed(eventFile("gap", {std::string("DTSTART;TZID=") + change.zone + ":" + change.dayBefore + "T000000",
+                                      "DURATION:PT1M", rule}));
+      ASSERT_TRUE(parsed.item) << change.zone << " " << rule;
+      const VdirSeriesData& data = parsed.item->series.front();
+      const double from = change.instant - 2 * 86400.0, to = change.instant + 2 * 86400.0;
+      std::vector<VdirOccurrence> whole;
+      ASSERT_TRUE(expandSeries(data, parsed.clock, from, to, limits, whole).has_value());
+      for (double edge = change.instant - 2 * 3600.0; edge <= change.instant + 2 * 3600.0; edge += 300.0) {
+        for (const auto& [a, b] : {std::pair{from, edge}, std::pair{edge, to}}) {
+          std::vector<double> expected, got;
+          for (const auto& occurrence : whole)
+            if (overlapsWindow(occurrence, a, b)) expected.push_back(occurrence.start);
+          std::vector<VdirOccurrence> inWindow;
+          ASSERT_TRUE(expandSeries(data, parsed.clock, a, b, limits, inWindow).has_value());
+          for (const auto& occurrence : inWindow) got.push_back(occurrence.start);
+          std::sort(got.begin(), got.end());
+          std::sort(expected.begin(), expected.end());
+          ASSERT_EQ(got, expected) << change.zone << " " << rule << " window "
+                                   << platform::Date::fromTimeIntervalSince1970(a).iso8601() << " to "
+                                   << platform::Date::fromTimeIntervalSince1970(b).iso8601();
+        }
+      }
+    }
+  }
 }
 
 // The same through a store, whose period cache answers windows of up to 16 periods from what

@@ -619,15 +619,21 @@ struct RuleWalk {
 };
 
 // Walks `rule` of a series starting at `start` towards the local time `target` (in field seconds),
-// taking at most `limit` instances; nothing when libical cannot start the walk.
-std::optional<RuleWalk> walkRule(const icalrecurrencetype& rule, const VdirTime& start, std::int64_t target,
-                                 int limit) {
+// taking at most `limit` instances; nothing when libical cannot start the walk. The walk is on the
+// wall clock (ruleFields), so UNTIL is met as the wall-clock time of the instant it names.
+std::optional<RuleWalk> walkRule(icalrecurrencetype rule, const VdirTime& start, std::int64_t target, int limit,
+                                 const VdirEditContext& context) {
+  std::optional<std::int64_t> until;
+  if (!icaltime_is_null_time(rule.until))
+    until = fieldSeconds(timeLike(untilInstant(rule.until, start, *context.clock), start, *context.clock).local);
+  rule.until = icaltime_null_time();
   icalrecur_iterator* iterator = icalrecur_iterator_new(rule, ruleFields(start));
   if (!iterator) return std::nullopt;
   RuleWalk walk;
   for (icaltimetype next = icalrecur_iterator_next(iterator); !icaltime_is_null_time(next);
        next = icalrecur_iterator_next(iterator)) {
     const std::int64_t seconds = fieldSeconds(next);
+    if (until && seconds > *until) break;
     if (seconds >= target) {
       walk.hit = seconds == target;
       break;
@@ -653,7 +659,7 @@ bool hasOccurrenceAt(const VdirComponent& master, const VdirTime& start, platfor
   for (const VdirContentLine* line : master.properties("RRULE")) {
     const icalrecurrencetype rule = icalrecurrencetype_from_string(line->value().c_str());
     if (rule.freq == ICAL_NO_RECURRENCE || unservableRule(rule, start)) return true;
-    const std::optional<RuleWalk> walk = walkRule(rule, start, target, 100000);
+    const std::optional<RuleWalk> walk = walkRule(rule, start, target, 100000, context);
     if (!walk || walk->hit || walk->cut) return true;
   }
   return false;
@@ -682,7 +688,7 @@ rivet::RivetResult<int> instancesBefore(const VdirContentLine& line, const VdirT
   if (const char* why = unservableRule(rule, start))
     return editError(std::string("the rule cannot be expanded: ") + why, "instancesBefore", __LINE__);
   const std::int64_t before = fieldSeconds(timeLike(occurrence, start, *context.clock).local);
-  const std::optional<RuleWalk> walk = walkRule(rule, start, before, limit);
+  const std::optional<RuleWalk> walk = walkRule(rule, start, before, limit, context);
   if (!walk) return editError("the rule cannot be expanded: " + line.value(), "instancesBefore", __LINE__);
   return walk->before;
 }

@@ -717,20 +717,7 @@ class Reader {
       }
     }
     data.statesWeekStart = text.find("WKST=") != std::string::npos;
-    if (!icaltime_is_null_time(rule.until)) {
-      VdirTime until;
-      until.local = rule.until;
-      until.local.zone = nullptr;
-      until.kind = rule.until.is_date ? VdirTime::Kind::date
-                   : icaltime_is_utc(rule.until) ? VdirTime::Kind::utc
-                                                 : start.kind;
-      if (until.kind == VdirTime::Kind::zoned) {
-        until.zone = start.zone;
-        until.tzid = start.tzid;
-      }
-      data.until = context_.clock->instant(until);
-      if (rule.until.is_date) data.until = data.until->addingTimeInterval(86400.0 - 1);
-    }
+    if (!icaltime_is_null_time(rule.until)) data.until = untilInstant(rule.until, start, *context_.clock);
     // Sub-daily rules and BYxxx parts are kept; validate the weekdays the data model reads.
     for (int i = 0; i < ICAL_BY_DAY_SIZE && rule.by_day[i] != ICAL_RECURRENCE_ARRAY_MAX; ++i) {
       int weekday = icalrecurrencetype_day_day_of_week(rule.by_day[i]);

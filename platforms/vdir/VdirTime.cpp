@@ -93,6 +93,19 @@ icaltimetype ruleFields(const VdirTime& start) {
   return fields;
 }
 
+platform::Date untilInstant(const icaltimetype& until, const VdirTime& start, const VdirClock& clock) {
+  VdirTime stated;
+  stated.local = until;
+  stated.local.zone = nullptr;
+  stated.kind = until.is_date ? VdirTime::Kind::date : icaltime_is_utc(until) ? VdirTime::Kind::utc : start.kind;
+  if (stated.kind == VdirTime::Kind::zoned) {
+    stated.zone = start.zone;
+    stated.tzid = start.tzid;
+  }
+  const platform::Date instant = clock.instant(stated);
+  return until.is_date ? instant.addingTimeInterval(86400.0 - 1) : instant;
+}
+
 VdirTime timeLike(platform::Date instant, const VdirTime& like, const VdirClock& clock) {
   VdirTime time = like;
   time.local = clock.wallClockLike(instant, like);

@@ -63,6 +63,10 @@ class VdirClock {
 // series' zone like a time the file states.
 icaltimetype ruleFields(const VdirTime& start);
 
+// The instant at which a rule's UNTIL ends the series that starts at `start`, inclusive: a UTC
+// time as it says, a date through its last second, any other time in the zone of `start`.
+platform::Date untilInstant(const icaltimetype& until, const VdirTime& start, const VdirClock& clock);
+
 // The wall-clock time of `instant` in the form of `like` (its kind and zone).
 VdirTime timeLike(platform::Date instant, const VdirTime& like, const VdirClock& clock);
 // How a new item states its times: a date when it lasts all day, else the wall-clock time in the

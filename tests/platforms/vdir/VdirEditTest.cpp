@@ -744,6 +744,23 @@ TEST_F(VdirEditTest, ARepeatRuleTakesTheFormOfTheStartAndAnUntilDayIsReadThrough
   }
 }
 
+// UNTIL names an instant: 08:00 UTC is 09:00 in Berlin, so the moved occurrence of the 30th is
+// the last one and keeps its override, and one second earlier it is gone.
+TEST_F(VdirEditTest, AnOverrideOnTheOccurrenceAtUntilStaysWhenTheRuleChanges) {
+  VdirDocument document = parse(kSeries);
+  auto changed = changeSeries(document, kUid, {.rule = "FREQ=WEEKLY;UNTIL=20261130T080000Z"}, context_);
+  ASSERT_TRUE(changed) << changed.error().description();
+  EXPECT_EQ(linesOf(document, "VEVENT").size(), 3u);
+  EXPECT_EQ(occurrencesOf(document.text()),
+            (std::set<long long>{berlin(10, 19, 9), berlin(10, 26, 9), berlin(11, 2, 9), berlin(11, 9, 9),
+                                 berlin(11, 23, 9), berlin(11, 30, 14)}));
+  auto earlier = changeSeries(document, kUid, {.rule = "FREQ=WEEKLY;UNTIL=20261130T075959Z"}, context_);
+  ASSERT_TRUE(earlier) << earlier.error().description();
+  EXPECT_EQ(linesOf(document, "VEVENT").size(), 2u);
+  EXPECT_EQ(occurrencesOf(document.text()), (std::set<long long>{berlin(10, 19, 9), berlin(10, 26, 9), berlin(11, 2, 9),
+                                                                  berlin(11, 9, 9), berlin(11, 23, 9)}));
+}
+
 TEST_F(VdirEditTest, ARuleChangesTheWholeSeriesAndNeverOneOccurrence) {
   VdirDocument document = parse(kSeries);
   // Seven weeks: both overrides still fall on occurrences and stay.

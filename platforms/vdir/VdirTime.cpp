@@ -31,6 +31,29 @@ double secondsOf(const icaltimetype& fields) {
                                fields.is_date ? 0 : fields.minute, fields.is_date ? 0 : fields.second);
 }
 
+// The offset from UTC, in seconds, in force in `zone` at the instant `seconds` since 1970.
+int utcOffsetAt(const icaltimezone* zone, double seconds) {
+  icaltimetype instant = icaltime_from_timet_with_zone(static_cast<time_t>(std::floor(seconds)), 0, utcZone());
+  int isDaylight = 0;
+  return icaltimezone_get_utc_offset_of_utc_time(const_cast<icaltimezone*>(zone), &instant, &isDaylight);
+}
+
+// The offset that places wall-clock `fields` (a time, not a date) in `zone` as RFC 5545 reads a
+// stated time: one that occurs twice is the first, one in a gap is read with the offset before
+// the gap. libical gives the offset after the change for both.
+int statedOffset(const icaltimezone* zone, const icaltimetype& fields) {
+  if (!zone) return 0;
+  const int after = utcOffset(zone, fields);
+  icaltimetype dayBefore = fields;
+  icaltime_adjust(&dayBefore, -1, 0, 0, 0);
+  const int before = utcOffset(zone, dayBefore);
+  if (before == after) return after;  // no change within the day before: the time is plain
+  const double seconds = secondsOf(fields);
+  if (utcOffsetAt(zone, seconds - before) == before) return before;  // before the change, or its first
+  if (utcOffsetAt(zone, seconds - after) == after) return after;     // after the change
+  return before;                                                     // in the gap
+}
+
 }  // namespace
 
 double civilSecondsSince1970(int year, int month, int day, int hour, int minute, int second) {
@@ -57,7 +80,7 @@ platform::Date VdirClock::instantLike(const icaltimetype& fields, const VdirTime
     wall.hour = wall.minute = wall.second = 0;
     wall.is_date = 0;
   }
-  return platform::Date::fromTimeIntervalSince1970(secondsOf(wall) - utcOffset(zone, wall));
+  return platform::Date::fromTimeIntervalSince1970(secondsOf(wall) - statedOffset(zone, wall));
 }
 
 icaltimetype VdirClock::wallClockLike(platform::Date instant, const VdirTime& like) const {

@@ -43,12 +43,14 @@ class VdirClock {
 
   // The instant at which `time` falls.
   platform::Date instant(const VdirTime& time) const;
-  // The instant at which wall-clock `fields` fall in the zone of `like` (its kind and zone).
+  // The instant at which wall-clock `fields` fall in the zone of `like` (its kind and zone): of a
+  // time that occurs twice, the first; a time in a gap is read with the offset before the gap.
   platform::Date instantLike(const icaltimetype& fields, const VdirTime& like) const;
   // The wall-clock time of `instant` in the zone of `like`, as a date when `like` is a date.
   icaltimetype wallClockLike(platform::Date instant, const VdirTime& like) const;
   // Whether the zone of `like` changes its offset within a day of `instant`. Near such a change a
-  // later wall-clock time can fall at an earlier instant (a time in a gap is placed before it).
+  // later wall-clock time can fall at an earlier instant (03:00 just after a gap falls before 02:30
+  // in it, which is read with the offset before the gap).
   bool offsetChangesNear(platform::Date instant, const VdirTime& like) const;
 
  private:

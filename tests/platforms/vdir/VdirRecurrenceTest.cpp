@@ -812,9 +812,9 @@ TEST(VdirRecurrencePropertyTest, OccurrencesInAnyWindowAreTheWholeExpansionRestr
   EXPECT_GT(checked, 130) << cut << " rules were cut by the limits";
 }
 
-// A wall-clock walk through a gap gives times that fall before those it gave just ahead of the gap
-// (a time in the gap is placed before it), so a window that ends or starts in that stretch must
-// still find them all: swept over the spring change of three zones, every five minutes.
+// A wall-clock walk through a gap gives times in it that fall after those it gives just past it (a
+// time in a gap is read with the offset before the gap), so a window that ends or starts in that
+// stretch must still find them all: swept over the spring change of three zones, every five minutes.
 TEST(VdirRecurrencePropertyTest, AWindowEdgeNearAClockGapCutsTheWholeExpansionExactly) {
   struct Change {
     const char* zone;

@@ -112,9 +112,9 @@ TEST(VdirTimeTest, WallClocksRoundTripThroughAYearOfZoneChanges) {
     icaltimetype clockTime = clock.wallClockLike(platform::Date::fromTimeIntervalSince1970(at), like);
     double back = seconds(clock.instantLike(clockTime, like));
     if (at >= repeatedHourBegins && at < repeatedHourBegins + 7200) {
-      // 02:00-03:00 happens twice on 25 October: each wall time there names one of its two instants.
+      // 02:00-03:00 happens twice on 25 October: each wall time there names the first of its two.
       ++repeated;
-      EXPECT_TRUE(back == at || back == at - 3600 || back == at + 3600) << at;
+      EXPECT_EQ(back, at < repeatedHourBegins + 3600 ? at : at - 3600) << at;
     } else {
       EXPECT_EQ(back, at) << icaltime_as_ical_string(clockTime);
     }
@@ -127,6 +127,28 @@ TEST(VdirTimeTest, WallClocksRoundTripThroughAYearOfZoneChanges) {
       clock.wallClockLike(platform::Date::fromTimeIntervalSince1970(civilSecondsSince1970(2026, 3, 29, 1, 0, 0)), like);
   EXPECT_EQ(std::make_tuple(before.hour, before.minute, before.second), std::make_tuple(1, 59, 59));
   EXPECT_EQ(std::make_tuple(after.hour, after.minute, after.second), std::make_tuple(3, 0, 0));
+}
+
+// A wall-clock time that occurs twice names the first of them; one in a gap is read with the
+// offset before the gap (RFC 5545's own examples first), in zones north and south, with a change of
+// half an hour, and for a day that begins in a gap.
+TEST(VdirTimeTest, ATimeThatOccursTwiceIsTheFirstAndOneInAGapTakesTheOffsetBeforeIt) {
+  VdirClock clock("Europe/Berlin");
+  auto at = [&](const VdirTime& time) { return seconds(clock.instant(time)); };
+  EXPECT_EQ(at(zoned("America/New_York", 2007, 11, 4, 1, 30)), civilSecondsSince1970(2007, 11, 4, 5, 30, 0));  // EDT
+  EXPECT_EQ(at(zoned("America/New_York", 2007, 3, 11, 2, 30)), civilSecondsSince1970(2007, 3, 11, 7, 30, 0));  // 03:30
+  EXPECT_EQ(at(floating(2027, 10, 31, 2, 30)), civilSecondsSince1970(2027, 10, 31, 0, 30, 0));  // CEST
+  EXPECT_EQ(at(floating(2027, 10, 31, 3, 0)), civilSecondsSince1970(2027, 10, 31, 2, 0, 0));   // CET, after it
+  EXPECT_EQ(at(floating(2027, 10, 31, 1, 59)), civilSecondsSince1970(2027, 10, 30, 23, 59, 0));
+  EXPECT_EQ(at(floating(2027, 3, 28, 2, 30)), civilSecondsSince1970(2027, 3, 28, 1, 30, 0));  // 03:30 CEST
+  EXPECT_EQ(at(floating(2027, 3, 28, 3, 0)), civilSecondsSince1970(2027, 3, 28, 1, 0, 0));
+  EXPECT_EQ(at(zoned("Australia/Sydney", 2027, 4, 4, 2, 30)), civilSecondsSince1970(2027, 4, 3, 15, 30, 0));  // AEDT
+  EXPECT_EQ(at(zoned("Australia/Sydney", 2027, 10, 3, 2, 30)), civilSecondsSince1970(2027, 10, 2, 16, 30, 0));
+  EXPECT_EQ(at(zoned("Australia/Lord_Howe", 2027, 4, 4, 1, 45)), civilSecondsSince1970(2027, 4, 3, 14, 45, 0));
+  EXPECT_EQ(at(zoned("Australia/Lord_Howe", 2027, 10, 3, 2, 15)), civilSecondsSince1970(2027, 10, 2, 15, 45, 0));
+  VdirClock saoPaulo("America/Sao_Paulo");  // clocks went from 00:00 to 01:00 on 15 October 2017
+  EXPECT_EQ(seconds(saoPaulo.instant(date(2017, 10, 15))), civilSecondsSince1970(2017, 10, 15, 3, 0, 0));
+  EXPECT_EQ(seconds(saoPaulo.instant(date(2017, 10, 16))), civilSecondsSince1970(2017, 10, 16, 2, 0, 0));
 }
 
 TEST(VdirTimeTest, AWallClockLikeADateIsTheLocalDay) {

@@ -159,8 +159,11 @@ rivet::RivetResult<void> expandRule(const VdirRuleData& rule, const VdirComponen
                     std::chrono::duration<double>(std::chrono::steady_clock::now() - budget.began).count() >
                         budget.limits.maximumSecondsPerSeries;
     const std::size_t found = budget.found ? budget.found->size() : kept;
-    if (budget.steps > budget.limits.maximumIteratorStepsPerSeries ||
-        (start < end && found >= budget.limits.maximumOccurrencesPerSeries) || overTime) {
+    // At the limit, only a step that could add an occurrence cuts (not one past the end, nor a time
+    // found already, as a walk through a gap gives twice).
+    const bool full = found >= budget.limits.maximumOccurrencesPerSeries && start < end &&
+                      !(budget.found && budget.found->count(start));
+    if (budget.steps > budget.limits.maximumIteratorStepsPerSeries || full || overTime) {
       problem = "expansion stopped after " + std::to_string(found) + " occurrences and " +
                 std::to_string(budget.steps - 1) + " steps in one window" + (overTime ? " (time limit)" : "");
       break;

@@ -61,8 +61,8 @@ class VdirClock {
 // The wall-clock fields of a series' start as libical's recurrence iterator is given them: marked
 // UTC, so that it counts days, hours and seconds on the wall clock alone. Given a zone it would step
 // sub-daily rules in elapsed time in ICU's copy of that zone (a floating time in the process's zone)
-// and move some times on the day of a clock change. Each time it gives is then placed in the
-// series' zone like a time the file states.
+// and keep a time a clock change moved on the days after it. Each time it gives is then placed in
+// the series' zone like a time the file states.
 icaltimetype ruleFields(const VdirTime& start);
 
 // The instant at which a rule's UNTIL ends the series that starts at `start`, inclusive: a UTC

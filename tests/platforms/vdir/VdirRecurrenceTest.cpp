@@ -849,6 +849,12 @@ TEST(VdirRecurrencePropertyTest, AWindowEdgeNearAClockGapCutsTheWholeExpansionEx
           ASSERT_EQ(got, expected) << change.zone << " " << rule << " window "
                                    << platform::Date::fromTimeIntervalSince1970(a).iso8601() << " to "
                                    << platform::Date::fromTimeIntervalSince1970(b).iso8601();
+          // Walking on past the end finds nothing more, so a limit of just these is no cut.
+          VdirExpansionLimits exact = limits;
+          exact.maximumOccurrencesPerSeries = expected.size();
+          inWindow.clear();
+          EXPECT_TRUE(expandSeries(data, parsed.clock, a, b, exact, inWindow).has_value())
+              << change.zone << " " << rule << " " << expected.size() << " occurrences";
         }
       }
     }

@@ -67,47 +67,39 @@ VdirClock::VdirClock(const std::string& localZone) : localZoneName_(localZone.em
 
 platform::Date VdirClock::instant(const VdirTime& time) const { return instantLike(time.local, time); }
 
-platform::Date VdirClock::instantLike(const icaltimetype& fields, const VdirTime& like) const {
-  const icaltimezone* zone = nullptr;
+const icaltimezone* VdirClock::zoneOf(const VdirTime& like) const {
   switch (like.kind) {
-    case VdirTime::Kind::utc: zone = nullptr; break;
-    case VdirTime::Kind::zoned: zone = like.zone; break;
+    case VdirTime::Kind::utc: return nullptr;
+    case VdirTime::Kind::zoned: return like.zone;
     case VdirTime::Kind::date:
-    case VdirTime::Kind::floating: zone = localZone_; break;
+    case VdirTime::Kind::floating: return localZone_;
   }
+  return nullptr;
+}
+
+platform::Date VdirClock::instantLike(const icaltimetype& fields, const VdirTime& like) const {
   icaltimetype wall = fields;
   if (like.kind == VdirTime::Kind::date || wall.is_date) {
     wall.hour = wall.minute = wall.second = 0;
     wall.is_date = 0;
   }
-  return platform::Date::fromTimeIntervalSince1970(secondsOf(wall) - statedOffset(zone, wall));
+  return platform::Date::fromTimeIntervalSince1970(secondsOf(wall) - statedOffset(zoneOf(like), wall));
 }
 
 icaltimetype VdirClock::wallClockLike(platform::Date instant, const VdirTime& like) const {
-  const icaltimezone* zone = nullptr;
-  switch (like.kind) {
-    case VdirTime::Kind::utc: zone = utcZone(); break;
-    case VdirTime::Kind::zoned: zone = like.zone; break;
-    case VdirTime::Kind::date:
-    case VdirTime::Kind::floating: zone = localZone_ ? localZone_ : utcZone(); break;
-  }
+  const icaltimezone* zone = zoneOf(like);
   auto seconds = static_cast<time_t>(std::floor(instant.timeIntervalSince1970()));
-  icaltimetype wall = icaltime_from_timet_with_zone(seconds, like.isDate() ? 1 : 0, zone);
+  icaltimetype wall = icaltime_from_timet_with_zone(seconds, like.isDate() ? 1 : 0, zone ? zone : utcZone());
   wall.zone = nullptr;
   return wall;
 }
 
 bool VdirClock::offsetChangesNear(platform::Date instant, const VdirTime& like) const {
-  if (like.kind == VdirTime::Kind::utc) return false;
-  VdirTime timed = like;
-  if (timed.isDate()) timed.kind = VdirTime::Kind::floating;  // the local zone, with its hours
+  const icaltimezone* zone = zoneOf(like);
+  if (!zone) return false;
   const double at = instant.timeIntervalSince1970();
-  auto offset = [&](double seconds) {
-    const icaltimetype wall = wallClockLike(platform::Date::fromTimeIntervalSince1970(seconds), timed);
-    return secondsOf(wall) - std::floor(seconds);
-  };
-  const double now = offset(at);
-  return offset(at - 86400.0) != now || offset(at + 86400.0) != now;
+  const int now = utcOffsetAt(zone, at);
+  return utcOffsetAt(zone, at - 86400.0) != now || utcOffsetAt(zone, at + 86400.0) != now;
 }
 
 icaltimetype ruleFields(const VdirTime& start) {

@@ -54,6 +54,9 @@ class VdirClock {
   bool offsetChangesNear(platform::Date instant, const VdirTime& like) const;
 
  private:
+  // The zone in which times like `like` are read; null for UTC.
+  const icaltimezone* zoneOf(const VdirTime& like) const;
+
   std::string localZoneName_;
   icaltimezone* localZone_ = nullptr;  // null: UTC
 };

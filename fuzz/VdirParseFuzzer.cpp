@@ -1,7 +1,9 @@
 // Fuzzes the reading of one calendar file alone, in memory: its bytes parsed into an item (as the
 // scanner does, without a store, a file or a query) and kept as a document, which must give its
-// bytes back. Light enough to reach millions of inputs; the item fuzzer goes on from here through
-// the whole store.
+// bytes back. The file is read twice into the same zones, as a store reads the next file that
+// carries the same zone definitions (the second reading takes the zones the first parsed cleanly
+// without parsing them again), and both readings must give the same item and diagnostics. Light
+// enough to reach millions of inputs; the item fuzzer goes on from here through the whole store.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -9,20 +11,45 @@
 #include <string>
 #include <vector>
 
+#include "platforms/vdir/VdirCache.h"
 #include "platforms/vdir/VdirDocument.h"
 #include "platforms/vdir/VdirItem.h"
 #include "platforms/vdir/VdirZones.h"
 
+namespace {
+
+// Everything a reading gave, in the cache's bytes (every field of the item, the zones it uses by
+// their definitions, the diagnostics); empty when the item cannot be stored.
+std::string encoded(const vesp::vdir::VdirParseResult& parsed, const vesp::vdir::VdirZones& zones) {
+  using namespace vesp::vdir;
+  VdirFileRecords records;
+  VdirFileRecord record;
+  record.item = parsed.item;
+  record.diagnostics = parsed.diagnostics;
+  records.emplace_back("calendar/item.ics", record);
+  std::size_t left = 0;
+  std::string bytes = encodeCache("fuzz", records, zones, 4102444800000000000LL, left);
+  return left == 0 ? bytes : std::string();
+}
+
+}  // namespace
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace vesp::vdir;
   static const VdirClock clock("Europe/Berlin");
-  static VdirZones* zones = new VdirZones;  // kept for the whole run, as a store keeps its zones
   static const std::vector<std::string> addresses{"mailto:me@example.org"};
   const std::string bytes(reinterpret_cast<const char*>(data), size);
-  VdirParseContext context{zones, &clock, &addresses, 1000};
+  VdirZones zones;
+  VdirParseContext context{&zones, &clock, &addresses, 1000};
   VdirParseResult parsed = parseItem("calendar/item.ics", "item.ics", bytes, context);
   if (!parsed.item && parsed.diagnostics.empty()) {
     std::fprintf(stderr, "parse fuzzer: a file was skipped without a reason\n");
+    std::abort();
+  }
+  VdirParseResult again = parseItem("calendar/item.ics", "item.ics", bytes, context);
+  if (again.diagnostics != parsed.diagnostics || !again.item != !parsed.item ||
+      encoded(again, zones) != encoded(parsed, zones)) {
+    std::fprintf(stderr, "parse fuzzer: a second reading with the zones of the first gave another item\n");
     std::abort();
   }
   auto document = VdirDocument::parse(bytes);

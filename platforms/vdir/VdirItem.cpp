@@ -342,34 +342,32 @@ class Reader {
       diagnostics_.push_back(std::move(diagnostic));
   }
 
-  // The text of each VTIMEZONE in the file as written, by TZID: the key of its zone, found without
-  // serialising the parsed component again (that cost as much as the rest of the file).
   // Keeps `text` (the file's text repaired) for as long as the reader lives, and returns it.
   const std::string& keepRepairedText(std::string text) {
     repairedText_ = std::move(text);
     return repairedText_;
   }
 
+  // The text to hand to the parser. Each zone definition the file writes plainly is found by its
+  // text (its zone's key, so the parsed definition need not be serialised again; that cost as much
+  // as the rest of the file). A definition that an earlier file carried and that parsed cleanly
+  // gives its zone at once and is left out of the text (`cut`): a third of a typical file's lines.
   // `text` must live as long as the reader: the file's own text, or the reader's repaired one.
-  void collectZoneTexts(std::string_view text) {
-    constexpr std::string_view begin = "BEGIN:VTIMEZONE", end = "END:VTIMEZONE";
-    for (std::size_t at = text.find(begin); at != std::string_view::npos; at = text.find(begin, at + 1)) {
-      std::size_t stop = text.find(end, at);
-      if (stop == std::string_view::npos) return;
-      std::string_view block = text.substr(at, stop + end.size() - at);
-      // Its first TZID line, unless folded (then the definition is serialised instead).
-      std::size_t line = block.find("\nTZID");
-      if (line == std::string_view::npos) continue;
-      std::size_t lineEnd = block.find('\n', line + 1);
-      if (lineEnd == std::string_view::npos || lineEnd + 1 >= block.size() || block[lineEnd + 1] == ' ' ||
-          block[lineEnd + 1] == '\t')
-        continue;
-      std::string_view tzidLine = block.substr(line + 1, lineEnd - line - 1);
-      if (!tzidLine.empty() && tzidLine.back() == '\r') tzidLine.remove_suffix(1);
-      std::size_t colon = tzidLine.find(':');
-      if (colon == std::string_view::npos) continue;
-      zoneTexts_.emplace(std::string(tzidLine.substr(colon + 1)), block);
+  const std::string& withoutKnownZones(const std::string& text, std::string& cut) {
+    std::size_t copied = 0;
+    for (const VdirWrittenZone& zone : writtenZones(text)) {
+      std::string tzid(zone.tzid);
+      if (auto known = context_.zones->parsedCleanly(tzid, zone.text)) {
+        cut.append(text, copied, zone.from - copied);
+        copied = zone.to;
+        resolved_.emplace(std::move(tzid), std::move(*known));
+      } else {
+        zoneTexts_.emplace(std::move(tzid), zone.text);
+      }
     }
+    if (copied == 0) return text;
+    cut.append(text, copied);
+    return cut;
   }
 
   void collectZones(icalcomponent* calendar) {
@@ -847,8 +845,8 @@ class Reader {
   std::vector<VdirDiagnostic>& diagnostics_;
   std::map<std::string, icalcomponent*> definitions_;
   std::map<std::string, std::pair<const icaltimezone*, std::string>> resolved_;
-  std::map<std::string, std::string_view, std::less<>> zoneTexts_;  // into the text collected from
-  std::string repairedText_;  // the file's text made UTF-8, when it was not: zoneTexts_ point into it
+  std::map<std::string, std::string_view, std::less<>> zoneTexts_;  // into the file's text (or repairedText_)
+  std::string repairedText_;  // the file's text made UTF-8, when it was not
 };
 
 // The text with END lines added for every component left open, or nothing when none is.
@@ -943,7 +941,8 @@ bool parseText(const std::string& text, Reader& reader, ComponentHolder& root) {
     source = &reader.keepRepairedText(validUtf8(text));
     reader.report(VdirDiagnostic::Action::repaired, "bytes that are not UTF-8 were replaced by U+FFFD");
   }
-  reader.collectZoneTexts(*source);
+  std::string cut;
+  source = &reader.withoutKnownZones(*source, cut);
   root.component = icalparser_parse_string(source->c_str());
   if (!root.component && source->find("BEGIN:VCALENDAR") != std::string::npos) {
     // A file that ends early (cut off, or missing its END lines) is closed and read again.

@@ -1,5 +1,7 @@
 #include "platforms/vdir/VdirZones.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <unordered_map>
 
@@ -46,7 +48,84 @@ icaltimezone* zoneOfDefinition(icalcomponent* definition) {
   return nullptr;
 }
 
+// Whether `component` or any component in it holds an error the parser put there.
+bool hasParseErrors(icalcomponent* component) {
+  if (icalcomponent_get_first_property(component, ICAL_XLICERROR_PROPERTY)) return true;
+  for (icalcomponent* child = icalcomponent_get_first_component(component, ICAL_ANY_COMPONENT); child;
+       child = icalcomponent_get_next_component(component, ICAL_ANY_COMPONENT))
+    if (hasParseErrors(child)) return true;
+  return false;
+}
+
+std::string keyOf(const std::string& tzid, std::string_view text) {
+  std::string key = tzid + '\n';
+  key += text;
+  return key;
+}
+
+// Whether `line` starts with the property name `word` (in any case), as the parser reads names.
+bool namedLine(std::string_view line, std::string_view word) {
+  if (line.size() <= word.size() || (line[word.size()] != ':' && line[word.size()] != ';')) return false;
+  for (std::size_t i = 0; i < word.size(); ++i)
+    if (std::toupper(static_cast<unsigned char>(line[i])) != word[i]) return false;
+  return true;
+}
+
+bool plainComponentName(std::string_view name) {
+  if (name.empty()) return false;
+  for (char c : name)
+    if (!((c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-')) return false;
+  return true;
+}
+
 }  // namespace
+
+std::vector<VdirWrittenZone> writtenZones(std::string_view text) {
+  std::vector<VdirWrittenZone> zones;
+  std::vector<std::string_view> open;    // the components the lines so far opened, outermost first
+  std::optional<VdirWrittenZone> zone;   // the one being read
+  bool mustNotFold = false;              // the line before was a component or TZID line
+  for (std::size_t at = 0; at < text.size();) {
+    const std::size_t lineEnd = std::min(text.find('\n', at), text.size());
+    const std::size_t next = std::min(lineEnd + 1, text.size());
+    std::string_view line = text.substr(at, lineEnd - at);
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+    const bool folded = !line.empty() && (line[0] == ' ' || line[0] == '\t');
+    if (folded && mustNotFold) return {};
+    mustNotFold = false;
+    const bool begins = namedLine(line, "BEGIN"), ends = namedLine(line, "END");
+    if (!folded && (begins || ends)) {
+      if (!line.starts_with(begins ? "BEGIN:" : "END:")) return {};
+      const std::string_view name = line.substr(begins ? 6 : 4);
+      if (!plainComponentName(name)) return {};
+      mustNotFold = true;
+      if (begins) {
+        if (name == "VTIMEZONE" && open.size() == 1 && open.front() == "VCALENDAR") zone = VdirWrittenZone{{}, {}, at, 0};
+        open.push_back(name);
+      } else {
+        if (open.empty() || open.back() != name) return {};
+        open.pop_back();
+        if (zone && open.size() == 1) {
+          if (zone->tzid.empty()) return {};
+          for (const auto& other : zones)
+            if (other.tzid == zone->tzid) return {};
+          zone->text = text.substr(zone->from, at + line.size() - zone->from);
+          zone->to = next;
+          zones.push_back(*zone);
+          zone.reset();
+        }
+      }
+    } else if (!folded && zone && open.size() == 2 && namedLine(line, "TZID")) {
+      // The zone's own TZID, written plainly once: the parser gives the same value.
+      if (!line.starts_with("TZID:") || !zone->tzid.empty()) return {};
+      zone->tzid = line.substr(5);
+      if (zone->tzid.empty() || zone->tzid.find('\\') != std::string_view::npos) return {};
+      mustNotFold = true;
+    }
+    at = next;
+  }
+  return zones;
+}
 
 icaltimezone* builtinZone(const std::string& name) {
   // Each thread remembers what it was given (zones live as long as the process), so parse and
@@ -110,14 +189,31 @@ std::pair<const icaltimezone*, std::string> VdirZones::zoneFor(const std::string
 
 std::pair<const icaltimezone*, std::string> VdirZones::zoneFor(const std::string& tzid, icalcomponent* definition,
                                                               std::string_view text) {
-  return build(tzid, definition, text);
+  auto result = build(tzid, definition, text);
+  if (definition && result.first && !hasParseErrors(definition)) {
+    std::string key = keyOf(tzid, text);
+    rivet::RivetMutexLock lock(mutex_);
+    // Only the definition's own zone, not a built-in one it fell back to.
+    if (auto found = defined_.find(key); found != defined_.end() && found->second.first == result.first)
+      clean_.insert(std::move(key));
+  }
+  return result;
+}
+
+std::optional<std::pair<const icaltimezone*, std::string>> VdirZones::parsedCleanly(const std::string& tzid,
+                                                                                   std::string_view text) const {
+  const std::string key = keyOf(tzid, text);
+  rivet::RivetMutexLock lock(mutex_);
+  if (!clean_.contains(key)) return std::nullopt;
+  const auto& [zone, name] = defined_.at(key);
+  return std::make_pair(zone, name);
 }
 
 std::pair<const icaltimezone*, std::string> VdirZones::zoneFor(const std::string& tzid,
                                                               const std::string& definitionText) {
   {
     rivet::RivetMutexLock lock(mutex_);
-    auto found = defined_.find(tzid + '\n' + definitionText);
+    auto found = defined_.find(keyOf(tzid, definitionText));
     if (found != defined_.end() && found->second.first) return found->second;
   }
   icalcomponent* definition = icalparser_parse_string(definitionText.c_str());
@@ -134,8 +230,7 @@ std::pair<const icaltimezone*, std::string> VdirZones::build(const std::string& 
                                                             std::string_view text) {
   const std::string name = ianaNameOfTzid(tzid);
   if (definition) {
-    std::string key = tzid + '\n';
-    key += text;
+    std::string key = keyOf(tzid, text);
     bool knownUnusable = false;
     {
       rivet::RivetMutexLock lock(mutex_);

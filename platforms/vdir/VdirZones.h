@@ -15,9 +15,11 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "support/rivet/RivetMutex.h"
 
@@ -34,9 +36,15 @@ class VdirZones {
   // null when the TZID is neither defined usably nor known by name.
   std::pair<const icaltimezone*, std::string> zoneFor(const std::string& tzid, icalcomponent* definition);
   // The same, with the definition's text as the file has it (its key, instead of the parsed
-  // definition serialised again).
+  // definition serialised again). A definition that parsed without errors and gave a zone is
+  // remembered as such (see parsedCleanly).
   std::pair<const icaltimezone*, std::string> zoneFor(const std::string& tzid, icalcomponent* definition,
                                                       std::string_view text);
+  // The zone and IANA name of a definition text that an earlier call of the above built from a
+  // parse without errors, or nothing: the same text parses the same way, so a file that carries it
+  // need not have it parsed again.
+  std::optional<std::pair<const icaltimezone*, std::string>> parsedCleanly(const std::string& tzid,
+                                                                           std::string_view text) const;
   // The same, from a definition's text alone (as `definitionOf` gives it).
   std::pair<const icaltimezone*, std::string> zoneFor(const std::string& tzid, const std::string& definitionText);
 
@@ -54,7 +62,22 @@ class VdirZones {
   // By TZID and definition text; a null zone: that definition is unusable.
   std::map<std::string, std::pair<icaltimezone*, std::string>> defined_ RIVET_GUARDED_BY(mutex_);
   std::map<const icaltimezone*, std::string> keys_ RIVET_GUARDED_BY(mutex_);  // the key of each zone built
+  std::set<std::string, std::less<>> clean_ RIVET_GUARDED_BY(mutex_);          // keys of definitions parsed cleanly
 };
+
+// A VTIMEZONE as a file writes it directly inside a VCALENDAR: its TZID, its text from the start
+// of its BEGIN line to the end of its END line (a zone's key), and the span of its whole lines.
+struct VdirWrittenZone {
+  std::string_view tzid, text;
+  std::size_t from = 0, to = 0;  // to: past the END line's line break
+};
+
+// The VTIMEZONEs directly inside a VCALENDAR of `text`, as libical's parser would read them, in
+// order. The file's component lines are followed from BEGIN to END; when any of them is not plain
+// (folded, not in capitals, with parameters, or an END that closes another component), or a zone
+// has no plain TZID line of its own or shares its TZID with another, the answer is none, so that
+// nothing is ever taken for a zone that the parser would read otherwise.
+std::vector<VdirWrittenZone> writtenZones(std::string_view text);
 
 // The built-in (system) zone of an IANA name, or null. Every look-up is serialised on one
 // process-wide lock and remembered, so libical's table is searched and grown by one thread at a

@@ -217,6 +217,92 @@ TEST(VdirItemTest, ZonesComeFromTheFileOrFromTheSystemByName) {
   EXPECT_THAT(read.problems(), Contains(HasSubstr("unknown time zone \"Mars/Olympus_Mons\"")));
 }
 
+// Files read one after another into one store's zones, as a store reads them.
+struct ReadInto {
+  VdirZones& zones;
+  VdirClock clock{"Europe/Berlin"};
+  VdirParseResult result;
+
+  ReadInto(VdirZones& into, const std::string& text) : zones(into) {
+    VdirParseContext context;
+    context.zones = &zones;
+    context.clock = &clock;
+    result = parseItem("work/a.ics", "a.ics", text, context);
+  }
+  const VdirComponentData& master() const { return *result.item->series.at(0).master; }
+  std::vector<std::string> problems() const {
+    std::vector<std::string> texts;
+    for (const auto& diagnostic : result.diagnostics) texts.push_back(diagnostic.problem);
+    return texts;
+  }
+};
+
+const std::string kCustomBerlin =
+    "BEGIN:VTIMEZONE\r\nTZID:Custom Berlin\r\n"
+    "BEGIN:STANDARD\r\nDTSTART:19701025T030000\r\nRRULE:FREQ=YEARLY;BYMONTH=10;BYDAY=-1SU\r\n"
+    "TZOFFSETFROM:+0200\r\nTZOFFSETTO:+0100\r\nEND:STANDARD\r\n"
+    "BEGIN:DAYLIGHT\r\nDTSTART:19700329T020000\r\nRRULE:FREQ=YEARLY;BYMONTH=3;BYDAY=-1SU\r\n"
+    "TZOFFSETFROM:+0100\r\nTZOFFSETTO:+0200\r\nEND:DAYLIGHT\r\nEND:VTIMEZONE";
+
+TEST(VdirItemTest, AZoneDefinitionThatParsedCleanlyServesTheNextFilesThatCarryIt) {
+  VdirZones zones;
+  const std::string summer = event("s", "SUMMARY:S\r\nDTSTART;TZID=Custom Berlin:20260710T090000\r\n");
+  const std::string winter = event("w", "SUMMARY:W\r\nDTSTART;TZID=Custom Berlin:20260110T090000\r\n");
+  EXPECT_FALSE(zones.parsedCleanly("Custom Berlin", kCustomBerlin));
+  ReadInto first(zones, kHead + kCustomBerlin + "\r\n" + summer + kTail);
+  ASSERT_NE(first.result.item, nullptr);
+  auto clean = zones.parsedCleanly("Custom Berlin", kCustomBerlin);
+  ASSERT_TRUE(clean);
+  EXPECT_EQ(clean->first, first.master().start.zone);
+  // The next files take that zone, wherever the definition stands among their components.
+  for (const std::string& text : {kHead + kCustomBerlin + "\r\n" + winter + kTail,
+                                  kHead + winter + kCustomBerlin + "\r\n" + kTail,
+                                  kHead + winter + kCustomBerlin + "\r\n" + kTail.substr(0, kTail.size() - 2)}) {
+    ReadInto next(zones, text);
+    ASSERT_NE(next.result.item, nullptr);
+    EXPECT_EQ(next.master().start.zone, first.master().start.zone);
+    EXPECT_EQ(next.master().timeZoneName, "Custom Berlin");
+    EXPECT_EQ(next.clock.instant(next.master().start).timeIntervalSince1970(), seconds(utc(2026, 1, 10, 8)));
+    EXPECT_THAT(next.problems(), ::testing::IsEmpty());
+  }
+  // A copy inside an event is not the file's definition: the parser never reads it as one.
+  ReadInto nested(zones, kHead + "BEGIN:VEVENT\r\nUID:n\r\nDTSTART;TZID=Custom Berlin:20260110T090000\r\n" +
+                             kCustomBerlin + "\r\nEND:VEVENT\r\n" + kTail);
+  ASSERT_NE(nested.result.item, nullptr);
+  EXPECT_EQ(nested.master().start.kind, VdirTime::Kind::floating);
+  EXPECT_THAT(nested.problems(), Contains(HasSubstr("unknown time zone \"Custom Berlin\"")));
+}
+
+TEST(VdirItemTest, AZoneDefinitionWithErrorsIsParsedAndReportedInEveryFile) {
+  VdirZones zones;
+  std::string damaged = kCustomBerlin;
+  damaged.insert(damaged.find("END:STANDARD"), "TZOFFSETTO;VALUE=INTEGER:often\r\n");
+  const std::string text =
+      kHead + damaged + "\r\n" + event("s", "SUMMARY:S\r\nDTSTART;TZID=Custom Berlin:20260710T090000\r\n") + kTail;
+  for (int file = 0; file < 2; ++file) {
+    ReadInto read(zones, text);
+    ASSERT_NE(read.result.item, nullptr);
+    EXPECT_THAT(read.problems(), Contains(HasSubstr("unreadable content ignored"))) << "file " << file;
+    EXPECT_FALSE(zones.parsedCleanly("Custom Berlin", damaged));
+  }
+}
+
+TEST(VdirItemTest, ADefinitionThatGivesNoZoneLeavesEveryFileToTheZoneOfItsName) {
+  VdirZones zones;
+  // No observance: unusable, so the system's zone of that name serves.
+  const std::string unusable = "BEGIN:VTIMEZONE\r\nTZID:America/New_York\r\nEND:VTIMEZONE";
+  const std::string text =
+      kHead + unusable + "\r\n" + event("s", "SUMMARY:S\r\nDTSTART;TZID=America/New_York:20260710T090000\r\n") +
+      kTail;
+  for (int file = 0; file < 2; ++file) {
+    ReadInto read(zones, text);
+    ASSERT_NE(read.result.item, nullptr);
+    EXPECT_EQ(read.master().start.kind, VdirTime::Kind::zoned) << "file " << file;
+    EXPECT_EQ(read.clock.instant(read.master().start).timeIntervalSince1970(), seconds(utc(2026, 7, 10, 13)));
+    EXPECT_FALSE(zones.parsedCleanly("America/New_York", unusable));
+  }
+}
+
 TEST(VdirItemTest, SeveralSeriesAndToDosInOneFileAreNamedByPathThenUid) {
   Read read(calendar(event("one", "SUMMARY:One\r\nDTSTART:20260310T090000Z\r\n") +
                      event("two", "SUMMARY:Two\r\nDTSTART:20260311T090000Z\r\n") +

@@ -1,8 +1,9 @@
 // Fuzzes the reading of one calendar file alone, in memory: its bytes parsed into an item (as the
 // scanner does, without a store, a file or a query) and kept as a document, which must give its
-// bytes back. The file is read twice into the same zones, as a store reads the next file that
-// carries the same zone definitions (the second reading takes the zones the first parsed cleanly
-// without parsing them again), and both readings must give the same item and diagnostics. Light
+// bytes back. The file is read twice with the same zones and known lines, as a scan reads the next
+// file that writes the same zone definitions and calendar lines (the second reading leaves out of
+// libical's parse what the first parsed cleanly), and both readings must give the same item and
+// diagnostics. Light
 // enough to reach millions of inputs; the item fuzzer goes on from here through the whole store.
 #include <cstddef>
 #include <cstdint>
@@ -14,6 +15,7 @@
 #include "platforms/vdir/VdirCache.h"
 #include "platforms/vdir/VdirDocument.h"
 #include "platforms/vdir/VdirItem.h"
+#include "platforms/vdir/VdirOutline.h"
 #include "platforms/vdir/VdirZones.h"
 
 namespace {
@@ -40,7 +42,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   static const std::vector<std::string> addresses{"mailto:me@example.org"};
   const std::string bytes(reinterpret_cast<const char*>(data), size);
   VdirZones zones;
-  VdirParseContext context{&zones, &clock, &addresses, 1000};
+  VdirKnownLines knownLines;
+  VdirParseContext context{&zones, &clock, &addresses, 1000, &knownLines};
   VdirParseResult parsed = parseItem("calendar/item.ics", "item.ics", bytes, context);
   if (!parsed.item && parsed.diagnostics.empty()) {
     std::fprintf(stderr, "parse fuzzer: a file was skipped without a reason\n");

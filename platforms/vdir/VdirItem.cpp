@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "platforms/vdir/VdirExpansion.h"
+#include "platforms/vdir/VdirOutline.h"
 #include "platforms/vdir/VdirText.h"
 #include "platforms/vdir/VdirZones.h"
 
@@ -348,26 +349,48 @@ class Reader {
     return repairedText_;
   }
 
-  // The text to hand to the parser. Each zone definition the file writes plainly is found by its
-  // text (its zone's key, so the parsed definition need not be serialised again; that cost as much
-  // as the rest of the file). A definition that an earlier file carried and that parsed cleanly
-  // gives its zone at once and is left out of the text (`cut`): a third of a typical file's lines.
-  // `text` must live as long as the reader: the file's own text, or the reader's repaired one.
-  const std::string& withoutKnownZones(const std::string& text, std::string& cut) {
-    std::size_t copied = 0;
-    for (const VdirWrittenZone& zone : writtenZones(text)) {
+  // The text to hand to the parser: `text`, or `cut` made from it without what earlier files
+  // wrote word for word and what parsed cleanly there (see VdirOutline.h). Each zone definition
+  // the file writes plainly is found by its text (its zone's key, so the parsed definition need
+  // not be serialised again; that cost as much as the rest of the file); one known to parse cleanly
+  // gives its zone at once. `text` must live as long as the reader: the file's own text, or the
+  // reader's repaired one.
+  const std::string& withoutKnownParts(const std::string& text, std::string& cut) {
+    outline_ = outlineOf(text);
+    std::vector<std::pair<std::size_t, std::size_t>> known;  // spans left out
+    for (const VdirWrittenZone& zone : outline_.zones) {
       std::string tzid(zone.tzid);
-      if (auto known = context_.zones->parsedCleanly(tzid, zone.text)) {
-        cut.append(text, copied, zone.from - copied);
-        copied = zone.to;
-        resolved_.emplace(std::move(tzid), std::move(*known));
+      if (auto clean = context_.zones->parsedCleanly(tzid, zone.text)) {
+        known.emplace_back(zone.from, zone.to);
+        resolved_.emplace(std::move(tzid), std::move(*clean));
       } else {
         zoneTexts_.emplace(std::move(tzid), zone.text);
       }
     }
-    if (copied == 0) return text;
+    std::erase_if(outline_.calendarLines, [&](const VdirWrittenLine& line) {
+      const bool isKnown = context_.knownLines && context_.knownLines->contains(line.text);
+      if (isKnown) known.emplace_back(line.from, line.to);
+      return isKnown;
+    });
+    if (known.empty()) return text;
+    std::sort(known.begin(), known.end());
+    std::size_t copied = 0;
+    for (const auto& [from, to] : known) {
+      cut.append(text, copied, from - copied);
+      copied = to;
+    }
     cut.append(text, copied);
     return cut;
+  }
+
+  // After a parse of the text without repairs: when the calendar holds a property for each of its
+  // lines that were parsed, and no error, those lines are known to parse cleanly.
+  void rememberCalendarLines(icalcomponent* root) {
+    if (!context_.knownLines || outline_.calendarLines.empty() || icalcomponent_isa(root) != ICAL_VCALENDAR_COMPONENT ||
+        icalcomponent_count_properties(root, ICAL_ANY_PROPERTY) != static_cast<int>(outline_.calendarLines.size()) ||
+        icalcomponent_get_first_property(root, ICAL_XLICERROR_PROPERTY))
+      return;
+    for (const VdirWrittenLine& line : outline_.calendarLines) context_.knownLines->add(line.text);
   }
 
   void collectZones(icalcomponent* calendar) {
@@ -847,6 +870,7 @@ class Reader {
   std::map<std::string, std::pair<const icaltimezone*, std::string>> resolved_;
   std::map<std::string, std::string_view, std::less<>> zoneTexts_;  // into the file's text (or repairedText_)
   std::string repairedText_;  // the file's text made UTF-8, when it was not
+  VdirOutline outline_;       // of the text parsed; its calendar lines: those that were parsed
 };
 
 // The text with END lines added for every component left open, or nothing when none is.
@@ -942,8 +966,9 @@ bool parseText(const std::string& text, Reader& reader, ComponentHolder& root) {
     reader.report(VdirDiagnostic::Action::repaired, "bytes that are not UTF-8 were replaced by U+FFFD");
   }
   std::string cut;
-  source = &reader.withoutKnownZones(*source, cut);
+  source = &reader.withoutKnownParts(*source, cut);
   root.component = icalparser_parse_string(source->c_str());
+  if (root.component) reader.rememberCalendarLines(root.component);
   if (!root.component && source->find("BEGIN:VCALENDAR") != std::string::npos) {
     // A file that ends early (cut off, or missing its END lines) is closed and read again.
     if (auto closed = closedText(*source)) {

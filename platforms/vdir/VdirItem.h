@@ -17,6 +17,7 @@
 
 namespace vesp::vdir {
 
+class VdirKnownLines;
 class VdirZones;
 
 struct VdirParticipantData {
@@ -167,6 +168,7 @@ struct VdirParseContext {
   const VdirClock* clock = nullptr;
   const std::vector<std::string>* userAddresses = nullptr;  // lower-case mailto: addresses
   std::size_t maximumCountedOccurrences = 100000;
+  VdirKnownLines* knownLines = nullptr;  // when given, calendar lines it holds are not parsed again
 };
 
 // Why libical must not be given `rule` for a series that starts at `start`, or null when it may.

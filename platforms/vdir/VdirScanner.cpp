@@ -361,7 +361,8 @@ bool VdirScanner::readSlot(Slot& slot) const {
                                              " bytes while it was read"});
     return false;
   }
-  VdirParseContext context{&zones_, &clock_, &options_.userAddresses, options_.maximumCountedOccurrences};
+  VdirParseContext context{&zones_, &clock_, &options_.userAddresses, options_.maximumCountedOccurrences,
+                           &knownLines_};
   auto parsed = parseItem(slot.relative, slot.name, file.text, context);
   slot.record.item = std::move(parsed.item);
   slot.record.diagnostics = std::move(parsed.diagnostics);

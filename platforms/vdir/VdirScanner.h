@@ -23,6 +23,7 @@
 
 #include "platforms/vdir/VdirCache.h"
 #include "platforms/vdir/VdirObjects.h"
+#include "platforms/vdir/VdirOutline.h"
 #include "platforms/vdir/VdirOptions.h"
 #include "platforms/vdir/VdirSnapshot.h"
 
@@ -104,6 +105,7 @@ class VdirScanner {
   const VdirStoreOptions& options_;
   VdirEnv& env_;
   VdirZones& zones_;
+  mutable VdirKnownLines knownLines_;  // of this scan's files (thread-safe)
   const VdirClock& clock_;
   const unsigned threads_;
   std::shared_ptr<VdirSnapshot> next_;

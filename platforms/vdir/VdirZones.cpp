@@ -1,7 +1,5 @@
 #include "platforms/vdir/VdirZones.h"
 
-#include <algorithm>
-#include <cctype>
 #include <cstdlib>
 #include <unordered_map>
 
@@ -63,69 +61,7 @@ std::string keyOf(const std::string& tzid, std::string_view text) {
   return key;
 }
 
-// Whether `line` starts with the property name `word` (in any case), as the parser reads names.
-bool namedLine(std::string_view line, std::string_view word) {
-  if (line.size() <= word.size() || (line[word.size()] != ':' && line[word.size()] != ';')) return false;
-  for (std::size_t i = 0; i < word.size(); ++i)
-    if (std::toupper(static_cast<unsigned char>(line[i])) != word[i]) return false;
-  return true;
-}
-
-bool plainComponentName(std::string_view name) {
-  if (name.empty()) return false;
-  for (char c : name)
-    if (!((c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-')) return false;
-  return true;
-}
-
 }  // namespace
-
-std::vector<VdirWrittenZone> writtenZones(std::string_view text) {
-  std::vector<VdirWrittenZone> zones;
-  std::vector<std::string_view> open;    // the components the lines so far opened, outermost first
-  std::optional<VdirWrittenZone> zone;   // the one being read
-  bool mustNotFold = false;              // the line before was a component or TZID line
-  for (std::size_t at = 0; at < text.size();) {
-    const std::size_t lineEnd = std::min(text.find('\n', at), text.size());
-    const std::size_t next = std::min(lineEnd + 1, text.size());
-    std::string_view line = text.substr(at, lineEnd - at);
-    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-    const bool folded = !line.empty() && (line[0] == ' ' || line[0] == '\t');
-    if (folded && mustNotFold) return {};
-    mustNotFold = false;
-    const bool begins = namedLine(line, "BEGIN"), ends = namedLine(line, "END");
-    if (!folded && (begins || ends)) {
-      if (!line.starts_with(begins ? "BEGIN:" : "END:")) return {};
-      const std::string_view name = line.substr(begins ? 6 : 4);
-      if (!plainComponentName(name)) return {};
-      mustNotFold = true;
-      if (begins) {
-        if (name == "VTIMEZONE" && open.size() == 1 && open.front() == "VCALENDAR") zone = VdirWrittenZone{{}, {}, at, 0};
-        open.push_back(name);
-      } else {
-        if (open.empty() || open.back() != name) return {};
-        open.pop_back();
-        if (zone && open.size() == 1) {
-          if (zone->tzid.empty()) return {};
-          for (const auto& other : zones)
-            if (other.tzid == zone->tzid) return {};
-          zone->text = text.substr(zone->from, at + line.size() - zone->from);
-          zone->to = next;
-          zones.push_back(*zone);
-          zone.reset();
-        }
-      }
-    } else if (!folded && zone && open.size() == 2 && namedLine(line, "TZID")) {
-      // The zone's own TZID, written plainly once: the parser gives the same value.
-      if (!line.starts_with("TZID:") || !zone->tzid.empty()) return {};
-      zone->tzid = line.substr(5);
-      if (zone->tzid.empty() || zone->tzid.find('\\') != std::string_view::npos) return {};
-      mustNotFold = true;
-    }
-    at = next;
-  }
-  return zones;
-}
 
 icaltimezone* builtinZone(const std::string& name) {
   // Each thread remembers what it was given (zones live as long as the process), so parse and

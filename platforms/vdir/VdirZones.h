@@ -19,7 +19,6 @@
 #include <string>
 #include <string_view>
 #include <utility>
-#include <vector>
 
 #include "support/rivet/RivetMutex.h"
 
@@ -64,20 +63,6 @@ class VdirZones {
   std::map<const icaltimezone*, std::string> keys_ RIVET_GUARDED_BY(mutex_);  // the key of each zone built
   std::set<std::string, std::less<>> clean_ RIVET_GUARDED_BY(mutex_);          // keys of definitions parsed cleanly
 };
-
-// A VTIMEZONE as a file writes it directly inside a VCALENDAR: its TZID, its text from the start
-// of its BEGIN line to the end of its END line (a zone's key), and the span of its whole lines.
-struct VdirWrittenZone {
-  std::string_view tzid, text;
-  std::size_t from = 0, to = 0;  // to: past the END line's line break
-};
-
-// The VTIMEZONEs directly inside a VCALENDAR of `text`, as libical's parser would read them, in
-// order. The file's component lines are followed from BEGIN to END; when any of them is not plain
-// (folded, not in capitals, with parameters, or an END that closes another component), or a zone
-// has no plain TZID line of its own or shares its TZID with another, the answer is none, so that
-// nothing is ever taken for a zone that the parser would read otherwise.
-std::vector<VdirWrittenZone> writtenZones(std::string_view text);
 
 // The built-in (system) zone of an IANA name, or null. Every look-up is serialised on one
 // process-wide lock and remembered, so libical's table is searched and grown by one thread at a

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platforms/vdir/VdirItem.h"
+#include "platforms/vdir/VdirOutline.h"
 #include "platforms/vdir/VdirText.h"
 #include "platforms/vdir/VdirZones.h"
 #include "tests/platforms/vdir/VdirTestSupport.h"
@@ -223,10 +224,11 @@ struct ReadInto {
   VdirClock clock{"Europe/Berlin"};
   VdirParseResult result;
 
-  ReadInto(VdirZones& into, const std::string& text) : zones(into) {
+  ReadInto(VdirZones& into, const std::string& text, VdirKnownLines* knownLines = nullptr) : zones(into) {
     VdirParseContext context;
     context.zones = &zones;
     context.clock = &clock;
+    context.knownLines = knownLines;
     result = parseItem("work/a.ics", "a.ics", text, context);
   }
   const VdirComponentData& master() const { return *result.item->series.at(0).master; }
@@ -301,6 +303,47 @@ TEST(VdirItemTest, ADefinitionThatGivesNoZoneLeavesEveryFileToTheZoneOfItsName) 
     EXPECT_EQ(read.clock.instant(read.master().start).timeIntervalSince1970(), seconds(utc(2026, 7, 10, 13)));
     EXPECT_FALSE(zones.parsedCleanly("America/New_York", unusable));
   }
+}
+
+TEST(VdirItemTest, CalendarLinesThatParsedCleanlyAreKnownToTheNextFiles) {
+  VdirZones zones;
+  VdirKnownLines known;
+  const std::string lines = "VERSION:2.0\r\nPRODID:-//Vesp tests//EN\r\nX-WR-CALNAME:Work\r\n  and more\r\n";
+  const std::string text = "BEGIN:VCALENDAR\r\n" + lines + event("e", "SUMMARY:S\r\nDTSTART:20260310T090000Z\r\n") + kTail;
+  ReadInto first(zones, text, &known);
+  ASSERT_NE(first.result.item, nullptr);
+  EXPECT_TRUE(known.contains("VERSION:2.0"));
+  EXPECT_TRUE(known.contains("PRODID:-//Vesp tests//EN"));
+  EXPECT_TRUE(known.contains("X-WR-CALNAME:Work\r\n  and more"));
+  EXPECT_FALSE(known.contains("SUMMARY:S"));
+  ReadInto next(zones, text, &known);
+  ASSERT_NE(next.result.item, nullptr);
+  EXPECT_EQ(next.master().summary, "S");
+  EXPECT_THAT(next.problems(), ::testing::IsEmpty());
+}
+
+TEST(VdirItemTest, ACalendarWithAnErrorTeachesNoLineAndReportsItInEveryFile) {
+  VdirZones zones;
+  VdirKnownLines known;
+  const std::string text = "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nCALSCALE;VALUE=INTEGER:often\r\n" +
+                           event("e", "SUMMARY:S\r\nDTSTART:20260310T090000Z\r\n") + kTail;
+  for (int file = 0; file < 2; ++file) {
+    ReadInto read(zones, text, &known);
+    ASSERT_NE(read.result.item, nullptr);
+    EXPECT_THAT(read.problems(), Contains(HasSubstr("unreadable content ignored"))) << "file " << file;
+    EXPECT_FALSE(known.contains("VERSION:2.0"));
+  }
+}
+
+TEST(VdirItemTest, KnownLinesAreFewAndShort) {
+  VdirKnownLines known;
+  known.add(std::string(256, 'X'));
+  known.add(std::string(257, 'Y'));
+  EXPECT_TRUE(known.contains(std::string(256, 'X')));
+  EXPECT_FALSE(known.contains(std::string(257, 'Y')));
+  for (int i = 0; i < 1100; ++i) known.add("X-LINE:" + std::to_string(i));
+  EXPECT_TRUE(known.contains("X-LINE:1022"));
+  EXPECT_FALSE(known.contains("X-LINE:1023"));
 }
 
 TEST(VdirItemTest, SeveralSeriesAndToDosInOneFileAreNamedByPathThenUid) {

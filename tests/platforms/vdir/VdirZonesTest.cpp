@@ -2,7 +2,6 @@
 // built-in zones from many threads at once (its table of them is process-wide and unguarded).
 #include "platforms/vdir/VdirZones.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -82,66 +81,6 @@ TEST(VdirZonesTest, ParallelColdOpensOfManySmallCollectionsAgree) {
   }
 }
 
-
-const std::string kZoneA =
-    "BEGIN:VTIMEZONE\r\nTZID:Zone A\r\nBEGIN:STANDARD\r\nDTSTART:19700101T000000\r\n"
-    "TZOFFSETFROM:+0300\r\nTZOFFSETTO:+0300\r\nEND:STANDARD\r\nEND:VTIMEZONE";
-const std::string kZoneB =
-    "BEGIN:VTIMEZONE\nTZID:Zone B\nBEGIN:STANDARD\nDTSTART:19700101T000000\n"
-    "TZOFFSETFROM:-0500\nTZOFFSETTO:-0500\nEND:STANDARD\nEND:VTIMEZONE";
-const std::string kEvent = "BEGIN:VEVENT\r\nUID:e\r\nDTSTART;TZID=Zone A:20260110T090000\r\nEND:VEVENT\r\n";
-
-TEST(VdirZonesTest, WrittenZonesAreTheDefinitionsDirectlyInACalendarWithTheirTextAndLines) {
-  const std::string head = "BEGIN:VCALENDAR\r\nVERSION:2.0\r\n";
-  const std::string text = head + kZoneA + "\r\n" + kEvent + kZoneB + "\n" + "END:VCALENDAR";
-  const auto zones = writtenZones(text);
-  ASSERT_EQ(zones.size(), 2u);
-  EXPECT_EQ(zones[0].tzid, "Zone A");
-  EXPECT_EQ(zones[0].text, kZoneA);
-  EXPECT_EQ(zones[0].from, head.size());
-  EXPECT_EQ(zones[0].to, head.size() + kZoneA.size() + 2);
-  EXPECT_EQ(zones[1].tzid, "Zone B");
-  EXPECT_EQ(zones[1].text, kZoneB);
-  EXPECT_EQ(text.substr(zones[1].to), "END:VCALENDAR");
-  // A whole zone in a file that ends early is still one (the file's END lines are added when read).
-  const auto early = writtenZones(head + kZoneA);
-  ASSERT_EQ(early.size(), 1u);
-  EXPECT_EQ(early[0].text, kZoneA);
-  EXPECT_EQ(early[0].to, head.size() + kZoneA.size());
-  EXPECT_THAT(writtenZones(head + kZoneA.substr(0, kZoneA.size() - 4)), ::testing::IsEmpty());
-}
-
-TEST(VdirZonesTest, AnythingThatTheParserCouldReadOtherwiseGivesNoWrittenZones) {
-  const std::string head = "BEGIN:VCALENDAR\r\n", tail = "END:VCALENDAR\r\n";
-  auto with = [&](std::string zone, std::string_view from, std::string_view to) {
-    return zone.replace(zone.find(from), from.size(), to);
-  };
-  ASSERT_EQ(writtenZones(head + kZoneA + "\r\n" + tail).size(), 1u);
-  const std::vector<std::pair<std::string, std::string>> others = {
-      {"a folded BEGIN line", head + with(kZoneA, "BEGIN:STANDARD", "BEGIN:STAN\r\n DARD") + "\r\n" + tail},
-      {"a BEGIN line in small letters", head + with(kZoneA, "BEGIN:STANDARD", "begin:STANDARD") + "\r\n" + tail},
-      {"a component name in small letters", head + with(kZoneA, "BEGIN:VTIMEZONE", "BEGIN:vtimezone") + "\r\n" + tail},
-      {"a BEGIN line with a parameter", head + with(kZoneA, "BEGIN:STANDARD", "BEGIN;X=1:STANDARD") + "\r\n" + tail},
-      {"an END that closes another component", head + with(kZoneA, "END:STANDARD", "END:DAYLIGHT") + "\r\n" + tail},
-      {"a folded TZID", head + with(kZoneA, "TZID:Zone A", "TZID:Zone\r\n  A") + "\r\n" + tail},
-      {"a TZID with a parameter", head + with(kZoneA, "TZID:Zone A", "TZID;X=1:Zone A") + "\r\n" + tail},
-      {"a TZID in small letters", head + with(kZoneA, "TZID:Zone A", "tzid:Zone A") + "\r\n" + tail},
-      {"a TZID with an escape", head + with(kZoneA, "TZID:Zone A", "TZID:Zone\\, A") + "\r\n" + tail},
-      {"two TZIDs", head + with(kZoneA, "TZID:Zone A", "TZID:Zone A\r\nTZID:Zone C") + "\r\n" + tail},
-      {"no TZID", head + with(kZoneA, "TZID:Zone A\r\n", "") + "\r\n" + tail},
-      {"two zones of one TZID", head + kZoneA + "\r\n" + kZoneA + "\r\n" + tail},
-  };
-  for (const auto& [what, text] : others) EXPECT_THAT(writtenZones(text), ::testing::IsEmpty()) << what;
-  // Zones not directly in a VCALENDAR, and zone lines inside a value, are not the file's zones.
-  EXPECT_THAT(writtenZones(kZoneA + "\r\n"), ::testing::IsEmpty());
-  EXPECT_THAT(writtenZones("BEGIN:VEVENT\r\n" + kZoneA + "\r\nEND:VEVENT\r\n"), ::testing::IsEmpty());
-  EXPECT_THAT(writtenZones(head + "BEGIN:VEVENT\r\n" + kZoneA + "\r\nEND:VEVENT\r\n" + tail), ::testing::IsEmpty());
-  const std::string inDescription = head + "BEGIN:VEVENT\r\nDESCRIPTION:BEGIN:VTIMEZONE\r\nEND:VEVENT\r\n" + kZoneA +
-                                    "\r\n" + tail;
-  const auto zones = writtenZones(inDescription);
-  ASSERT_EQ(zones.size(), 1u);
-  EXPECT_EQ(zones[0].text, kZoneA);
-}
 
 }  // namespace
 }  // namespace vesp::vdir

@@ -383,8 +383,9 @@ class Reader {
     return cut;
   }
 
-  // After a parse of the text without repairs: when the calendar holds a property for each of its
-  // lines that were parsed, and no error, those lines are known to parse cleanly.
+  // After the parse of the text as withoutKnownParts gave it (not of one closed by added END lines):
+  // when the calendar holds one property for each of its lines that were parsed, and no error,
+  // those lines are known to parse cleanly.
   void rememberCalendarLines(icalcomponent* root) {
     if (!context_.knownLines || outline_.calendarLines.empty() || icalcomponent_isa(root) != ICAL_VCALENDAR_COMPONENT ||
         icalcomponent_count_properties(root, ICAL_ANY_PROPERTY) != static_cast<int>(outline_.calendarLines.size()) ||

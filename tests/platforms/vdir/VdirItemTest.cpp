@@ -309,7 +309,8 @@ TEST(VdirItemTest, CalendarLinesThatParsedCleanlyAreKnownToTheNextFiles) {
   VdirZones zones;
   VdirKnownLines known;
   const std::string lines = "VERSION:2.0\r\nPRODID:-//Vesp tests//EN\r\nX-WR-CALNAME:Work\r\n  and more\r\n";
-  const std::string text = "BEGIN:VCALENDAR\r\n" + lines + event("e", "SUMMARY:S\r\nDTSTART:20260310T090000Z\r\n") + kTail;
+  const std::string text =
+      "BEGIN:VCALENDAR\r\n" + lines + event("e", "SUMMARY:S\r\nDTSTART:20260310T090000Z\r\n") + kTail;
   ReadInto first(zones, text, &known);
   ASSERT_NE(first.result.item, nullptr);
   EXPECT_TRUE(known.contains("VERSION:2.0"));

@@ -61,8 +61,9 @@ using VdirFileRecords = std::vector<std::pair<std::string, VdirFileRecord>>;
 // The format's version; a cache of any other version is ignored. It changes with the schema and
 // with what the reader makes of a file (6: UIDs are read as text, their escapes undone; 11: PERIOD
 // RDATEs last as their periods say; 12: rules with COUNT are counted on the wall clock; 13: a time
-// that occurs twice is the first, one in a gap takes the offset before it).
-inline constexpr std::uint32_t kVdirCacheFormat = 13;
+// that occurs twice is the first, one in a gap takes the offset before it; 14: a DATE UNTIL ends
+// with its day on the days of a clock change too).
+inline constexpr std::uint32_t kVdirCacheFormat = 14;
 
 // The default directory for caches: $XDG_CACHE_HOME/vesp, else ~/.cache/vesp; empty when neither
 // can be found.

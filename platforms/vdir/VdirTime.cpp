@@ -117,8 +117,10 @@ platform::Date untilInstant(const icaltimetype& until, const VdirTime& start, co
     stated.zone = start.zone;
     stated.tzid = start.tzid;
   }
-  const platform::Date instant = clock.instant(stated);
-  return until.is_date ? instant.addingTimeInterval(86400.0 - 1) : instant;
+  if (!until.is_date) return clock.instant(stated);
+  // The last second of that day, which lasts 23 or 25 hours on the day of a clock change.
+  icaltime_adjust(&stated.local, 1, 0, 0, 0);
+  return clock.instant(stated).addingTimeInterval(-1);
 }
 
 VdirTime timeLike(platform::Date instant, const VdirTime& like, const VdirClock& clock) {

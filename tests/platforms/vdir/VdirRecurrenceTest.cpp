@@ -459,6 +459,24 @@ TEST(VdirRecurrenceTest, UntilInAZoneEndsTheSeriesAtTheInstantItNames) {
                                       "20270602T090000", "20270603T090000", "20270801T090000", "20270802T090000"}));
 }
 
+// A DATE UNTIL ends the series with its day: in Berlin, 29 March 2026 lasts 23 hours and
+// 25 October 2026 lasts 25.
+TEST(VdirRecurrenceTest, ADateUntilEndsTheSeriesWithItsDayOnTheDaysOfAClockChange) {
+  TemporaryDirectory root;
+  writeFile(root.path() / "cal" / "allday.ics",
+            eventFile("allday", {"DTSTART;VALUE=DATE:20260316", "DTEND;VALUE=DATE:20260317",
+                                 "RRULE:FREQ=WEEKLY;BYDAY=MO,TU;UNTIL=20260329"}));
+  writeFile(root.path() / "cal" / "spring.ics",
+            eventFile("spring", {"DTSTART:20260327T233000", "RRULE:FREQ=DAILY;UNTIL=20260329"}));
+  writeFile(root.path() / "cal" / "autumn.ics",
+            eventFile("autumn", {"DTSTART:20261023T233000", "RRULE:FREQ=DAILY;UNTIL=20261025"}));
+  auto store = VdirStore::make(optionsFor(root.path(), "Europe/Berlin"));
+  EXPECT_EQ(starts(*store, utc(2026, 3, 1), utc(2026, 12, 1), "Europe/Berlin"),
+            (std::vector<std::string>{"20260316T000000", "20260317T000000", "20260323T000000", "20260324T000000",
+                                      "20260327T233000", "20260328T233000", "20260329T233000", "20261023T233000",
+                                      "20261024T233000", "20261025T233000"}));
+}
+
 TEST(VdirRecurrenceTest, ExruleExcludesItsOccurrences) {
   TemporaryDirectory root;
   writeFile(root.path() / "cal" / "exrule.ics",

@@ -1,5 +1,6 @@
-// What the store harnesses share: the key a payload names, a calendar to serve occurrences from,
-// and an occurrence turned into the data model's record as a query turns it.
+// What the harnesses share: the key a payload names, a calendar to serve occurrences from, an
+// occurrence turned into the data model's record as a query turns it, and a file's reading as
+// the cache's bytes.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +10,9 @@
 #include <string_view>
 
 #include "Vesp/VespEventInstance.h"
+#include "platforms/vdir/VdirCache.h"
 #include "platforms/vdir/VdirExpansion.h"
+#include "platforms/vdir/VdirItem.h"
 #include "platforms/vdir/VdirObjects.h"
 #include "platforms/vdir/VdirQueries.h"
 
@@ -41,6 +44,19 @@ inline std::shared_ptr<VdirCalendar> makeCalendar(const std::string& identifier)
 inline VespEventInstance recordOf(const std::shared_ptr<const VdirItem>& item, const VdirSeriesData& series,
                                   const std::shared_ptr<VdirCalendar>& calendar, const VdirOccurrence& occurrence) {
   return VespEventInstance(*VdirQueries::makeEvent(item, series, calendar, occurrence));
+}
+
+// The cache's bytes (every field of the item, the zones it uses by their definitions, the
+// diagnostics) for one file at `path` read as `parsed`, trusted as if long unchanged; `left`
+// counts what could not be stored.
+inline std::string cacheOfOneFile(const std::string& path, const VdirParseResult& parsed, const VdirZones& zones,
+                                  std::size_t& left) {
+  VdirFileRecords records;
+  VdirFileRecord record;
+  record.item = parsed.item;
+  record.diagnostics = parsed.diagnostics;
+  records.emplace_back(path, record);
+  return encodeCache("fuzz", records, zones, 4102444800000000000LL, left);
 }
 
 }  // namespace vesp::vdir::fuzz

@@ -3,8 +3,8 @@
 // bytes back. The file is read twice with the same zones and known lines, as a scan reads the next
 // file that writes the same zone definitions and calendar lines (the second reading leaves out of
 // libical's parse what the first parsed cleanly), and both readings must give the same item and
-// diagnostics. Light
-// enough to reach millions of inputs; the item fuzzer goes on from here through the whole store.
+// diagnostics. Light enough to reach millions of inputs; the item fuzzer goes on from here through
+// the whole store.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -12,29 +12,11 @@
 #include <string>
 #include <vector>
 
-#include "platforms/vdir/VdirCache.h"
+#include "fuzz/VdirFuzzSupport.h"
 #include "platforms/vdir/VdirDocument.h"
 #include "platforms/vdir/VdirItem.h"
 #include "platforms/vdir/VdirOutline.h"
 #include "platforms/vdir/VdirZones.h"
-
-namespace {
-
-// Everything a reading gave, in the cache's bytes (every field of the item, the zones it uses by
-// their definitions, the diagnostics); empty when the item cannot be stored.
-std::string encoded(const vesp::vdir::VdirParseResult& parsed, const vesp::vdir::VdirZones& zones) {
-  using namespace vesp::vdir;
-  VdirFileRecords records;
-  VdirFileRecord record;
-  record.item = parsed.item;
-  record.diagnostics = parsed.diagnostics;
-  records.emplace_back("calendar/item.ics", record);
-  std::size_t left = 0;
-  std::string bytes = encodeCache("fuzz", records, zones, 4102444800000000000LL, left);
-  return left == 0 ? bytes : std::string();
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace vesp::vdir;
@@ -49,10 +31,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::fprintf(stderr, "parse fuzzer: a file was skipped without a reason\n");
     std::abort();
   }
+  // Everything a reading gave, in the cache's bytes; empty when the item cannot be stored.
+  auto encoded = [&](const VdirParseResult& reading) {
+    std::size_t left = 0;
+    std::string cache = fuzz::cacheOfOneFile("calendar/item.ics", reading, zones, left);
+    return left == 0 ? cache : std::string();
+  };
   VdirParseResult again = parseItem("calendar/item.ics", "item.ics", bytes, context);
-  if (again.diagnostics != parsed.diagnostics || !again.item != !parsed.item ||
-      encoded(again, zones) != encoded(parsed, zones)) {
-    std::fprintf(stderr, "parse fuzzer: a second reading with the zones of the first gave another item\n");
+  if (again.diagnostics != parsed.diagnostics || !again.item != !parsed.item || encoded(again) != encoded(parsed)) {
+    std::fprintf(stderr, "parse fuzzer: a second reading with what the first taught gave another item\n");
     std::abort();
   }
   auto document = VdirDocument::parse(bytes);

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "fuzz/VdirFuzzSupport.h"
 #include "platforms/vdir/VdirCache.h"
 #include "platforms/vdir/VdirExpansion.h"
 #include "platforms/vdir/VdirZones.h"
@@ -73,15 +74,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (!parsed.item) return 0;
 
   // The same item through the cache, trusted as if its file were long unchanged.
-  VdirFileRecords records;
-  VdirFileRecord record;
-  record.item = parsed.item;
-  record.diagnostics = parsed.diagnostics;
-  records.emplace_back("cal/fuzz.ics", record);
   std::size_t left = 0;
   VdirZones cachedZones;
   std::shared_ptr<const VdirItem> cached;
-  const std::string bytes = encodeCache("fuzz", records, zones, 4102444800000000000LL, left);
+  const std::string bytes = fuzz::cacheOfOneFile("cal/fuzz.ics", parsed, zones, left);
   if (left == 0) {
     auto decoded = decodeCache(bytes, "fuzz", cachedZones, 1);
     if (!decoded) differ(("the cache did not read back what it wrote: " + decoded.error().message()).c_str(), text, 0, 0);

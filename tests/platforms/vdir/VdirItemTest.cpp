@@ -347,6 +347,19 @@ TEST(VdirItemTest, KnownLinesAreFewAndShort) {
   EXPECT_FALSE(known.contains("X-LINE:1023"));
 }
 
+TEST(VdirItemTest, ADayItsMonthDoesNotHaveIsReadAsTheDayItRunsIntoAndSaid) {
+  Read read(calendar(event("feb", "SUMMARY:S\r\nDTSTART;TZID=Europe/Berlin:20260230T100000\r\n"
+                                  "RRULE:FREQ=WEEKLY;COUNT=2\r\nEXDATE;TZID=Europe/Berlin:20270231T100000\r\n")));
+  ASSERT_NE(read.result.item, nullptr);
+  EXPECT_EQ(read.master().start.local.month, 3);
+  EXPECT_EQ(read.master().start.local.day, 2);
+  EXPECT_EQ(read.instant(read.master().start), seconds(utc(2026, 3, 2, 9)));
+  ASSERT_EQ(read.item().series[0].exdates.size(), 1u);
+  EXPECT_EQ(read.item().series[0].exdates[0], seconds(utc(2027, 3, 3, 9)));
+  EXPECT_THAT(read.problems(), Contains("DTSTART names a day its month does not have: read as the day it runs into"));
+  EXPECT_THAT(read.problems(), Contains("EXDATE names a day its month does not have: read as the day it runs into"));
+}
+
 TEST(VdirItemTest, SeveralSeriesAndToDosInOneFileAreNamedByPathThenUid) {
   Read read(calendar(event("one", "SUMMARY:One\r\nDTSTART:20260310T090000Z\r\n") +
                      event("two", "SUMMARY:Two\r\nDTSTART:20260311T090000Z\r\n") +

@@ -477,6 +477,25 @@ TEST(VdirRecurrenceTest, ADateUntilEndsTheSeriesWithItsDayOnTheDaysOfAClockChang
                                       "20261024T233000", "20261025T233000"}));
 }
 
+// DTSTART on 30 February is read as 2 March, so the walk from it and a window far from it agree.
+TEST(VdirRecurrenceTest, ARuleFromADayItsMonthDoesNotHaveAnswersTheSameInEveryWindow) {
+  TemporaryDirectory root;
+  writeFile(root.path() / "cal" / "feb.ics",
+            eventFile("feb", {"DTSTART;TZID=Europe/Berlin:20260230T100000", "RRULE:FREQ=MINUTELY;INTERVAL=2400"}));
+  auto store = VdirStore::make(optionsFor(root.path(), "Europe/Berlin"));
+  const auto whole = starts(*store, utc(2026, 1, 1), utc(2028, 1, 1), "Europe/Berlin");
+  ASSERT_GT(whole.size(), 400u);
+  EXPECT_EQ(whole.front(), "20260302T100000");
+  EXPECT_EQ(whole[1], "20260304T020000");
+  std::vector<std::string> july;
+  for (const auto& start : whole)
+    if (start >= "20270709T154149" && start < "20270712T015533") july.push_back(start);
+  ASSERT_FALSE(july.empty());
+  EXPECT_EQ(starts(*store, platform::Date::fromTimeIntervalSince1970(1815140509),
+                   platform::Date::fromTimeIntervalSince1970(1815350133), "Europe/Berlin"),
+            july);
+}
+
 TEST(VdirRecurrenceTest, ExruleExcludesItsOccurrences) {
   TemporaryDirectory root;
   writeFile(root.path() / "cal" / "exrule.ics",

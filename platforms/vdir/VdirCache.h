@@ -62,7 +62,8 @@ using VdirFileRecords = std::vector<std::pair<std::string, VdirFileRecord>>;
 // with what the reader makes of a file (6: UIDs are read as text, their escapes undone; 11: PERIOD
 // RDATEs last as their periods say; 12: rules with COUNT are counted on the wall clock; 13: a time
 // that occurs twice is the first, one in a gap takes the offset before it; 14: a DATE UNTIL ends
-// with its day on the days of a clock change too).
+// with its day on the days of a clock change too, and a date its month does not have is read as
+// the day it runs into).
 inline constexpr std::uint32_t kVdirCacheFormat = 14;
 
 // The default directory for caches: $XDG_CACHE_HOME/vesp, else ~/.cache/vesp; empty when neither

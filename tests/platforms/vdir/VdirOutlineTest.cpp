@@ -35,7 +35,8 @@ TEST(VdirOutlineTest, ZonesAreTheDefinitionsDirectlyInACalendarWithTheirTextAndL
   EXPECT_EQ(zones[1].text, kZoneB);
   EXPECT_EQ(text.substr(zones[1].to), "END:VCALENDAR");
   // A whole zone in a file that ends early is still one (the file's END lines are added when read).
-  const auto early = outlineOf(head + kZoneA).zones;
+  const std::string endsEarly = head + kZoneA;
+  const auto early = outlineOf(endsEarly).zones;
   ASSERT_EQ(early.size(), 1u);
   EXPECT_EQ(early[0].text, kZoneA);
   EXPECT_EQ(early[0].to, head.size() + kZoneA.size());

@@ -411,12 +411,9 @@ class Reader {
       report(VdirDiagnostic::Action::repaired, std::string("invalid ") + what + " value ignored");
       return std::nullopt;
     }
-    // 30 February: every later step (rules above all) must see the day it stands for.
-    if (value.day > icaltime_days_in_month(value.month, value.year)) {
+    if (normaliseDay(value))
       report(VdirDiagnostic::Action::repaired,
              std::string(what) + " names a day its month does not have: read as the day it runs into");
-      value = icaltime_normalize(value);
-    }
     VdirTime time;
     time.local = value;
     time.local.zone = nullptr;

@@ -56,6 +56,12 @@ int statedOffset(const icaltimezone* zone, const icaltimetype& fields) {
 
 }  // namespace
 
+bool normaliseDay(icaltimetype& fields) {
+  if (fields.day <= icaltime_days_in_month(fields.month, fields.year)) return false;
+  fields = icaltime_normalize(fields);
+  return true;
+}
+
 double civilSecondsSince1970(int year, int month, int day, int hour, int minute, int second) {
   return static_cast<double>(daysFromCivil(year, month, day)) * 86400.0 + hour * 3600.0 + minute * 60.0 + second;
 }

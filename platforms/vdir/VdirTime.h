@@ -29,6 +29,10 @@ struct VdirTime {
   bool isDate() const { return kind == Kind::date; }
 };
 
+// Reads a day its month does not have (30 February) as the day it runs into (2 March), so that
+// every later step, rules above all, sees the day it stands for. Returns whether it did.
+bool normaliseDay(icaltimetype& fields);
+
 // Seconds since 1970 of a proleptic Gregorian civil date and time read as UTC (any year).
 double civilSecondsSince1970(int year, int month, int day, int hour, int minute, int second);
 

@@ -523,6 +523,44 @@ TEST_F(VdirEditTest, TimesAreReadAndWrittenInTheirOwnForms) {
   EXPECT_EQ(timeValue(timeLike(at(berlin(12, 24, 18)), *time, *context_.clock)), "20261224T180000");
 }
 
+// 30 February is the 2nd of March to the editor as to the reader: its walks start from that day.
+TEST_F(VdirEditTest, ASeriesFromADayItsMonthDoesNotHaveIsEditedFromTheDayItRunsInto) {
+  VdirContentLine start("DTSTART", {{"TZID", {"Europe/Berlin"}}}, "20260230T090000");
+  auto time = timeOfValue(start, start.value(), context_);
+  ASSERT_TRUE(time);
+  EXPECT_EQ(timeValue(*time), "20260302T090000");
+  auto date = timeOfValue(VdirContentLine("EXDATE", {{"VALUE", {"DATE"}}}, "20250229"), "20250229", context_);
+  ASSERT_TRUE(date);
+  EXPECT_EQ(timeValue(*date), "20250301");
+
+  // Monthly on the 2nd from March, four times, as the store reads it.
+  const std::string series =
+      "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Other//Writer//EN\r\n" + kBerlin +
+      "BEGIN:VEVENT\r\nUID:m@example.org\r\nDTSTAMP:20260101T000000Z\r\n"
+      "DTSTART;TZID=Europe/Berlin:20260230T090000\r\nDTEND;TZID=Europe/Berlin:20260230T100000\r\n"
+      "RRULE:FREQ=MONTHLY;COUNT=4\r\nSUMMARY:Monthly\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n";
+  const auto march2 = static_cast<long long>(civilSecondsSince1970(2026, 3, 2, 8, 0, 0));
+  const auto april2 = static_cast<long long>(civilSecondsSince1970(2026, 4, 2, 7, 0, 0));
+  const auto may2 = static_cast<long long>(civilSecondsSince1970(2026, 5, 2, 7, 0, 0));
+  const auto june2 = static_cast<long long>(civilSecondsSince1970(2026, 6, 2, 7, 0, 0));
+
+  VdirDocument split = parse(series);
+  auto future = splitSeries(split, "m@example.org", at(april2), "m2@example.org", {.title = "Later"}, context_);
+  ASSERT_TRUE(future) << future.error().description();
+  const VdirComponent* master = masterOf(*future, "m2@example.org");
+  ASSERT_TRUE(master);
+  EXPECT_EQ(master->property("RRULE")->value(), "FREQ=MONTHLY;COUNT=3") << "one occurrence came before";
+  EXPECT_EQ(master->property("DTSTART")->value(), "20260402T090000");
+  EXPECT_EQ(occurrencesOf(future->text()), (std::set<long long>{april2, may2, june2}));
+  EXPECT_THAT(linesOf(split, "VEVENT")[0], ::testing::Contains("RRULE:FREQ=MONTHLY;UNTIL=20260402T065959Z"));
+
+  VdirDocument removed = parse(series);
+  auto done = removeOccurrence(removed, "m@example.org", at(march2), context_);
+  ASSERT_TRUE(done) << done.error().description();
+  EXPECT_TRUE(*done);
+  EXPECT_THAT(linesOf(removed, "VEVENT")[0], ::testing::Contains("EXDATE;TZID=Europe/Berlin:20260302T090000"));
+}
+
 TEST(VdirDurationTest, DurationsAreWrittenInDaysOrInHoursMinutesAndSeconds) {
   EXPECT_EQ(durationValue(0), "PT0S");
   EXPECT_EQ(durationValue(-5400), "-PT1H30M");

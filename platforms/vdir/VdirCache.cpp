@@ -56,7 +56,7 @@ enum class Tag : std::uint8_t {
   locationTitle, latitude, longitude, radius,
   todoIdentifier, due, todoStart, dueInstant, completed, isCompleted, priority, isCancelled, todoRules,
   // Added later, each at the end so that no number changes.
-  thisAndFuture, todoStartInstant, rdatePeriods, periodStart, periodLength,
+  thisAndFuture, todoStartInstant, rdatePeriods, periodStart, periodLength, details,
 };
 
 // An integer that must lie in [lowest, highest] (an enumeration's values, a span in days).
@@ -116,24 +116,31 @@ void walk(Io& io, T& t) {
   io(Tag::todoRules, t.rules);
 }
 
+// A component's details are a block of their own (its length, then its fields), which a store
+// opened from the cache keeps as bytes until a record reads them.
+template <class Io, Of<VdirComponentDetails> D>
+void walk(Io& io, D& d) {
+  io(Tag::summary, d.summary);
+  io(Tag::description, d.description);
+  io(Tag::location, d.location);
+  io(Tag::url, d.url);
+  io(Tag::created, d.created);
+  io(Tag::lastModified, d.lastModified);
+  io(Tag::attendees, d.attendees);
+  io(Tag::organizer, d.organizer);
+  io(Tag::alarms, d.alarms);
+  io(Tag::structuredLocation, d.structuredLocation);
+  io(Tag::travelTime, d.travelTime);
+  io(Tag::timeZoneName, d.timeZoneName);
+}
+
 template <class Io, Of<VdirComponentData> C>
 void walk(Io& io, C& c) {
   io(Tag::uid, c.uid);
-  io(Tag::summary, c.summary);
-  io(Tag::description, c.description);
-  io(Tag::location, c.location);
-  io(Tag::url, c.url);
-  io(Tag::created, c.created);
-  io(Tag::lastModified, c.lastModified);
+  io(Tag::details, c.details);
   io(Tag::status, ranged(c.status, platform::EKEventStatusNone, platform::EKEventStatusLast));
   io(Tag::availability,
      ranged(c.availability, platform::EKEventAvailabilityNotSupported, platform::EKEventAvailabilityLast));
-  io(Tag::attendees, c.attendees);
-  io(Tag::organizer, c.organizer);
-  io(Tag::alarms, c.alarms);
-  io(Tag::structuredLocation, c.structuredLocation);
-  io(Tag::travelTime, c.travelTime);
-  io(Tag::timeZoneName, c.timeZoneName);
   io(Tag::start, c.start);
   io(Tag::durationSeconds, c.durationSeconds);
   io(Tag::durationDays, ranged(c.durationDays, -3660000, 3660000));
@@ -291,6 +298,15 @@ class Encoder {
     w_.text(rule);
     w_.i64(copy.skip);
   }
+  // Kept as the cache's bytes, they are written as they were read.
+  void write(const VdirDetails& value) {
+    if (const std::string* encoded = value.encoded()) return w_.text(*encoded);
+    std::string bytes;
+    Encoder details(bytes, zones_);
+    walk(details, *value);
+    storable_ = storable_ && details.storable();
+    w_.text(bytes);
+  }
   template <class T>
   void write(const std::optional<T>& value) {
     w_.flag(value.has_value());
@@ -322,6 +338,16 @@ class Encoder {
 class Decoder {
  public:
   Decoder(VdirCacheReader& r, const std::vector<const icaltimezone*>& zones) : r_(r), zones_(zones) {}
+
+  // Details kept as the cache's bytes, once Checker has passed them.
+  static VdirComponentDetails details(std::string_view bytes) {
+    VdirCacheReader r(bytes);
+    const std::vector<const icaltimezone*> none;
+    Decoder decoder(r, none);
+    VdirComponentDetails details;
+    decoder.read(details);
+    return details;
+  }
 
   std::pair<std::string, VdirFileRecord> record() {
     std::pair<std::string, VdirFileRecord> entry;
@@ -361,6 +387,7 @@ class Decoder {
   }
   void read(VdirTime& value);
   void read(VdirCompactRule& value);
+  void read(VdirDetails& value);
   template <class T>
   void read(std::optional<T>& value) {
     value.reset();
@@ -425,6 +452,71 @@ void Decoder::read(VdirTime& value) {
   }
   if ((value.kind == VdirTime::Kind::zoned) != (value.zone != nullptr)) return r_.fail("a zoned time without a zone");
   if ((value.kind == VdirTime::Kind::date) != (t.is_date == 1)) return r_.fail("a date that is not a date");
+}
+
+// Reads what the Decoder reads, with the same checks, and keeps nothing: a component's details are
+// checked when the cache is read, so that decoding them later cannot fail, and built only then.
+class Checker {
+ public:
+  explicit Checker(VdirCacheReader& r) : r_(r) {}
+
+  template <class T>
+  void operator()(Tag tag, const T& value) {
+    if (expect(tag)) skip(value);
+  }
+  template <class T>
+  void operator()(Tag tag, Ranged<T> value) {
+    if (expect(tag)) r_.within(value.lowest, value.highest, r_.i64());
+  }
+
+ private:
+  bool expect(Tag tag) {
+    if (r_.u8() == static_cast<std::uint8_t>(tag)) return true;
+    r_.fail("a field of no known tag, or out of its place");
+    return false;
+  }
+
+  void skip(const std::string&) {
+    if (!isValidUtf8(r_.take(r_.u32()))) r_.fail("a text that is not UTF-8");
+  }
+  void skip(bool) { r_.flag(); }
+  void skip(double) { r_.f64(); }
+  void skip(const platform::Date&) { r_.f64(); }
+  template <std::integral I>
+  void skip(const I&) {
+    r_.number<I>();
+  }
+  template <class T>
+  void skip(const std::optional<T>&) {
+    if (r_.flag()) skip(T{});
+  }
+  template <class T>
+  void skip(const std::shared_ptr<T>&) {
+    if (r_.flag()) skip(std::remove_const_t<T>{});
+  }
+  template <class T>
+  void skip(const std::vector<T>&) {
+    const T none{};
+    for (std::size_t n = r_.count(kLeastBytes<T>); n > 0 && !r_.failed(); --n) skip(none);
+  }
+  template <class T>
+  void skip(const T& value) {
+    walk(*this, value);
+  }
+
+  VdirCacheReader& r_;
+};
+
+void Decoder::read(VdirDetails& value) {
+  const std::string_view bytes = r_.take(r_.u32());
+  if (r_.failed()) return;
+  VdirCacheReader inner(bytes);
+  Checker checker(inner);
+  const VdirComponentDetails none;
+  walk(checker, none);
+  if (!inner.failed() && !inner.atEnd()) inner.fail("data after a component's details");
+  if (inner.failed()) return r_.fail(inner.problem());
+  value = VdirDetails(std::string(bytes), &Decoder::details);
 }
 
 void Decoder::read(VdirCompactRule& value) {

@@ -25,6 +25,32 @@ const char* description(VdirDiagnostic::Action action) {
   return "unknown";
 }
 
+VdirDetails::VdirDetails(std::string encoded, Decode decode) : state_(std::make_shared<State>()) {
+  state_->encoded = std::move(encoded);
+  state_->decode = decode;
+}
+
+const VdirComponentDetails& VdirDetails::operator*() const {
+  static const VdirComponentDetails none;
+  if (!state_) return none;
+  if (state_->decode) {
+    State& state = *state_;
+    std::call_once(state.once, [&state] {
+      state.details = std::make_unique<VdirComponentDetails>(state.decode(state.encoded));
+    });
+  }
+  return *state_->details;
+}
+
+VdirComponentDetails& VdirDetails::edit() {
+  if (!state_ || state_->decode || state_.use_count() > 1) {
+    auto own = std::make_shared<State>();
+    own->details = std::make_unique<VdirComponentDetails>(**this);
+    state_ = std::move(own);
+  }
+  return *state_->details;
+}
+
 // Filters that match no day: BYDAY=1SU in a MINUTELY rule, BYMONTH=2;BYMONTHDAY=30.
 const char* unservableRule(const icalrecurrencetype& rule, const VdirTime& start) {
   auto has = [](const short* values) { return values[0] != ICAL_RECURRENCE_ARRAY_MAX; };
@@ -249,12 +275,14 @@ void keepUtf8(const std::shared_ptr<const VdirLocationData>& location, std::shar
   out = copy;
 }
 void keepUtf8(VdirComponentData& data) {
-  for (auto* text : {&data.summary, &data.description, &data.location, &data.url, &data.timeZoneName}) keepUtf8(*text);
   keepUtf8(data.uid);
-  for (auto& attendee : data.attendees) keepUtf8(attendee);
-  keepUtf8(data.organizer);
-  keepUtf8(data.structuredLocation, data.structuredLocation);
-  for (auto& alarm : data.alarms) keepUtf8(alarm.location, alarm.location);
+  VdirComponentDetails& details = data.details.edit();
+  for (auto* text : {&details.summary, &details.description, &details.location, &details.url, &details.timeZoneName})
+    keepUtf8(*text);
+  for (auto& attendee : details.attendees) keepUtf8(attendee);
+  keepUtf8(details.organizer);
+  keepUtf8(details.structuredLocation, details.structuredLocation);
+  for (auto& alarm : details.alarms) keepUtf8(alarm.location, alarm.location);
 }
 
 // The properties of one component, gathered in one pass over them: the first of each kind that
@@ -525,9 +553,10 @@ class Reader {
     return std::nullopt;
   }
 
-  void readCommon(const Properties& properties, VdirComponentData& data) {
+  void readCommon(const Properties& properties, VdirComponentData& component) {
     // A UID is text: its escapes are read, as the editor reads them (written "a\,b", it is "a,b").
-    if (const char* uid = properties.uid ? icalproperty_get_uid(properties.uid) : nullptr) data.uid = uid;
+    if (const char* uid = properties.uid ? icalproperty_get_uid(properties.uid) : nullptr) component.uid = uid;
+    VdirComponentDetails& data = component.details.edit();
     if (icalproperty* p = properties.summary; p && icalproperty_get_summary(p)) data.summary = icalproperty_get_summary(p);
     if (icalproperty* p = properties.description; p && icalproperty_get_description(p))
       data.description = icalproperty_get_description(p);
@@ -567,7 +596,7 @@ class Reader {
     }
   }
 
-  void readAlarms(icalcomponent* component, VdirComponentData& data, double eventSeconds) {
+  void readAlarms(icalcomponent* component, VdirComponentDetails& data, double eventSeconds) {
     for (icalcomponent* alarm = icalcomponent_get_first_component(component, ICAL_VALARM_COMPONENT); alarm;
          alarm = icalcomponent_get_next_component(component, ICAL_VALARM_COMPONENT)) {
       const Properties properties = gather(alarm);
@@ -617,9 +646,9 @@ class Reader {
     }
     data.start = *startTime;
     data.hasStart = true;
-    data.timeZoneName = startTime->kind == VdirTime::Kind::zoned ? std::optional(startTime->tzid)
-                        : startTime->kind == VdirTime::Kind::utc ? std::optional<std::string>("UTC")
-                                                                  : std::nullopt;
+    data.details.edit().timeZoneName = startTime->kind == VdirTime::Kind::zoned ? std::optional(startTime->tzid)
+                                       : startTime->kind == VdirTime::Kind::utc ? std::optional<std::string>("UTC")
+                                                                                 : std::nullopt;
     const platform::Date startInstant = context_.clock->instant(data.start);
     if (data.start.isDate()) data.durationDays = 1;
     if (icalproperty* end = properties.end) {
@@ -667,8 +696,9 @@ class Reader {
       icalparameter* range = icalproperty_get_first_parameter(recurrence, ICAL_RANGE_PARAMETER);
       data.thisAndFuture = range && icalparameter_get_range(range) == ICAL_RANGE_THISANDFUTURE;
     }
-    readAlarms(component, data, data.start.isDate() ? data.durationDays * 86400.0 : data.durationSeconds);
-    if (!data.summary) report(VdirDiagnostic::Action::repaired, "VEVENT \"" + data.uid + "\" has no SUMMARY: shown untitled");
+    readAlarms(component, data.details.edit(),
+               data.start.isDate() ? data.durationDays * 86400.0 : data.durationSeconds);
+    if (!data.details->summary) report(VdirDiagnostic::Action::repaired, "VEVENT \"" + data.uid + "\" has no SUMMARY: shown untitled");
     return true;
   }
 
@@ -685,8 +715,8 @@ class Reader {
       todo->start = timeOf(start, icalproperty_get_dtstart(start), "DTSTART");
       if (todo->start) todo->startInstant = context_.clock->instant(*todo->start);
     }
-    if (todo->start && todo->start->kind == VdirTime::Kind::zoned) data.timeZoneName = todo->start->tzid;
-    if (todo->due && todo->due->kind == VdirTime::Kind::zoned) data.timeZoneName = todo->due->tzid;
+    if (todo->start && todo->start->kind == VdirTime::Kind::zoned) data.details.edit().timeZoneName = todo->start->tzid;
+    if (todo->due && todo->due->kind == VdirTime::Kind::zoned) data.details.edit().timeZoneName = todo->due->tzid;
     todo->completed = utcDateOf(properties.completed, icalproperty_get_completed, "COMPLETED");
     todo->isCompleted = todo->completed.has_value();
     if (icalproperty* status = properties.status) {
@@ -701,8 +731,8 @@ class Reader {
       else
         todo->priority = value;
     }
-    readAlarms(component, data, 0.0);
-    if (!data.summary) report(VdirDiagnostic::Action::repaired, "VTODO \"" + data.uid + "\" has no SUMMARY: shown untitled");
+    readAlarms(component, data.details.edit(), 0.0);
+    if (!data.details->summary) report(VdirDiagnostic::Action::repaired, "VTODO \"" + data.uid + "\" has no SUMMARY: shown untitled");
   }
 
   // A to-do's RRULE, read as an event's from the to-do's DTSTART, or its DUE without one.

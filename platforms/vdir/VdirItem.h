@@ -5,9 +5,11 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platforms/vdir/VdirOptions.h"
@@ -99,19 +101,51 @@ struct VdirTodoData {
   std::vector<VdirRuleData> rules;  // RRULE, from DTSTART (or DUE without one); not expanded
 };
 
-// What one VEVENT or VTODO says.
-struct VdirComponentData {
-  std::string uid;
+// What a component says that only the records handed out read, never a query: kept apart, so
+// that a store opened from its cache decodes it only for the components that an answer shows.
+struct VdirComponentDetails {
   std::optional<std::string> summary, description, location, url;
   std::optional<platform::Date> created, lastModified;
-  platform::EKEventStatus status = platform::EKEventStatusNone;                     // events
-  platform::EKEventAvailability availability = platform::EKEventAvailabilityBusy;  // events
   std::vector<VdirParticipantData> attendees;
   std::shared_ptr<const VdirParticipantData> organizer;  // held apart: most components have none
   std::vector<VdirAlarmData> alarms;
   std::shared_ptr<const VdirLocationData> structuredLocation;
   std::optional<double> travelTime;  // seconds
   std::optional<std::string> timeZoneName;
+};
+
+// A component's details: as read from its file, or kept as the cache's bytes for them (checked
+// when the cache was read) and decoded the first time they are read, once, on any thread. Copies
+// share them; none at all costs nothing.
+class VdirDetails {
+ public:
+  using Decode = VdirComponentDetails (*)(std::string_view encoded);
+  VdirDetails() = default;
+  VdirDetails(std::string encoded, Decode decode);
+
+  const VdirComponentDetails& operator*() const;
+  const VdirComponentDetails* operator->() const { return &**this; }
+  // The details to fill in, of this copy alone (for the reader that makes them, and for tests).
+  VdirComponentDetails& edit();
+  // The cache's bytes these details were kept as; null when they were not.
+  const std::string* encoded() const { return state_ && state_->decode ? &state_->encoded : nullptr; }
+
+ private:
+  struct State {
+    std::once_flag once;
+    std::string encoded;
+    Decode decode = nullptr;  // null: `details` was there from the start
+    std::unique_ptr<VdirComponentDetails> details;
+  };
+  std::shared_ptr<State> state_;
+};
+
+// What one VEVENT or VTODO says.
+struct VdirComponentData {
+  std::string uid;
+  VdirDetails details;
+  platform::EKEventStatus status = platform::EKEventStatusNone;                     // events
+  platform::EKEventAvailability availability = platform::EKEventAvailabilityBusy;  // events
 
   // Events: start, end (exclusive) and the occurrence this one replaces.
   VdirTime start;

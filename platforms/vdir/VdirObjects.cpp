@@ -144,9 +144,9 @@ class VdirRecurrenceRule : public platform::EKRecurrenceRule {
 };
 
 std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> alarmsOf(const VdirComponentData& data) {
-  if (data.alarms.empty()) return std::nullopt;
+  if (data.details->alarms.empty()) return std::nullopt;
   std::vector<std::shared_ptr<platform::EKAlarm>> alarms;
-  for (const auto& alarm : data.alarms) alarms.push_back(std::make_shared<VdirAlarm>(alarm));
+  for (const auto& alarm : data.details->alarms) alarms.push_back(std::make_shared<VdirAlarm>(alarm));
   return alarms;
 }
 
@@ -159,20 +159,20 @@ std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>> rulesOf(
 }
 
 std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> attendeesOf(const VdirComponentData& data) {
-  if (data.attendees.empty()) return std::nullopt;
+  if (data.details->attendees.empty()) return std::nullopt;
   std::vector<std::shared_ptr<platform::EKParticipant>> attendees;
-  for (const auto& attendee : data.attendees) attendees.push_back(std::make_shared<VdirParticipant>(attendee));
+  for (const auto& attendee : data.details->attendees) attendees.push_back(std::make_shared<VdirParticipant>(attendee));
   return attendees;
 }
 
 std::optional<platform::URL> urlOf(const VdirComponentData& data) {
-  if (!data.url) return std::nullopt;
-  return platform::URL(*data.url);
+  if (!data.details->url) return std::nullopt;
+  return platform::URL(*data.details->url);
 }
 
 std::optional<platform::TimeZone> zoneOf(const VdirComponentData& data) {
-  if (!data.timeZoneName) return std::nullopt;
-  return platform::TimeZone(*data.timeZoneName);
+  if (!data.details->timeZoneName) return std::nullopt;
+  return platform::TimeZone(*data.details->timeZoneName);
 }
 
 }  // namespace
@@ -196,17 +196,17 @@ std::optional<std::vector<std::shared_ptr<platform::EKRecurrenceRule>>> VdirEven
   return set_.readOr(&VdirSetValues::rules, [this] { return rulesOf(fields_.item, fields_.series->rules); });
 }
 std::shared_ptr<platform::EKParticipant> VdirEvent::organizer() const {
-  return data().organizer ? std::make_shared<VdirParticipant>(*data().organizer) : nullptr;
+  return details().organizer ? std::make_shared<VdirParticipant>(*details().organizer) : nullptr;
 }
 std::shared_ptr<platform::EKStructuredLocation> VdirEvent::structuredLocation() const {
-  return data().structuredLocation ? std::make_shared<VdirStructuredLocation>(data().structuredLocation) : nullptr;
+  return details().structuredLocation ? std::make_shared<VdirStructuredLocation>(details().structuredLocation) : nullptr;
 }
 std::optional<platform::AnyObject> VdirEvent::valueForKey(const std::string& key) const {
-  if (key == "travelTime" && data().travelTime) return platform::AnyObject(platform::NSNumber(*data().travelTime));
+  if (key == "travelTime" && details().travelTime) return platform::AnyObject(platform::NSNumber(*details().travelTime));
   return std::nullopt;
 }
 std::string VdirEvent::description() const {
-  return "<EKEvent '" + data().summary.value_or("") + "' " + fields_.series->identifier + " " +
+  return "<EKEvent '" + details().summary.value_or("") + "' " + fields_.series->identifier + " " +
          fields_.start.iso8601() + ">";
 }
 
@@ -234,7 +234,7 @@ std::optional<platform::DateComponents> VdirReminder::startDateComponents() cons
   return dateComponents(*task().start);
 }
 std::string VdirReminder::description() const {
-  return "<EKReminder '" + data().summary.value_or("") + "' " + task().identifier + ">";
+  return "<EKReminder '" + details().summary.value_or("") + "' " + task().identifier + ">";
 }
 
 std::optional<platform::Date> VdirNewEvent::endDate() const {

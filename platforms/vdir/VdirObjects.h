@@ -213,14 +213,14 @@ class VdirEvent : public VdirSettableEvent {
   }
   std::string calendarItemIdentifier() const override { return fields_.series->identifier; }
   std::optional<std::string> calendarItemExternalIdentifier() const override { return data().uid; }
-  std::optional<platform::Date> creationDate() const override { return data().created; }
-  std::optional<platform::Date> lastModifiedDate() const override { return data().lastModified; }
-  std::optional<std::string> location() const override { return set_.read(&VdirSetValues::location, data().location); }
-  std::optional<std::string> notes() const override { return set_.read(&VdirSetValues::notes, data().description); }
+  std::optional<platform::Date> creationDate() const override { return details().created; }
+  std::optional<platform::Date> lastModifiedDate() const override { return details().lastModified; }
+  std::optional<std::string> location() const override { return set_.read(&VdirSetValues::location, details().location); }
+  std::optional<std::string> notes() const override { return set_.read(&VdirSetValues::notes, details().description); }
   std::optional<platform::URL> URL() const override;
   std::optional<platform::TimeZone> timeZone() const override;
   std::optional<std::string> title() const override {
-    return set_.read(&VdirSetValues::title, std::optional<std::string>(data().summary.value_or("")));
+    return set_.read(&VdirSetValues::title, std::optional<std::string>(details().summary.value_or("")));
   }
   std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> alarms() const override;
   std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> attendees() const override;
@@ -251,6 +251,7 @@ class VdirEvent : public VdirSettableEvent {
 
  private:
   const VdirComponentData& data() const { return *fields_.component; }
+  const VdirComponentDetails& details() const { return *data().details; }
   VdirOccurrenceFields fields_;
 };
 
@@ -268,14 +269,14 @@ class VdirReminder : public VdirSettableReminder {
   }
   std::string calendarItemIdentifier() const override { return task().identifier; }
   std::optional<std::string> calendarItemExternalIdentifier() const override { return data().uid; }
-  std::optional<platform::Date> creationDate() const override { return data().created; }
-  std::optional<platform::Date> lastModifiedDate() const override { return data().lastModified; }
-  std::optional<std::string> location() const override { return set_.read(&VdirSetValues::location, data().location); }
-  std::optional<std::string> notes() const override { return set_.read(&VdirSetValues::notes, data().description); }
+  std::optional<platform::Date> creationDate() const override { return details().created; }
+  std::optional<platform::Date> lastModifiedDate() const override { return details().lastModified; }
+  std::optional<std::string> location() const override { return set_.read(&VdirSetValues::location, details().location); }
+  std::optional<std::string> notes() const override { return set_.read(&VdirSetValues::notes, details().description); }
   std::optional<platform::URL> URL() const override;
   std::optional<platform::TimeZone> timeZone() const override;
   std::optional<std::string> title() const override {
-    return set_.read(&VdirSetValues::title, std::optional<std::string>(data().summary.value_or("")));
+    return set_.read(&VdirSetValues::title, std::optional<std::string>(details().summary.value_or("")));
   }
   std::optional<std::vector<std::shared_ptr<platform::EKAlarm>>> alarms() const override;
   std::optional<std::vector<std::shared_ptr<platform::EKParticipant>>> attendees() const override;
@@ -299,6 +300,7 @@ class VdirReminder : public VdirSettableReminder {
 
  private:
   const VdirComponentData& data() const { return *todo_; }
+  const VdirComponentDetails& details() const { return *data().details; }
   const VdirTodoData& task() const { return *todo_->todoData; }
   std::shared_ptr<const VdirItem> item_;
   const VdirComponentData* todo_;

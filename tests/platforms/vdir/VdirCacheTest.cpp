@@ -330,6 +330,88 @@ TEST(VdirCacheTest, DecodingReleasesThePayloadOnceCheckedAndEachBlockOnceDecoded
   }
 }
 
+// Every component of `records` (masters, overrides, to-dos), to be changed through `visit`.
+template <class Records, class Visit>
+void eachComponent(Records& records, Visit visit) {
+  for (auto& [path, record] : records) {
+    if (!record.item) continue;
+    for (auto& series : record.item->series) {
+      if (series.master) visit(*series.master);
+      for (auto& override : series.overrides) visit(override);
+    }
+    for (auto& todo : record.item->todos) visit(todo);
+  }
+}
+
+// A component's details (title, notes, people, alarms, places) stay the cache's bytes until a
+// record reads them. They are decoded once, by whichever thread comes first, and a cache written
+// again from details never read holds the very bytes it was read from.
+TEST(VdirCacheTest, DetailsAreDecodedOnlyWhenReadAndWrittenBackAsTheyWereRead) {
+  TemporaryDirectory directory;
+  fs::copy(testData("mapping"), directory.path() / "store", fs::copy_options::recursive);
+  const auto [payload, key] =
+      cachePayloadOf(*openFlushed(storeOptions(directory.path() / "store", directory.path() / "cache")));
+  VdirZones zones;
+  auto decoded = decodeCache(sealCachePayload(payload), key, zones, 1);
+  ASSERT_TRUE(decoded) << decoded.error().message();
+  std::vector<const VdirComponentData*> components;
+  eachComponent(*decoded, [&](const VdirComponentData& component) { components.push_back(&component); });
+  ASSERT_GT(components.size(), 20u);
+  for (const VdirComponentData* component : components) EXPECT_NE(component->details.encoded(), nullptr);
+
+  constexpr std::int64_t kLongAfter = std::numeric_limits<std::int64_t>::max();
+  std::size_t left = 0;
+  const std::string unread = encodeCache(key, *decoded, zones, kLongAfter, left);
+  ASSERT_EQ(left, 0u);
+  EXPECT_TRUE(std::string_view(unread).substr(32) == payload) << "details written back as they were read";
+
+  // Eight threads read every component's details at once: each sees the one decoded copy.
+  std::vector<std::vector<const VdirComponentDetails*>> seen(8);
+  std::vector<std::thread> threads;
+  for (auto& addresses : seen)
+    threads.emplace_back([&components, &addresses] {
+      for (const VdirComponentData* component : components) addresses.push_back(&*component->details);
+    });
+  for (auto& thread : threads) thread.join();
+  for (const auto& addresses : seen) EXPECT_EQ(addresses, seen.front());
+  const auto titled = std::count_if(components.begin(), components.end(),
+                                    [](const VdirComponentData* c) { return c->details->summary.has_value(); });
+  EXPECT_GT(titled, 20);
+
+  // Written from the decoded values (each copy's own, as the reader of a file makes them): the same
+  // bytes again.
+  VdirFileRecords copies = *decoded;
+  for (auto& [path, record] : copies) record.item = std::make_shared<VdirItem>(*record.item);
+  eachComponent(copies, [](const VdirComponentData& component) {
+    const_cast<VdirComponentData&>(component).details.edit();
+    EXPECT_EQ(component.details.encoded(), nullptr);
+  });
+  const std::string rewritten = encodeCache(key, copies, zones, kLongAfter, left);
+  EXPECT_TRUE(std::string_view(rewritten).substr(32) == payload) << "details written again field by field";
+}
+
+// Details are checked when the cache is read, as every other field is: a damaged one refuses the
+// whole cache then, rather than a record later.
+TEST(VdirCacheTest, ADamagedDetailRefusesTheCacheWhenItIsRead) {
+  TemporaryDirectory directory;
+  const auto [payload, key] = cachePayloadOfNewStore(directory.path(), 4);
+  VdirZones zones;
+  ASSERT_TRUE(decodeCache(sealCachePayload(payload), key, zones, 1));
+  // Event 1's SUMMARY, in its details: a tag, a flag (a title is there), a 32-bit length, the text.
+  const auto title = payload.find("Event 1");
+  ASSERT_NE(title, std::string::npos);
+  std::string notText = payload;
+  notText[title] = static_cast<char>(0xFF);
+  auto refused = decodeCache(sealCachePayload(notText), key, zones, 1);
+  ASSERT_FALSE(refused);
+  EXPECT_THAT(refused.error().message(), ::testing::HasSubstr("not UTF-8"));
+  std::string unknownTag = payload;
+  unknownTag[title - 6] = static_cast<char>(0xEE);
+  refused = decodeCache(sealCachePayload(unknownTag), key, zones, 1);
+  ASSERT_FALSE(refused);
+  EXPECT_THAT(refused.error().message(), ::testing::HasSubstr("no known tag, or out of its place"));
+}
+
 // Each field is written after its tag: a tag the schema does not know, or a known one in another
 // field's place (a cache of another schema), is damage, and the cache is not used.
 TEST(VdirCacheTest, AFieldOfNoKnownTagOrOutOfItsPlaceIsRefused) {

@@ -61,6 +61,51 @@ struct Read {
 
 double seconds(platform::Date date) { return date.timeIntervalSince1970(); }
 
+// Details kept as bytes are decoded once, on the first read, and shared by every copy; an edit
+// makes the edited copy's own details and leaves the others as they were.
+int detailsDecoded = 0;
+VdirComponentDetails titledBy(std::string_view bytes) {
+  ++detailsDecoded;
+  VdirComponentDetails details;
+  details.summary = std::string(bytes);
+  return details;
+}
+
+TEST(VdirDetailsTest, KeptBytesAreDecodedOnceOnFirstReadAndAnEditMakesAnOwnCopy) {
+  const VdirDetails none;
+  EXPECT_EQ(none->summary, std::nullopt);
+  EXPECT_EQ(none.encoded(), nullptr);
+
+  detailsDecoded = 0;
+  const VdirDetails kept("Title", &titledBy);
+  ASSERT_NE(kept.encoded(), nullptr);
+  EXPECT_EQ(*kept.encoded(), "Title");
+  EXPECT_EQ(detailsDecoded, 0);
+  VdirDetails copy = kept;
+  EXPECT_EQ(copy->summary, "Title");
+  EXPECT_EQ(&*copy, &*kept);
+  EXPECT_EQ(kept->summary, "Title");
+  EXPECT_EQ(detailsDecoded, 1);
+
+  copy.edit().summary = "Changed";
+  EXPECT_EQ(copy->summary, "Changed");
+  EXPECT_EQ(copy.encoded(), nullptr);
+  EXPECT_EQ(kept->summary, "Title");
+
+  VdirDetails alone("Alone", &titledBy);
+  alone.edit().description = "Notes";
+  EXPECT_EQ(alone->summary, "Alone") << "an edit starts from the decoded details";
+  EXPECT_EQ(alone->description, "Notes");
+  EXPECT_EQ(alone.encoded(), nullptr);
+
+  VdirDetails read;
+  read.edit().summary = "Read";
+  VdirDetails other = read;
+  other.edit().summary = "Other";
+  EXPECT_EQ(read->summary, "Read");
+  EXPECT_EQ(other->summary, "Other");
+}
+
 TEST(VdirItemTest, TheTextsAndDatesOfAnEventAreRead) {
   Read read(calendar(event("e1",
                            "SUMMARY:Standup\r\nDESCRIPTION:Line one\\nline two\\, with a comma\r\n"
@@ -72,16 +117,16 @@ TEST(VdirItemTest, TheTextsAndDatesOfAnEventAreRead) {
   ASSERT_EQ(read.item().series.size(), 1u);
   const auto& data = read.master();
   EXPECT_EQ(data.uid, "e1");
-  EXPECT_EQ(data.summary, "Standup");
-  EXPECT_EQ(data.description, "Line one\nline two, with a comma");
-  EXPECT_EQ(data.location, "Room 4");
-  EXPECT_EQ(data.url, "https://example.org/standup");
-  EXPECT_EQ(data.created, utc(2026, 1, 1, 8));
-  EXPECT_EQ(data.lastModified, utc(2026, 1, 2, 9));
+  EXPECT_EQ(data.details->summary, "Standup");
+  EXPECT_EQ(data.details->description, "Line one\nline two, with a comma");
+  EXPECT_EQ(data.details->location, "Room 4");
+  EXPECT_EQ(data.details->url, "https://example.org/standup");
+  EXPECT_EQ(data.details->created, utc(2026, 1, 1, 8));
+  EXPECT_EQ(data.details->lastModified, utc(2026, 1, 2, 9));
   EXPECT_EQ(data.start.kind, VdirTime::Kind::utc);
   EXPECT_EQ(read.instant(data.start), seconds(utc(2026, 3, 10, 9)));
   EXPECT_EQ(data.durationSeconds, 1800.0);
-  EXPECT_EQ(data.timeZoneName, "UTC");
+  EXPECT_EQ(data.details->timeZoneName, "UTC");
   EXPECT_EQ(data.status, platform::EKEventStatusNone);
   EXPECT_EQ(data.availability, platform::EKEventAvailabilityBusy);
   EXPECT_EQ(read.item().series[0].identifier, "work/a.ics");
@@ -128,30 +173,30 @@ TEST(VdirItemTest, ParticipantsTakeTheRfcDefaultsUnlessTheySayOtherwise) {
                            "ATTENDEE;ROLE=NON-PARTICIPANT;PARTSTAT=TENTATIVE;CUTYPE=RESOURCE:mailto:beamer@example.org\r\n"
                            "ATTENDEE;PARTSTAT=DELEGATED;CUTYPE=GROUP:mailto:team@example.org\r\n")));
   const auto& data = read.master();
-  ASSERT_TRUE(data.organizer);
-  EXPECT_EQ(data.organizer->name, "Bo");
-  EXPECT_EQ(data.organizer->address, "mailto:bo@example.org");
-  EXPECT_EQ(data.organizer->role, platform::EKParticipantRoleUnknown);
-  EXPECT_EQ(data.organizer->status, platform::EKParticipantStatusUnknown);
-  EXPECT_FALSE(data.organizer->isCurrentUser);
-  ASSERT_EQ(data.attendees.size(), 5u);
-  const auto& plain = data.attendees[0];
+  ASSERT_TRUE(data.details->organizer);
+  EXPECT_EQ(data.details->organizer->name, "Bo");
+  EXPECT_EQ(data.details->organizer->address, "mailto:bo@example.org");
+  EXPECT_EQ(data.details->organizer->role, platform::EKParticipantRoleUnknown);
+  EXPECT_EQ(data.details->organizer->status, platform::EKParticipantStatusUnknown);
+  EXPECT_FALSE(data.details->organizer->isCurrentUser);
+  ASSERT_EQ(data.details->attendees.size(), 5u);
+  const auto& plain = data.details->attendees[0];
   EXPECT_EQ(plain.name, std::nullopt);
   EXPECT_EQ(plain.role, platform::EKParticipantRoleRequired);
   EXPECT_EQ(plain.status, platform::EKParticipantStatusPending);
   EXPECT_EQ(plain.type, platform::EKParticipantTypePerson);
-  const auto& ann = data.attendees[1];
+  const auto& ann = data.details->attendees[1];
   EXPECT_EQ(ann.role, platform::EKParticipantRoleChair);
   EXPECT_EQ(ann.status, platform::EKParticipantStatusAccepted);
   EXPECT_TRUE(ann.isCurrentUser);  // addresses compare without regard to case
-  EXPECT_EQ(data.attendees[2].role, platform::EKParticipantRoleOptional);
-  EXPECT_EQ(data.attendees[2].status, platform::EKParticipantStatusDeclined);
-  EXPECT_EQ(data.attendees[2].type, platform::EKParticipantTypeRoom);
-  EXPECT_EQ(data.attendees[3].role, platform::EKParticipantRoleNonParticipant);
-  EXPECT_EQ(data.attendees[3].status, platform::EKParticipantStatusTentative);
-  EXPECT_EQ(data.attendees[3].type, platform::EKParticipantTypeResource);
-  EXPECT_EQ(data.attendees[4].status, platform::EKParticipantStatusDelegated);
-  EXPECT_EQ(data.attendees[4].type, platform::EKParticipantTypeGroup);
+  EXPECT_EQ(data.details->attendees[2].role, platform::EKParticipantRoleOptional);
+  EXPECT_EQ(data.details->attendees[2].status, platform::EKParticipantStatusDeclined);
+  EXPECT_EQ(data.details->attendees[2].type, platform::EKParticipantTypeRoom);
+  EXPECT_EQ(data.details->attendees[3].role, platform::EKParticipantRoleNonParticipant);
+  EXPECT_EQ(data.details->attendees[3].status, platform::EKParticipantStatusTentative);
+  EXPECT_EQ(data.details->attendees[3].type, platform::EKParticipantTypeResource);
+  EXPECT_EQ(data.details->attendees[4].status, platform::EKParticipantStatusDelegated);
+  EXPECT_EQ(data.details->attendees[4].type, platform::EKParticipantTypeGroup);
 }
 
 TEST(VdirItemTest, AlarmsAreRelativeToTheStartOrAtAnInstant) {
@@ -164,7 +209,7 @@ TEST(VdirItemTest, AlarmsAreRelativeToTheStartOrAtAnInstant) {
                            "BEGIN:VALARM\r\nACTION:DISPLAY\r\nDESCRIPTION:x\r\nTRIGGER:PT0S\r\n"
                            "X-APPLE-PROXIMITY:ARRIVE\r\nEND:VALARM\r\n"
                            "BEGIN:VALARM\r\nACTION:DISPLAY\r\nDESCRIPTION:no trigger\r\nEND:VALARM\r\n")));
-  const auto& alarms = read.master().alarms;
+  const auto& alarms = read.master().details->alarms;
   ASSERT_EQ(alarms.size(), 4u);
   EXPECT_EQ(alarms[0].relativeOffset, -900.0);
   EXPECT_EQ(alarms[0].type, platform::EKAlarmTypeDisplay);
@@ -182,7 +227,7 @@ TEST(VdirItemTest, AnEventLastsUntilItsEndForItsDurationOrOneDay) {
   Read allDay = read("DTSTART;VALUE=DATE:20260310\r\n");
   EXPECT_TRUE(allDay.master().start.isDate());
   EXPECT_EQ(allDay.master().durationDays, 1);
-  EXPECT_EQ(allDay.master().timeZoneName, std::nullopt);
+  EXPECT_EQ(allDay.master().details->timeZoneName, std::nullopt);
   EXPECT_EQ(read("DTSTART;VALUE=DATE:20260310\r\nDTEND;VALUE=DATE:20260313\r\n").master().durationDays, 3);
   EXPECT_EQ(read("DTSTART;VALUE=DATE:20260310\r\nDURATION:P2D\r\n").master().durationDays, 2);
   // Across the spring change in Berlin a floating day-long meeting lasts 23 hours of real time.
@@ -208,9 +253,9 @@ TEST(VdirItemTest, ZonesComeFromTheFileOrFromTheSystemByName) {
   ASSERT_EQ(read.item().series.size(), 4u);
   EXPECT_EQ(read.instant(read.master(0).start), seconds(utc(2026, 7, 10, 7)));
   EXPECT_EQ(read.master(1).start.kind, VdirTime::Kind::zoned);
-  EXPECT_EQ(read.master(1).timeZoneName, "America/New_York");
+  EXPECT_EQ(read.master(1).details->timeZoneName, "America/New_York");
   EXPECT_EQ(read.instant(read.master(1).start), seconds(utc(2026, 7, 10, 13)));
-  EXPECT_EQ(read.master(2).timeZoneName, "Asia/Tokyo");
+  EXPECT_EQ(read.master(2).details->timeZoneName, "Asia/Tokyo");
   EXPECT_EQ(read.instant(read.master(2).start), seconds(utc(2026, 7, 10, 0)));
   // An unknown zone is read as local (floating) time and said.
   EXPECT_EQ(read.master(3).start.kind, VdirTime::Kind::floating);
@@ -263,7 +308,7 @@ TEST(VdirItemTest, AZoneDefinitionThatParsedCleanlyServesTheNextFilesThatCarryIt
     ReadInto next(zones, text);
     ASSERT_NE(next.result.item, nullptr);
     EXPECT_EQ(next.master().start.zone, first.master().start.zone);
-    EXPECT_EQ(next.master().timeZoneName, "Custom Berlin");
+    EXPECT_EQ(next.master().details->timeZoneName, "Custom Berlin");
     EXPECT_EQ(next.clock.instant(next.master().start).timeIntervalSince1970(), seconds(utc(2026, 1, 10, 8)));
     EXPECT_THAT(next.problems(), ::testing::IsEmpty());
   }
@@ -319,7 +364,7 @@ TEST(VdirItemTest, CalendarLinesThatParsedCleanlyAreKnownToTheNextFiles) {
   EXPECT_FALSE(known.contains("SUMMARY:S"));
   ReadInto next(zones, text, &known);
   ASSERT_NE(next.result.item, nullptr);
-  EXPECT_EQ(next.master().summary, "S");
+  EXPECT_EQ(next.master().details->summary, "S");
   EXPECT_THAT(next.problems(), ::testing::IsEmpty());
 }
 
@@ -370,7 +415,7 @@ TEST(VdirItemTest, SeveralSeriesAndToDosInOneFileAreNamedByPathThenUid) {
   ASSERT_EQ(read.item().series.size(), 2u);
   EXPECT_EQ(read.item().series[0].identifier, "c/export.ics");
   EXPECT_EQ(read.item().series[1].identifier, "c/export.ics#two");
-  EXPECT_EQ(read.master(1).summary, "Two");  // the first master of a UID is served
+  EXPECT_EQ(read.master(1).details->summary, "Two");  // the first master of a UID is served
   EXPECT_THAT(read.problems(), Contains(HasSubstr("has 2 master VEVENTs: only the first is served")));
   ASSERT_EQ(read.item().todos.size(), 2u);
   EXPECT_EQ(read.item().todos[0].todoData->identifier, "c/export.ics#task");
@@ -381,7 +426,7 @@ TEST(VdirItemTest, AMissingUidOrSummaryIsRepairedAndSaid) {
   Read read(calendar(event("", "DTSTART:20260310T090000Z\r\n")), "c/no-uid.ics");
   ASSERT_NE(read.result.item, nullptr);
   EXPECT_EQ(read.master().uid, "no-uid.ics");
-  EXPECT_EQ(read.master().summary, std::nullopt);
+  EXPECT_EQ(read.master().details->summary, std::nullopt);
   EXPECT_THAT(read.problems(), Contains("VEVENT has no UID: the file name stands in"));
   EXPECT_THAT(read.problems(), Contains(HasSubstr("has no SUMMARY: shown untitled")));
   for (const auto& diagnostic : read.result.diagnostics) {
@@ -448,7 +493,7 @@ TEST(VdirItemTest, AToDoKeepsItsDueDateCompletionAndPriority) {
   ASSERT_EQ(read.item().todos.size(), 3u);
   const auto& a = *read.item().todos[0].todoData;
   EXPECT_EQ(a.dueInstant, utc(2026, 3, 15, 21));
-  EXPECT_EQ(read.item().todos[0].timeZoneName, "America/New_York");
+  EXPECT_EQ(read.item().todos[0].details->timeZoneName, "America/New_York");
   EXPECT_EQ(a.completed, utc(2026, 3, 14, 10));
   EXPECT_TRUE(a.isCompleted);
   EXPECT_EQ(a.priority, 1);
@@ -499,14 +544,14 @@ TEST(VdirItemTest, PlacesAndTravelTimeAreRead) {
                            "X-APPLE-TRAVEL-DURATION;VALUE=DURATION:PT30M\r\n") +
                      event("f", "SUMMARY:S\r\nDTSTART:20260310T090000Z\r\nGEO:95;13\r\n") +
                      event("g", "SUMMARY:S\r\nDTSTART:20260310T090000Z\r\nX-APPLE-TRAVEL-DURATION:soon\r\n")));
-  const auto& place = read.master(0).structuredLocation;
+  const auto& place = read.master(0).details->structuredLocation;
   ASSERT_NE(place, nullptr);
   EXPECT_EQ(place->title, "Town hall");
   EXPECT_DOUBLE_EQ(place->latitude.value_or(0), 52.52);
   EXPECT_DOUBLE_EQ(place->longitude.value_or(0), 13.405);
-  EXPECT_EQ(read.master(0).travelTime, 1800.0);
-  EXPECT_EQ(read.master(1).structuredLocation, nullptr);
-  EXPECT_EQ(read.master(2).travelTime, std::nullopt);
+  EXPECT_EQ(read.master(0).details->travelTime, 1800.0);
+  EXPECT_EQ(read.master(1).details->structuredLocation, nullptr);
+  EXPECT_EQ(read.master(2).details->travelTime, std::nullopt);
   EXPECT_THAT(read.problems(), Contains("GEO outside the globe ignored"));
   EXPECT_THAT(read.problems(), Contains("X-APPLE-TRAVEL-DURATION \"soon\" is not a duration"));
 }
@@ -534,15 +579,15 @@ TEST(VdirItemTest, AFileCutShortIsClosedAndReadAgain) {
   std::string cut = whole.substr(0, whole.find("LOCATION:Some") + 13);
   Read read(cut);
   ASSERT_NE(read.result.item, nullptr);
-  EXPECT_EQ(read.master().summary, "Cut short");
-  EXPECT_EQ(read.master().location, std::nullopt);
+  EXPECT_EQ(read.master().details->summary, "Cut short");
+  EXPECT_EQ(read.master().details->location, std::nullopt);
   EXPECT_THAT(read.problems(), Contains("the file ends early: its END lines were added"));
 }
 
 TEST(VdirItemTest, BytesThatAreNotUtf8AreReplacedBeforeAnythingIsRead) {
   Read read(simpleEvent("u\xFF", "Caf\xE9 \xF0\x9F\x8E\x82", "20260310T090000Z", "20260310T100000Z"));
   ASSERT_NE(read.result.item, nullptr);
-  EXPECT_EQ(read.master().summary, "Caf\xEF\xBF\xBD \xF0\x9F\x8E\x82");  // the valid emoji stays
+  EXPECT_EQ(read.master().details->summary, "Caf\xEF\xBF\xBD \xF0\x9F\x8E\x82");  // the valid emoji stays
   EXPECT_EQ(read.master().uid, "u\xEF\xBF\xBD");
   EXPECT_THAT(read.problems(), Contains("bytes that are not UTF-8 were replaced by U+FFFD"));
 }
@@ -567,17 +612,17 @@ TEST(VdirItemTest, AnEscapeBeforeAMultiByteCharacterStillGivesUtf8) {
   Read read(simpleEvent("a", "Caf\\\xC3\xA9", "20260310T090000Z", "20260310T100000Z",
                         "DESCRIPTION:Risks\\\xEF\xBF\xBD and more\r\n"));
   ASSERT_NE(read.result.item, nullptr);
-  EXPECT_TRUE(isValidUtf8(*read.master().summary)) << *read.master().summary;
-  EXPECT_TRUE(isValidUtf8(*read.master().description)) << *read.master().description;
-  EXPECT_THAT(*read.master().description, HasSubstr(" and more"));
+  EXPECT_TRUE(isValidUtf8(*read.master().details->summary)) << *read.master().details->summary;
+  EXPECT_TRUE(isValidUtf8(*read.master().details->description)) << *read.master().details->description;
+  EXPECT_THAT(*read.master().details->description, HasSubstr(" and more"));
   // And in the names and addresses of the organizer and the attendees.
   Read people(simpleEvent("b", "Team", "20260310T090000Z", "20260310T100000Z",
                           "ORGANIZER;CN=\"Ren\\\xC3\xA9" "e\":mailto:ren\\\xC3\xA9" "e@example.org\r\n"
                           "ATTENDEE;CN=\"Jos\\\xC3\xA9\":mailto:jos\\\xC3\xA9@example.org\r\n"));
   ASSERT_NE(people.result.item, nullptr);
-  ASSERT_TRUE(people.master().organizer);
-  ASSERT_EQ(people.master().attendees.size(), 1u);
-  for (const auto* participant : {people.master().organizer.get(), &people.master().attendees[0]}) {
+  ASSERT_TRUE(people.master().details->organizer);
+  ASSERT_EQ(people.master().details->attendees.size(), 1u);
+  for (const auto* participant : {people.master().details->organizer.get(), &people.master().details->attendees[0]}) {
     EXPECT_TRUE(isValidUtf8(participant->name.value_or(""))) << participant->name.value_or("");
     EXPECT_TRUE(isValidUtf8(participant->address)) << participant->address;
   }

@@ -290,7 +290,7 @@ TEST_F(VdirStoreSaveTest, AnItemsPathGivesItsCollectionAndTheFileNameOnDisk) {
 // items, the look-up table and the problems found.
 std::vector<std::string> served(const VdirSnapshot& snapshot) {
   std::vector<std::string> lines{"root " + std::to_string(snapshot.rootExists) + std::to_string(snapshot.rootReadable)};
-  auto title = [](const VdirComponentData& data) { return data.summary.value_or("-"); };
+  auto title = [](const VdirComponentData& data) { return data.details->summary.value_or("-"); };
   for (const auto& collection : snapshot.collections) {
     const auto& fields = collection.calendar->fields();
     lines.push_back("collection " + collection.identifier + " \"" + fields.title + "\" types " +

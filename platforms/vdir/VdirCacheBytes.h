@@ -63,11 +63,9 @@ class VdirCacheReader {
     at_ = bytes_.size();
   }
   std::string_view take(std::size_t size) {
-    if (size > bytes_.size() - at_) {
-      fail("the cache ends early");
-      return {};
-    }
-    auto part = bytes_.substr(at_, size);
+    if (size > bytes_.size() - at_) [[unlikely]]
+      return failWith("the cache ends early");
+    const std::string_view part(bytes_.data() + at_, size);
     at_ += size;
     return part;
   }
@@ -84,33 +82,44 @@ class VdirCacheReader {
   std::int64_t i64() { return number<std::int64_t>(); }
   // `value` when it lies in [lowest, highest], else a failure (and `lowest`).
   std::int64_t within(std::int64_t lowest, std::int64_t highest, std::int64_t value) {
-    if (value >= lowest && value <= highest) return value;
-    fail("a value out of range");
+    if (value >= lowest && value <= highest) [[likely]]
+      return value;
+    failWith("a value out of range");
     return lowest;
   }
   // Seconds since 1970 (or a span): finite and within years 1-9999 give or take.
   double f64() {
     double value = number<double>();
-    if (std::isfinite(value) && std::fabs(value) <= 1e13) return value;
-    fail("a time out of range");
+    if (std::isfinite(value) && std::fabs(value) <= 1e13) [[likely]]
+      return value;
+    failWith("a time out of range");
     return 0.0;
   }
   bool flag() { return within(0, 1, u8()) == 1; }
   std::string text() {
     auto part = take(u32());
-    if (isValidUtf8(part)) return std::string(part);
-    fail("a text that is not UTF-8");
+    if (isValidUtf8(part)) [[likely]]
+      return std::string(part);
+    failWith("a text that is not UTF-8");
     return {};
   }
   // A count of things each at least `least` bytes long, checked against what is left.
   std::size_t count(std::size_t least) {
     std::uint32_t value = u32();
-    if (value <= (bytes_.size() - at_) / least) return value;
-    fail("a count larger than the cache");
+    if (value <= (bytes_.size() - at_) / least) [[likely]]
+      return value;
+    failWith("a count larger than the cache");
     return 0;
   }
 
  private:
+  // Every read is checked; the failures are kept out of line, so that the checks stay small
+  // enough to be inlined into the decoders' loops.
+  [[gnu::cold, gnu::noinline]] std::string_view failWith(const char* problem) {
+    fail(problem);
+    return {};
+  }
+
   std::string_view bytes_;
   std::size_t at_ = 0;
   std::optional<std::string> problem_;

@@ -698,7 +698,8 @@ class Reader {
     }
     readAlarms(component, data.details.edit(),
                data.start.isDate() ? data.durationDays * 86400.0 : data.durationSeconds);
-    if (!data.details->summary) report(VdirDiagnostic::Action::repaired, "VEVENT \"" + data.uid + "\" has no SUMMARY: shown untitled");
+    if (!data.details->summary)
+      report(VdirDiagnostic::Action::repaired, "VEVENT \"" + data.uid + "\" has no SUMMARY: shown untitled");
     return true;
   }
 
@@ -732,7 +733,8 @@ class Reader {
         todo->priority = value;
     }
     readAlarms(component, data.details.edit(), 0.0);
-    if (!data.details->summary) report(VdirDiagnostic::Action::repaired, "VTODO \"" + data.uid + "\" has no SUMMARY: shown untitled");
+    if (!data.details->summary)
+      report(VdirDiagnostic::Action::repaired, "VTODO \"" + data.uid + "\" has no SUMMARY: shown untitled");
   }
 
   // A to-do's RRULE, read as an event's from the to-do's DTSTART, or its DUE without one.

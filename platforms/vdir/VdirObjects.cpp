@@ -199,11 +199,12 @@ std::shared_ptr<platform::EKParticipant> VdirEvent::organizer() const {
   return details().organizer ? std::make_shared<VdirParticipant>(*details().organizer) : nullptr;
 }
 std::shared_ptr<platform::EKStructuredLocation> VdirEvent::structuredLocation() const {
-  return details().structuredLocation ? std::make_shared<VdirStructuredLocation>(details().structuredLocation) : nullptr;
+  const auto& location = details().structuredLocation;
+  return location ? std::make_shared<VdirStructuredLocation>(location) : nullptr;
 }
 std::optional<platform::AnyObject> VdirEvent::valueForKey(const std::string& key) const {
-  if (key == "travelTime" && details().travelTime) return platform::AnyObject(platform::NSNumber(*details().travelTime));
-  return std::nullopt;
+  if (key != "travelTime" || !details().travelTime) return std::nullopt;
+  return platform::AnyObject(platform::NSNumber(*details().travelTime));
 }
 std::string VdirEvent::description() const {
   return "<EKEvent '" + details().summary.value_or("") + "' " + fields_.series->identifier + " " +

@@ -215,7 +215,9 @@ class VdirEvent : public VdirSettableEvent {
   std::optional<std::string> calendarItemExternalIdentifier() const override { return data().uid; }
   std::optional<platform::Date> creationDate() const override { return details().created; }
   std::optional<platform::Date> lastModifiedDate() const override { return details().lastModified; }
-  std::optional<std::string> location() const override { return set_.read(&VdirSetValues::location, details().location); }
+  std::optional<std::string> location() const override {
+    return set_.read(&VdirSetValues::location, details().location);
+  }
   std::optional<std::string> notes() const override { return set_.read(&VdirSetValues::notes, details().description); }
   std::optional<platform::URL> URL() const override;
   std::optional<platform::TimeZone> timeZone() const override;
@@ -271,7 +273,9 @@ class VdirReminder : public VdirSettableReminder {
   std::optional<std::string> calendarItemExternalIdentifier() const override { return data().uid; }
   std::optional<platform::Date> creationDate() const override { return details().created; }
   std::optional<platform::Date> lastModifiedDate() const override { return details().lastModified; }
-  std::optional<std::string> location() const override { return set_.read(&VdirSetValues::location, details().location); }
+  std::optional<std::string> location() const override {
+    return set_.read(&VdirSetValues::location, details().location);
+  }
   std::optional<std::string> notes() const override { return set_.read(&VdirSetValues::notes, details().description); }
   std::optional<platform::URL> URL() const override;
   std::optional<platform::TimeZone> timeZone() const override;

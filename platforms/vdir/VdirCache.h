@@ -63,7 +63,8 @@ using VdirFileRecords = std::vector<std::pair<std::string, VdirFileRecord>>;
 // RDATEs last as their periods say; 12: rules with COUNT are counted on the wall clock; 13: a time
 // that occurs twice is the first, one in a gap takes the offset before it; 14: a DATE UNTIL ends
 // with its day on the days of a clock change too, and a date its month does not have is read as
-// the day it runs into; 15: a component's details are a block of their own, decoded when read).
+// the day it runs into; 15: a component's details are a block of their own, decoded when read,
+// and a 60th second is read as the next minute's first).
 inline constexpr std::uint32_t kVdirCacheFormat = 15;
 
 // The default directory for caches: $XDG_CACHE_HOME/vesp, else ~/.cache/vesp; empty when neither

@@ -755,7 +755,7 @@ std::optional<VdirTime> timeOfValue(const VdirContentLine& line, std::string_vie
   if (time.local.month < 1 || time.local.month > 12 || time.local.day < 1 || time.local.day > 31) return std::nullopt;
   if (isDate) {
     time.local.is_date = 1;
-    normaliseDay(time.local);
+    normaliseFields(time.local);
     time.kind = VdirTime::Kind::date;
     return time;
   }
@@ -763,7 +763,7 @@ std::optional<VdirTime> timeOfValue(const VdirContentLine& line, std::string_vie
   time.local.minute = std::stoi(text.substr(11, 2));
   time.local.second = std::stoi(text.substr(13, 2));
   if (time.local.hour > 23 || time.local.minute > 59 || time.local.second > 60) return std::nullopt;
-  normaliseDay(time.local);
+  normaliseFields(time.local);
   if (isUtc) {
     time.kind = VdirTime::Kind::utc;
   } else if (const std::string* tzid = line.parameter("TZID")) {

@@ -53,7 +53,7 @@ struct VdirItemChanges {
 
 // The time a DTSTART, DTEND, DUE, RECURRENCE-ID, EXDATE or RDATE value states (`value` is one value
 // of the line, which may hold several), its zone looked up; absent when it is not a time. A day its
-// month does not have is read as the day it runs into, as the reader reads it.
+// month does not have, or a 60th second, is read as the time it runs into, as the reader reads it.
 std::optional<VdirTime> timeOfValue(const VdirContentLine& line, std::string_view value,
                                     const VdirEditContext& context);
 // The values of `line`, split at commas.

@@ -26,8 +26,9 @@ namespace vesp::vdir {
 // The format's version; a file of any other version is ignored (2: occurrences of PERIOD RDATEs
 // end as their periods do; 3: rules are walked on the wall clock; 4: times that occur twice or in
 // a gap are placed as a stated time is; 5: a DATE UNTIL ends with its day on the days of a clock
-// change too, and a date its month does not have is read as the day it runs into).
-inline constexpr std::uint32_t kVdirExpansionCacheFormat = 5;
+// change too, and a date its month does not have is read as the day it runs into; 6: a 60th
+// second is read as the next minute's first).
+inline constexpr std::uint32_t kVdirExpansionCacheFormat = 6;
 
 // The bytes holding the periods of `kept` of the series of `records`, for the store of `key`,
 // expanded within `limits`. `scannedAt`: when the records' files were last looked at (nanoseconds

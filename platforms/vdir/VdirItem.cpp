@@ -439,9 +439,8 @@ class Reader {
       report(VdirDiagnostic::Action::repaired, std::string("invalid ") + what + " value ignored");
       return std::nullopt;
     }
-    if (normaliseDay(value))
-      report(VdirDiagnostic::Action::repaired,
-             std::string(what) + " names a day its month does not have: read as the day it runs into");
+    if (const char* unusual = normaliseFields(value))
+      report(VdirDiagnostic::Action::repaired, std::string(what) + " names " + unusual);
     VdirTime time;
     time.local = value;
     time.local.zone = nullptr;

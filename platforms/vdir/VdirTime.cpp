@@ -56,10 +56,13 @@ int statedOffset(const icaltimezone* zone, const icaltimetype& fields) {
 
 }  // namespace
 
-bool normaliseDay(icaltimetype& fields) {
-  if (fields.day <= icaltime_days_in_month(fields.month, fields.year)) return false;
-  fields = icaltime_normalize(fields);
-  return true;
+const char* normaliseFields(icaltimetype& fields) {
+  const char* what = fields.day > icaltime_days_in_month(fields.month, fields.year)
+                         ? "a day its month does not have: read as the day it runs into"
+                     : !fields.is_date && fields.second == 60 ? "a 60th second: read as the next minute's first"
+                                                              : nullptr;
+  if (what) fields = icaltime_normalize(fields);
+  return what;
 }
 
 double civilSecondsSince1970(int year, int month, int day, int hour, int minute, int second) {

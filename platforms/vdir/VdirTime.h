@@ -29,9 +29,11 @@ struct VdirTime {
   bool isDate() const { return kind == Kind::date; }
 };
 
-// Reads a day its month does not have (30 February) as the day it runs into (2 March), so that
-// every later step, rules above all, sees the day it stands for. Returns whether it did.
-bool normaliseDay(icaltimetype& fields);
+// Reads a day its month does not have (30 February) as the day it runs into (2 March), and a 60th
+// second (a leap second) as the first second of the next minute, so that every later step, rules
+// above all, sees the time it stands for. Returns what it read, and how ("a 60th second: read as
+// the next minute's first"), or null when the fields were plain.
+const char* normaliseFields(icaltimetype& fields);
 
 // Seconds since 1970 of a proleptic Gregorian civil date and time read as UTC (any year).
 double civilSecondsSince1970(int year, int month, int day, int hour, int minute, int second);

@@ -523,7 +523,8 @@ TEST_F(VdirEditTest, TimesAreReadAndWrittenInTheirOwnForms) {
   EXPECT_EQ(timeValue(timeLike(at(berlin(12, 24, 18)), *time, *context_.clock)), "20261224T180000");
 }
 
-// 30 February is the 2nd of March to the editor as to the reader: its walks start from that day.
+// 30 February is the 2nd of March to the editor as to the reader (and a 60th second the next
+// minute's first): its walks start from there.
 TEST_F(VdirEditTest, ASeriesFromADayItsMonthDoesNotHaveIsEditedFromTheDayItRunsInto) {
   VdirContentLine start("DTSTART", {{"TZID", {"Europe/Berlin"}}}, "20260230T090000");
   auto time = timeOfValue(start, start.value(), context_);
@@ -532,6 +533,9 @@ TEST_F(VdirEditTest, ASeriesFromADayItsMonthDoesNotHaveIsEditedFromTheDayItRunsI
   auto date = timeOfValue(VdirContentLine("EXDATE", {{"VALUE", {"DATE"}}}, "20250229"), "20250229", context_);
   ASSERT_TRUE(date);
   EXPECT_EQ(timeValue(*date), "20250301");
+  auto leap = timeOfValue(start, "20261231T235960", context_);
+  ASSERT_TRUE(leap);
+  EXPECT_EQ(timeValue(*leap), "20270101T000000") << "a 60th second is the next minute's first";
 
   // Monthly on the 2nd from March, four times, as the store reads it.
   const std::string series =

@@ -405,6 +405,18 @@ TEST(VdirItemTest, ADayItsMonthDoesNotHaveIsReadAsTheDayItRunsIntoAndSaid) {
   EXPECT_THAT(read.problems(), Contains("EXDATE names a day its month does not have: read as the day it runs into"));
 }
 
+TEST(VdirItemTest, ASixtiethSecondIsReadAsTheNextMinutesFirstAndSaid) {
+  Read read(calendar(event("leap", "SUMMARY:S\r\nDTSTART;TZID=Europe/Berlin:20261231T235960\r\n"
+                                   "DTEND;TZID=Europe/Berlin:20270101T010000\r\n")));
+  ASSERT_NE(read.result.item, nullptr);
+  EXPECT_EQ(read.master().start.local.year, 2027);
+  EXPECT_EQ(read.master().start.local.hour, 0);
+  EXPECT_EQ(read.master().start.local.second, 0);
+  EXPECT_EQ(read.instant(read.master().start), seconds(utc(2026, 12, 31, 23)));
+  EXPECT_EQ(read.master().durationSeconds, 3600.0);
+  EXPECT_THAT(read.problems(), Contains("DTSTART names a 60th second: read as the next minute's first"));
+}
+
 TEST(VdirItemTest, SeveralSeriesAndToDosInOneFileAreNamedByPathThenUid) {
   Read read(calendar(event("one", "SUMMARY:One\r\nDTSTART:20260310T090000Z\r\n") +
                      event("two", "SUMMARY:Two\r\nDTSTART:20260311T090000Z\r\n") +

@@ -496,6 +496,27 @@ TEST(VdirRecurrenceTest, ARuleFromADayItsMonthDoesNotHaveAnswersTheSameInEveryWi
             july);
 }
 
+// A 60th second (a leap second, which RFC 5545 allows) is the first second of the next minute to
+// the rule's walk as to every instant: the fuzzer's rule, September 2027 against two years cut to it.
+TEST(VdirRecurrenceTest, ARuleFromASixtiethSecondAnswersTheSameInEveryWindow) {
+  for (const char* start : {"DTSTART;TZID=Europe/Berlin:20260302T100060", "DTSTART;TZID=Nowhere:20260302T100060"}) {
+    TemporaryDirectory root;
+    writeFile(root.path() / "cal" / "leap.ics", eventFile("leap", {start, "RRULE:FREQ=MINUTELY;INTERVAL=2400"}));
+    auto store = VdirStore::make(optionsFor(root.path(), "Europe/Berlin"));
+    const auto whole = starts(*store, utc(2026, 1, 1), utc(2028, 1, 1), "Europe/Berlin");
+    ASSERT_GT(whole.size(), 400u) << start;
+    EXPECT_EQ(whole.front(), "20260302T100100") << start;
+    const platform::Date from = platform::Date::fromTimeIntervalSince1970(1821495528);
+    const platform::Date to = platform::Date::fromTimeIntervalSince1970(1821565674);
+    std::vector<std::string> cut;
+    for (const auto& event : store->events(utc(2026, 1, 1), utc(2028, 1, 1), std::nullopt))
+      if (*event->startDate() >= from && *event->startDate() < to)
+        cut.push_back(wallClock(*event->startDate(), "Europe/Berlin"));
+    ASSERT_FALSE(cut.empty()) << start;
+    EXPECT_EQ(starts(*store, from, to, "Europe/Berlin"), cut) << start;
+  }
+}
+
 TEST(VdirRecurrenceTest, ExruleExcludesItsOccurrences) {
   TemporaryDirectory root;
   writeFile(root.path() / "cal" / "exrule.ics",

@@ -224,6 +224,9 @@ rivet::RivetResult<VdirTime> dueOf(const platform::DateComponents& c) {
   time.local.hour = static_cast<int>(*c.hour);
   time.local.minute = static_cast<int>(c.minute.value_or(0));
   time.local.second = static_cast<int>(c.second.value_or(0));
+  // Written as given, it would be read as the next minute's first here, and refused by readers
+  // that know no leap seconds.
+  if (time.local.second == 60) return refused("the due date names a 60th second");
   auto form = zoneForm(c.timeZone);
   if (!form) return form.error();
   time.kind = form->kind;

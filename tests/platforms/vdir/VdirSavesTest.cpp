@@ -797,6 +797,13 @@ TEST_F(VdirSavesTest, AReminderKeepsTheFormOfItsDueDateAndCompletesAsOtherClient
   error = store->saveReminder(lost);
   ASSERT_TRUE(error);
   EXPECT_EQ(error->code(), static_cast<std::int64_t>(VdirErrorCode::invalidChange));
+  platform::DateComponents leap = floating;
+  leap.second = 60;
+  lost->setDueDateComponents(leap);
+  error = store->saveReminder(lost);
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), static_cast<std::int64_t>(VdirErrorCode::invalidChange));
+  EXPECT_THAT(error->localizedDescription(), HasSubstr("60th second"));
 }
 
 TEST_F(VdirSavesTest, AReminderTakesAlarmsAtASetTimeAndRefusesOffsetsRulesAndAZone) {
